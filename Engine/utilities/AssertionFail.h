@@ -1,0 +1,17 @@
+#pragma once
+
+#include "Engine/utilities/Export.h"
+
+/// \file
+/// The assertion handler. An engine must keep serving its user after an internal
+/// inconsistency: a failed assertion is traced, then printed and/or thrown as the user has
+/// chosen (see assertionMode()), and never ends the process by itself. Any thread.
+
+/// Handles a failed assertion; does nothing at all when `condition` is nonzero.
+/// \param file       source path of the assertion.
+/// \param function   signature of the enclosing function.
+/// \param line       source line.
+/// \param expression text of the asserted expression.
+/// \throws StdException with `expression` as its text and status -1, when the mode says so.
+CUL_EXPORT void AssertionFail(int condition, const char* file, const char* function, unsigned line,
+                              const char* expression);

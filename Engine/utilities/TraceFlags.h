@@ -1,0 +1,108 @@
+#pragma once
+
+#include "Engine/utilities/Export.h"
+
+/// \file
+/// What every floor of the library needs in order to trace: the switch bytes and the one
+/// tagged call. The trace itself, TraceImplementation, stands high above and is included
+/// by few; this header includes nothing of the library but the export macro.
+///
+/// A disabled trace is one byte read and one branch, without a call:
+/// \code
+///   CUL_TRACE(TraceType::error, "StdPipe::StdPipe()", 46, "pipe() failed with errno %d", errno);
+/// \endcode
+///
+/// The process's trace is made by the first test of a switch, wherever that happens; as
+/// with every process-wide object, that first test belongs on the main thread before a
+/// second thread exists. Testing and tracing keep `errno` and never throw. Any thread may
+/// trace.
+
+class TraceImplementation;
+
+/// The kinds of trace lines that have a switch, each the index of its switch byte.
+enum class TraceType : unsigned char {
+  active,  ///< Tracing is on at all; lines of this type carry the tag "**".
+  error,
+  warning,
+  all,
+  agent,
+  agtt,
+  cli,
+  connection,
+  cul,
+  dbx,
+  mfi,
+  dsl,
+  clip,
+  wz4,
+  gde,
+  gdet,
+  gmh,
+  gmht,
+  gmhs,
+  isd,
+  lcc,
+  pmd,
+  tls,
+  entry,
+  dxpl,
+  expr,
+  excptn,
+  rdr
+};
+
+/// The row of switch bytes, one per TraceType, each 1 or 0. TraceImplementation names this
+/// type TraceImplementation::TraceFlags and has it as its first member.
+struct CUL_EXPORT TraceFlags {
+  static constexpr unsigned size = 28;
+
+  unsigned char bytes[size] = {};
+
+  /// The switch of `type`. Any thread.
+  [[nodiscard]] bool operator[](TraceType type) const noexcept {
+    return __atomic_load_n(&bytes[static_cast<unsigned>(type)], __ATOMIC_ACQUIRE) == 1;
+  }
+
+  /// Switches everything off.
+  void clear() noexcept;
+
+  /// Asks `trace` about every type and stores the answers.
+  void set(TraceImplementation& trace);
+};
+
+/// The switches of the process's trace. Until that trace exists each byte is
+/// `undecidedTrace`, so that the first test of a switch makes it.
+extern CUL_EXPORT TraceFlags traceFlags;
+
+/// See traceFlags.
+inline constexpr unsigned char undecidedTrace = 2;
+
+/// Makes the process's trace and tests the switch of `type`; isTraced() calls it once.
+[[nodiscard]] CUL_EXPORT bool decideTrace(TraceType type) noexcept;
+
+/// Whether the process's trace takes lines of `type`.
+[[nodiscard]] inline bool isTraced(TraceType type) noexcept {
+  const unsigned char flag =
+      __atomic_load_n(&traceFlags.bytes[static_cast<unsigned>(type)], __ATOMIC_ACQUIRE);
+  return flag != 0 && (flag != undecidedTrace || decideTrace(type));
+}
+
+/// The tag of lines of `type`: "ERROR", "WARNING" and so on, "**" for TraceType::active.
+[[nodiscard]] CUL_EXPORT const char* traceTag(TraceType type) noexcept;
+
+/// Writes one line to the process's trace; callers test the switch first.
+/// \param function the caller's signature text; what follows its "(" is not printed.
+/// \param line     source line, or 0 for none.
+/// \param tag      a trace type's name or another short text, may be null.
+/// \param format   as for printf, without a final newline.
+CUL_EXPORT void taggedTrace(const char* function, unsigned line, const char* tag,
+                            const char* format, ...) noexcept __attribute__((format(printf, 4, 5)));
+
+/// Traces under the tag of `type` when its switch is on; the format's arguments are
+/// evaluated only then. `CUL_TRACE(type, function, line, format, ...)`.
+#define CUL_TRACE(type, function, line, ...)                        \
+  do {                                                              \
+    if (isTraced(type)) {                                           \
+      taggedTrace((function), (line), traceTag(type), __VA_ARGS__); \
+    }                                                               \
+  } while (false)

@@ -1,0 +1,15 @@
+# Writes the source that holds the product-data block. The time honours SOURCE_DATE_EPOCH.
+string(TIMESTAMP date_and_time "%Y-%m-%d %H:%M:%S" UTC)
+string(TIMESTAMP stamp "%Y%m%d%H%M%S" UTC)
+file(WRITE ${OUTPUT} "#include \"Engine/utilities/ProductData.h\"
+
+const ProductData& productData() noexcept {
+  static constexpr ProductData data = {
+      \"Debugger Engine\",
+      \"${VERSION}\",
+      \"${date_and_time}\",
+      \"${stamp}\",
+  };
+  return data;
+}
+")
