@@ -1,0 +1,57 @@
+#pragma once
+
+#include "Engine/utilities/Export.h"
+#include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
+
+/// \file
+/// The storage of all strings. Most strings are short, so requests of up to 64 bytes are
+/// served from six free lists of blocks of fixed size, without a heap call and without a
+/// header on the block: who frees a block knows its size. Larger requests go to the heap
+/// and take no lock.
+///
+/// The one pool is made on first use, serves static objects before main and after exit,
+/// and is never destroyed. Memory once taken for small blocks is kept for small blocks.
+/// Any thread may take and free blocks, also one that another thread has taken.
+
+class CUL_EXPORT StringPoolManager {
+ public:
+  /// Requests above this many bytes go to the heap.
+  static constexpr unsigned maximumPooledSize = 64;
+
+  /// The process's pool.
+  static StringPoolManager& instance();
+
+  StringPoolManager(const StringPoolManager&) = delete;
+  StringPoolManager& operator=(const StringPoolManager&) = delete;
+
+  /// A block of at least `size` bytes (0 counts as 1), aligned to 8.
+  /// \throws std::bad_alloc when the heap is exhausted.
+  [[nodiscard]] void* getBuffer(unsigned size);
+
+  /// Gives a block back.
+  /// \param p    what getBuffer() gave; null is ignored.
+  /// \param size what getBuffer() was asked for. After a text was shortened in place it may
+  ///             be less, and the block then serves smaller requests; never more.
+  void freeBuffer(void* p, unsigned size);
+
+  /// For diagnosis: how many free blocks stand ready for requests of `size` bytes without
+  /// splitting larger ones. 0 above maximumPooledSize.
+  [[nodiscard]] unsigned freeBlocks(unsigned size);
+
+ private:
+  struct FreeBlock {
+    FreeBlock* next;
+  };
+  enum SizeClass : unsigned { size8, size16, size24, size32, size48, size64, sizeClasses };
+
+  StringPoolManager() = default;
+  ~StringPoolManager() = default;
+
+  static SizeClass classOf(unsigned size) noexcept;
+  FreeBlock* pop(SizeClass wanted);
+  FreeBlock* refill(SizeClass empty);
+  FreeBlock* carveChunk(SizeClass empty, unsigned blockSize, unsigned blocks);
+
+  FreeBlock* freeLists_[sizeClasses] = {};
+  UNIX_Critical_Section lock_;
+};

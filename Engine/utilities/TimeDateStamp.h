@@ -1,0 +1,50 @@
+#pragma once
+
+#include <time.h>
+
+#include "Engine/utilities/Export.h"
+
+class EncodedString;
+
+/// \file
+/// A calendar time, as files and modules are stamped with: a plain value, in seconds.
+///
+/// Broken-down times are local times of the process's time zone (TZ), and daylight saving
+/// is always taken as not in effect when one is read: a summer time read back lies an hour
+/// later where summer time is kept. Any thread, as long as none changes TZ meanwhile;
+/// nothing throws but the exhaustion of memory.
+
+class CUL_EXPORT TimeDateStamp {
+ public:
+  /// Unset.
+  TimeDateStamp() noexcept = default;
+
+  /// \param year  a year below 201 counts from 1900: 99 is 1999, 124 is 2024.
+  /// \param month from 1. Values out of range carry over as in mktime().
+  TimeDateStamp(unsigned year, unsigned month, unsigned day, unsigned hour, unsigned minute,
+                unsigned second) noexcept;
+
+  /// Reads fourteen digits, as asString(true) writes them, with nothing behind; or else the
+  /// layout of ctime(), "Wed Jan 31 23:59:59 2024", with anything behind. Any other text
+  /// gives the time -1.
+  explicit TimeDateStamp(const char* text) noexcept;
+
+  /// The local time as "20240131235959" when `compact`, else "2024/01/31 23:59:59"; all
+  /// zeros when the time has no calendar date.
+  [[nodiscard]] EncodedString asString(bool compact) const;
+
+  /// All six are false when either side is unset: an unset stamp is neither equal nor
+  /// unequal to anything.
+  [[nodiscard]] bool operator==(const TimeDateStamp& other) const noexcept;
+  [[nodiscard]] bool operator!=(const TimeDateStamp& other) const noexcept;
+  [[nodiscard]] bool operator<(const TimeDateStamp& other) const noexcept;
+  [[nodiscard]] bool operator<=(const TimeDateStamp& other) const noexcept;
+  [[nodiscard]] bool operator>(const TimeDateStamp& other) const noexcept;
+  [[nodiscard]] bool operator>=(const TimeDateStamp& other) const noexcept;
+
+  /// Seconds from `other` to this stamp; positive infinity when either is unset.
+  [[nodiscard]] double difference(const TimeDateStamp& other) const noexcept;
+
+  /// Seconds since the epoch; 0 is unset, -1 a text that could not be read.
+  time_t time = 0;
+};
