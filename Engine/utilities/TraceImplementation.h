@@ -1,0 +1,197 @@
+#pragma once
+
+#include <atomic>
+#include <cstdarg>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <memory>
+
+#include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/CharString.h"
+#include "Engine/utilities/Export.h"
+#include "Engine/utilities/List.h"
+#include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
+
+/// \file
+/// The diagnostic trace of a debugger process. Most code needs only TraceFlags.h; include
+/// this header to control the trace (pause it, mark a rewind point, tell it of a fork) or
+/// to write lines with a composed tag.
+///
+/// **Configuration.** A comma-separated text: the output, then names of trace types and a
+/// size, in any order. It is the argument of TraceImplementation::instance(), or when that
+/// is null comes from the environment: "QVX_DBG_TRACE_ROOT", "QVX_DBG_TRACE_MIDDLE" or
+/// "QVX_DBG_TRACE_LEAF" in a process whose "GDIA_ID" starts with root, middle or leaf (any
+/// case) when that variable is set, else "QVX_DBG_TRACE", and when what was found is empty
+/// or blank, "WZ4_DBG_TRACE". "QVX_DBG_TRACEHOST", a list of host names separated by ":",
+/// keeps every other host silent.
+///
+/// The output is "stdout", "stderr" (also when the text starts with ","), a file, or a
+/// directory: there the file is named by "GDIA_ID" and ".", if set, the process id and
+/// ".trc". A name switches its type on, with "~" or "!" before it off; the last mention
+/// counts, the case of letters does not, a token without a name is passed over. "ALL" is
+/// every type but "CHILD", "TLS" and "ISD"; no name at all is every type but "CHILD"; names
+/// switched off and none on leave the others on but "CHILD" and "TLS". "ERROR" and "WARNING"
+/// are always on. "CHILD" is no kind of line: it lets a forked child go on tracing. A number
+/// from 2 to 511 is the size of the ring in megabytes, 16 otherwise; other numbers are
+/// ignored.
+///
+/// When the type "PMD" is off, a process whose "GDIA_ID" does not start with root, middle
+/// or leaf traces nothing.
+///
+/// **The file** begins with a header, then is a ring: when the lines behind the rewind
+/// point exceed the size, writing goes on at the rewind point. Each line is flushed at once.
+///
+/// **Threads.** Any thread may write lines, and a line is whole. openFiles(), pause(),
+/// processForked() and the destructor belong to start-up, a child just forked, or one
+/// controlling thread. A thread asked to end while it writes a line ends after the line. A
+/// child forked while other threads trace can trace.
+///
+/// Nothing here reports an error or changes `errno`: a trace that cannot be written is
+/// silently off.
+
+/// A handler that can name itself in trace lines. The operation is the first virtual one.
+class CUL_EXPORT GMH_HandlerDiagnostic {
+ public:
+  /// The text that stands for the handler in a tag.
+  virtual const char* diagnosticText() const = 0;
+
+ protected:
+  GMH_HandlerDiagnostic() = default;
+  GMH_HandlerDiagnostic(const GMH_HandlerDiagnostic&) = default;
+  GMH_HandlerDiagnostic& operator=(const GMH_HandlerDiagnostic&) = default;
+  ~GMH_HandlerDiagnostic() = default;
+};
+
+class CUL_EXPORT TraceImplementation {
+ public:
+  using TraceFlags = ::TraceFlags;
+
+  /// The answers of isTraceBitSet() for the types with a switch, as of the last opening or
+  /// closing of the output. traceFlags mirrors them.
+  TraceFlags flags;
+
+  /// The trace of this process, made by the first call. The object lives in static storage
+  /// and is not destroyed at exit.
+  /// \param configuration null: the environment. Ignored by every call but the first.
+  static TraceImplementation* instance(const wchar_t* configuration) noexcept;
+
+  TraceImplementation(const TraceImplementation&) = delete;
+  TraceImplementation& operator=(const TraceImplementation&) = delete;
+
+  /// Writes the line "Trace end at ..." and closes the output, unless that is a standard
+  /// stream. Lines asked for afterwards are dropped.
+  ~TraceImplementation();
+
+  /// The object's storage is static: `delete` runs the destructor and frees nothing.
+  static void operator delete(void*) noexcept {}
+
+  /// Writes one line; see ::taggedTrace().
+  void taggedTrace(const char* function, unsigned line, const char* tag, const char* format,
+                   ...) noexcept __attribute__((format(printf, 5, 6)));
+
+  /// Writes one line. A newline at the start of `format` goes before the time stamp. What
+  /// exceeds 128000 bytes is cut; a newline always ends the line.
+  /// \param function signature text, printed up to its "("; null leaves out the line too.
+  /// \param line     0: none.
+  /// \param tag      may be null.
+  void trace(const char* function, unsigned line, const char* tag, const char* format,
+             va_list arguments) noexcept __attribute__((format(printf, 5, 0)));
+
+  /// Writes a line of the trace's own, without a tag.
+  void traceInternal(const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
+
+  /// Writes one line whose tag is "tag/text of the handler", or just `tag` without handler.
+  void _traceGMH(const char* function, unsigned line, const char* tag,
+                 const GMH_HandlerDiagnostic* handler, const char* format, ...)
+      __attribute__((format(printf, 6, 7)));
+
+  /// Writes one line whose tag is "tag address of the session", or just `tag` without session.
+  void traceSession(const char* function, unsigned line, const char* tag, const void* session,
+                    const char* format, ...) noexcept __attribute__((format(printf, 6, 7)));
+
+  /// Whether lines of `type` are wanted. A name that the configuration does not know is on
+  /// unless it is excluded; a null `type` is on; all are off without an output name.
+  [[nodiscard]] bool isTraceBitSet(const char* type) const;
+
+  /// Whether the configuration switched `type` on, or completed its list with it.
+  [[nodiscard]] bool isIncluded(const ByteString& type) const;
+
+  /// Whether the configuration switched `type` off, or completed its list with it.
+  [[nodiscard]] bool isExcluded(const ByteString& type) const;
+
+  /// Adds a copy of `name` to `list`, which owns its items, unless it is there already.
+  static void add(List<ByteString*>& list, const ByteString& name);
+
+  /// Removes and deletes `name` from `list`; absent is no error.
+  static void remove(List<ByteString*>& list, const ByteString& name);
+
+  /// Whether the output is open and not paused.
+  [[nodiscard]] bool isActive() const noexcept;
+
+  /// Writes a separator line and lets the ring begin behind it: what was written so far is
+  /// kept for good.
+  /// \return the file position where the ring begins; unchanged while no output is open.
+  unsigned setRewindPoint() noexcept;
+
+  /// setRewindPoint() when tracing is on, paused or not.
+  /// \return its result, else 0.
+  int wrap() noexcept;
+
+  /// Counts requests to pause up or down and writes nothing while there are any.
+  /// \return whether the trace is paused now; true when tracing is off.
+  bool pause(bool on) noexcept;
+
+  /// Opens the output and writes the header. Does nothing after the first time, unless a
+  /// fork has closed the output meanwhile.
+  void openFiles() noexcept;
+
+  /// To be called in a child after `fork`: closes the output (standard output and standard
+  /// error, too) and opens it again when it was a directory or a standard stream and the
+  /// type "CHILD" is on. What was a standard stream continues on a descriptor of its own.
+  void processForked() noexcept;
+
+ private:
+  enum State : unsigned { closed = 0, active = 1, paused = 2, opening = 4 };
+  class LineLock;
+  struct Tag;
+
+  explicit TraceImplementation(const wchar_t* configuration) noexcept;
+  static void holdAcrossFork() noexcept;
+  static void releaseAfterFork() noexcept;
+
+  void configure(const wchar_t* configuration);
+  void parse(CharString configuration);
+  void parseToken(CharString token);
+  void completeLists();
+  void open();
+  FILE* openOutput();
+  FILE* openStandard(FILE* stream) noexcept;
+  FILE* openNamed();
+  void writeHeader() noexcept;
+  void refreshFlags();
+  void closeAcrossFork() noexcept;
+  void writeLine(const char* function, unsigned line, const Tag& tag, const char* format,
+                 va_list arguments) noexcept __attribute__((format(printf, 5, 0)));
+  void write(const char* text, unsigned length) noexcept;
+  void rewindIfFull(unsigned length) noexcept;
+
+  List<ByteString*> excludeList_;
+  List<ByteString*> includeList_;
+  std::unique_ptr<char[]> ownedBuffer_;  // name of the open file
+  std::uint64_t startCounter_;
+  CharString outputName_;
+  UNIX_Critical_Section lock_;
+  std::time_t startTime_;
+  FILE* output_ = nullptr;
+  unsigned rewindPoint_ = 0;
+  unsigned sizeLimit_;
+  unsigned currentSize_ = 0;
+  unsigned pauseCount_ = 0;
+  std::atomic<State> state_ = closed;
+  bool reopenInChild_ = false;
+};
+
+/// The trace of this process, made from the environment by the first call.
+CUL_EXPORT TraceImplementation* traceImplementation() noexcept;
