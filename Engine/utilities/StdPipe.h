@@ -1,0 +1,71 @@
+#pragma once
+
+#include "Engine/utilities/Export.h"
+
+/// \file
+/// A pipe between the engine and a child process.
+///
+/// Both ends are blocking and close-on-exec until one is handed to a child with
+/// childReadHandle() or childWriteHandle(). A pipe owns its two descriptors and is not
+/// copyable.
+///
+/// Every failing system call (except `close`) is traced under "ERROR" and thrown as a
+/// StdException with status -1; the descriptors stay open.
+///
+/// One thread may read while another writes. write() ignores SIGPIPE meanwhile, and signal
+/// dispositions belong to the whole process: when several threads write to pipes at once,
+/// one may restore the caller's disposition while another still writes. Such a process
+/// ignores SIGPIPE throughout, as registerErrorHandlers() does.
+
+class ByteString;
+
+/// A file descriptor, -1 when closed.
+using HANDLE = int;
+
+class CUL_EXPORT StdPipe {
+ public:
+  /// Opens the pipe.
+  /// \throws StdException "pipe() failed" when no descriptor is left.
+  StdPipe();
+  StdPipe(const StdPipe&) = delete;
+  StdPipe& operator=(const StdPipe&) = delete;
+  /// Closes both ends.
+  ~StdPipe();
+
+  /// Closes one end; its handle is -1 afterwards.
+  /// \return the result of `close`: 0, or -1 with `errno` set, as for an end closed already.
+  int closeReadHandle();
+  int closeWriteHandle();
+
+  /// Makes one end blocking and inheritable, for a child that is started afterwards.
+  /// \return the end's handle, which still belongs to the pipe.
+  HANDLE childReadHandle();
+  HANDLE childWriteHandle();
+
+  /// Writes all of `length` bytes, with SIGPIPE ignored meanwhile. Blocks while the pipe is
+  /// full.
+  /// \return `length`; 0 bytes make no system call.
+  /// \throws StdException "write() failed" when the reader is gone, when a signal handler
+  ///         interrupts before a byte is written, or on any other error; part of the data
+  ///         may have been written.
+  int write(const void* data, unsigned int length) const;
+
+  /// Waits for the first byte, then takes what else is there, up to `maximum` bytes more.
+  ///
+  /// The second step spins without sleeping until another byte or the end of the file
+  /// arrives: a caller that relays output as it comes asks the kernel first how much is
+  /// there (FIONREAD) and reads just that.
+  /// \param out replaced by the bytes read; empty at the end of the file.
+  /// \return the bytes taken in the second step plus 1, also at the end of the file; always
+  ///         0 for a `maximum` of 0, also when a byte was stored. Callers rely on `out`.
+  /// \throws StdException "read() failed".
+  int read(ByteString& out, unsigned int maximum) const;
+
+  [[nodiscard]] HANDLE readHandle() const noexcept { return readHandle_; }
+  [[nodiscard]] HANDLE writeHandle() const noexcept { return writeHandle_; }
+
+ private:
+  HANDLE readHandle_ = -1;
+  HANDLE writeHandle_ = -1;
+  [[maybe_unused]] int reserved_ = 0;
+};
