@@ -1,0 +1,26 @@
+#include "Engine/utilities/AssertionFail.h"
+
+#include <cstdio>
+#include <string>
+
+#include "Engine/utilities/AssertionMode.h"
+#include "Engine/utilities/StdException.h"
+#include "Engine/utilities/TraceFlags.h"
+
+void AssertionFail(int condition, const char* file, const char* function, unsigned line,
+                   const char* expression) {
+  if (condition != 0) {
+    return;
+  }
+  const int mode = assertionMode();
+  const std::string place = std::string(file) + " - " + function;
+  CUL_TRACE(TraceType::error, place.c_str(), line, "%s", expression);
+  if ((mode & assertionPrints) != 0) {
+    // One call, so that the text stays whole among those of other threads.
+    std::fprintf(stderr, "\nAssertion failure - %s(%d): %s\n", place.c_str(),
+                 static_cast<int>(line), expression);
+  }
+  if ((mode & assertionThrows) != 0) {
+    StdException::throwException(place.c_str(), line, expression, -1);
+  }
+}

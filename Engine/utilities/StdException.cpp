@@ -1,0 +1,43 @@
+#include "Engine/utilities/StdException.h"
+
+#include "Engine/utilities/TraceFlags.h"
+
+namespace {
+
+// The printable form of a string, whatever its buffer holds.
+const char* textOf(const EncodedString& string) noexcept {
+  const char* text = string;
+  return text != nullptr ? text : "";
+}
+
+}  // namespace
+
+StdException::StdException(const char* file, unsigned throwLine, int throwStatus)
+    : fileName(file, EncodedString::utf8), line(throwLine), status(throwStatus) {
+  CUL_TRACE(TraceType::excptn, textOf(fileName), line, "StdException created;  Status = %d",
+            status);
+}
+
+StdException::StdException(const char* file, unsigned throwLine, const char* message,
+                           int throwStatus)
+    : text(message, EncodedString::utf8),
+      fileName(file, EncodedString::utf8),
+      line(throwLine),
+      status(throwStatus) {
+  CUL_TRACE(TraceType::excptn, textOf(fileName), line,
+            "StdException created;  Status = %d, Text = %s", status, textOf(text));
+}
+
+void StdException::throwException(const char* file, unsigned line, int status) {
+  throw StdException(file, line, status);
+}
+
+void StdException::throwException(const char* file, unsigned line, const char* text, int status) {
+  throw StdException(file, line, text, status);
+}
+
+void StdException::trace(const char* file, unsigned catchLine) const {
+  CUL_TRACE(TraceType::excptn, file, catchLine,
+            "StdException caught; thrown from %s(%d); Status = %d, Text = %s", textOf(fileName),
+            static_cast<int>(line), status, textOf(text));
+}
