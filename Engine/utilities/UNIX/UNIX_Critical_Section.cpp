@@ -1,0 +1,37 @@
+#include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
+
+#include <cerrno>
+
+#include "Engine/utilities/CUL_SemaphoreError.h"
+
+UNIX_Critical_Section::UNIX_Critical_Section() = default;
+
+UNIX_Critical_Section::~UNIX_Critical_Section() = default;
+
+void UNIX_Critical_Section::request(const char* file, unsigned int line) {
+  const pthread_t self = pthread_self();
+  if (__atomic_load_n(&owner_, __ATOMIC_ACQUIRE) == self) {
+    ++count_;
+    return;
+  }
+  lock(file, line);
+  count_ = 1;
+  __atomic_store_n(&owner_, self, __ATOMIC_RELEASE);
+}
+
+void UNIX_Critical_Section::release(const char* file, unsigned int line) {
+  if (__atomic_load_n(&owner_, __ATOMIC_ACQUIRE) != pthread_self()) {
+    refuse(file, line);
+  }
+  if (--count_ == 0) {
+    __atomic_store_n(&owner_, pthread_t{0}, __ATOMIC_RELEASE);
+    unlock(file, line);
+  }
+}
+
+void UNIX_Critical_Section::refuse(const char* file, unsigned int line) const {
+  const int error = errno;
+  // The text speaks of a creation although nothing is created: deliberate.
+  warn("MutexCreate", file, line);
+  throw CUL_SemaphoreError(file, line, this, error);
+}
