@@ -42,7 +42,7 @@ class CUL_EXPORT Pool {
   ~Pool();
 
   /// Carves a unit for `size` bytes, not initialised.
-  /// \throws std::bad_alloc with the pool unchanged when there is no memory.
+  /// \throws std::bad_alloc when there is no memory; the pool stays as usable as before.
   [[nodiscard]] void* get(unsigned long size) {
     unsigned long unit;
     if (first != nullptr && PoolArea::unitLength(size, unit) &&
