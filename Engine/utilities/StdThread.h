@@ -1,0 +1,194 @@
+#pragma once
+
+#include <csetjmp>
+#include <cstddef>
+#include <pthread.h>
+
+#include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/Export.h"
+#include "Engine/utilities/List.h"
+
+/// \file
+/// Threads. A thread is an object of a class derived from StdThread whose run() does the
+/// work.
+///
+/// **Life.** An object is registered (see RunningThreads) from construction on. Once
+/// started it belongs to its thread, which deletes it when run() returns: make it with
+/// `new`, and do not delete or even touch it after start_thread() unless something else
+/// keeps it alive. Whoever wants to wait for the thread keeps a StdThread::Termination. A
+/// thread whose run() lets an exception out ends the whole process with status 99.
+///
+/// **Asking a thread to end.** requestTerminate() sends SIGUSR2. The thread ends where it
+/// is by unwinding its stack, so objects on the stack are destroyed; its thread object
+/// stays registered and is not deleted. Where a thread cannot be unwound (inside the C
+/// library except in a wait, inside the library's own short locked stretches, in a noexcept
+/// function or between two calls of a function that has something to clean up) the request
+/// is repeated every millisecond until it can. A loop that does nothing but compute, in a
+/// function that has destructors to run, should therefore call something now and then,
+/// thread_yield() for instance. A `catch (...)` must throw on what it does not know.
+///
+/// **Recovery from a fatal signal.** A thread may arm its recovery point before risky
+/// work; the handler of fatal signals then resumes there instead of ending the process:
+/// \code
+///   StdThread* self = StdThread::currentThread();
+///   if (const int signal = self->_setjmp(); signal == 0) {
+///     work();
+///     self->clearjmp();
+///   } else { ... }
+/// \endcode
+/// As with the C library's setjmp, the function that armed the point must not have
+/// returned, objects in between are not destroyed, and local variables changed since must
+/// be volatile.
+///
+/// **Other threads.** All threads that are not started by this class share the one object
+/// "main". Named slots, recovery point and block count of an object are for its own thread
+/// only.
+
+class CUL_EXPORT StdThread {
+ public:
+  /// A token by which a thread can be waited for. It must outlive the thread object, and
+  /// serves one thread object at a time.
+  class CUL_EXPORT Termination {
+   public:
+    Termination() = default;
+    Termination(const Termination&) = delete;
+    Termination& operator=(const Termination&) = delete;
+    ~Termination() = default;
+
+    /// Waits until the thread has ended. A thread can be waited for once.
+    /// \param timeout ignored.
+    /// \return the result of pthread_join() once the thread was started; before that -1
+    ///   while a thread object uses the token, 0 when none does.
+    int wait(unsigned short timeout) const;
+
+    /// pthread_join(), whatever the state of the token.
+    /// \param timeout ignored.
+    int systemWait(unsigned short timeout) const;
+
+    /// The thread's id; 0 until it starts. Kept when the thread ends.
+    [[nodiscard]] pthread_t threadId() const noexcept {
+      return __atomic_load_n(&threadId_, __ATOMIC_ACQUIRE);
+    }
+
+   private:
+    friend class StdThread;
+    friend class StdThreadRun;
+
+    pthread_t threadId_ = 0;
+    StdThread* thread_ = nullptr;
+  };
+
+  /// Marks a stretch of the current thread in which a request to end only leaves a mark.
+  ///
+  /// The mark is not acted on when the guard ends: a request that arrives inside is lost,
+  /// unless a guard ends that was never counted on this thread. Deliberate.
+  class CUL_EXPORT BlockTermination {
+   public:
+    BlockTermination();
+    BlockTermination(const BlockTermination&) = delete;
+    BlockTermination& operator=(const BlockTermination&) = delete;
+    /// May end the thread.
+    ~BlockTermination() noexcept(false);
+  };
+
+  /// Registers a thread that is not started yet.
+  /// \param name        copied; null counts as empty.
+  /// \param stackSize   bytes, raised to defaultStackSize() when smaller.
+  /// \param termination token to wait by, or null: the thread cannot be joined then. Not
+  ///   owned.
+  /// \throws StdException "Termination object used for 2 threads", status -1.
+  StdThread(const char* name, unsigned int stackSize, Termination* termination);
+  StdThread(const StdThread&) = delete;
+  StdThread& operator=(const StdThread&) = delete;
+
+  /// Unregisters the object and detaches it from its token.
+  virtual ~StdThread();
+
+  /// The thread's work.
+  virtual void run() = 0;
+
+  /// Starts the thread; does nothing when it was started before.
+  /// \param stackSize bytes; counts when it is larger than what the constructor was given.
+  /// \throws StdException status -1 when there can be no thread; the object stays
+  ///   unstarted.
+  void start_thread(unsigned int stackSize);
+
+  /// Asks the thread to end.
+  /// \return the result of pthread_kill(); ESRCH when the thread is not started or has
+  ///   ended by a request.
+  int requestTerminate() const;
+
+  /// Arms the recovery point at the place of the call.
+  /// \return 0, and once more the value given to longjmp() when execution resumes here.
+  int _setjmp() __attribute__((returns_twice));
+
+  /// Resumes at the recovery point; returns when it is not armed.
+  /// \param value     what _setjmp() returns then; as in C, 0 arrives as 1.
+  /// \param keepArmed whether the recovery point stays armed.
+  void longjmp(int value, int keepArmed);
+
+  /// Disarms the recovery point.
+  void clearjmp() noexcept { recoveryArmed_ = 0; }
+
+  /// The object's named slot, made with the value null when absent.
+  /// \param key compared as a whole.
+  /// \return its address, valid until a slot is added to the same object.
+  void** _getKeyValue(const char* key);
+
+  [[nodiscard]] const ByteString& name() const noexcept { return name_; }
+
+  /// The id of the running thread, 0 until it starts. Any thread.
+  [[nodiscard]] pthread_t threadId() const noexcept {
+    return __atomic_load_n(&threadId_, __ATOMIC_ACQUIRE);
+  }
+
+  /// Bytes of stack the thread has or will have.
+  [[nodiscard]] unsigned int stackSize() const noexcept { return stackSize_; }
+
+  /// The object of the calling thread; thread1() when it has none of its own.
+  [[nodiscard]] static StdThread* currentThread();
+
+  /// The object "main" that stands for all threads not started by this class. Its thread
+  /// id is that of the first caller. Never deleted.
+  [[nodiscard]] static StdThread* thread1();
+
+  [[nodiscard]] static pthread_t currentThreadId() noexcept { return pthread_self(); }
+
+  /// Lets other threads run.
+  static void thread_yield() noexcept;
+
+  /// The least stack size in bytes.
+  [[nodiscard]] static constexpr unsigned int defaultStackSize() noexcept { return 131072; }
+
+  /// What SIGUSR2 does to the thread it arrives at.
+  static void sigUSR2handler(int signal);
+
+ private:
+  friend class StdThreadRun;
+
+  struct NamedSlot {
+    char* key;  // owned
+    void* value;
+    unsigned int keyLength;  // with the final zero
+  };
+
+  // Where the fields are that the assembly part of _setjmp() writes.
+  static const std::size_t recoveryPointOffset_ __attribute__((visibility("hidden")));
+  static const std::size_t recoveryArmedOffset_ __attribute__((visibility("hidden")));
+
+  void setThreadId(pthread_t id) noexcept { __atomic_store_n(&threadId_, id, __ATOMIC_RELEASE); }
+
+  jmp_buf recoveryPoint_;
+  ByteString name_;
+  List<NamedSlot> slots_;
+  pthread_t threadId_ = 0;
+  Termination* termination_;
+  unsigned int stackSize_;
+  unsigned short blockCount_ = 0;
+  unsigned char started_ = 0;
+  unsigned char recoveryArmed_ = 0;
+  unsigned char terminationPending_ = 0;
+};
+
+/// The handler of SIGUSR2; forwards to StdThread::sigUSR2handler().
+extern "C" CUL_EXPORT void sigUSR2handler(int signal);
