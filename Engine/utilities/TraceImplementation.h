@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
-#include <memory>
+#include <string_view>
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
@@ -81,7 +81,8 @@ class CUL_EXPORT TraceImplementation {
   TraceImplementation& operator=(const TraceImplementation&) = delete;
 
   /// Writes the line "Trace end at ..." and closes the output, unless that is a standard
-  /// stream. Lines asked for afterwards are dropped.
+  /// stream. Lines asked for afterwards are dropped; only an explicit call of instance() would
+  /// begin a new trace.
   ~TraceImplementation();
 
   /// The object's storage is static: `delete` runs the destructor and frees nothing.
@@ -113,13 +114,13 @@ class CUL_EXPORT TraceImplementation {
 
   /// Whether lines of `type` are wanted. A name that the configuration does not know is on
   /// unless it is excluded; a null `type` is on; all are off without an output name.
-  [[nodiscard]] bool isTraceBitSet(const char* type) const;
+  [[nodiscard]] bool isTraceBitSet(const char* type) const noexcept;
 
   /// Whether the configuration switched `type` on, or completed its list with it.
-  [[nodiscard]] bool isIncluded(const ByteString& type) const;
+  [[nodiscard]] bool isIncluded(const ByteString& type) const noexcept;
 
   /// Whether the configuration switched `type` off, or completed its list with it.
-  [[nodiscard]] bool isExcluded(const ByteString& type) const;
+  [[nodiscard]] bool isExcluded(const ByteString& type) const noexcept;
 
   /// Adds a copy of `name` to `list`, which owns its items, unless it is there already.
   static void add(List<ByteString*>& list, const ByteString& name);
@@ -154,32 +155,36 @@ class CUL_EXPORT TraceImplementation {
 
  private:
   enum State : unsigned { closed = 0, active = 1, paused = 2, opening = 4 };
-  class LineLock;
   struct Tag;
 
+  static constexpr int notTaken = -2;
+
   explicit TraceImplementation(const wchar_t* configuration) noexcept;
+
   static void holdAcrossFork() noexcept;
   static void releaseAfterFork() noexcept;
 
   void configure(const wchar_t* configuration);
   void parse(CharString configuration);
-  void parseToken(CharString token);
+  void parseToken(const CharString& token);
   void completeLists();
-  void open();
-  FILE* openOutput();
+  void excludeUnlessNamed(const char* type);
+  void refreshFlags() noexcept;
+  bool isStandard() const noexcept;
+  FILE* openOutput() noexcept;
   FILE* openStandard(FILE* stream) noexcept;
-  FILE* openNamed();
+  FILE* openNamed() noexcept;
   void writeHeader() noexcept;
-  void refreshFlags();
-  void closeAcrossFork() noexcept;
+  void writeTypes(bool included) noexcept;
   void writeLine(const char* function, unsigned line, const Tag& tag, const char* format,
                  va_list arguments) noexcept __attribute__((format(printf, 5, 0)));
-  void write(const char* text, unsigned length) noexcept;
-  void rewindIfFull(unsigned length) noexcept;
+  const char* clockText(std::time_t second) noexcept;
+  void write(std::string_view text) noexcept;
+  void rewindWhenFull(unsigned length) noexcept;
 
   List<ByteString*> excludeList_;
   List<ByteString*> includeList_;
-  std::unique_ptr<char[]> ownedBuffer_;  // name of the open file
+  char* ownedBuffer_ = nullptr;  // the output name in the native code page
   std::uint64_t startCounter_;
   CharString outputName_;
   UNIX_Critical_Section lock_;
@@ -191,6 +196,9 @@ class CUL_EXPORT TraceImplementation {
   unsigned pauseCount_ = 0;
   std::atomic<State> state_ = closed;
   bool reopenInChild_ = false;
+  int standardCopy_ = notTaken;  // a standard stream's descriptor, kept when it was closed
+  std::time_t clockSecond_ = -1;
+  char clockText_[32] = {};  // clockSecond_ broken down
 };
 
 /// The trace of this process, made from the environment by the first call.

@@ -1,0 +1,784 @@
+#include "Engine/utilities/TraceImplementation.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <cwchar>
+#include <fcntl.h>
+#include <memory>
+#include <new>
+#include <pthread.h>
+#include <span>
+#include <string_view>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Engine/utilities/ElapsedTime.h"
+#include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/KeepErrno.h"
+#include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/ProductData.h"
+#include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+
+namespace {
+
+constexpr unsigned megabyte = 1048576;
+constexpr unsigned defaultSizeInMegabytes = 16;
+constexpr unsigned long smallestSizeInMegabytes = 2;
+constexpr unsigned long largestSizeInMegabytes = 511;
+constexpr std::uint64_t microsecondsPerSecond = 1000000;
+
+// The types that the header of the output lists and that complete the configured lists. A
+// name that is missing here, like "TLS", is on unless the configuration excludes it.
+constexpr const char* knownTypes[] = {"AGENT", "AGTT", "CHILD", "CLI",   "CONNECTION", "CUL",
+                                      "DBX",   "DSL",  "LCC",   "ENTRY", "DXPL",       "EXCPTN",
+                                      "EXPR",  "WZ4",  "GDE",   "GDET",  "GMH",        "GMHT",
+                                      "GMHS",  "ISD",  "PMD",   "RDR",   "ERROR",      "WARNING"};
+
+constexpr std::string_view separatorLine =
+    "========================================================================\n";
+
+struct Role {
+  const char* name;  // lower case
+  const char* variable;
+};
+
+constexpr Role roles[] = {{"root", "QVX_DBG_TRACE_ROOT"},
+                          {"middle", "QVX_DBG_TRACE_MIDDLE"},
+                          {"leaf", "QVX_DBG_TRACE_LEAF"}};
+
+// The trace, or the place where it is being built. Stored before the object is built, so
+// that what its construction calls finds it, closed as yet.
+constinit std::atomic<TraceImplementation*> theTrace = nullptr;
+alignas(TraceImplementation) constinit unsigned char storage[sizeof(TraceImplementation)] = {};
+
+// Whether `text`, which may be null, starts with `letters`, lower-case ones, in any case.
+bool startsWithLetters(const char* text, const char* letters) noexcept {
+  if (text == nullptr) {
+    return false;
+  }
+  for (; *letters != '\0'; ++text, ++letters) {
+    if ((*text | ('a' - 'A')) != *letters) {
+      return false;
+    }
+  }
+  return true;
+}
+
+const char* processId() noexcept { return std::getenv("GDIA_ID"); }
+
+void stripBlanks(CharString& text) {
+  text.stripLeading(L' ');
+  text.stripTrailing(L' ');
+}
+
+CharString strippedVariable(const char* name) {
+  CharString value = CharString::getEnvVar(name);
+  stripBlanks(value);
+  return value;
+}
+
+const char* traceVariable() noexcept {
+  for (const Role& role : roles) {
+    if (startsWithLetters(processId(), role.name) && std::getenv(role.variable) != nullptr) {
+      return role.variable;
+    }
+  }
+  return "QVX_DBG_TRACE";
+}
+
+CharString configurationFromEnvironment() {
+  CharString configuration = strippedVariable(traceVariable());
+  return configuration.length() != 0 ? configuration : strippedVariable("WZ4_DBG_TRACE");
+}
+
+bool isHostSelected() {
+  CharString hosts = strippedVariable("QVX_DBG_TRACEHOST");
+  if (hosts.length() == 0) {
+    return true;
+  }
+  char name[256];
+  errno = 0;
+  if (gethostname(name, sizeof name) != 0 || errno != 0) {
+    return false;
+  }
+  name[sizeof name - 1] = '\0';
+  CharString fullName;
+  fullName.loadFrom(name, static_cast<unsigned>(std::strlen(name)), EncodedString::native);
+  CharString rest = fullName;
+  const CharString firstPart = rest.firstToken(L".");
+  while (hosts.length() != 0) {
+    const CharString host = hosts.firstToken(L":");
+    if (host.length() != 0 && (host == fullName || host == firstPart)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+std::string_view viewOf(const ByteString& bytes) noexcept {
+  const unsigned char* text = bytes;
+  return {reinterpret_cast<const char*>(text), bytes.length()};
+}
+
+ByteString nameOf(std::string_view text) {
+  return {text.data(), static_cast<unsigned>(text.size()), nullptr, 0, nullptr, 0};
+}
+
+// Index of `name` in `list`, its length when absent. Makes no strings, as that takes the
+// string pool's lock, which a child forked by a busy process may find held for ever.
+unsigned find(const List<ByteString*>& list, std::string_view name) noexcept {
+  unsigned index = 0;
+  while (index < list.count() && viewOf(*list[index]) != name) {
+    ++index;
+  }
+  return index;
+}
+
+bool holds(const List<ByteString*>& list, std::string_view name) noexcept {
+  return find(list, name) < list.count();
+}
+
+// Whether `text` is a number and nothing else. What does not fit is the largest number.
+bool isNumber(const ByteString& text, unsigned long& number) noexcept {
+  char behind = '\0';
+  const unsigned char* bytes = text;
+  return std::sscanf(reinterpret_cast<const char*>(bytes), "%lu%c", &number, &behind) == 1;
+}
+
+// The text of ctime(), which ends in a newline.
+class TimeText {
+ public:
+  explicit TimeText(std::time_t time) noexcept {
+    if (ctime_r(&time, text_) == nullptr) {
+      text_[0] = '\0';
+    }
+  }
+  const char* get() const noexcept { return text_; }
+
+ private:
+  char text_[64];
+};
+
+// One line under composition. What does not fit is cut; the newline always fits.
+class Line {
+ public:
+  explicit Line(std::span<char> buffer) noexcept
+      : start_(buffer.data()), next_(start_), end_(start_ + buffer.size() - 1) {}
+
+  void put(char c) noexcept {
+    if (next_ != end_) {
+      *next_++ = c;
+    }
+  }
+
+  void put(std::string_view text) noexcept {
+    const std::size_t n = std::min(text.size(), room());
+    std::memcpy(next_, text.data(), n);
+    next_ += n;
+  }
+
+  void put(int number) noexcept {
+    char digits[16];
+    const char* end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    put({digits, static_cast<std::size_t>(end - digits)});
+  }
+
+  void putSixDigits(unsigned number) noexcept {
+    char digits[6];
+    for (char* digit = digits + sizeof digits; digit != digits; number /= 10) {
+      *--digit = static_cast<char>('0' + number % 10);
+    }
+    put({digits, sizeof digits});
+  }
+
+  // Exactly `width` bytes: `text`, cut or padded with blanks.
+  void putField(std::string_view text, std::size_t width) noexcept {
+    text = text.substr(0, width);
+    put(text);
+    for (std::size_t n = text.size(); n < width; ++n) {
+      put(' ');
+    }
+  }
+
+  __attribute__((format(printf, 2, 0))) void putFormatted(const char* format,
+                                                          va_list arguments) noexcept {
+    *next_ = '\0';
+    const int n = std::vsnprintf(next_, room() + 1, format, arguments);
+    // A conversion that fails leaves the text before it.
+    next_ += n < 0 ? strnlen(next_, room()) : std::min(static_cast<std::size_t>(n), room());
+  }
+
+  std::string_view finish() noexcept {
+    *next_ = '\n';
+    return {start_, static_cast<std::size_t>(next_ - start_) + 1};
+  }
+
+ private:
+  std::size_t room() const noexcept { return static_cast<std::size_t>(end_ - next_); }
+
+  char* start_;
+  char* next_;
+  char* end_;
+};
+
+// The buffers that lines are composed in; used under the lock of the trace.
+//
+// A line can begin inside another one of the same thread: a fatal-signal handler tells of a
+// fault in a trace call, or a lock that the line needs complains in the trace. Such a line
+// has a small buffer of its own, and one inside that is dropped. The small buffers also
+// serve when there is no memory.
+class LineBuffer {
+ public:
+  LineBuffer() noexcept { ++depth_; }
+  LineBuffer(const LineBuffer&) = delete;
+  LineBuffer& operator=(const LineBuffer&) = delete;
+  ~LineBuffer() { --depth_; }
+
+  bool isUsable() const noexcept { return depth_ <= deepest; }
+
+  std::span<char> get() const noexcept {
+    if (depth_ > 1) {
+      return small_[1];
+    }
+    if (large_ == nullptr) {
+      large_ = static_cast<char*>(std::malloc(largeSize));
+    }
+    return large_ != nullptr ? std::span<char>(large_, largeSize) : std::span<char>(small_[0]);
+  }
+
+ private:
+  static constexpr unsigned deepest = 2;
+  static constexpr std::size_t largeSize = 128000;
+
+  inline static unsigned depth_ = 0;
+  inline static char* large_ = nullptr;  // kept for the life of the process
+  inline static char small_[deepest][2048] = {};
+};
+
+// The part of a signature text that is printed.
+std::string_view functionName(const char* function) noexcept {
+  const char* parenthesis = std::strchr(function, '(');
+  return parenthesis != nullptr && parenthesis != function
+             ? std::string_view(function, static_cast<std::size_t>(parenthesis - function))
+             : std::string_view(function);
+}
+
+std::string_view currentThreadName() noexcept {
+  try {
+    const ByteString& name = StdThread::currentThread()->name();
+    return viewOf(name);
+  } catch (...) {
+    return "main";
+  }
+}
+
+const char* orNull(const char* text) noexcept { return text != nullptr ? text : "(null)"; }
+
+}  // namespace
+
+// A tag of up to three pieces; null `text`: none.
+struct TraceImplementation::Tag {
+  const char* text;
+  const char* separator = "";
+  const char* detail = "";
+};
+
+TraceImplementation* TraceImplementation::instance(const wchar_t* configuration) noexcept {
+  TraceImplementation* present = theTrace.load(std::memory_order_acquire);
+  if (present != nullptr) {
+    return present;
+  }
+  const KeepErrno keepErrno;
+  const HoldRequests hold;
+  auto* place = reinterpret_cast<TraceImplementation*>(storage);
+  if (!theTrace.compare_exchange_strong(present, place, std::memory_order_acq_rel)) {
+    return present;
+  }
+  // Whoever tests a switch while the trace is being built finds it off.
+  traceFlags.clear();
+  ::new (storage) TraceImplementation(configuration);
+  static const int forkHandlers =
+      pthread_atfork(holdAcrossFork, releaseAfterFork, releaseAfterFork);
+  static_cast<void>(forkHandlers);
+  return place;
+}
+
+TraceImplementation::TraceImplementation(const wchar_t* configuration) noexcept
+    : startCounter_(ElapsedTime::now()),
+      startTime_(std::time(nullptr)),
+      sizeLimit_(defaultSizeInMegabytes * megabyte) {
+  try {
+    configure(configuration);
+  } catch (...) {
+    outputName_.clear();
+  }
+}
+
+TraceImplementation::~TraceImplementation() {
+  const KeepErrno keepErrno;
+  const HoldRequests hold;
+  if (output_ != nullptr) {
+    traceInternal("Trace end at %s", TimeText(std::time(nullptr)).get());
+    const LockGuard guard(lock_, "TraceImplementation::~TraceImplementation()", __LINE__);
+    if (output_ != stdout && output_ != stderr) {
+      std::fclose(output_);
+    }
+    output_ = nullptr;
+  }
+  state_ = closed;
+  flags.clear();
+  traceFlags.clear();
+  theTrace = nullptr;
+  for (List<ByteString*>* list : {&excludeList_, &includeList_}) {
+    for (const ByteString* name : *list) {
+      delete name;
+    }
+  }
+  std::free(ownedBuffer_);
+}
+
+// A child must not find the lock held by a thread that it does not have: the lock is taken
+// around every fork, which also keeps a line from being half written in both processes.
+void TraceImplementation::holdAcrossFork() noexcept {
+  HoldRequests::begin();
+  if (TraceImplementation* trace = theTrace.load(std::memory_order_acquire); trace != nullptr) {
+    trace->lock_.request("void TraceImplementation::holdAcrossFork()", __LINE__);
+  }
+}
+
+void TraceImplementation::releaseAfterFork() noexcept {
+  if (TraceImplementation* trace = theTrace.load(std::memory_order_acquire); trace != nullptr) {
+    trace->lock_.release("void TraceImplementation::releaseAfterFork()", __LINE__);
+  }
+  HoldRequests::end();
+}
+
+void TraceImplementation::configure(const wchar_t* configuration) {
+  const CharString text =
+      configuration != nullptr ? CharString(configuration) : configurationFromEnvironment();
+  if (isHostSelected()) {
+    parse(text);
+    openFiles();
+  }
+}
+
+void TraceImplementation::parse(CharString configuration) {
+  if (configuration.length() != 0 && configuration[1] == L',') {
+    outputName_ = L"stderr";
+  } else {
+    outputName_ = configuration.firstToken(L",");
+    stripBlanks(outputName_);
+  }
+  const ByteString nativeName = outputName_.encoded().convert(EncodedString::native);
+  ownedBuffer_ = strndup(viewOf(nativeName).data(), nativeName.length());
+  if (ownedBuffer_ == nullptr) {
+    throw std::bad_alloc();
+  }
+  while (configuration.length() != 0) {
+    CharString token = configuration.firstToken(L",");
+    stripBlanks(token);
+    token.upper();
+    parseToken(token);
+  }
+  completeLists();
+}
+
+void TraceImplementation::parseToken(const CharString& token) {
+  const ByteString name = token.encoded().convert(EncodedString::utf8);
+  const std::string_view text = viewOf(name);
+  unsigned long size = 0;
+  if (text.starts_with('~') || text.starts_with('!')) {
+    if (text.size() > 1) {
+      const ByteString excluded = nameOf(text.substr(1));
+      add(excludeList_, excluded);
+      remove(includeList_, excluded);
+    }
+  } else if (isNumber(name, size)) {
+    if (size >= smallestSizeInMegabytes && size <= largestSizeInMegabytes) {
+      sizeLimit_ = static_cast<unsigned>(size) * megabyte;
+    }
+  } else if (!text.empty()) {
+    add(includeList_, name);
+    remove(excludeList_, name);
+  }
+}
+
+void TraceImplementation::completeLists() {
+  const bool includesSome = !includeList_.isEmpty() && !holds(includeList_, "ALL");
+  if (includesSome) {
+    for (const char* type : knownTypes) {
+      excludeUnlessNamed(type);
+    }
+  } else {
+    const bool includesAll = !includeList_.isEmpty();
+    const bool excludesSome = !excludeList_.isEmpty();
+    excludeUnlessNamed("CHILD");
+    if (includesAll || excludesSome) {
+      excludeUnlessNamed("TLS");
+    }
+    if (includesAll) {
+      excludeUnlessNamed("ISD");
+    }
+    for (const char* type : knownTypes) {
+      if (!holds(excludeList_, type)) {
+        add(includeList_, nameOf(type));
+      }
+    }
+  }
+  for (const char* type : {"ERROR", "WARNING"}) {
+    remove(excludeList_, nameOf(type));
+    if (!includeList_.isEmpty()) {
+      add(includeList_, nameOf(type));
+    }
+  }
+}
+
+void TraceImplementation::excludeUnlessNamed(const char* type) {
+  if (!holds(includeList_, type)) {
+    add(excludeList_, nameOf(type));
+  }
+}
+
+void TraceImplementation::add(List<ByteString*>& list, const ByteString& name) {
+  if (!holds(list, viewOf(name))) {
+    auto copy = std::make_unique<ByteString>(name);
+    list.add(copy.get());
+    static_cast<void>(copy.release());
+  }
+}
+
+void TraceImplementation::remove(List<ByteString*>& list, const ByteString& name) {
+  const unsigned index = find(list, viewOf(name));
+  if (index < list.count()) {
+    delete list[index];
+    list.removeAt(index);
+  }
+}
+
+bool TraceImplementation::isIncluded(const ByteString& type) const noexcept {
+  return holds(includeList_, viewOf(type));
+}
+
+bool TraceImplementation::isExcluded(const ByteString& type) const noexcept {
+  return holds(excludeList_, viewOf(type));
+}
+
+bool TraceImplementation::isTraceBitSet(const char* type) const noexcept {
+  if (outputName_.length() == 0) {
+    return false;
+  }
+  return type == nullptr || holds(includeList_, type) || !holds(excludeList_, type);
+}
+
+bool TraceImplementation::isActive() const noexcept {
+  return state_.load(std::memory_order_acquire) == active;
+}
+
+void TraceImplementation::refreshFlags() noexcept {
+  flags.set(*this);
+  for (unsigned type = 0; type < TraceFlags::size; ++type) {
+    __atomic_store_n(&traceFlags.bytes[type], flags.bytes[type], __ATOMIC_RELEASE);
+  }
+}
+
+void TraceImplementation::openFiles() noexcept {
+  const KeepErrno keepErrno;
+  const HoldRequests hold;
+  State expected = closed;
+  if (!state_.compare_exchange_strong(expected, opening)) {
+    return;
+  }
+  refreshFlags();
+  if (outputName_.length() == 0) {
+    return;
+  }
+  const bool hasRole = std::any_of(std::begin(roles), std::end(roles), [](const Role& role) {
+    return startsWithLetters(processId(), role.name);
+  });
+  // Deliberate: without the type "PMD" only a process with a role traces.
+  if (!flags[TraceType::pmd] && !hasRole) {
+    return;
+  }
+  output_ = openOutput();
+  if (output_ == nullptr) {
+    reopenInChild_ = false;
+    return;
+  }
+  reopenInChild_ = reopenInChild_ && isTraceBitSet("CHILD");
+  rewindPoint_ = 0;
+  currentSize_ = 0;
+  state_.store(active, std::memory_order_release);
+  refreshFlags();
+  writeHeader();
+  setRewindPoint();
+}
+
+bool TraceImplementation::isStandard() const noexcept {
+  return std::wcscmp(outputName_, L"stdout") == 0 || std::wcscmp(outputName_, L"stderr") == 0;
+}
+
+FILE* TraceImplementation::openOutput() noexcept {
+  if (isStandard()) {
+    reopenInChild_ = true;
+    return openStandard(std::wcscmp(outputName_, L"stdout") == 0 ? stdout : stderr);
+  }
+  return openNamed();
+}
+
+FILE* TraceImplementation::openStandard(FILE* stream) noexcept {
+  if (standardCopy_ == notTaken) {
+    return stream;
+  }
+  FILE* copy = fdopen(standardCopy_, "w");
+  if (copy != nullptr) {
+    std::setvbuf(copy, nullptr, _IONBF, 0);
+  }
+  return copy;
+}
+
+FILE* TraceImplementation::openNamed() noexcept {
+  const char* name = ownedBuffer_;
+  char path[PATH_MAX];
+  struct stat info;
+  reopenInChild_ = stat(name, &info) == 0 && S_ISDIR(info.st_mode);
+  if (reopenInChild_) {
+    const char last = name[std::strlen(name) - 1];
+    const char* id = processId();
+    const int length = std::snprintf(
+        path, sizeof path, "%s%s%s%s%ld.trc", name, last == '\\' || last == '/' ? "" : "/",
+        id != nullptr ? id : "", id != nullptr ? "." : "", static_cast<long>(getpid()));
+    if (length < 0 || length >= static_cast<int>(sizeof path)) {
+      return nullptr;
+    }
+    name = path;
+  }
+  FILE* file = std::fopen(name, "we");
+  if (file != nullptr) {
+    // Each line is flushed anyway; this way it goes out whole, in one system call.
+    std::setvbuf(file, nullptr, _IONBF, 0);
+  }
+  return file;
+}
+
+void TraceImplementation::writeHeader() noexcept {
+  const ProductData& product = productData();
+  traceInternal("Trace start at %s", TimeText(startTime_).get());
+  traceInternal("Debugger: %s;  Version: %s", product.name, product.version);
+  traceInternal("Build Date: %s\n", product.buildDateAndTime);
+  traceInternal("Included Trace types:");
+  writeTypes(true);
+  traceInternal("Excluded Trace types:");
+  writeTypes(false);
+  traceInternal("Trace size: %dMb", static_cast<int>(sizeLimit_ / megabyte));
+}
+
+void TraceImplementation::writeTypes(bool included) noexcept {
+  for (const char* type : knownTypes) {
+    if (isTraceBitSet(type) == included) {
+      traceInternal("  %s", type);
+    }
+  }
+}
+
+void TraceImplementation::taggedTrace(const char* function, unsigned line, const char* tag,
+                                      const char* format, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, format);
+  writeLine(function, line, {tag}, format, arguments);
+  va_end(arguments);
+}
+
+void TraceImplementation::trace(const char* function, unsigned line, const char* tag,
+                                const char* format, va_list arguments) noexcept {
+  writeLine(function, line, {tag}, format, arguments);
+}
+
+void TraceImplementation::traceInternal(const char* format, ...) noexcept {
+  va_list arguments;
+  va_start(arguments, format);
+  writeLine("void TraceImplementation::traceInternal(const char*, ...)", 718, {nullptr}, format,
+            arguments);
+  va_end(arguments);
+}
+
+void TraceImplementation::_traceGMH(const char* function, unsigned line, const char* tag,
+                                    const GMH_HandlerDiagnostic* handler, const char* format, ...) {
+  const Tag composed =
+      handler != nullptr ? Tag{orNull(tag), "/", orNull(handler->diagnosticText())} : Tag{tag};
+  va_list arguments;
+  va_start(arguments, format);
+  writeLine(function, line, composed, format, arguments);
+  va_end(arguments);
+}
+
+void TraceImplementation::traceSession(const char* function, unsigned line, const char* tag,
+                                       const void* session, const char* format, ...) noexcept {
+  char address[32];
+  std::snprintf(address, sizeof address, "%p", session);
+  va_list arguments;
+  va_start(arguments, format);
+  writeLine(function, line, session != nullptr ? Tag{orNull(tag), " ", address} : Tag{tag}, format,
+            arguments);
+  va_end(arguments);
+}
+
+void TraceImplementation::writeLine(const char* function, unsigned line, const Tag& tag,
+                                    const char* format, va_list arguments) noexcept {
+  if (!isActive() || !flags[TraceType::active]) {
+    return;
+  }
+  const KeepErrno keepErrno;
+  const HoldRequests hold;
+  const LockGuard guard(
+      lock_,
+      "void TraceImplementation::trace(const char*, unsigned int, const char*, const char*, "
+      "va_list)",
+      __LINE__);
+  const LineBuffer buffer;
+  if (output_ == nullptr || !buffer.isUsable()) {
+    return;
+  }
+  Line text(buffer.get());
+  if (*format == '\n') {
+    text.put('\n');
+    ++format;
+  }
+  const std::uint64_t elapsed = ElapsedTime::now() - startCounter_;
+  text.put(clockText(startTime_ + static_cast<std::time_t>(elapsed / microsecondsPerSecond)));
+  text.putSixDigits(static_cast<unsigned>(elapsed % microsecondsPerSecond));
+  text.put(" (");
+  text.putField(currentThreadName(), 8);
+  text.put(')');
+  if (tag.text != nullptr) {
+    text.put("**");
+    text.put(tag.text);
+    text.put(tag.separator);
+    text.put(tag.detail);
+    text.put(": ");
+  }
+  if (function != nullptr) {
+    text.put(functionName(function));
+    if (line != 0) {
+      text.put('(');
+      text.put(static_cast<int>(line));
+      text.put(')');
+    }
+    text.put(": ");
+  }
+  text.putFormatted(format, arguments);
+  const std::string_view whole = text.finish();
+  rewindWhenFull(static_cast<unsigned>(whole.size()));
+  write(whole);
+}
+
+// Hours, minutes and seconds of `second`, broken down anew only when it has changed.
+const char* TraceImplementation::clockText(std::time_t second) noexcept {
+  if (second != clockSecond_) {
+    std::tm parts = {};
+    localtime_r(&second, &parts);
+    std::snprintf(clockText_, sizeof clockText_, "%.2u:%.2u:%.2u.",
+                  static_cast<unsigned>(parts.tm_hour), static_cast<unsigned>(parts.tm_min),
+                  static_cast<unsigned>(parts.tm_sec));
+    clockSecond_ = second;
+  }
+  return clockText_;
+}
+
+void TraceImplementation::rewindWhenFull(unsigned length) noexcept {
+  if (sizeLimit_ < currentSize_ + length - rewindPoint_) {
+    // What the present pass has not overwritten of the one before would stay behind it.
+    static_cast<void>(ftruncate(fileno(output_), currentSize_));
+    std::fseek(output_, rewindPoint_, SEEK_SET);
+    currentSize_ = rewindPoint_;
+  }
+}
+
+void TraceImplementation::write(std::string_view text) noexcept {
+  currentSize_ += static_cast<unsigned>(std::fwrite(text.data(), 1, text.size(), output_));
+  std::fflush(output_);
+}
+
+unsigned TraceImplementation::setRewindPoint() noexcept {
+  const KeepErrno keepErrno;
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "unsigned int TraceImplementation::setRewindPoint()", __LINE__);
+  if (output_ != nullptr) {
+    write(separatorLine);
+    rewindPoint_ = currentSize_;
+  }
+  return rewindPoint_;
+}
+
+int TraceImplementation::wrap() noexcept {
+  return flags[TraceType::active] ? static_cast<int>(setRewindPoint()) : 0;
+}
+
+bool TraceImplementation::pause(bool on) noexcept {
+  if (!flags[TraceType::active]) {
+    return true;
+  }
+  if (on) {
+    ++pauseCount_;
+  } else if (pauseCount_ > 0) {
+    --pauseCount_;
+  }
+  state_.store(pauseCount_ != 0 ? paused : active, std::memory_order_release);
+  return pauseCount_ != 0;
+}
+
+void TraceImplementation::processForked() noexcept {
+  if (!flags[TraceType::active] || output_ == nullptr) {
+    return;
+  }
+  const KeepErrno keepErrno;
+  const HoldRequests hold;
+  if (isStandard() && reopenInChild_) {
+    standardCopy_ = fcntl(fileno(output_), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  }
+  std::fclose(output_);
+  output_ = nullptr;
+  state_.store(closed, std::memory_order_release);
+  refreshFlags();
+  if (reopenInChild_) {
+    openFiles();
+  }
+}
+
+TraceImplementation* traceImplementation() noexcept {
+  return TraceImplementation::instance(nullptr);
+}
+
+// The low interface of TraceFlags.h.
+
+void TraceFlags::set(TraceImplementation& trace) {
+  const auto store = [this](TraceType type, bool value) {
+    __atomic_store_n(&bytes[static_cast<unsigned>(type)], static_cast<unsigned char>(value),
+                     __ATOMIC_RELEASE);
+  };
+  for (unsigned type = 1; type < size; ++type) {
+    const auto kind = static_cast<TraceType>(type);
+    store(kind, trace.isTraceBitSet(traceTag(kind)));
+  }
+  store(TraceType::active, trace.isActive());
+}
+
+bool decideTrace(TraceType type) noexcept {
+  static_cast<void>(traceImplementation());
+  return traceFlags[type];
+}
+
+void taggedTrace(const char* function, unsigned line, const char* tag, const char* format,
+                 ...) noexcept {
+  if (!isTraced(TraceType::active)) {
+    return;
+  }
+  va_list arguments;
+  va_start(arguments, format);
+  traceImplementation()->trace(function, line, tag, format, arguments);
+  va_end(arguments);
+}
