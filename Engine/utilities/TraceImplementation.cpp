@@ -12,6 +12,7 @@
 #include <new>
 #include <pthread.h>
 #include <span>
+#include <stdio_ext.h>
 #include <string_view>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -55,6 +56,9 @@ constexpr Role roles[] = {{"root", "QVX_DBG_TRACE_ROOT"},
 // that what its construction calls finds it, closed as yet.
 constinit std::atomic<TraceImplementation*> theTrace = nullptr;
 alignas(TraceImplementation) constinit unsigned char storage[sizeof(TraceImplementation)] = {};
+
+// The hold of a thread that forks, from before the fork until after it.
+alignas(HoldRequests) constinit thread_local unsigned char forkHold[sizeof(HoldRequests)] = {};
 
 // Whether `text`, which may be null, starts with `letters`, lower-case ones, in any case.
 bool startsWithLetters(const char* text, const char* letters) noexcept {
@@ -126,7 +130,7 @@ std::string_view viewOf(const ByteString& bytes) noexcept {
 }
 
 ByteString nameOf(std::string_view text) {
-  return {text.data(), static_cast<unsigned>(text.size()), nullptr, 0, nullptr, 0};
+  return {text.data(), static_cast<unsigned>(text.size())};
 }
 
 // Index of `name` in `list`, its length when absent. Makes no strings, as that takes the
@@ -148,6 +152,13 @@ bool isNumber(const ByteString& text, unsigned long& number) noexcept {
   char behind = '\0';
   const unsigned char* bytes = text;
   return std::sscanf(reinterpret_cast<const char*>(bytes), "%lu%c", &number, &behind) == 1;
+}
+
+// Makes a stream of the trace's own ready. Each line is flushed anyway: without a buffer it
+// goes out whole, in one system call. The trace's lock serves for the stream's.
+void prepare(FILE* stream) noexcept {
+  std::setvbuf(stream, nullptr, _IONBF, 0);
+  __fsetlocking(stream, FSETLOCKING_BYCALLER);
 }
 
 // The text of ctime(), which ends in a newline.
@@ -345,7 +356,7 @@ TraceImplementation::~TraceImplementation() {
 // A child must not find the lock held by a thread that it does not have: the lock is taken
 // around every fork, which also keeps a line from being half written in both processes.
 void TraceImplementation::holdAcrossFork() noexcept {
-  HoldRequests::begin();
+  ::new (forkHold) HoldRequests;
   if (TraceImplementation* trace = theTrace.load(std::memory_order_acquire); trace != nullptr) {
     trace->lock_.request("void TraceImplementation::holdAcrossFork()", __LINE__);
   }
@@ -355,7 +366,7 @@ void TraceImplementation::releaseAfterFork() noexcept {
   if (TraceImplementation* trace = theTrace.load(std::memory_order_acquire); trace != nullptr) {
     trace->lock_.release("void TraceImplementation::releaseAfterFork()", __LINE__);
   }
-  HoldRequests::end();
+  std::launder(reinterpret_cast<HoldRequests*>(forkHold))->~HoldRequests();
 }
 
 void TraceImplementation::configure(const wchar_t* configuration) {
@@ -536,7 +547,7 @@ FILE* TraceImplementation::openStandard(FILE* stream) noexcept {
   }
   FILE* copy = fdopen(standardCopy_, "w");
   if (copy != nullptr) {
-    std::setvbuf(copy, nullptr, _IONBF, 0);
+    prepare(copy);
   }
   return copy;
 }
@@ -559,8 +570,7 @@ FILE* TraceImplementation::openNamed() noexcept {
   }
   FILE* file = std::fopen(name, "we");
   if (file != nullptr) {
-    // Each line is flushed anyway; this way it goes out whole, in one system call.
-    std::setvbuf(file, nullptr, _IONBF, 0);
+    prepare(file);
   }
   return file;
 }
