@@ -32,5 +32,5 @@ class CUL_EXPORT ElapsedTime {
   std::uint64_t start = 0;
 
  private:
-  mutable char* text_ = nullptr;
+  mutable char* text = nullptr;
 };

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+
 #include "Engine/utilities/Export.h"
 #include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
 
@@ -19,7 +21,10 @@ class CUL_EXPORT StringPoolManager {
   static constexpr unsigned maximumPooledSize = 64;
 
   /// The process's pool.
-  static StringPoolManager& instance();
+  static StringPoolManager& instance() {
+    StringPoolManager* const pool = theInstance_.load(std::memory_order_acquire);
+    return pool != nullptr ? *pool : makeInstance();
+  }
 
   StringPoolManager(const StringPoolManager&) = delete;
   StringPoolManager& operator=(const StringPoolManager&) = delete;
@@ -43,14 +48,19 @@ class CUL_EXPORT StringPoolManager {
     FreeBlock* next;
   };
   enum SizeClass : unsigned { size8, size16, size24, size32, size48, size64, sizeClasses };
+  struct ClassRule;
+  static const ClassRule classRules[sizeClasses];
 
   StringPoolManager() = default;
   ~StringPoolManager() = default;
 
+  static StringPoolManager& makeInstance();
   static SizeClass classOf(unsigned size) noexcept;
   FreeBlock* pop(SizeClass wanted);
   FreeBlock* refill(SizeClass empty);
-  FreeBlock* carveChunk(SizeClass empty, unsigned blockSize, unsigned blocks);
+  FreeBlock* refillFromHeap(SizeClass empty);
+
+  static std::atomic<StringPoolManager*> theInstance_;
 
   FreeBlock* freeLists_[sizeClasses] = {};
   UNIX_Critical_Section lock_;

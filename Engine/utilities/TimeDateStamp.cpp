@@ -1,0 +1,138 @@
+#include "Engine/utilities/TimeDateStamp.h"
+
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+#include "Engine/utilities/EncodedString.h"
+
+namespace {
+
+constexpr unsigned firstYear = 1900;
+constexpr unsigned lastOffsetYear = 200;
+constexpr time_t unreadable = -1;
+
+constexpr unsigned wordSize = 20;
+
+bool areSet(const TimeDateStamp& a, const TimeDateStamp& b) noexcept {
+  return a.time != 0 && b.time != 0;
+}
+
+// The number of the month that ctime() calls `name`, or 0.
+unsigned monthNamed(const char* name) noexcept {
+  for (unsigned month = 1; month <= 12; ++month) {
+    const TimeDateStamp stamp(1999, month, 1, 1, 1, 1);
+    char text[26];
+    char word[wordSize];
+    if (ctime_r(&stamp.time, text) != nullptr && std::sscanf(text, "%*19s%19s", word) == 1 &&
+        std::strcmp(word, name) == 0) {
+      return month;
+    }
+  }
+  return 0;
+}
+
+bool readDigits(const char* text, TimeDateStamp& stamp) noexcept {
+  unsigned year = 0;
+  unsigned month = 0;
+  unsigned day = 0;
+  unsigned hour = 0;
+  unsigned minute = 0;
+  unsigned second = 0;
+  char rest = 0;
+  const int items = std::sscanf(text, "%4u%2u%2u%2u%2u%2u%c", &year, &month, &day, &hour, &minute,
+                                &second, &rest);
+  if (items != 6) {
+    return false;
+  }
+  stamp = TimeDateStamp(year, month, day, hour, minute, second);
+  return true;
+}
+
+bool readCtimeText(const char* text, TimeDateStamp& stamp) noexcept {
+  char weekday[wordSize];
+  char monthName[wordSize];
+  int day = 0;
+  int hour = 0;
+  int minute = 0;
+  int second = 0;
+  int year = 0;
+  const int items = std::sscanf(text, "%19s%19s%d%d:%d:%d %d", weekday, monthName, &day, &hour,
+                                &minute, &second, &year);
+  const unsigned month = items == 7 ? monthNamed(monthName) : 0;
+  if (month == 0) {
+    return false;
+  }
+  stamp = TimeDateStamp(static_cast<unsigned>(year), month, static_cast<unsigned>(day),
+                        static_cast<unsigned>(hour), static_cast<unsigned>(minute),
+                        static_cast<unsigned>(second));
+  return true;
+}
+
+}  // namespace
+
+TimeDateStamp::TimeDateStamp(unsigned year, unsigned month, unsigned day, unsigned hour,
+                             unsigned minute, unsigned second) noexcept {
+  struct tm fields = {};
+  fields.tm_year = static_cast<int>(year <= lastOffsetYear ? year : year - firstYear);
+  fields.tm_mon = static_cast<int>(month - 1);
+  fields.tm_mday = static_cast<int>(day);
+  fields.tm_hour = static_cast<int>(hour);
+  fields.tm_min = static_cast<int>(minute);
+  fields.tm_sec = static_cast<int>(second);
+  fields.tm_isdst = 0;  // Deliberate, also for dates in summer.
+  time = mktime(&fields);
+}
+
+TimeDateStamp::TimeDateStamp(const char* text) noexcept {
+  if (text == nullptr || !(readDigits(text, *this) || readCtimeText(text, *this))) {
+    time = unreadable;
+  }
+}
+
+EncodedString TimeDateStamp::asString(bool compact) const {
+  long year = 0;
+  int month = 0;
+  struct tm fields = {};
+  if (localtime_r(&time, &fields) != nullptr) {
+    year = long{fields.tm_year} + firstYear;
+    month = fields.tm_mon + 1;
+  } else {
+    fields = {};
+  }
+  const char* format =
+      compact ? "%4.4ld%2.2d%2.2d%2.2d%2.2d%2.2d" : "%4.4ld/%2.2d/%2.2d %2.2d:%2.2d:%2.2d";
+  char text[96];
+  std::snprintf(text, sizeof text, format, year, month, fields.tm_mday, fields.tm_hour,
+                fields.tm_min, fields.tm_sec);
+  return {text, EncodedString::native};
+}
+
+bool TimeDateStamp::operator==(const TimeDateStamp& other) const noexcept {
+  return areSet(*this, other) && time == other.time;
+}
+
+bool TimeDateStamp::operator!=(const TimeDateStamp& other) const noexcept {
+  return areSet(*this, other) && time != other.time;
+}
+
+bool TimeDateStamp::operator<(const TimeDateStamp& other) const noexcept {
+  return areSet(*this, other) && time < other.time;
+}
+
+bool TimeDateStamp::operator<=(const TimeDateStamp& other) const noexcept {
+  return areSet(*this, other) && time <= other.time;
+}
+
+bool TimeDateStamp::operator>(const TimeDateStamp& other) const noexcept {
+  return areSet(*this, other) && time > other.time;
+}
+
+bool TimeDateStamp::operator>=(const TimeDateStamp& other) const noexcept {
+  return areSet(*this, other) && time >= other.time;
+}
+
+double TimeDateStamp::difference(const TimeDateStamp& other) const noexcept {
+  return areSet(*this, other) ? difftime(time, other.time)
+                              : std::numeric_limits<double>::infinity();
+}
