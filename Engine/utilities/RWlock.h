@@ -33,7 +33,7 @@ class CUL_EXPORT RWlock : public RWlockBase {
   explicit RWlock(RWlockBase::Priority priority);
   RWlock(const RWlock&) = delete;
   RWlock& operator=(const RWlock&) = delete;
-  ~RWlock();
+  ~RWlock() noexcept(false);
 
   /// Waits until no other thread writes (and, under WriterPriority, no writer waits) and
   /// takes the lock for reading. A thread that holds it already does not wait.

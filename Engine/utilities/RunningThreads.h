@@ -15,7 +15,7 @@ class StdThread;
 /// A StdThread is registered from its construction to its destruction, whether started or
 /// not. The registry owns nothing. Any thread may call it; the first call of instance()
 /// belongs on the main thread before a second thread exists. It works before main and is
-/// never destroyed.
+/// never destroyed. A forked child can go on using it.
 
 class CUL_EXPORT RunningThreads {
  public:
@@ -38,6 +38,8 @@ class CUL_EXPORT RunningThreads {
  private:
   RunningThreads() = default;
   ~RunningThreads() = default;
+  static void holdAcrossFork();
+  static void releaseAfterFork();
 
   List<StdThread*> threads_{64};
   UNIX_Critical_Section lock_;

@@ -55,6 +55,10 @@ class HoldRequests {
     return __atomic_load_n(&requestsHeld, __ATOMIC_RELAXED);
   }
 
+  /// A hold without an object, for a pair of functions; ended by leave().
+  static void enter() noexcept { setLevel(level() + 1); }
+  static void leave() noexcept { setLevel(level() - 1); }
+
   /// Leaves all holds of the calling thread; for a jump that skips their destructors.
   static void leaveAll() noexcept { setLevel(0); }
 

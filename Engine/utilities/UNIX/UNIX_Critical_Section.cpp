@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include "Engine/utilities/CUL_SemaphoreError.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
 
 UNIX_Critical_Section::UNIX_Critical_Section() = default;
 
@@ -14,6 +15,7 @@ void UNIX_Critical_Section::request(const char* file, unsigned int line) {
     ++count_;
     return;
   }
+  const HoldRequests hold;  // a mutex without a noted owner could never be released
   lock(file, line);
   count_ = 1;
   __atomic_store_n(&owner_, self, __ATOMIC_RELEASE);
@@ -24,6 +26,7 @@ void UNIX_Critical_Section::release(const char* file, unsigned int line) {
     refuse(file, line);
   }
   if (--count_ == 0) {
+    const HoldRequests hold;
     __atomic_store_n(&owner_, pthread_t{0}, __ATOMIC_RELEASE);
     unlock(file, line);
   }

@@ -1,0 +1,144 @@
+#include "Engine/utilities/StdThread.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <memory>
+#include <sched.h>
+
+#include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/RunningThreads.h"
+#include "Engine/utilities/StdException.h"
+#include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/UNIXStdThread.h"
+
+#pragma GCC diagnostic push
+// Both compilers lay StdThread out like any class with one vtable pointer.
+#pragma GCC diagnostic ignored "-Winvalid-offsetof"
+const std::size_t StdThread::recoveryPointOffset_ = offsetof(StdThread, recoveryPoint_);
+const std::size_t StdThread::recoveryArmedOffset_ = offsetof(StdThread, recoveryArmed_);
+#pragma GCC diagnostic pop
+
+StdThread::StdThread(const char* name, unsigned int stackSize, Termination* termination)
+    : name_(name == nullptr ? "" : name),
+      termination_(termination),
+      stackSize_(stackSize > defaultStackSize() ? stackSize : defaultStackSize()) {
+  if (termination != nullptr) {
+    StdThread* none = nullptr;
+    if (!__atomic_compare_exchange_n(&termination->thread_, &none, this, false, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_ACQUIRE)) {
+      throw StdException("Engine/utilities/StdThread", 81, "Termination object used for 2 threads",
+                         -1);
+    }
+  }
+  RunningThreads::instance().append(this);
+}
+
+StdThread::~StdThread() {
+  RunningThreads::instance().remove(this);
+  if (termination_ != nullptr) {
+    __atomic_store_n(&termination_->thread_, nullptr, __ATOMIC_RELEASE);
+  }
+  for (const NamedSlot& slot : slots_) {
+    delete[] slot.key;
+  }
+}
+
+void StdThread::start_thread(unsigned int stackSize) {
+  if (started_ != 0) {
+    return;
+  }
+  // What every thread leans on must exist before the second one does.
+  static_cast<void>(thread1());
+  static_cast<void>(isTraced(TraceType::active));
+  if (stackSize > stackSize_) {
+    stackSize_ = stackSize;
+  }
+  HoldRequests hold;
+  // The new thread passes this lock first: until then the object cannot be gone.
+  LockGuard guard(StdThreadRun::startLock(), "void StdThread::start_thread(unsigned int)",
+                  __LINE__);
+  auto record = std::make_unique<StdThreadRun>();
+  const pthread_t id = record->start(this);
+  static_cast<void>(record.release());  // now the new thread's
+  started_ = 1;
+  setThreadId(id);
+}
+
+int StdThread::requestTerminate() const {
+  const pthread_t id = threadId();
+  return id == 0 ? ESRCH : pthread_kill(id, SIGUSR2);
+}
+
+StdThread* StdThread::currentThread() {
+  StdThread* own = RunningThreads::instance().find(pthread_self());
+  return own != nullptr ? own : thread1();
+}
+
+StdThread* StdThread::thread1() {
+  class DummyThread : public StdThread {
+   public:
+    DummyThread() : StdThread("main", 0, nullptr) {
+      started_ = 1;
+      setThreadId(pthread_self());
+    }
+    void run() override {}
+  };
+  static std::atomic<StdThread*> mainThread = nullptr;
+  StdThread* made = mainThread.load(std::memory_order_acquire);
+  if (made == nullptr) {
+    made = new DummyThread;
+    mainThread.store(made, std::memory_order_release);
+  }
+  return made;
+}
+
+void StdThread::thread_yield() noexcept { sched_yield(); }
+
+void** StdThread::_getKeyValue(const char* key) {
+  const auto length = static_cast<unsigned int>(std::strlen(key) + 1);
+  for (NamedSlot& slot : slots_) {
+    if (slot.keyLength == length && std::memcmp(slot.key, key, length) == 0) {
+      return &slot.value;
+    }
+  }
+  std::unique_ptr<char[]> copy(new char[length]);
+  std::memcpy(copy.get(), key, length);
+  slots_.add({copy.get(), nullptr, length});
+  static_cast<void>(copy.release());
+  return &slots_[slots_.count() - 1].value;
+}
+
+void StdThread::longjmp(int value, int keepArmed) {
+  if (recoveryArmed_ == 0) {
+    return;
+  }
+  recoveryArmed_ = keepArmed != 0;
+  HoldRequests::leaveAll();
+  ::longjmp(recoveryPoint_, value);
+}
+
+int StdThread::Termination::wait(unsigned short timeout) const {
+  if (threadId() != 0) {
+    return systemWait(timeout);
+  }
+  return __atomic_load_n(&thread_, __ATOMIC_ACQUIRE) == nullptr ? 0 : -1;
+}
+
+StdThread::BlockTermination::BlockTermination() {
+  __atomic_add_fetch(&currentThread()->blockCount_, 1, __ATOMIC_RELAXED);
+}
+
+StdThread::BlockTermination::~BlockTermination() noexcept(false) {
+  StdThread* self = currentThread();
+  constexpr unsigned short belowZero = 65535;
+  // A balanced guard leaves the mark of a pending request alone: deliberate.
+  if (__atomic_sub_fetch(&self->blockCount_, 1, __ATOMIC_RELAXED) == belowZero) {
+    __atomic_store_n(&self->blockCount_, 0, __ATOMIC_RELAXED);
+    if (__atomic_load_n(&self->terminationPending_, __ATOMIC_RELAXED) != 0) {
+      pthread_exit(nullptr);
+    }
+  }
+}

@@ -1,0 +1,217 @@
+#include "Engine/utilities/UNIX/UNIXStdThread.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <ctime>
+#include <cxxabi.h>
+#include <memory>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/StdException.h"
+#include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/UnwindCheck.h"
+#include "Engine/utilities/signals.h"
+
+namespace {
+
+constexpr const char* sourceFile = "Engine/utilities/UNIX/UNIXStdThread";
+
+const char* textOf(const ByteString& string) noexcept {
+  const unsigned char* bytes = string;
+  return reinterpret_cast<const char*>(bytes);
+}
+
+const char* textOf(const EncodedString& string) noexcept { return string; }
+
+// What the SIGUSR2 handler needs to know of the thread it runs on. It must not search the
+// registry: the signal may have arrived inside the registry's own lock.
+struct RequestState {
+  StdThread* thread = nullptr;       // null on threads not started by StdThread
+  const void* entryFrame = nullptr;  // of StdThreadRunFF
+  bool isEnding = false;             // past run(): requests come too late
+  bool isPostponed = false;
+  bool hasTimer = false;
+  int timer = 0;
+};
+constinit thread_local RequestState requestState __attribute__((tls_model("initial-exec")));
+
+// Signals the calling thread again in a millisecond. The C library's timer_create() is not
+// promised to be safe in a signal handler, the system calls are.
+void postponeRequest() noexcept {
+  RequestState& state = requestState;
+  state.isPostponed = true;
+  if (!state.hasTimer) {
+    sigevent event = {};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = SIGUSR2;
+    event._sigev_un._tid = gettid();
+    state.hasTimer = syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &state.timer) == 0;
+  }
+  if (state.hasTimer) {
+    constexpr long millisecond = 1000000;
+    constexpr itimerspec soon = {{0, 0}, {0, millisecond}};
+    syscall(SYS_timer_settime, state.timer, 0, &soon, nullptr);
+  }
+}
+
+void forgetRequests() noexcept {
+  RequestState& state = requestState;
+  if (state.hasTimer) {
+    state.hasTimer = false;
+    syscall(SYS_timer_delete, state.timer);
+  }
+}
+
+// Tells the SIGUSR2 handler of the thread it runs on, from the entry function's frame.
+class RunningHere {
+ public:
+  RunningHere(StdThread* thread, const void* entryFrame) noexcept {
+    requestState.entryFrame = entryFrame;
+    requestState.thread = thread;
+  }
+  RunningHere(const RunningHere&) = delete;
+  RunningHere& operator=(const RunningHere&) = delete;
+  ~RunningHere() {
+    requestState.isEnding = true;
+    forgetRequests();
+  }
+};
+
+class Attributes {
+ public:
+  Attributes() { pthread_attr_init(&attributes_); }
+  Attributes(const Attributes&) = delete;
+  Attributes& operator=(const Attributes&) = delete;
+  ~Attributes() { pthread_attr_destroy(&attributes_); }
+  pthread_attr_t* get() { return &attributes_; }
+
+ private:
+  pthread_attr_t attributes_;
+};
+
+}  // namespace
+
+UNIX_Critical_Section& StdThreadRun::startLock() {
+  static std::atomic<UNIX_Critical_Section*> lock = nullptr;
+  UNIX_Critical_Section* made = lock.load(std::memory_order_acquire);
+  if (made == nullptr) {
+    made = new UNIX_Critical_Section;
+    lock.store(made, std::memory_order_release);
+  }
+  return *made;
+}
+
+pthread_t StdThreadRun::start(StdThread* thread) {
+  thread_ = thread;
+  // From now on a request may arrive, perhaps before the new thread has got to installing
+  // the handler itself.
+  signal(SIGUSR2, ::sigUSR2handler);
+  Attributes attributes;
+  if (thread->stackSize_ != 0) {
+    pthread_attr_setstacksize(attributes.get(), thread->stackSize_);
+  }
+  pthread_attr_setscope(attributes.get(), PTHREAD_SCOPE_SYSTEM);
+  if (thread->termination_ == nullptr) {
+    pthread_attr_setdetachstate(attributes.get(), PTHREAD_CREATE_DETACHED);
+  }
+  pthread_t id = 0;
+  if (pthread_create(&id, attributes.get(), StdThreadRunFF, this) != 0) {
+    throw StdException(sourceFile, 169, -1);
+  }
+  if (thread->termination_ != nullptr) {
+    __atomic_store_n(&thread->termination_->threadId_, id, __ATOMIC_RELEASE);
+  }
+  return id;
+}
+
+void StdThreadRun::run() {
+  CUL_TRACE(TraceType::active, sourceFile, 132, "Starting thread %s", textOf(thread_->name_));
+  signal(SIGUSR2, ::sigUSR2handler);
+  registerErrorHandlers();
+  thread_->run();
+  requestState.isEnding = true;
+  CUL_TRACE(TraceType::active, sourceFile, 136, "Terminating thread %s", textOf(thread_->name_));
+  delete thread_;
+  thread_ = nullptr;
+}
+
+void StdThreadRun::fail(const StdException& exception) const {
+  requestState.isEnding = true;
+  CUL_TRACE(TraceType::error, textOf(exception.fileName), exception.line,
+            "Internal error on thread %s(%d).", textOf(thread_->name_),
+            static_cast<int>(pthread_self()));
+  exit(99);
+}
+
+void StdThreadRun::fail() const {
+  requestState.isEnding = true;
+  CUL_TRACE(TraceType::error, sourceFile, 79, "Unidentified internal error on thread %s(%d).",
+            textOf(thread_->name_), static_cast<int>(pthread_self()));
+  exit(99);
+}
+
+void StdThreadRun::abandon() noexcept {
+  // The id may soon be another thread's.
+  thread_->setThreadId(0);
+}
+
+extern "C" void* StdThreadRunFF(void* runRecord) {
+  const HoldRequests hold;
+  const std::unique_ptr<StdThreadRun> record(static_cast<StdThreadRun*>(runRecord));
+  const RunningHere here(record->thread(), __builtin_frame_address(0));
+  {
+    // The starter has stored the thread's id and lets the object go when this lock is free.
+    LockGuard guard(StdThreadRun::startLock(), "void* StdThreadRunFF(void*)", __LINE__);
+  }
+  sigset_t none;
+  sigemptyset(&none);
+  pthread_sigmask(SIG_SETMASK, &none, nullptr);
+  try {
+    const HoldRequests::Lift lift(hold);
+    record->run();
+  } catch (const abi::__forced_unwind&) {
+    record->abandon();
+    throw;
+  } catch (const StdException* exception) {
+    record->fail(*exception);
+  } catch (const StdException& exception) {
+    record->fail(exception);
+  } catch (...) {
+    record->fail();
+  }
+  return nullptr;
+}
+
+void StdThread::sigUSR2handler(int) {
+  const int error = errno;
+  const RequestState& state = requestState;
+  StdThread* self = state.thread != nullptr ? state.thread : thread1();
+  if (state.isEnding) {
+    return;
+  }
+  if (__atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) != 0) {
+    __atomic_store_n(&self->terminationPending_, 1, __ATOMIC_RELAXED);
+    if (state.isPostponed) {
+      postponeRequest();
+    }
+  } else if (HoldRequests::level() != 0 || !canUnwindFromSignal(state.entryFrame)) {
+    postponeRequest();
+  } else {
+    forgetRequests();
+    // SIGUSR2 stays blocked in this thread: a second request cannot disturb its end.
+    pthread_exit(nullptr);
+  }
+  errno = error;
+}
+
+void sigUSR2handler(int signal) { StdThread::sigUSR2handler(signal); }
+
+int StdThread::Termination::systemWait(unsigned short) const {
+  return pthread_join(threadId(), nullptr);
+}

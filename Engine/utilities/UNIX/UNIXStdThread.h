@@ -1,0 +1,41 @@
+#pragma once
+
+#include <pthread.h>
+
+#include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
+
+/// \file
+/// How a StdThread gets onto its POSIX thread. Internal to the library.
+
+class StdThread;
+class StdException;
+
+/// Carries a thread object from start_thread() to the new thread's entry function, which
+/// deletes the record.
+class StdThreadRun {
+ public:
+  /// Creates the POSIX thread, with startLock() held.
+  /// \throws StdException status -1.
+  pthread_t start(StdThread* thread);
+
+  /// Runs the thread object on the calling thread and deletes it.
+  void run();
+
+  /// Traces the exception that run() let out, and ends the process with status 99.
+  [[noreturn]] void fail(const StdException& exception) const;
+  [[noreturn]] void fail() const;
+
+  /// Notes that the thread ends without deleting its object.
+  void abandon() noexcept;
+
+  [[nodiscard]] StdThread* thread() const noexcept { return thread_; }
+
+  /// Held while a thread is created; the new thread passes it before it does anything.
+  static UNIX_Critical_Section& startLock();
+
+ private:
+  StdThread* thread_ = nullptr;
+};
+
+/// The entry function of all threads.
+extern "C" void* StdThreadRunFF(void* runRecord);

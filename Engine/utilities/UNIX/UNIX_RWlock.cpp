@@ -1,0 +1,205 @@
+#include "Engine/utilities/AssertionFail.h"
+#include "Engine/utilities/RWlock.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+
+// The expression's text is part of the message.
+#define ASSERT_CALL(function, line, expression)                                                \
+  AssertionFail((expression) ? 1 : 0, "Engine/utilities/UNIX/UNIX_RWlock", (function), (line), \
+                #expression)
+
+namespace {
+
+// Gives the mutex back when an exception or the end of the thread leaves the scope before
+// the regular unlock, whose result is checked.
+class MutexRescue {
+ public:
+  explicit MutexRescue(pthread_mutex_t& mutex) noexcept : mutex_(&mutex) {}
+  MutexRescue(const MutexRescue&) = delete;
+  MutexRescue& operator=(const MutexRescue&) = delete;
+  ~MutexRescue() {
+    if (mutex_ != nullptr) {
+      pthread_mutex_unlock(mutex_);
+    }
+  }
+  void dismiss() noexcept { mutex_ = nullptr; }
+
+ private:
+  pthread_mutex_t* mutex_;
+};
+
+}  // namespace
+
+// Counts a thread as waiting while it is inside requestRead() or requestWrite(). Who gives
+// up early (by an exception or the end of the thread) lets those look again that waited for
+// him.
+class RWlock::Waiting {
+ public:
+  Waiting(unsigned short& counter, pthread_cond_t& condition) noexcept
+      : counter_(counter), condition_(&condition) {
+    __atomic_add_fetch(&counter_, 1, __ATOMIC_RELEASE);
+  }
+  Waiting(const Waiting&) = delete;
+  Waiting& operator=(const Waiting&) = delete;
+  ~Waiting() {
+    __atomic_sub_fetch(&counter_, 1, __ATOMIC_RELEASE);
+    if (condition_ != nullptr) {
+      pthread_cond_broadcast(condition_);
+    }
+  }
+  void enter() noexcept { condition_ = nullptr; }
+
+ private:
+  unsigned short& counter_;
+  pthread_cond_t* condition_;
+};
+
+RWlock::RWlock(RWlockBase::Priority priority) : priority_(priority), holders_(10) {
+  static constexpr const char* function = "RWlock::RWlock(RWlockBase::Priority)";
+  ASSERT_CALL(function, 18, !pthread_mutex_init(&_mutex, 0));
+  ASSERT_CALL(function, 19, !pthread_cond_init(&_cond, 0));
+}
+
+RWlock::~RWlock() noexcept(false) {
+  static constexpr const char* function = "RWlock::~RWlock()";
+  ASSERT_CALL(function, 24, !pthread_mutex_destroy(&_mutex));
+  ASSERT_CALL(function, 25, !pthread_cond_destroy(&_cond));
+}
+
+RWlock::Holder* RWlock::findOwn() {
+  const pthread_t self = pthread_self();
+  for (unsigned i = holders_.count(); i > 0; --i) {
+    if (holders_[i - 1].thread == self) {
+      return &holders_[i - 1];
+    }
+  }
+  return nullptr;
+}
+
+RWlock::Holder* RWlock::appendOwn() {
+  holders_.add({pthread_self(), 0, 0});
+  return &holders_[holders_.count() - 1];
+}
+
+// The caller's entry, made if he may read now; null when he has to wait.
+RWlock::Holder* RWlock::enterAsReader() {
+  const pthread_t self = pthread_self();
+  for (unsigned i = holders_.count(); i > 0; --i) {
+    Holder& holder = holders_[i - 1];
+    if (holder.thread == self) {
+      return &holder;
+    }
+    if (holder.writeCount != 0) {
+      return nullptr;
+    }
+  }
+  if (priority_ == WriterPriority && writersWaiting_ != 0) {
+    return nullptr;
+  }
+  return appendOwn();
+}
+
+// The caller's entry, made if he may write now; null when he has to wait.
+RWlock::Holder* RWlock::enterAsWriter() {
+  const bool readersWait = priority_ == ReaderPriority && readersWaiting_ > 0;
+  if (holders_.count() == 1 && holders_[0].thread == pthread_self() &&
+      (holders_[0].writeCount != 0 || !readersWait)) {
+    return &holders_[0];
+  }
+  if (holders_.isEmpty() && !readersWait) {
+    return appendOwn();
+  }
+  return nullptr;
+}
+
+void RWlock::requestRead() {
+  static constexpr const char* function = "void RWlock::requestRead()";
+  const HoldRequests hold;
+  ASSERT_CALL(function, 32, !pthread_mutex_lock(&_mutex));
+  MutexRescue rescue(_mutex);
+  {
+    Waiting waiting(readersWaiting_, _cond);
+    Holder* own = enterAsReader();
+    while (own == nullptr) {
+      {
+        const HoldRequests::Lift lift(hold);
+        ASSERT_CALL(function, 66, !pthread_cond_wait(&_cond, &_mutex));
+      }
+      own = enterAsReader();
+    }
+    own->writeCount == 0 ? ++own->readCount : ++own->writeCount;
+    waiting.enter();
+  }
+  rescue.dismiss();
+  ASSERT_CALL(function, 70, !pthread_mutex_unlock(&_mutex));
+}
+
+void RWlock::requestWrite() {
+  static constexpr const char* function = "void RWlock::requestWrite()";
+  const HoldRequests hold;
+  ASSERT_CALL(function, 77, !pthread_mutex_lock(&_mutex));
+  MutexRescue rescue(_mutex);
+  {
+    Waiting waiting(writersWaiting_, _cond);
+    Holder* own = enterAsWriter();
+    while (own == nullptr) {
+      {
+        const HoldRequests::Lift lift(hold);
+        ASSERT_CALL(function, 109, !pthread_cond_wait(&_cond, &_mutex));
+      }
+      own = enterAsWriter();
+    }
+    ++own->writeCount;
+    waiting.enter();
+  }
+  rescue.dismiss();
+  ASSERT_CALL(function, 113, !pthread_mutex_unlock(&_mutex));
+}
+
+void RWlock::release() {
+  static constexpr const char* function = "void RWlock::release()";
+  const HoldRequests hold;
+  ASSERT_CALL(function, 120, !pthread_mutex_lock(&_mutex));
+  MutexRescue rescue(_mutex);
+  if (Holder* own = findOwn(); own != nullptr) {
+    unsigned short& count = own->writeCount != 0 ? own->writeCount : own->readCount;
+    const bool hasEnded = --count == 0;
+    if (own->readCount == 0 && own->writeCount == 0) {
+      holders_.removeAt(static_cast<unsigned>(own - holders_.begin()));
+    }
+    if (hasEnded) {
+      ASSERT_CALL(function, 135, !pthread_cond_broadcast(&_cond));
+    }
+  }
+  rescue.dismiss();
+  ASSERT_CALL(function, 137, !pthread_mutex_unlock(&_mutex));
+}
+
+bool RWlock::holdsAnyLock() {
+  static constexpr const char* function = "bool RWlock::holdsAnyLock()";
+  const HoldRequests hold;
+  ASSERT_CALL(function, 144, !pthread_mutex_lock(&_mutex));
+  const Holder* own = findOwn();
+  const bool holds = own != nullptr && (own->readCount != 0 || own->writeCount != 0);
+  ASSERT_CALL(function, 154, !pthread_mutex_unlock(&_mutex));
+  return holds;
+}
+
+bool RWlock::holdsReadLock() {
+  static constexpr const char* function = "bool RWlock::holdsReadLock()";
+  const HoldRequests hold;
+  ASSERT_CALL(function, 162, !pthread_mutex_lock(&_mutex));
+  const Holder* own = findOwn();
+  const bool holds = own != nullptr && own->readCount != 0 && own->writeCount == 0;
+  ASSERT_CALL(function, 172, !pthread_mutex_unlock(&_mutex));
+  return holds;
+}
+
+bool RWlock::holdsWriteLock() {
+  static constexpr const char* function = "bool RWlock::holdsWriteLock()";
+  const HoldRequests hold;
+  ASSERT_CALL(function, 179, !pthread_mutex_lock(&_mutex));
+  // The only reader counts, too: deliberate.
+  const bool holds = holders_.count() == 1 && holders_[0].thread == pthread_self();
+  ASSERT_CALL(function, 181, !pthread_mutex_unlock(&_mutex));
+  return holds;
+}

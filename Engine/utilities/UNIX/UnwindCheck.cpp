@@ -1,0 +1,158 @@
+#include "Engine/utilities/UNIX/UnwindCheck.h"
+
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <dlfcn.h>
+#include <link.h>
+#include <string_view>
+#include <unwind.h>
+
+namespace {
+
+// Encodings of numbers in exception tables.
+enum : unsigned char { asPointer = 0, asUleb128 = 1, asUdata2 = 2, asUdata4 = 3, asUdata8 = 4 };
+constexpr unsigned char formatMask = 0x07;  // signed formats have the sizes of the unsigned
+constexpr unsigned char omitted = 0xff;
+
+class TableReader {
+ public:
+  explicit TableReader(const unsigned char* at) : at_(at) {}
+
+  [[nodiscard]] const unsigned char* position() const { return at_; }
+  [[nodiscard]] unsigned char byte() { return *at_++; }
+
+  std::uintptr_t uleb128() {
+    std::uintptr_t value = 0;
+    unsigned shift = 0;
+    unsigned char part = 0;
+    do {
+      part = byte();
+      value |= shift < 64 ? static_cast<std::uintptr_t>(part & 0x7f) << shift : 0;
+      shift += 7;
+    } while ((part & 0x80) != 0);
+    return value;
+  }
+
+  std::uintptr_t number(unsigned char encoding) {
+    switch (encoding & formatMask) {
+      case asUleb128:
+        return uleb128();
+      case asUdata2:
+        return fixed<std::uint16_t>();
+      case asUdata4:
+        return fixed<std::uint32_t>();
+      default:
+        return fixed<std::uint64_t>();
+    }
+  }
+
+ private:
+  template <typename T>
+  T fixed() {
+    T value;
+    std::memcpy(&value, at_, sizeof value);
+    at_ += sizeof value;
+    return value;
+  }
+
+  const unsigned char* at_;
+};
+
+// Whether the exception table of a function lists the instruction at `offset`.
+bool lists(const unsigned char* table, std::uintptr_t offset) {
+  TableReader reader(table);
+  if (const unsigned char encoding = reader.byte(); encoding != omitted) {
+    reader.number(encoding);  // base of landing pads
+  }
+  if (reader.byte() != omitted) {
+    reader.uleb128();  // offset of the type table
+  }
+  const unsigned char encoding = reader.byte();
+  const std::uintptr_t length = reader.uleb128();
+  const unsigned char* const end = reader.position() + length;
+  while (reader.position() < end) {
+    const std::uintptr_t start = reader.number(encoding);
+    const std::uintptr_t size = reader.number(encoding);
+    reader.number(encoding);  // landing pad
+    reader.uleb128();         // action
+    if (offset - start < size) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// The C library and what stands beside it: full of locks that no exception table knows.
+bool isRuntime(const void* instruction) {
+  static constexpr std::array<std::string_view, 8> names = {
+      "libc.so",     "ld-linux",   "libpthread.so", "libstdc++.so",
+      "libgcc_s.so", "libasan.so", "libtsan.so",    "libubsan.so"};
+  dl_find_object object;
+  if (_dl_find_object(const_cast<void*>(instruction), &object) != 0 ||
+      object.dlfo_link_map->l_name == nullptr) {
+    return false;
+  }
+  std::string_view name = object.dlfo_link_map->l_name;
+  name.remove_prefix(name.rfind('/') + 1);
+  for (const std::string_view runtime : names) {
+    if (name.starts_with(runtime)) {
+      return true;
+    }
+  }
+  return false;
+}
+
+// Whether a signal arriving at `instruction` has cut a wait in the kernel short: the system
+// call is about to be repeated, or has failed for the signal.
+bool isInterruptedWait(const unsigned char* instruction, std::intptr_t rax) {
+  constexpr unsigned char systemCall[] = {0x0f, 0x05};
+  return std::memcmp(instruction, systemCall, sizeof systemCall) == 0 ||
+         (rax == -EINTR &&
+          std::memcmp(instruction - sizeof systemCall, systemCall, sizeof systemCall) == 0);
+}
+
+struct Walk {
+  std::uintptr_t entryFrame;
+  bool signalSeen = false;
+  bool entrySeen = false;
+  bool isSound = true;
+};
+
+_Unwind_Reason_Code visit(_Unwind_Context* context, void* argument) {
+  Walk& walk = *static_cast<Walk*>(argument);
+  int isInterrupted = 0;
+  const std::uintptr_t next = _Unwind_GetIPInfo(context, &isInterrupted);
+  // NOLINTBEGIN(performance-no-int-to-ptr): addresses come as integers from the unwinder.
+  const auto* instruction =
+      reinterpret_cast<const unsigned char*>(isInterrupted != 0 ? next : next - 1);
+  const auto* table =
+      reinterpret_cast<const unsigned char*>(_Unwind_GetLanguageSpecificData(context));
+  // NOLINTEND(performance-no-int-to-ptr)
+  if (isInterrupted != 0 && !walk.signalSeen) {
+    walk.signalSeen = true;
+    walk.isSound = true;  // what came before are the frames of the handler itself
+    constexpr int rax = 0;
+    if (isRuntime(instruction) &&
+        !isInterruptedWait(instruction, static_cast<std::intptr_t>(_Unwind_GetGR(context, rax)))) {
+      walk.isSound = false;
+    }
+  }
+  // Functions of the runtime are C: where they list nothing, they clean nothing up.
+  if (table != nullptr && !isRuntime(instruction) &&
+      !lists(table,
+             reinterpret_cast<std::uintptr_t>(instruction) - _Unwind_GetRegionStart(context))) {
+    walk.isSound = false;
+  }
+  walk.entrySeen = walk.entrySeen || _Unwind_GetCFA(context) > walk.entryFrame;
+  return _URC_NO_REASON;
+}
+
+}  // namespace
+
+bool canUnwindFromSignal(const void* entryFrame) {
+  Walk walk{reinterpret_cast<std::uintptr_t>(entryFrame)};
+  _Unwind_Backtrace(visit, &walk);
+  return walk.isSound && (entryFrame == nullptr || walk.entrySeen);
+}

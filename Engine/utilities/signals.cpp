@@ -1,0 +1,86 @@
+#include "Engine/utilities/signals.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <new>
+
+#include "Engine/utilities/TraceFlags.h"
+
+namespace {
+
+constexpr const char* sourceFile = "Engine/utilities/signals";
+
+struct NamedSignal {
+  int number;
+  const char* name;
+};
+
+// The first row with a number counts; that 5 is first called "SIGPIPE" is deliberate.
+constexpr NamedSignal namedSignals[] = {
+    {11, "SIGSEGV"}, {4, "SIGILL"},   {8, "SIGFPE"},   {15, "SIGTERM"}, {6, "SIGABRT"},
+    {2, "SIGINT"},   {10, "SIGUSR1"}, {12, "SIGUSR2"}, {5, "SIGPIPE"},  {5, "SIGTRAP"},
+    {1, "SIGHUP"},   {7, "SIGBUS"},   {0, nullptr},
+};
+
+// Freed when memory is exhausted, so that the report of it can allocate.
+constexpr std::size_t reserveSize = 65536;
+constinit std::atomic<void*> reserve = nullptr;
+
+__attribute__((constructor)) void prepareForFailures() {
+  registerErrorHandlers();
+  reserve = std::malloc(reserveSize);
+}
+
+[[noreturn]] void endProcess() {
+  dumpModulesAndChain(false);
+  exit(1);
+}
+
+}  // namespace
+
+const char* SignalOccurred::signalName() const noexcept {
+  for (const NamedSignal* row = namedSignals; row->number != 0; ++row) {
+    if (row->number == signal_) {
+      return row->name;
+    }
+  }
+  return "Unknown Signal";
+}
+
+void registerErrorHandlers() {
+  registerHandlerForSignal(SIGTRAP);
+  registerHandlerForSignal(SIGHUP);
+  registerHandlerForSignal(SIGTERM);
+  signal(SIGPIPE, SIG_IGN);
+  signal(SIGTTIN, SIG_IGN);
+  registerHandlerForSignal(SIGABRT);
+  registerHandlerForSignal(SIGFPE);
+  registerHandlerForSignal(SIGILL);
+  registerHandlerForSignal(SIGSEGV);
+  std::set_terminate(CUL_terminate);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+  std::set_unexpected(CUL_unexpected);
+#pragma GCC diagnostic pop
+  std::set_new_handler(newHandler);
+}
+
+void CUL_terminate() {
+  CUL_TRACE(TraceType::error, sourceFile, 77, "*** FATAL DEBUGGER ERROR: C++ terminate() called");
+  endProcess();
+}
+
+void CUL_unexpected() {
+  CUL_TRACE(TraceType::error, sourceFile, 91, "*** FATAL DEBUGGER ERROR: C++ unexpected() called");
+  endProcess();
+}
+
+void newHandler() {
+  std::free(reserve.exchange(nullptr));
+  CUL_TRACE(TraceType::error, sourceFile, 111, "*** FATAL DEBUGGER ERROR: Out of memory");
+  // puts() adds a newline of its own: two end the text, deliberately.
+  std::puts("*** FATAL DEBUGGER ERROR: Out of memory\n");
+  endProcess();
+}
