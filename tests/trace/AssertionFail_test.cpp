@@ -1,0 +1,170 @@
+#include "Engine/utilities/AssertionFail.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include <gmock/gmock.h>
+
+#include "Engine/utilities/AssertionMode.h"
+#include "Engine/utilities/StdException.h"
+
+#include "tests/support/Child.h"
+#include "tests/trace/TraceOutput.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr const char* printed =
+    "\nAssertion failure - Engine/a.cpp - void f(int)(12): !pthread_mutex_lock(&_mutex)\n";
+constexpr const char* traced = "**ERROR: Engine/a.cpp - void f(12): !pthread_mutex_lock(&_mutex)";
+
+std::string textOf(const EncodedString& string) {
+  return {static_cast<const char*>(string), string.length()};
+}
+
+ChildResult failWith(const std::string& mode, const std::string& trace) {
+  return runChild("AssertionThatFails", {.environment = {{"GDIA_ID", "root"},
+                                                         {"QVX_DBG_ASSERTION", mode},
+                                                         {"QVX_DBG_TRACE", trace}}});
+}
+
+int modeOf(const std::string& value) {
+  const ChildResult r =
+      runChild("AssertionModeOnStandardOutput", {.environment = {{"QVX_DBG_ASSERTION", value}}});
+  return std::atoi(r.out.c_str());
+}
+
+}  // namespace
+
+// Ends with "returned" or "thrown" on standard output.
+CUL_CHILD(AssertionThatFails) {
+  try {
+    AssertionFail(0, "Engine/a.cpp", "void f(int)", 12, "!pthread_mutex_lock(&_mutex)");
+    std::printf("returned");
+  } catch (const StdException& exception) {
+    std::printf("thrown");
+    EXPECT_EQ(textOf(exception.fileName), "Engine/a.cpp - void f(int)");
+    EXPECT_EQ(exception.line, 12U);
+    EXPECT_EQ(textOf(exception.text), "!pthread_mutex_lock(&_mutex)");
+    EXPECT_EQ(exception.status, -1);
+  }
+}
+
+CUL_CHILD(AssertionThatHolds) {
+  AssertionFail(1, "Engine/a.cpp", "void f(int)", 12, "condition");
+  AssertionFail(-1, nullptr, nullptr, 12, nullptr);
+}
+
+CUL_CHILD(AssertionModeOnStandardOutput) { std::printf("%d", assertionMode()); }
+
+TEST(AssertionFail, DoesNothingAtAllWhenTheConditionHolds) {
+  const ChildResult r =
+      runChild("AssertionThatHolds", {.environment = {{"GDIA_ID", "root"},
+                                                      {"QVX_DBG_ASSERTION", "EXCEPTION,POPUP"},
+                                                      {"QVX_DBG_TRACE", "stdout"}}});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "");
+}
+
+TEST(AssertionFail, OnlyTracesAndReturnsInModeZero) {
+  const ChildResult r = failWith("NOEXCEPTION,NOPOPUP", ",ERROR");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out, "returned");
+  EXPECT_THAT(bodyOf(r.err), ElementsAre(traced));
+}
+
+TEST(AssertionFail, SaysNothingInModeZeroWithoutATrace) {
+  const ChildResult r = failWith("", "");
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, "returned");
+  EXPECT_EQ(r.err, "");
+}
+
+TEST(AssertionFail, ThrowsInModeOne) {
+  const ChildResult r = failWith("EXCEPTION", "");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out, "thrown");
+  EXPECT_EQ(r.err, "");
+}
+
+TEST(AssertionFail, PrintsInModeTwo) {
+  const ChildResult r = failWith("POPUP", "");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out, "returned");
+  EXPECT_EQ(r.err, printed);
+}
+
+TEST(AssertionFail, TracesThenPrintsThenThrowsInModeThree) {
+  const ChildResult r = failWith("EXCEPTION,POPUP", ",EXCPTN");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out, "thrown");
+  EXPECT_THAT(r.err, HasSubstr(printed));
+  EXPECT_THAT(
+      bodyOf(r.err),
+      ElementsAre(traced, "",
+                  "Assertion failure - Engine/a.cpp - void f(int)(12): "
+                  "!pthread_mutex_lock(&_mutex)",
+                  "**EXCPTN: Engine/a.cpp - void f(12): StdException created;  Status = -1, "
+                  "Text = !pthread_mutex_lock(&_mutex)"));
+}
+
+TEST(AssertionFail, TakesPercentSignsAndLongTextsAsTheyAre) {
+  const ChildResult r =
+      runChild("AssertionWithALongText", {.environment = {{"GDIA_ID", "root"},
+                                                          {"QVX_DBG_ASSERTION", "POPUP"},
+                                                          {"QVX_DBG_TRACE", "stdout,ERROR"}}});
+  EXPECT_EQ(r.status, 0);
+  const std::string text(5000, 'x');
+  EXPECT_EQ(r.err, "\nAssertion failure - %s" + text + " - %d" + text + "(0): %n" + text + "\n");
+  EXPECT_THAT(bodyOf(r.out), ElementsAre("**ERROR: %s" + text + " - %d" + text + ": %n" + text));
+}
+
+CUL_CHILD(AssertionWithALongText) {
+  const std::string text(5000, 'x');
+  AssertionFail(0, ("%s" + text).c_str(), ("%d" + text).c_str(), 0, ("%n" + text).c_str());
+}
+
+TEST(AssertionMode, IsZeroWithoutTheVariable) {
+  EXPECT_EQ(runChild("AssertionModeOnStandardOutput").out, "0");
+}
+
+TEST(AssertionMode, IsMadeOfTheWordsInTheirOrder) {
+  EXPECT_EQ(modeOf("EXCEPTION"), assertionThrows);
+  EXPECT_EQ(modeOf("POPUP"), assertionPrints);
+  EXPECT_EQ(modeOf("POPUP,EXCEPTION"), 3);
+  EXPECT_EQ(modeOf("POPUP EXCEPTION"), 3);
+  EXPECT_EQ(modeOf(" , POPUP ,, EXCEPTION ,"), 3);
+  EXPECT_EQ(modeOf("EXCEPTION,POPUP,NOEXCEPTION"), 2);
+  EXPECT_EQ(modeOf("EXCEPTION,NOPOPUP,POPUP,NOPOPUP"), 1);
+  EXPECT_EQ(modeOf("NOEXCEPTION,NOPOPUP"), 0);
+  EXPECT_EQ(modeOf(""), 0);
+  EXPECT_EQ(modeOf(" , "), 0);
+}
+
+TEST(AssertionMode, TakesWordsInAnyCase) { EXPECT_EQ(modeOf("Exception,popUp"), 3); }
+
+TEST(AssertionMode, IsZeroWhenAnyWordIsUnknown) {
+  EXPECT_EQ(modeOf("EXCEPTION,POP"), 0);
+  EXPECT_EQ(modeOf("EXCEPTION,POPUPS"), 0);
+  EXPECT_EQ(modeOf("ALL"), 0);
+  EXPECT_EQ(modeOf("3"), 0);
+  EXPECT_EQ(modeOf("EXCEPTION;POPUP"), 0);
+  EXPECT_EQ(modeOf("EXCEPTION\tPOPUP"), 0);
+}
+
+CUL_CHILD(AssertionModeKeepsItsFirstAnswer) {
+  EXPECT_EQ(assertionMode(), 1);
+  setenv("QVX_DBG_ASSERTION", "POPUP", 1);
+  EXPECT_EQ(assertionMode(), 1);
+}
+
+TEST(AssertionMode, IsDecidedOnceForTheLifeOfTheProcess) {
+  const ChildResult r = runChild("AssertionModeKeepsItsFirstAnswer",
+                                 {.environment = {{"QVX_DBG_ASSERTION", "EXCEPTION"}}});
+  EXPECT_EQ(r.status, 0) << r.out;
+}

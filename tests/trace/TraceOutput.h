@@ -1,0 +1,99 @@
+#pragma once
+
+#include <regex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+/// \file
+/// Takes the output of the trace apart.
+
+/// The 72 "=" between header and ring.
+inline const std::string separator(72, '=');
+
+/// The lines of a text, without their newlines.
+inline std::vector<std::string> linesOf(const std::string& text) {
+  std::vector<std::string> lines;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    const std::size_t end = std::min(text.find('\n', start), text.size());
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
+
+/// The time stamp and thread name at the start of a line, as a regular expression.
+inline const std::string stamp = R"(([0-9]{2}):([0-9]{2}):([0-9]{2})\.([0-9]{6}) \((.{8})\))";
+
+/// What follows time stamp and thread name; the whole line when it has none.
+inline std::string withoutStamp(const std::string& line) {
+  static const std::regex pattern("^" + stamp + "(.*)$");
+  std::smatch parts;
+  return std::regex_match(line, parts, pattern) ? parts[6].str() : line;
+}
+
+/// The lines behind the first separator, without time stamp and thread name.
+inline std::vector<std::string> bodyOf(const std::string& output) {
+  std::vector<std::string> body;
+  bool inBody = false;
+  for (const std::string& line : linesOf(output)) {
+    if (inBody) {
+      body.push_back(withoutStamp(line));
+    }
+    inBody = inBody || line == separator;
+  }
+  return body;
+}
+
+/// What the header says.
+struct Header {
+  std::vector<std::string> included;
+  std::vector<std::string> excluded;
+  std::string size;
+};
+
+inline Header headerOf(const std::string& output) {
+  const std::string own = "void TraceImplementation::traceInternal(718): ";
+  Header header;
+  std::vector<std::string>* types = nullptr;
+  for (const std::string& line : linesOf(output)) {
+    if (line == separator) {
+      break;
+    }
+    std::string text = withoutStamp(line);
+    if (!text.starts_with(own)) {
+      continue;
+    }
+    text = text.substr(own.size());
+    if (text == "Included Trace types:") {
+      types = &header.included;
+    } else if (text == "Excluded Trace types:") {
+      types = &header.excluded;
+    } else if (text.starts_with("Trace size: ")) {
+      header.size = text.substr(12);
+    } else if (text.starts_with("  ") && types != nullptr) {
+      types->push_back(text.substr(2));
+    }
+  }
+  return header;
+}
+
+/// The names in the table of known types, in their order.
+inline const std::vector<std::string> knownTypes = {
+    "AGENT", "AGTT",  "CHILD", "CLI",    "CONNECTION", "CUL", "DBX",   "DSL",
+    "LCC",   "ENTRY", "DXPL",  "EXCPTN", "EXPR",       "WZ4", "GDE",   "GDET",
+    "GMH",   "GMHT",  "GMHS",  "ISD",    "PMD",        "RDR", "ERROR", "WARNING"};
+
+/// The known names without some.
+inline std::vector<std::string> knownTypesBut(const std::vector<std::string>& some) {
+  std::vector<std::string> result;
+  for (const std::string& type : knownTypes) {
+    if (std::find(some.begin(), some.end(), type) == some.end()) {
+      result.push_back(type);
+    }
+  }
+  return result;
+}
