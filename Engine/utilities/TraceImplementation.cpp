@@ -57,9 +57,6 @@ constexpr Role roles[] = {{"root", "QVX_DBG_TRACE_ROOT"},
 constinit std::atomic<TraceImplementation*> theTrace = nullptr;
 alignas(TraceImplementation) constinit unsigned char storage[sizeof(TraceImplementation)] = {};
 
-// The hold of a thread that forks, from before the fork until after it.
-alignas(HoldRequests) constinit thread_local unsigned char forkHold[sizeof(HoldRequests)] = {};
-
 // Whether `text`, which may be null, starts with `letters`, lower-case ones, in any case.
 bool startsWithLetters(const char* text, const char* letters) noexcept {
   if (text == nullptr) {
@@ -252,6 +249,16 @@ class LineBuffer {
 
   bool isUsable() const noexcept { return depth_ <= deepest; }
 
+  // Forgets one of the calling thread's lines, the innermost.
+  // \return whether there was one.
+  static bool abandon() noexcept {
+    if (depth_ == 0) {
+      return false;
+    }
+    --depth_;
+    return true;
+  }
+
   std::span<char> get() const noexcept {
     if (depth_ > 1) {
       return small_[1];
@@ -266,7 +273,9 @@ class LineBuffer {
   static constexpr unsigned deepest = 2;
   static constexpr std::size_t largeSize = 128000;
 
-  inline static unsigned depth_ = 0;
+  // Lines that the thread is in.
+  inline static constinit thread_local unsigned depth_ __attribute__((tls_model("initial-exec"))) =
+      0;
   inline static char* large_ = nullptr;  // kept for the life of the process
   inline static char small_[deepest][2048] = {};
 };
@@ -313,6 +322,10 @@ TraceImplementation* TraceImplementation::instance(const wchar_t* configuration)
   // Whoever tests a switch while the trace is being built finds it off.
   traceFlags.clear();
   ::new (storage) TraceImplementation(configuration);
+  // A line is written under the trace's lock and looks its thread up under that of the
+  // registry of threads. Handlers run in the reverse order before a fork: the registry's
+  // must be there first.
+  static_cast<void>(currentThreadName());
   static const int forkHandlers =
       pthread_atfork(holdAcrossFork, releaseAfterFork, releaseAfterFork);
   static_cast<void>(forkHandlers);
@@ -356,7 +369,7 @@ TraceImplementation::~TraceImplementation() {
 // A child must not find the lock held by a thread that it does not have: the lock is taken
 // around every fork, which also keeps a line from being half written in both processes.
 void TraceImplementation::holdAcrossFork() noexcept {
-  ::new (forkHold) HoldRequests;
+  HoldRequests::enter();
   if (TraceImplementation* trace = theTrace.load(std::memory_order_acquire); trace != nullptr) {
     trace->lock_.request("void TraceImplementation::holdAcrossFork()", __LINE__);
   }
@@ -366,7 +379,13 @@ void TraceImplementation::releaseAfterFork() noexcept {
   if (TraceImplementation* trace = theTrace.load(std::memory_order_acquire); trace != nullptr) {
     trace->lock_.release("void TraceImplementation::releaseAfterFork()", __LINE__);
   }
-  std::launder(reinterpret_cast<HoldRequests*>(forkHold))->~HoldRequests();
+  HoldRequests::leave();
+}
+
+void TraceImplementation::abandonLines() noexcept {
+  while (LineBuffer::abandon()) {
+    lock_.release("void TraceImplementation::abandonLines()", __LINE__);
+  }
 }
 
 void TraceImplementation::configure(const wchar_t* configuration) {
@@ -780,6 +799,12 @@ void TraceFlags::set(TraceImplementation& trace) {
 bool decideTrace(TraceType type) noexcept {
   static_cast<void>(traceImplementation());
   return traceFlags[type];
+}
+
+void abandonTraceLines() noexcept {
+  if (TraceImplementation* trace = theTrace.load(std::memory_order_acquire); trace != nullptr) {
+    trace->abandonLines();
+  }
 }
 
 void taggedTrace(const char* function, unsigned line, const char* tag, const char* format,

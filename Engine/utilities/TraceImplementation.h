@@ -153,6 +153,9 @@ class CUL_EXPORT TraceImplementation {
   /// type "CHILD" is on. What was a standard stream continues on a descriptor of its own.
   void processForked() noexcept;
 
+  /// See abandonTraceLines().
+  __attribute__((visibility("hidden"))) void abandonLines() noexcept;
+
  private:
   enum State : unsigned { closed = 0, active = 1, paused = 2, opening = 4 };
   struct Tag;

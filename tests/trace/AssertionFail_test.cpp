@@ -27,14 +27,14 @@ std::string textOf(const EncodedString& string) {
 }
 
 ChildResult failWith(const std::string& mode, const std::string& trace) {
-  return runChild("AssertionThatFails", {.environment = {{"GDIA_ID", "root"},
-                                                         {"QVX_DBG_ASSERTION", mode},
-                                                         {"QVX_DBG_TRACE", trace}}});
+  return runChild(
+      "AssertionThatFails",
+      childWith({{"GDIA_ID", "root"}, {"QVX_DBG_ASSERTION", mode}, {"QVX_DBG_TRACE", trace}}));
 }
 
 int modeOf(const std::string& value) {
   const ChildResult r =
-      runChild("AssertionModeOnStandardOutput", {.environment = {{"QVX_DBG_ASSERTION", value}}});
+      runChild("AssertionModeOnStandardOutput", childWith({{"QVX_DBG_ASSERTION", value}}));
   return std::atoi(r.out.c_str());
 }
 
@@ -63,9 +63,9 @@ CUL_CHILD(AssertionModeOnStandardOutput) { std::printf("%d", assertionMode()); }
 
 TEST(AssertionFail, DoesNothingAtAllWhenTheConditionHolds) {
   const ChildResult r =
-      runChild("AssertionThatHolds", {.environment = {{"GDIA_ID", "root"},
-                                                      {"QVX_DBG_ASSERTION", "EXCEPTION,POPUP"},
-                                                      {"QVX_DBG_TRACE", "stdout"}}});
+      runChild("AssertionThatHolds", childWith({{"GDIA_ID", "root"},
+                                                {"QVX_DBG_ASSERTION", "EXCEPTION,POPUP"},
+                                                {"QVX_DBG_TRACE", "stdout"}}));
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.err, "");
@@ -115,9 +115,9 @@ TEST(AssertionFail, TracesThenPrintsThenThrowsInModeThree) {
 
 TEST(AssertionFail, TakesPercentSignsAndLongTextsAsTheyAre) {
   const ChildResult r =
-      runChild("AssertionWithALongText", {.environment = {{"GDIA_ID", "root"},
-                                                          {"QVX_DBG_ASSERTION", "POPUP"},
-                                                          {"QVX_DBG_TRACE", "stdout,ERROR"}}});
+      runChild("AssertionWithALongText", childWith({{"GDIA_ID", "root"},
+                                                    {"QVX_DBG_ASSERTION", "POPUP"},
+                                                    {"QVX_DBG_TRACE", "stdout,ERROR"}}));
   EXPECT_EQ(r.status, 0);
   const std::string text(5000, 'x');
   EXPECT_EQ(r.err, "\nAssertion failure - %s" + text + " - %d" + text + "(0): %n" + text + "\n");
@@ -164,7 +164,7 @@ CUL_CHILD(AssertionModeKeepsItsFirstAnswer) {
 }
 
 TEST(AssertionMode, IsDecidedOnceForTheLifeOfTheProcess) {
-  const ChildResult r = runChild("AssertionModeKeepsItsFirstAnswer",
-                                 {.environment = {{"QVX_DBG_ASSERTION", "EXCEPTION"}}});
+  const ChildResult r =
+      runChild("AssertionModeKeepsItsFirstAnswer", childWith({{"QVX_DBG_ASSERTION", "EXCEPTION"}}));
   EXPECT_EQ(r.status, 0) << r.out;
 }

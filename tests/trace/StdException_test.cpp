@@ -97,7 +97,7 @@ CUL_CHILD(ExceptionsMadeAndCaught) {
 }
 
 TEST(StdException, TracesItsCreationAndOnRequestItsCatch) {
-  const ChildResult r = runChild("ExceptionsMadeAndCaught", {.environment = tracing("EXCPTN")});
+  const ChildResult r = runChild("ExceptionsMadeAndCaught", childWith(tracing("EXCPTN")));
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_THAT(
       bodyOf(r.err),
@@ -112,7 +112,7 @@ TEST(StdException, TracesItsCreationAndOnRequestItsCatch) {
 }
 
 TEST(StdException, TracesNothingWhenItsTypeIsOff) {
-  const ChildResult r = runChild("ExceptionsMadeAndCaught", {.environment = tracing("AGENT")});
+  const ChildResult r = runChild("ExceptionsMadeAndCaught", childWith(tracing("AGENT")));
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_THAT(bodyOf(r.err), IsEmpty());
   EXPECT_EQ(headerOf(r.err).included, (std::vector<std::string>{"AGENT", "ERROR", "WARNING"}));

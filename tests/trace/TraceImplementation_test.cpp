@@ -87,7 +87,7 @@ void traceEach(const Strings& types) {
 
 ChildResult runWith(const std::string& name, const Environment& environment,
                     const Strings& arguments = {}) {
-  ChildResult r = runChild(name, {.environment = environment, .arguments = arguments});
+  ChildResult r = runChild(name, childWith(environment, arguments));
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   return r;
 }
@@ -560,8 +560,9 @@ TEST(TraceOutput, OtherwiseIsAFileThatIsTruncated) {
 
 TEST(TraceOutput, NamedStdoutInAnotherCaseIsAFile) {
   const TemporaryFolder folder;
-  const ChildResult r = runChild(
-      "TraceOneLine", {.environment = {{"QVX_DBG_TRACE", "STDOUT"}}, .directory = folder.path()});
+  ChildOptions options = childWith({{"QVX_DBG_TRACE", "STDOUT"}});
+  options.directory = folder.path();
+  const ChildResult r = runChild("TraceOneLine", options);
   EXPECT_EQ(r.out + r.err, "");
   EXPECT_THAT(bodyOf(contentsOf(folder.file("STDOUT"))), SizeIs(1));
 }
@@ -797,7 +798,7 @@ CUL_CHILD(TraceWithErrno) {
   errno = 77;
   EXPECT_TRUE(isTraced(TraceType::error));  // makes the trace
   EXPECT_EQ(errno, 77);
-  taggedTrace("f()", 1, "ERROR", "errno is %d, %m", errno);
+  taggedTrace("f()", 1, "ERROR", "errno is %d", errno);
   EXPECT_EQ(errno, 77);
   TraceImplementation* trace = traceImplementation();
   trace->setRewindPoint();
@@ -816,7 +817,7 @@ CUL_CHILD(TraceWithErrno) {
 
 TEST(TraceLine, KeepsErrno) {
   const ChildResult r = runWith("TraceWithErrno", {{"QVX_DBG_TRACE", "stdout,ALL,CHILD"}});
-  EXPECT_THAT(bodyOf(r.out), Contains("**ERROR: f(1): errno is 77, " + std::string(strerror(77))));
+  EXPECT_THAT(bodyOf(r.out), Contains("**ERROR: f(1): errno is 77"));
 }
 
 CUL_CHILD(TraceWithErrnoAndNoOutput) {

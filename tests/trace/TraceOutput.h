@@ -1,14 +1,24 @@
 #pragma once
 
+#include <algorithm>
+#include <map>
 #include <regex>
 #include <string>
-#include <string_view>
 #include <vector>
 
-#include <gtest/gtest.h>
+#include "tests/support/Child.h"
 
 /// \file
-/// Takes the output of the trace apart.
+/// Runs children that trace and takes the output of the trace apart.
+
+/// A child with these variables set.
+inline ChildOptions childWith(const std::map<std::string, std::string>& environment,
+                              const std::vector<std::string>& arguments = {}) {
+  ChildOptions options;
+  options.environment = environment;
+  options.arguments = arguments;
+  return options;
+}
 
 /// The 72 "=" between header and ring.
 inline const std::string separator(72, '=');
