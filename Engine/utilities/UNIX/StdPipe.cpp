@@ -1,0 +1,161 @@
+#include "Engine/utilities/StdPipe.h"
+
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <memory>
+#include <unistd.h>
+
+#include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/UNIX/SignalIgnored.h"
+#include "Engine/utilities/UNIX/SystemCallFailure.h"
+
+namespace {
+
+constexpr const char* constructorText = "StdPipe::StdPipe()";
+constexpr const char* childReadHandleText = "HANDLE StdPipe::childReadHandle()";
+constexpr const char* childWriteHandleText = "HANDLE StdPipe::childWriteHandle()";
+constexpr const char* writeText = "int StdPipe::write(const void*, unsigned int) const";
+constexpr const char* readText = "int StdPipe::read(ByteString&, unsigned int) const";
+
+// Mode 0: closed when a program is started; mode 1: inherited by it.
+void setClose(int mode, int fd, const char* function, unsigned int line) {
+  const int value = mode == 0 ? FD_CLOEXEC : 0;
+  if (fcntl(fd, F_SETFD, value) == -1) {
+    failSystemCall(function, line, line, "::fcntl(F_SETFD) in setClose() failed",
+                   "::fcntl(F_SETFD, %d) in setClose() failed with errno %d.", value, errno);
+  }
+}
+
+void setNonBlocking(int on, int fd, const char* function, unsigned int line) {
+  const int current = fcntl(fd, F_GETFL);
+  if (current == -1) {
+    failSystemCall(function, line, line, "::fcntl(F_GETFL) failed",
+                   "::fcntl(F_GETFL) failed with errno %d.", errno);
+  }
+  const int flags = on != 0 ? current | O_NONBLOCK : current & ~O_NONBLOCK;
+  if (flags != current && fcntl(fd, F_SETFL, flags) == -1) {
+    failSystemCall(function, line, line, "::fcntl(F_SETFL) failed",
+                   "::fcntl(F_SETFL) failed with errno %d.", errno);
+  }
+}
+
+// Reads again as long as there is nothing yet or a signal came in between.
+ssize_t readPatiently(int fd, void* buffer, unsigned int maximum, unsigned int traceLine,
+                      unsigned int throwLine) {
+  for (;;) {
+    const ssize_t n = ::read(fd, buffer, maximum);
+    if (n >= 0) {
+      return n;
+    }
+    if (errno != EAGAIN && errno != EINTR) {
+      failSystemCall(readText, traceLine, throwLine, "read() failed",
+                     "::read() failed with errno %d.", errno);
+    }
+  }
+}
+
+int closeHandle(HANDLE& handle) {
+  const int result = close(handle);
+  handle = -1;
+  return result;
+}
+
+// Closes both ends again when the pipe cannot be set up.
+class PipeEnds {
+ public:
+  PipeEnds() = default;
+  PipeEnds(const PipeEnds&) = delete;
+  PipeEnds& operator=(const PipeEnds&) = delete;
+  ~PipeEnds() {
+    for (const int fd : ends) {
+      if (fd >= 0) {
+        close(fd);
+      }
+    }
+  }
+  HANDLE release(int end) {
+    const HANDLE handle = ends[end];
+    ends[end] = -1;
+    return handle;
+  }
+
+  int ends[2] = {-1, -1};
+};
+
+}  // namespace
+
+StdPipe::StdPipe() {
+  PipeEnds pipe;
+  // Close-on-exec at once: another thread may start a program before the steps below.
+  if (pipe2(pipe.ends, O_CLOEXEC) != 0) {
+    failSystemCall(constructorText, 46, 47, "pipe() failed", "pipe() failed with errno %d", errno);
+  }
+  const auto [readEnd, writeEnd] = pipe.ends;
+  setNonBlocking(0, readEnd, constructorText, 51);
+  setClose(0, readEnd, constructorText, 52);
+  setNonBlocking(0, writeEnd, constructorText, 54);
+  setClose(0, writeEnd, constructorText, 55);
+  readHandle_ = pipe.release(0);
+  writeHandle_ = pipe.release(1);
+}
+
+StdPipe::~StdPipe() {
+  close(readHandle_);
+  close(writeHandle_);
+}
+
+int StdPipe::closeReadHandle() { return closeHandle(readHandle_); }
+
+int StdPipe::closeWriteHandle() { return closeHandle(writeHandle_); }
+
+HANDLE StdPipe::childReadHandle() {
+  setNonBlocking(0, readHandle_, childReadHandleText, 68);
+  setClose(1, readHandle_, childReadHandleText, 70);
+  return readHandle_;
+}
+
+HANDLE StdPipe::childWriteHandle() {
+  setNonBlocking(0, writeHandle_, childWriteHandleText, 78);
+  setClose(1, writeHandle_, childWriteHandleText, 80);
+  return writeHandle_;
+}
+
+int StdPipe::write(const void* data, unsigned int length) const {
+  const auto* const bytes = static_cast<const char*>(data);
+  unsigned int written = 0;
+  while (written < length) {
+    ssize_t n;
+    {
+      // Restored before anything is reported, and around each call: a handler of the caller
+      // is never away for longer than one write.
+      const SignalIgnored brokenPipe(SIGPIPE);
+      n = ::write(writeHandle_, bytes + written, length - written);
+    }
+    if (n < 1) {
+      failSystemCall(writeText, 160, 161, "write() failed",
+                     "write() failed with errno %d.  Length = %d", errno, static_cast<int>(n));
+    }
+    written += static_cast<unsigned int>(n);
+  }
+  return static_cast<int>(written);
+}
+
+int StdPipe::read(ByteString& out, unsigned int maximum) const {
+  setNonBlocking(0, readHandle_, readText, 102);
+  unsigned char byte;
+  const ssize_t atOnce = readPatiently(readHandle_, &byte, 1, 113, 114);
+  out = ByteString(&byte, static_cast<unsigned int>(atOnce));
+  if (maximum == 0) {
+    return 0;  // Deliberate, also when a byte was stored.
+  }
+  setNonBlocking(1, readHandle_, readText, 125);
+  const std::unique_ptr<unsigned char[]> buffer(new unsigned char[maximum]);
+  const ssize_t rest = readPatiently(readHandle_, buffer.get(), maximum, 135, 136);
+  setNonBlocking(0, readHandle_, readText, 138);
+  // One buffer for both pieces: `out` is at most the first byte.
+  out = ByteString(&byte, static_cast<unsigned int>(atOnce), buffer.get(),
+                   static_cast<unsigned int>(rest), nullptr, 0);
+  // Deliberate: the first byte counts even when it was the end of the file.
+  return static_cast<int>(rest) + 1;
+}
