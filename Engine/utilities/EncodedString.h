@@ -12,9 +12,9 @@
 /// character is. All positions are 1-based, and a result of 0 means not found.
 ///
 /// What cannot be converted becomes "?", a position out of range gives an empty result;
-/// nothing throws, but for a failed allocation. A text too long for a 32-bit length is
-/// empty. An object is used by one thread at a time. Beware of comparing with a plain
-/// `const char*`: an EncodedString converts to one, and pointers are compared.
+/// nothing throws but the exhaustion of memory (std::bad_alloc), which includes a text too
+/// long for a 32-bit length. An object is used by one thread at a time. Beware of comparing with a
+/// plain `const char*`: an EncodedString converts to one, and pointers are compared.
 
 class ByteString;
 class CharString;
@@ -51,8 +51,10 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   EncodedString(const ByteString& bytes, const char* codepage);
 
   /// Wide text, each code value in its UTF-8 form; a zero-terminated one may be null.
+  // NOLINTBEGIN(google-explicit-constructor): wide text passes where text is taken.
   EncodedString(const CharString& text);
   EncodedString(const wchar_t* text);
+  // NOLINTEND(google-explicit-constructor)
 
   /// `count` times the character `c`.
   EncodedString(wchar_t c, unsigned count);
@@ -149,8 +151,9 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   EncodedString firstToken(const char* delimiters);
 
  private:
-  void readAs(Encoding encoding);
+  [[nodiscard]] ByteString convertToSlashU() const;
   void setWide(const wchar_t* text, unsigned count);
+  void setRepeated(const char* bytes, unsigned n, wchar_t c, unsigned count);
 };
 
 /// Whether `s` (null counts as empty) and `e` are the same text but for the case of ASCII

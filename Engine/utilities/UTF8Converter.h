@@ -1,7 +1,6 @@
 #pragma once
 
 #include <iconv.h>
-#include <stddef.h>
 
 #include "Engine/utilities/Export.h"
 
@@ -14,7 +13,7 @@
 /// only ASCII survives. Nothing is reported: what cannot be converted becomes "?".
 ///
 /// First use belongs on the main thread before a second thread exists; afterwards any
-/// thread may convert: all conversions pass through one process-wide mutex.
+/// thread may convert. Nothing throws, but for a failed allocation.
 
 class ByteString;
 class EncodedString;
@@ -22,7 +21,7 @@ class EncodedString;
 /// The process's converter; never destroyed.
 class CUL_EXPORT UTF8Converter {
  public:
-  /// The converter, made by the first call, which reads the environment and sets the
+  /// The converter, made by the first call, which reads the environment and may set the
   /// process's locale from it for a moment.
   static UTF8Converter& instance();
 
@@ -39,29 +38,21 @@ class CUL_EXPORT UTF8Converter {
                                             const char* named = nullptr) const;
 
   /// Converts `n` bytes of UTF-8 to the native code page.
-  /// \return the converted text up to its first zero byte, at most `n` bytes. Without a
-  ///         usable converter "?" stands for each character that is not ASCII.
+  /// \return the converted text up to its first zero byte, at most `n` bytes: what does not
+  ///         fit is dropped. Without a usable converter "?" stands for each character that
+  ///         is not ASCII.
   [[nodiscard]] ByteString convertFromUTF8(const char* bytes, unsigned n) const;
 
-  /// Name of the native code page, as the environment or the locale gives it.
+  /// Name of the native code page, as the environment or the locale gives it; it lives as
+  /// long as the process.
   [[nodiscard]] const char* nativeCodepage() const noexcept { return codepage; }
 
  private:
   UTF8Converter();
 
-  [[nodiscard]] bool open(const char* name);
+  bool open(const char* name, bool both);
 
   iconv_t toNative;
   iconv_t toUTF8;
   const char* codepage;
 };
-
-/// The one way to call iconv: converts all of `input`, from the descriptor's initial shift
-/// state on. Where iconv stops, a "?" is put out and one input byte is skipped; when the
-/// output area is full the rest of the input is dropped. Calls are serialised through the
-/// process-wide mutex.
-/// \param outputSize size of `output` in bytes. The last byte is kept for a final zero; with
-///                   a size of 0 nothing happens.
-/// \return bytes written, without the final zero.
-CUL_EXPORT size_t iconvDebug(iconv_t descriptor, const char* input, size_t inputLength,
-                             char* output, size_t outputSize);

@@ -24,7 +24,9 @@ class CUL_EXPORT UnicodeUtilities {
 
   /// The number of bytes of the sequence that `lead` opens: 1 to 6, or 0 for a byte that
   /// cannot open one (0x80 to 0xBF, 0xFE and 0xFF).
-  [[nodiscard]] static unsigned mblen(unsigned char lead) noexcept { return sequenceLength[lead]; }
+  [[nodiscard]] static unsigned mblen(unsigned char lead) noexcept {
+    return leadTables.length[lead];
+  }
 
   /// Decodes (the name notwithstanding) the sequence at `p`. Reads no byte behind the first
   /// one that breaks the sequence, so a zero-terminated text is never read past its zero.
@@ -93,6 +95,10 @@ class CUL_EXPORT UnicodeUtilities {
   [[nodiscard]] static bool isLetter(wchar_t c) noexcept;
 
  private:
-  static const unsigned char sequenceLength[256];
-  static const unsigned char leadPayload[256];
+  // Indexed by a lead byte.
+  struct LeadTables {
+    unsigned char length[256];   // mblen()
+    unsigned char payload[256];  // the bits that belong to the code value
+  };
+  static const LeadTables leadTables;
 };

@@ -1,0 +1,61 @@
+#include "Engine/utilities/Iconv.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <mutex>
+
+namespace {
+
+// Constant-initialised and never destroyed: strings are converted before main and after exit.
+constinit std::mutex iconvMutex;
+
+}  // namespace
+
+size_t iconvDebug(iconv_t descriptor, const char* input, size_t inputLength, char* output,
+                  size_t outputSize) {
+  if (outputSize == 0) {
+    return 0;
+  }
+  const KeepErrno keepErrno;
+  char* in = const_cast<char*>(input);  // iconv's signature: it does not write there.
+  char* out = output;
+  size_t room = outputSize - 1;
+  {
+    const std::lock_guard lock(iconvMutex);
+    iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
+    while (inputLength != 0) {
+      const bool failed = iconv(descriptor, &in, &inputLength, &out, &room) == ~size_t{0};
+      if (inputLength == 0 || room == 0 || (failed && errno == E2BIG)) {
+        break;
+      }
+      *out++ = '?';
+      --room;
+      ++in;
+      --inputLength;
+    }
+    if (inputLength == 0) {
+      // Some code pages hold the last character back until they know what follows it.
+      iconv(descriptor, nullptr, nullptr, &out, &room);
+    }
+  }
+  *out = 0;
+  return static_cast<size_t>(out - output);
+}
+
+ConvertedText::ConvertedText(size_t size) : area_(small_), size_(size) {
+  if (size > sizeof small_) {
+    large_ = std::make_unique_for_overwrite<char[]>(size);
+    area_ = large_.get();
+  }
+}
+
+void ConvertedText::convert(iconv_t descriptor, const char* input, size_t inputLength) {
+  iconvDebug(descriptor, input, inputLength, area_, size_);
+  length_ = strlen(area_);
+}
+
+unsigned ConvertedText::length() const noexcept {
+  return static_cast<unsigned>(std::min<size_t>(length_, UINT_MAX));
+}

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <iconv.h>
+#include <memory>
+#include <stddef.h>
+
+#include "Engine/utilities/Export.h"
+#include "Engine/utilities/KeepErrno.h"
+
+/// \file
+/// The library's way to call iconv: every conversion passes through iconvDebug(), which
+/// serialises them and never gives up on what cannot be converted. Any thread. Nothing
+/// throws, but for a failed allocation.
+
+/// Converts all of `input`, from the descriptor's initial shift state on. Where iconv stops,
+/// a "?" is put out and one input byte, no more, is skipped; when the output area is full
+/// the rest of the input is dropped. Keeps `errno`.
+/// \param outputSize size of `output` in bytes. The last byte is kept for a final zero; with
+///                   a size of 0 nothing happens.
+/// \return bytes written, without the final zero.
+CUL_EXPORT size_t iconvDebug(iconv_t descriptor, const char* input, size_t inputLength,
+                             char* output, size_t outputSize);
+
+/// What iconv_open() gives when it fails.
+inline const iconv_t invalidIconv = reinterpret_cast<iconv_t>(~size_t{0});
+
+/// A descriptor that is closed with its object.
+class IconvDescriptor {
+ public:
+  /// Keeps `errno`.
+  IconvDescriptor(const char* to, const char* from) noexcept {
+    const KeepErrno keepErrno;
+    value_ = iconv_open(to, from);
+  }
+  IconvDescriptor(const IconvDescriptor&) = delete;
+  IconvDescriptor& operator=(const IconvDescriptor&) = delete;
+  ~IconvDescriptor() {
+    if (isOpen()) {
+      iconv_close(value_);
+    }
+  }
+
+  [[nodiscard]] bool isOpen() const noexcept { return value_ != invalidIconv; }
+  [[nodiscard]] iconv_t get() const noexcept { return value_; }
+
+  /// Leaves the descriptor to the caller.
+  [[nodiscard]] iconv_t release() noexcept {
+    const iconv_t value = value_;
+    value_ = invalidIconv;
+    return value;
+  }
+
+ private:
+  iconv_t value_;
+};
+
+/// The result of a conversion: the output up to its first zero byte.
+class ConvertedText {
+ public:
+  /// Room for `size` bytes, at least 1, the final zero included.
+  explicit ConvertedText(size_t size);
+  ConvertedText(const ConvertedText&) = delete;
+  ConvertedText& operator=(const ConvertedText&) = delete;
+
+  /// Converts through iconvDebug().
+  void convert(iconv_t descriptor, const char* input, size_t inputLength);
+
+  /// Puts one byte behind the text; there must be room.
+  void add(char byte) noexcept { area_[length_++] = byte; }
+
+  [[nodiscard]] const char* text() const noexcept { return area_; }
+  /// As a string takes it; a text of 4 GiB or more has a length that no string can have.
+  [[nodiscard]] unsigned length() const noexcept;
+
+ private:
+  char small_[512];
+  std::unique_ptr<char[]> large_;
+  char* area_;
+  size_t size_;
+  size_t length_ = 0;
+};

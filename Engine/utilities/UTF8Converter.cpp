@@ -1,0 +1,113 @@
+#include "Engine/utilities/UTF8Converter.h"
+
+#include <atomic>
+#include <clocale>
+#include <cstdlib>
+#include <langinfo.h>
+#include <string>
+
+#include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/Iconv.h"
+#include "Engine/utilities/KeepErrno.h"
+
+namespace {
+
+constexpr const char* utf8Name = "UTF-8";
+
+// No code page needs more bytes of UTF-8 for one of its own.
+constexpr size_t longestForOneByte = 6;
+
+// The locale that the environment chooses, until the end of the scope.
+class EnvironmentLocale {
+ public:
+  EnvironmentLocale() : saved_(setlocale(LC_ALL, nullptr)) { setlocale(LC_ALL, ""); }
+  EnvironmentLocale(const EnvironmentLocale&) = delete;
+  EnvironmentLocale& operator=(const EnvironmentLocale&) = delete;
+  ~EnvironmentLocale() { setlocale(LC_ALL, saved_.c_str()); }
+
+ private:
+  std::string saved_;
+};
+
+// What is left of `n` bytes when only ASCII can be told: each other byte is a "?", unless
+// it continues a sequence of UTF-8 and `utf8` is set.
+void keepAscii(const char* bytes, unsigned n, bool utf8, ConvertedText& result) {
+  for (unsigned i = 0; i < n && bytes[i] != 0; ++i) {
+    const auto byte = static_cast<unsigned char>(bytes[i]);
+    if (byte < 0x80) {
+      result.add(bytes[i]);
+    } else if (!utf8 || byte >= 0xC0) {
+      result.add('?');
+    }
+  }
+}
+
+void convertTo(iconv_t descriptor, const char* bytes, unsigned n, bool utf8,
+               ConvertedText& result) {
+  if (descriptor == invalidIconv) {
+    keepAscii(bytes, n, utf8, result);
+  } else {
+    result.convert(descriptor, bytes, n);
+  }
+}
+
+}  // namespace
+
+UTF8Converter& UTF8Converter::instance() {
+  static std::atomic<UTF8Converter*> converter;
+  UTF8Converter* result = converter.load(std::memory_order_acquire);
+  if (result == nullptr) {
+    result = new UTF8Converter;
+    converter.store(result, std::memory_order_release);
+  }
+  return *result;
+}
+
+UTF8Converter::UTF8Converter() : toNative(invalidIconv), toUTF8(invalidIconv), codepage(nullptr) {
+  const KeepErrno keepErrno;
+  const char* name = getenv("QVX_DBG_CODEPAGE");
+  if (name != nullptr && *name != 0 && open(name, true)) {
+    return;
+  }
+  const EnvironmentLocale locale;
+  // The C library keeps the data of a locale that was once the process's for ever.
+  open(nl_langinfo(CODESET), false);
+}
+
+// Opens what can be opened; when `both` are needed, all or nothing.
+bool UTF8Converter::open(const char* name, bool both) {
+  IconvDescriptor out(name, utf8Name);
+  IconvDescriptor in(utf8Name, name);
+  if (both && !(out.isOpen() && in.isOpen())) {
+    return false;
+  }
+  toNative = out.release();
+  toUTF8 = in.release();
+  codepage = name;
+  return true;
+}
+
+EncodedString UTF8Converter::convertToUTF8(const char* bytes, unsigned n, const char* named) const {
+  if (n == 0) {
+    return {};
+  }
+  ConvertedText result(longestForOneByte * n + 1);
+  if (named == nullptr || *named == 0) {
+    convertTo(toUTF8, bytes, n, false, result);
+  } else {
+    // Deliberately from UTF-8 to the named code page: callers depend on this direction.
+    const IconvDescriptor descriptor(named, utf8Name);
+    convertTo(descriptor.get(), bytes, n, false, result);
+  }
+  return {result.text(), result.length(), EncodedString::utf8};
+}
+
+ByteString UTF8Converter::convertFromUTF8(const char* bytes, unsigned n) const {
+  if (n == 0) {
+    return {};
+  }
+  ConvertedText result(size_t{n} + 1);
+  convertTo(toNative, bytes, n, true, result);
+  return {result.text(), result.length()};
+}
