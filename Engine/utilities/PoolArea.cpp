@@ -1,5 +1,7 @@
 #include "Engine/utilities/PoolArea.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <new>
 
@@ -18,12 +20,21 @@ void warn(unsigned int line, const char* poolName) {
             "Initial allocation of pool %s should be increased!", PoolArea::shownName(poolName));
 }
 
+// What no memory can hold is refused here: the free store would call its handler first,
+// which may end the process.
+char* newBuffer(unsigned long bytes) {
+  if (bytes > PTRDIFF_MAX) {
+    throw std::bad_array_new_length();
+  }
+  return new char[bytes];
+}
+
 }  // namespace
 
 PoolArea::PoolArea(PoolArea* before, unsigned long bytes, const char* poolName)
     : previous(before),
       next(nullptr),
-      buffer(new char[bytes]),
+      buffer(newBuffer(bytes)),
       name(poolName),
       size(bytes),
       used(0) {}

@@ -4,6 +4,7 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
+#include <malloc.h>
 #include <memory>
 #include <new>
 #include <pthread.h>
@@ -379,6 +380,29 @@ TEST(Pool, RefusesAHugeRequestAlsoAtTheEndOfAWalk) {
   EXPECT_EQ(pool.current, pool.first);
   EXPECT_EQ(pool.get(20), pool.first->next->buffer + 4);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The sanitizers' free stores end the process instead of throwing.
+TEST(Pool, PassesTheFailureOfTheFreeStoreOnAndKeepsNothingOfTheNewArea) {
+  // The library's own handler ends the process when the free store is exhausted.
+  const struct WithoutHandler {
+    std::new_handler libraryHandler = std::set_new_handler(nullptr);
+    ~WithoutHandler() { std::set_new_handler(libraryHandler); }
+  } withoutHandler;
+  constexpr unsigned long unavailable = 1UL << 62;
+  Pool pool(64, 100, "exhausted");
+  EXPECT_THROW((void)pool.get(unavailable), std::bad_alloc);
+  EXPECT_EQ(pool.first, nullptr);
+  (void)pool.get(4);
+  const size_t before = mallinfo2().uordblks;
+  for (int i = 0; i < 100; ++i) {
+    EXPECT_THROW((void)pool.get(unavailable), std::bad_alloc);
+  }
+  EXPECT_LT(mallinfo2().uordblks, before + 100 * sizeof(PoolArea));
+  EXPECT_EQ(sizesOf(pool), Sizes({64}));
+  EXPECT_EQ(pool.initialSize, 64U);
+}
+#endif
 
 TEST(Pool, HoldsARequestLargerThanItsBaseSizeManyTimesOver) {
   Pool pool(64, 100, "large");
