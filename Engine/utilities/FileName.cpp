@@ -1,0 +1,337 @@
+#include "Engine/utilities/FileName.h"
+
+#include <algorithm>
+#include <limits>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+
+#include "Engine/utilities/CharString.h"
+#include "Engine/utilities/PathSearch.h"
+#include "Engine/utilities/TraceFlags.h"
+
+namespace {
+
+constexpr unsigned workingDirectoryRoom = 4096;
+
+FileName named(std::string_view bytes) { return FileName(textOf(bytes)); }
+
+const EncodedString* newText(const char* text) {
+  return new EncodedString(text, EncodedString::utf8);
+}
+
+}  // namespace
+
+FileName::FileName(const char* text, Encoding encoding) : EncodedString(text, encoding) {
+  validate();
+}
+
+FileName::FileName(const signed char* text, Encoding encoding) : EncodedString(text, encoding) {
+  validate();
+}
+
+FileName::FileName(const unsigned char* text, Encoding encoding) : EncodedString(text, encoding) {
+  validate();
+}
+
+FileName::FileName(const wchar_t* text) : EncodedString(text) { validate(); }
+
+FileName::FileName(const CharString& text) : EncodedString(text) { validate(); }
+
+FileName::FileName(const EncodedString& text) : EncodedString(text) { validate(); }
+
+FileName::FileName(FileName&& source) noexcept { *this = std::move(source); }
+
+FileName& FileName::operator=(FileName&& source) noexcept {
+  if (this != &source) {
+    hash = source.hash;
+    basePosition = source.basePosition;
+    extensionPosition = source.extensionPosition;
+    memberPosition = source.memberPosition;
+    hashValid = source.hashValid;
+    source.forgetParts();
+    EncodedString::operator=(std::move(source));
+  }
+  return *this;
+}
+
+FileName& FileName::operator=(const EncodedString& text) {
+  EncodedString::operator=(text);
+  validate();
+  return *this;
+}
+
+void FileName::validate() {
+  forgetParts();
+  if (len == 0 || len > longest) {
+    return;
+  }
+  if (buffer[len - 1] == '/') {
+    CUL_TRACE(TraceType::error, "Engine/utilities/FileName", 665,
+              "Filename ends with PathSepChar.");
+    return;
+  }
+  findParts();
+}
+
+void FileName::forgetParts() noexcept {
+  basePosition = 0;
+  extensionPosition = 0;
+  memberPosition = 0;
+  hashValid = 0;
+}
+
+// Walks from the end to the last separator in front of the member.
+void FileName::findParts() noexcept {
+  unsigned base = 0;
+  bool inMember = buffer[len - 1] == ')';
+  if (buffer[len - 1] == '.') {
+    extensionPosition = static_cast<unsigned short>(len);
+  }
+  for (unsigned position = len - 1; position > 0 && base == 0; --position) {
+    const char c = buffer[position - 1];
+    if (inMember) {
+      if (c == '(') {
+        memberPosition = static_cast<unsigned short>(position);
+        inMember = false;
+      }
+    } else if (c == '/') {
+      base = position;
+    } else if (c == '.' && extensionPosition == 0) {
+      extensionPosition = static_cast<unsigned short>(position);
+    }
+  }
+  basePosition = static_cast<unsigned short>(base + 1);
+}
+
+// The positions may be those of a text that has been shortened since.
+std::string_view FileName::view(unsigned from, unsigned to) const noexcept {
+  to = std::min(to, len + 1);
+  return from == 0 || from >= to ? std::string_view() : view().substr(from - 1, to - from);
+}
+
+unsigned FileName::baseEnd() const noexcept {
+  return memberPosition != 0 ? memberPosition : len + 1;
+}
+
+std::string_view FileName::baseView() const noexcept { return view(basePosition, baseEnd()); }
+
+std::string_view FileName::extensionView() const noexcept {
+  return view(extensionPosition, baseEnd());
+}
+
+bool FileName::hasNumericExtension() const noexcept {
+  const std::string_view extensionText = extensionView();
+  return extensionText.size() > 1 &&
+         extensionText.find_first_not_of("0123456789", 1) == std::string_view::npos;
+}
+
+bool FileName::isAbsolute() const noexcept { return isValidName() && *buffer == '/'; }
+
+bool FileName::isAccessible(bool executable) const {
+  const std::string path = systemPath(*this);
+  struct stat status = {};
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode) &&
+         access(path.c_str(), executable ? R_OK | X_OK : R_OK) == 0;
+}
+
+bool FileName::is_valid_path(const EncodedString& path) {
+  return path.length() != 0 && FileName(path).isValidName();
+}
+
+std::unique_ptr<List<EncodedString*>> FileName::parsePaths(const EncodedString& paths) {
+  auto result = std::make_unique<List<EncodedString*>>();
+  std::string_view list = viewOf(paths);
+  for (auto entry = nextPathEntry(list); !entry.empty(); entry = nextPathEntry(list)) {
+    auto text = std::make_unique<EncodedString>(textOf(entry));
+    result->add(text.get());
+    static_cast<void>(text.release());
+  }
+  return result;
+}
+
+EncodedString FileName::directory() const { return textOf(view(1, basePosition)); }
+
+FileName FileName::baseAndMember() const { return named(view(basePosition, len + 1)); }
+
+FileName FileName::short_name() const { return baseAndMember(); }
+
+FileName FileName::base() const { return named(baseView()); }
+
+FileName FileName::root() const {
+  return named(view(basePosition, extensionPosition != 0 ? extensionPosition : len + 1));
+}
+
+FileName FileName::root_exe() const { return root(); }
+
+EncodedString FileName::extension() const { return textOf(extensionView()); }
+
+EncodedString FileName::member() const {
+  return memberPosition == 0 ? EncodedString() : textOf(view(memberPosition + 1U, len));
+}
+
+FileName FileName::genericLibraryName() const {
+  if (memberPosition == 0 && hasNumericExtension()) {
+    FileName library = named(view(basePosition, extensionPosition));
+    if (library.extensionView() == ".so") {
+      return library;
+    }
+  }
+  return baseAndMember();
+}
+
+// Puts `text` in place of what stands in [from, to).
+void FileName::replace(unsigned from, unsigned to, std::string_view text) {
+  const std::string_view head = view(1, from);
+  const std::string_view tail = view(to, len + 1);
+  const size_t length = head.size() + text.size() + tail.size();
+  FileName changed;
+  changed.makeBuffer(
+      static_cast<unsigned>(std::min<size_t>(length, std::numeric_limits<unsigned>::max())));
+  char* out = std::copy(head.begin(), head.end(), changed.buffer);
+  out = std::copy(text.begin(), text.end(), out);
+  std::copy(tail.begin(), tail.end(), out);
+  *this = std::move(changed);
+  validate();
+}
+
+void FileName::change_path(const EncodedString& dir) {
+  if (!isValidName()) {
+    return;
+  }
+  const std::string_view folder = viewOf(dir);
+  const bool needsSeparator = !folder.empty() && folder.back() != '/';
+  replace(1, basePosition, needsSeparator ? std::string(folder) + '/' : std::string(folder));
+}
+
+void FileName::change_extension(const EncodedString& ext) {
+  if (!isValidName()) {
+    return;
+  }
+  std::string text(viewOf(ext));
+  if (!text.empty() && text.front() != '.') {
+    text.insert(0, 1, '.');
+  }
+  replace(extensionPosition != 0 ? extensionPosition : baseEnd(), baseEnd(), text);
+}
+
+void FileName::change_member(const EncodedString& m) {
+  if (!isValidName()) {
+    return;
+  }
+  std::string text(viewOf(m));
+  if (!text.empty() && text.front() != '(' && text.back() != ')') {
+    text = '(' + text + ')';
+  }
+  replace(baseEnd(), len + 1, text);
+}
+
+void FileName::rationalizePath(const EncodedString& dir) {
+  if (!isAbsolute() && dir.length() != 0) {
+    change_path(dir + PathSepString() + directory());
+  }
+  rationalizePath();
+}
+
+EncodedString FileName::commonPathPrefix(const FileName& /*other*/) const { return {}; }
+
+EncodedString FileName::commonPathSuffix(const FileName& other) const {
+  if (basePosition <= 1 || other.len == 0) {
+    return {};
+  }
+  const unsigned lastSeparator = basePosition - 1U;
+  unsigned mine = other.buffer[other.len - 1] == '/' ? lastSeparator : lastSeparator - 1;
+  unsigned theirs = other.len;
+  unsigned start = 0;
+  for (; mine > 0 && theirs > 0 && buffer[mine - 1] == other.buffer[theirs - 1]; --mine, --theirs) {
+    if (buffer[mine - 1] == '/') {
+      start = mine + 1;
+    }
+  }
+  return textOf(view(start, basePosition));
+}
+
+FileName FileName::findFile(const FileName& name, const EncodedString& searchPath,
+                            bool executable) {
+  if (name.memberPosition != 0) {
+    const EncodedString member = textOf(name.view(name.memberPosition, name.len + 1));
+    FileName archive = name;
+    archive.change_member(EncodedString());
+    FileName result = findFile(archive, searchPath, false);
+    result.change_member(member);
+    return result;
+  }
+  const EncodedString current = workingDirectory(workingDirectoryRoom);
+  if (current.length() == 0) {
+    return {};
+  }
+  FileName candidate = name;
+  if (name.basePosition > 1) {
+    if (!candidate.isAccessible(executable)) {
+      return {};
+    }
+    candidate.rationalizePath(current);
+    return candidate;
+  }
+  std::string_view list = viewOf(searchPath);
+  for (EncodedString folder = current; folder.length() != 0; folder = textOf(nextPathEntry(list))) {
+    candidate.change_path(folder);
+    if (candidate.isAccessible(executable)) {
+      candidate.rationalizePath(current);
+      return candidate;
+    }
+  }
+  return {};
+}
+
+unsigned FileName::computeHash() {
+  if (hashValid == 0) {
+    hash = hashValue();
+    hashValid = 1;
+  }
+  return hash;
+}
+
+bool FileName::operator==(const FileName& other) const {
+  if (hasTrailingWhiteSpace() || other.hasTrailingWhiteSpace()) {
+    EncodedString mine = *this;
+    EncodedString theirs = other;
+    mine.stripTrailingWhiteSpace();
+    theirs.stripTrailingWhiteSpace();
+    return mine == theirs;
+  }
+  const bool numeric = hasNumericExtension();
+  if (numeric != other.hasNumericExtension()) {
+    const FileName& versioned = numeric ? *this : other;
+    const FileName& plain = numeric ? other : *this;
+    if (plain.extensionView() == ".so") {
+      FileName library = versioned;
+      library.change_extension(EncodedString());
+      return library.view() == plain.view();
+    }
+  }
+  return view() == other.view();
+}
+
+const EncodedString& FileName::PathSepString() {
+  static const EncodedString* const text = newText("/");
+  return *text;
+}
+
+const EncodedString& FileName::PeriodString() {
+  static const EncodedString* const text = newText(".");
+  return *text;
+}
+
+const EncodedString& FileName::LeftParenString() {
+  static const EncodedString* const text = newText("(");
+  return *text;
+}
+
+const EncodedString& FileName::RightParenString() {
+  static const EncodedString* const text = newText(")");
+  return *text;
+}
+
+EncodedString* FileName::pathSeparator() { return new EncodedString(PathSepString()); }

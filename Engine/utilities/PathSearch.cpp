@@ -1,0 +1,138 @@
+#include "Engine/utilities/PathSearch.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Engine/utilities/ByteString.h"
+
+namespace {
+
+constexpr unsigned workingDirectoryRoom = 1024;
+constexpr unsigned linkRoom = 1024;
+constexpr unsigned greatestRoom = 4096;
+constexpr unsigned usualDepth = 10;
+
+// Any execute bit, whoever it is for. One bit of the file type is looked at, which sockets
+// share with regular files: they pass too, and callers are used to it.
+bool isCandidate(const EncodedString& path) {
+  struct stat status = {};
+  return stat(systemPath(path).c_str(), &status) == 0 && (status.st_mode & 0x8000) != 0 &&
+         (status.st_mode & 0111) != 0;
+}
+
+}  // namespace
+
+std::string systemPath(const EncodedString& path) {
+  if (path.isNLS()) {
+    const ByteString bytes = path.convert(EncodedString::native);
+    if (EncodedString(bytes, EncodedString::native) == path) {
+      const unsigned char* const text = bytes;
+      return {reinterpret_cast<const char*>(text), bytes.length()};
+    }
+  }
+  return std::string(viewOf(path));
+}
+
+EncodedString pathFromSystem(const char* path) {
+  EncodedString raw(path, EncodedString::utf8);
+  if (raw.isNLS()) {
+    EncodedString text(path, EncodedString::native);
+    if (systemPath(text) == viewOf(raw)) {
+      return text;
+    }
+  }
+  return raw;
+}
+
+EncodedString workingDirectory(unsigned room) {
+  char buffer[greatestRoom];
+  return getcwd(buffer, std::min(room, greatestRoom)) == nullptr ? EncodedString()
+                                                                 : pathFromSystem(buffer);
+}
+
+std::string_view nextPathEntry(std::string_view& list) {
+  list.remove_prefix(std::min(list.find_first_not_of(':'), list.size()));
+  const std::string_view entry = list.substr(0, list.find(':'));
+  list.remove_prefix(entry.size());
+  return entry;
+}
+
+EncodedString searchPath(const EncodedString& name, const EncodedString& directories) {
+  const std::string_view nameView = viewOf(name);
+  if (nameView.empty() || nameView.front() == '/') {
+    return name;
+  }
+  const EncodedString separator("/", EncodedString::utf8);
+  std::string_view list = viewOf(directories);
+  for (auto entry = nextPathEntry(list); !entry.empty(); entry = nextPathEntry(list)) {
+    EncodedString candidate = textOf(entry);
+    if (entry.front() == '.') {
+      if (const EncodedString current = workingDirectory(workingDirectoryRoom);
+          current.length() != 0) {
+        candidate = current + separator + candidate;
+      }
+    }
+    candidate += separator;
+    candidate += name;
+    if (isCandidate(candidate)) {
+      return candidate;
+    }
+  }
+  return {};
+}
+
+EncodedString searchPath(const EncodedString& name) {
+  const char* const path = std::getenv("PATH");
+  return searchPath(
+      name, path == nullptr ? EncodedString(".:", EncodedString::utf8) : pathFromSystem(path));
+}
+
+EncodedString resolveSymbolicLink(const EncodedString& path, unsigned int depth) {
+  EncodedString result = path;
+  for (;;) {
+    char link[linkRoom + 1];
+    const std::string current = systemPath(result);
+    const ssize_t length = readlink(current.c_str(), link, linkRoom);
+    if (length < 0) {
+      if (errno == EACCES) {
+        std::fprintf(stderr,
+                     "Access denied! The user running the debugger doesn't have permission to "
+                     "access %s\n",
+                     current.c_str());
+      }
+      return result;
+    }
+    if (length == linkRoom) {
+      return result;
+    }
+    link[length] = 0;
+    const EncodedString target = pathFromSystem(link);
+    result = link[0] == '/' ? target : stripPath(result) + target;
+    if (depth == 0) {
+      throw EncodedString(result);
+    }
+    --depth;
+  }
+}
+
+EncodedString resolveSymbolicLink(const EncodedString& path) {
+  try {
+    return resolveSymbolicLink(path, usualDepth);
+  } catch (const EncodedString&) {
+    std::fprintf(stderr, "Cannot resolve symbolic link %s\n", systemPath(path).c_str());
+    std::exit(-1);
+  }
+}
+
+EncodedString stripPath(const EncodedString& path) {
+  const std::string_view text = viewOf(path);
+  size_t last = text.rfind('/');
+  if (last != std::string_view::npos && last != 0 && last == text.size() - 1) {
+    last = text.rfind('/', last - 1);
+  }
+  return textOf(text.substr(0, last + 1));  // Without a "/", `last` + 1 is 0.
+}
