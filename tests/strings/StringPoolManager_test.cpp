@@ -6,6 +6,7 @@
 #include <cstring>
 #include <iterator>
 #include <malloc.h>
+#include <map>
 #include <new>
 #include <string>
 #include <string_view>
@@ -29,7 +30,35 @@ using Counts = std::vector<unsigned>;
 
 StringPoolManager& pool() { return StringPoolManager::instance(); }
 
-char* take(unsigned size) { return static_cast<char*>(pool().getBuffer(size)); }
+// Blocks taken from the pool until the end of the scope.
+class Blocks {
+ public:
+  Blocks() = default;
+  Blocks(const Blocks&) = delete;
+  Blocks& operator=(const Blocks&) = delete;
+  ~Blocks() {
+    for (const auto& [block, size] : sizes_) {
+      pool().freeBuffer(block, size);
+    }
+  }
+
+  char* take(unsigned size) {
+    void* const block = pool().getBuffer(size);
+    EXPECT_TRUE(sizes_.emplace(block, size).second) << "given out twice";
+    return static_cast<char*>(block);
+  }
+
+  void give(char* block, unsigned size) {
+    EXPECT_EQ(sizes_.erase(block), 1U);
+    pool().freeBuffer(block, size);
+  }
+
+  // Takes whatever earlier users of the pool have left on its lists.
+  void drain();
+
+ private:
+  std::map<void*, unsigned> sizes_;
+};
 
 // Free blocks of 8, 16, 24, 32, 48 and 64 bytes.
 Counts counts() {
@@ -40,25 +69,25 @@ Counts counts() {
   return result;
 }
 
-// Takes whatever earlier users of the pool have left on its lists.
-void drain() {
+void Blocks::drain() {
   for (const unsigned size : classes) {
     while (pool().freeBlocks(size) != 0) {
-      static_cast<void>(pool().getBuffer(size));
+      take(size);
     }
   }
   ASSERT_EQ(counts(), (Counts{0, 0, 0, 0, 0, 0}));
 }
 
 CUL_CHILD(PoolFirstEightBytes) {
-  drain();
-  char* const block = take(8);
+  Blocks blocks;
+  blocks.drain();
+  char* const block = blocks.take(8);
   EXPECT_EQ(counts(), (Counts{1, 1, 0, 1, 0, 126}));
   // The first halves were split on and the second halves kept.
-  EXPECT_EQ(take(8), block + 8);
-  EXPECT_EQ(take(16), block + 16);
-  EXPECT_EQ(take(32), block + 32);
-  EXPECT_EQ(take(64), block + 64);
+  EXPECT_EQ(blocks.take(8), block + 8);
+  EXPECT_EQ(blocks.take(16), block + 16);
+  EXPECT_EQ(blocks.take(32), block + 32);
+  EXPECT_EQ(blocks.take(64), block + 64);
   EXPECT_EQ(counts(), (Counts{0, 0, 0, 0, 0, 125}));
   // The chunk holds 127 blocks and no more.
   EXPECT_GE(malloc_usable_size(block), 8128U);
@@ -66,59 +95,64 @@ CUL_CHILD(PoolFirstEightBytes) {
 }
 
 CUL_CHILD(PoolSplitsLargerBlocks) {
-  drain();
-  char* const first = take(32);
+  Blocks blocks;
+  blocks.drain();
+  char* const first = blocks.take(32);
   EXPECT_EQ(counts(), (Counts{0, 0, 0, 1, 0, 126}));
-  EXPECT_EQ(take(32), first + 32);
-  EXPECT_EQ(take(16), first + 64);
+  EXPECT_EQ(blocks.take(32), first + 32);
+  EXPECT_EQ(blocks.take(16), first + 64);
   EXPECT_EQ(counts(), (Counts{0, 1, 0, 1, 0, 125}));
-  EXPECT_EQ(take(8), first + 80) << "from the free half of 16";
+  EXPECT_EQ(blocks.take(8), first + 80) << "from the free half of 16";
   EXPECT_EQ(counts(), (Counts{1, 0, 0, 1, 0, 125}));
-  EXPECT_EQ(take(16), first + 96) << "from the free half of 32";
+  EXPECT_EQ(blocks.take(16), first + 96) << "from the free half of 32";
   EXPECT_EQ(counts(), (Counts{1, 1, 0, 0, 0, 125}));
 }
 
 CUL_CHILD(PoolSplits48) {
-  drain();
-  char* const block = take(24);
+  Blocks blocks;
+  blocks.drain();
+  char* const block = blocks.take(24);
   EXPECT_EQ(counts(), (Counts{0, 0, 1, 0, 169, 0}));
-  EXPECT_EQ(take(24), block + 24);
-  EXPECT_EQ(take(48), block + 48);
+  EXPECT_EQ(blocks.take(24), block + 24);
+  EXPECT_EQ(blocks.take(48), block + 48);
   EXPECT_EQ(counts(), (Counts{0, 0, 0, 0, 168, 0}));
   EXPECT_GE(malloc_usable_size(block), 8160U);
   EXPECT_LT(malloc_usable_size(block), 8160U + 48);
 }
 
-void takeAChunk(unsigned size, unsigned blocks) {
-  drain();
-  char* const chunk = take(size);
-  for (unsigned i = 1; i < blocks; ++i) {
-    EXPECT_EQ(pool().freeBlocks(size), blocks - i);
-    EXPECT_EQ(take(size), chunk + i * size) << "in the order of addresses";
+void takeAChunk(unsigned size, unsigned blocksInChunk) {
+  Blocks blocks;
+  blocks.drain();
+  char* const chunk = blocks.take(size);
+  for (unsigned i = 1; i < blocksInChunk; ++i) {
+    EXPECT_EQ(pool().freeBlocks(size), blocksInChunk - i);
+    EXPECT_EQ(blocks.take(size), chunk + i * size) << "in the order of addresses";
   }
   EXPECT_EQ(counts(), (Counts{0, 0, 0, 0, 0, 0}));
-  static_cast<void>(take(size));
-  EXPECT_EQ(pool().freeBlocks(size), blocks - 1) << "the next chunk";
+  blocks.take(size);
+  EXPECT_EQ(pool().freeBlocks(size), blocksInChunk - 1) << "the next chunk";
 }
 
 CUL_CHILD(PoolChunkOf64) { takeAChunk(64, 127); }
 CUL_CHILD(PoolChunkOf48) { takeAChunk(48, 170); }
 
 CUL_CHILD(PoolFreedBlocks) {
-  drain();
-  char* const a = take(8);
-  char* const b = take(8);
+  Blocks blocks;
+  blocks.drain();
+  char* const a = blocks.take(8);
+  char* const b = blocks.take(8);
   const Counts before = counts();
   EXPECT_EQ(before, (Counts{0, 1, 0, 1, 0, 126}));
-  pool().freeBuffer(a, 8);
-  pool().freeBuffer(b, 8);
+  blocks.give(a, 8);
+  blocks.give(b, 8);
   EXPECT_EQ(counts(), (Counts{2, 1, 0, 1, 0, 126})) << "two halves are not merged";
-  EXPECT_EQ(take(8), b) << "the last one freed comes first";
-  EXPECT_EQ(take(8), a);
+  EXPECT_EQ(blocks.take(8), b) << "the last one freed comes first";
+  EXPECT_EQ(blocks.take(8), a);
   EXPECT_EQ(counts(), before);
 }
 
 CUL_CHILD(PoolSizeClasses) {
+  Blocks blocks;
   for (unsigned size = 1; size <= 64; ++size) {
     const unsigned wanted = *std::lower_bound(std::begin(classes), std::end(classes), size);
     pool().freeBuffer(pool().getBuffer(wanted), wanted);
@@ -126,41 +160,44 @@ CUL_CHILD(PoolSizeClasses) {
     Counts taken = before;
     --taken[static_cast<std::size_t>(std::find(std::begin(classes), std::end(classes), wanted) -
                                      std::begin(classes))];
-    char* const block = take(size);
+    char* const block = blocks.take(size);
     std::memset(block, 0xAB, wanted);
     EXPECT_EQ(counts(), taken) << size;
     EXPECT_EQ(pool().freeBlocks(size), pool().freeBlocks(wanted)) << size;
-    pool().freeBuffer(block, size);
+    blocks.give(block, size);
     EXPECT_EQ(counts(), before) << size;
   }
 }
 
 CUL_CHILD(PoolLargeBlocks) {
-  drain();
+  Blocks blocks;
+  blocks.drain();
   for (const unsigned size : {65U, 66U, 4096U, 1U << 20}) {
-    char* const block = take(size);
+    char* const block = blocks.take(size);
     std::memset(block, 0xAB, size);
     EXPECT_GE(malloc_usable_size(block), size);
     EXPECT_EQ(pool().freeBlocks(size), 0U);
-    pool().freeBuffer(block, size);
+    blocks.give(block, size);
     EXPECT_EQ(counts(), (Counts{0, 0, 0, 0, 0, 0})) << size;
   }
 }
 
 CUL_CHILD(PoolShortenedBlocks) {
-  drain();
-  char* const block = take(64);
-  pool().freeBuffer(block, 17);
+  Blocks blocks;
+  blocks.drain();
+  char* const block = blocks.take(64);
+  blocks.give(block, 17);
   EXPECT_EQ(counts(), (Counts{0, 0, 1, 0, 0, 126}));
-  EXPECT_EQ(take(24), block);
-  char* const fromTheHeap = take(100);
-  pool().freeBuffer(fromTheHeap, 64);
+  EXPECT_EQ(blocks.take(24), block);
+  char* const fromTheHeap = blocks.take(100);
+  blocks.give(fromTheHeap, 64);
   EXPECT_EQ(pool().freeBlocks(64), 127U);
-  EXPECT_EQ(take(64), fromTheHeap);
+  EXPECT_EQ(blocks.take(64), fromTheHeap);
 }
 
 CUL_CHILD(PoolNull) {
-  drain();
+  Blocks blocks;
+  blocks.drain();
   for (const unsigned size : {0U, 8U, 64U, 65U}) {
     pool().freeBuffer(nullptr, size);
   }
@@ -168,8 +205,9 @@ CUL_CHILD(PoolNull) {
 }
 
 CUL_CHILD(PoolAlignment) {
+  Blocks blocks;
   for (unsigned size = 0; size <= 200; ++size) {
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(take(size)) % 8, 0U) << size;
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(blocks.take(size)) % 8, 0U) << size;
   }
 }
 
@@ -251,7 +289,8 @@ class Famine {
 CUL_CHILD(PoolOutOfMemory) {
   // The library's own handler would end the process.
   std::set_new_handler(nullptr);
-  drain();
+  Blocks blocks;
+  blocks.drain();
   // From the second thread on the lock is in use.
   std::thread([] {}).join();
   int thrown = 0;
