@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <type_traits>
+#include <utility>
+
+#include <benchmark/benchmark.h>
+
+/// \file
+/// How a benchmark is paired with its peer. A benchmark's name is its case, "/" and "ours"
+/// or the peer's name; table.py finds the pairs by it. Both sides of a pair do the same
+/// work on the same data, in the same process and, interleaved at random, at the same time.
+
+/// Which other threads the process has. The C library leaves out the atomic operations of
+/// its locks in a process that never had a second thread, so where a lock takes part the
+/// state belongs to the case. A debugger always has threads.
+enum class Company {
+  alone,  ///< The process has one thread and never had another.
+  idle    ///< A second thread exists and sleeps.
+};
+
+/// What the name of a case says about it.
+inline const char* nameOf(Company company) {
+  return company == Company::alone ? "lone thread" : "second thread idle";
+}
+
+/// Registers `operation`, which is either one operation without arguments, measured in a
+/// loop, or a whole benchmark with a loop of its own.
+template <typename Operation>
+void addBenchmark(const std::string& name, Operation operation, int threads) {
+  auto* const added =
+      benchmark::RegisterBenchmark(name.c_str(), [operation](benchmark::State& state) {
+        if constexpr (std::is_invocable_v<const Operation&, benchmark::State&>) {
+          operation(state);
+        } else {
+          for (auto _ : state) {
+            operation();
+            benchmark::ClobberMemory();
+          }
+        }
+      });
+  if (threads > 1) {
+    // What two threads do to each other shows in the wall time only.
+    added->Threads(threads)->UseRealTime();
+  }
+}
+
+/// Registers one side of a case; for cases with several peers.
+template <typename Operation>
+void addPeer(const std::string& what, const std::string& peer, Operation operation,
+             int threads = 1) {
+  addBenchmark(what + "/" + peer, std::move(operation), threads);
+}
+
+/// Registers both sides of a case. An operation that is run by several threads must be safe
+/// for that.
+template <typename Ours, typename Peer>
+void compare(const std::string& what, Ours ours, const std::string& peer, Peer peers,
+             int threads = 1) {
+  addPeer(what, "ours", std::move(ours), threads);
+  addPeer(what, peer, std::move(peers), threads);
+}
+
+/// Ends the program when the two sides of a case do not do the same.
+inline void require(bool same, const std::string& what) {
+  if (!same) {
+    std::fprintf(stderr, "The sides differ: %s\n", what.c_str());
+    std::exit(1);
+  }
+}
+
+/// Each registers the cases of its subject.
+void compareStringPool(Company company);
+void compareStrings(Company company);
+void compareUnicode();
+void compareEscapes();
+void compareChecksums();
+void compareMemory();
+void compareLocks(Company company);
+void compareTrace();
