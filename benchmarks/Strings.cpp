@@ -17,9 +17,10 @@ constexpr unsigned batch = 100;
 std::string bytes(unsigned n) { return std::to_string(n) + " bytes"; }
 
 void comparePoolBlock(unsigned size, Company company, int threads) {
-  const std::string state = threads > 1 ? "two threads" : nameOf(company);
+  const std::string what = "string pool: get and free " + bytes(size) + ", " +
+                           (threads > 1 ? "two threads" : nameOf(company));
   compare(
-      "string pool: get and free " + bytes(size) + ", " + state,
+      what,
       [size] {
         StringPoolManager& pool = StringPoolManager::instance();
         void* const block = pool.getBuffer(size);
@@ -33,6 +34,17 @@ void comparePoolBlock(unsigned size, Company company, int threads) {
         std::free(block);
       },
       threads);
+  if (size > StringPoolManager::maximumPooledSize) {
+    // What the pool passes such a request to.
+    addPeer(
+        what, "new[]",
+        [size] {
+          char* const block = new char[size];
+          benchmark::DoNotOptimize(block);
+          delete[] block;
+        },
+        threads);
+  }
 }
 
 void comparePoolBatch(unsigned size, Company company) {
