@@ -13,7 +13,7 @@
 namespace {
 
 constexpr unsigned objects = 1000;
-constexpr unsigned long areaSize = 64 * 1024;
+constexpr unsigned long areaSize = 65536;
 
 void compareWarmPool(unsigned size) {
   const auto pool = std::make_shared<Pool>(areaSize, 100, "benchmark");

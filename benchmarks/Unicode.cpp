@@ -111,7 +111,7 @@ void compareDecoding(const std::string& kind, const std::string& text) {
               count == decodeInICU16(text.data(), size, icu16->data(), size + 1),
           into);
   for (unsigned i = 0; i < count; ++i) {
-    require((*ours)[i] == (*icu)[i] && (*ours)[i] == (*icu16)[i], into);
+    require((*ours)[i] == (*icu)[i] && (*icu)[i] == (*icu16)[i], into);
   }
   compare(
       into,
