@@ -41,10 +41,9 @@ class List {
 
   /// Appends one element, which may be one of the list's own.
   void add(const T& element) {
-    const unsigned int index = implementation_.count;
-    if (index < implementation_.capacity) [[likely]] {
-      std::memcpy(static_cast<void*>(elements_ + index), &element, sizeof(T));
-      implementation_.count = index + 1;
+    if (implementation_.count < implementation_.capacity) [[likely]] {
+      std::memcpy(static_cast<void*>(elements_ + implementation_.count), &element, sizeof(T));
+      ++implementation_.count;
     } else {
       append(&element, 1);
     }
@@ -75,10 +74,6 @@ class List {
     removeAt(position - 1);
     return true;
   }
-
-  /// Makes room for `n` more elements at once, for whoever adds many one by one: a list that
-  /// grows by its growth step alone copies itself at every step.
-  void extend(unsigned int n) { implementation_.extend(n, Buffer(elements_)); }
 
   /// Forgets all elements and keeps the capacity.
   void removeAll() noexcept { implementation_.count = 0; }

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr unsigned blockSize = 16;
+constexpr int blockSize = 16;  // bytes
 constexpr unsigned blockBits = 0xFFFF;
 
 // What the lead bytes from `first` to `last` say.
@@ -27,7 +27,9 @@ constexpr Leads leads[] = {
     {0xF0, 0xF7, 4, 0x07}, {0xF8, 0xFB, 5, 0x03}, {0xFC, 0xFD, 6, 0x01}, {0xFE, 0xFF, 0, 0xFF},
 };
 
-constexpr bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
+constexpr unsigned continuationMask = 0x3F;  // bits that belong to the code value
+
+constexpr bool isContinuation(char byte) { return (byte & 0xC0) == 0x80; }
 
 __m128i load(const char* p) noexcept {
   return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
@@ -110,6 +112,11 @@ Walk walk(const char* p, size_t n, unsigned limit) noexcept {
   while (start < n) {
     const auto size = static_cast<unsigned>(std::min<size_t>(n - start, blockSize));
     const __m128i block = size == blockSize ? load(p + start) : loadPartial(p + start, size);
+    if (pending == 0 && highBits(block) == 0 && size <= limit - at.characters) {
+      start += size;
+      at = {start, at.characters + size};
+      continue;
+    }
     const __m128i continued = continuations(block);
     const unsigned expected = expectedContinuations(block) | pending;
     const unsigned characters = size - countSet(continued);
@@ -131,24 +138,6 @@ Walk walk(const char* p, size_t n, unsigned limit) noexcept {
   return at;
 }
 
-// Decodes the sequence at p, of which n bytes are there.
-unsigned decode(const char* p, unsigned n, unsigned payload, unsigned length,
-                wchar_t& cp) noexcept {
-  cp = static_cast<wchar_t>(payload);
-  if (length < 2) {
-    return length;
-  }
-  unsigned value = payload;
-  for (unsigned i = 1; i < length; ++i) {
-    if (i >= n || !isContinuation(static_cast<unsigned char>(p[i]))) {
-      return 1;
-    }
-    value = value << 6 | (static_cast<unsigned char>(p[i]) & 0x3F);
-  }
-  cp = static_cast<wchar_t>(value);
-  return length;
-}
-
 void widen(__m128i block, wchar_t* out) noexcept {
   const __m128i zero = _mm_setzero_si128();
   const __m128i halves[] = {_mm_unpacklo_epi8(block, zero), _mm_unpackhi_epi8(block, zero)};
@@ -157,6 +146,52 @@ void widen(__m128i block, wchar_t* out) noexcept {
     _mm_storeu_si128(to++, _mm_unpacklo_epi16(half, zero));
     _mm_storeu_si128(to++, _mm_unpackhi_epi16(half, zero));
   }
+}
+
+// Whether a block of bytes is left and more than one of them is ASCII.
+bool startsAsciiRun(const char* p, const char* end) noexcept {
+  return end - p >= blockSize && (p[0] | p[1]) >= 0;
+}
+
+// Where decoding stands.
+struct Decoding {
+  const char* p;
+  wchar_t* to;
+};
+
+// Decodes as long as neither the bytes up to `end` nor the room up to `last` have to be
+// watched and no sequence is longer than three bytes or broken.
+Decoding decodeFast(Decoding at, const char* end, const wchar_t* last) noexcept {
+  constexpr ptrdiff_t longest = 3;
+  ptrdiff_t safe = std::min((end - at.p) / longest, last - at.to);
+  for (; safe > 0; --safe) {
+    const auto byte = [&at](unsigned i) noexcept { return static_cast<unsigned char>(at.p[i]); };
+    const unsigned lead = byte(0);
+    if (lead < 0x80) {
+      if (startsAsciiRun(at.p, end) && last - at.to >= blockSize) {
+        const __m128i block = load(at.p);
+        const int ascii = std::countr_zero(highBits(block) | 1U << blockSize);
+        // What is stored behind the ASCII bytes is overwritten by what follows.
+        widen(block, at.to);
+        at.p += ascii;
+        at.to += ascii;
+        safe = std::min((end - at.p) / longest, last - at.to) + 1;
+        continue;
+      }
+      *at.to++ = static_cast<wchar_t>(lead);
+      at.p += 1;
+    } else if ((lead & 0xE0) == 0xC0 && isContinuation(at.p[1])) {
+      *at.to++ = static_cast<wchar_t>((lead & 0x1F) << 6 | (byte(1) & continuationMask));
+      at.p += 2;
+    } else if ((lead & 0xF0) == 0xE0 && isContinuation(at.p[1]) && isContinuation(at.p[2])) {
+      *at.to++ = static_cast<wchar_t>((lead & 0x0F) << 12 | (byte(1) & continuationMask) << 6 |
+                                      (byte(2) & continuationMask));
+      at.p += 3;
+    } else {
+      break;
+    }
+  }
+  return at;
 }
 
 // Narrows 16 values; false when one of them is not ASCII.
@@ -176,8 +211,62 @@ bool narrow(const wchar_t* text, char* out) noexcept {
   return true;
 }
 
+// Whether a block of values is left that starts with ASCII.
+bool startsAsciiRun(const wchar_t* text, const wchar_t* end) noexcept {
+  return end - text >= blockSize && (static_cast<unsigned>(text[0] | text[1]) < 0x80);
+}
+
+// A value of more bits than these needs one byte more.
+constexpr int bitsOfLength[] = {7, 11, 16, 21, 26};
+
 constexpr unsigned encodedLength(unsigned cp) noexcept {
-  return 1U + (cp >= 0x80) + (cp >= 0x800) + (cp >= 0x10000) + (cp >= 0x200000) + (cp >= 0x4000000);
+  unsigned length = 1;
+  for (const int bits : bitsOfLength) {
+    length += cp >> bits != 0;
+  }
+  return length;
+}
+
+constexpr unsigned valuesPerBlock = 4;
+constexpr unsigned valuesPerSum = 1U << 20;  // keeps the 32-bit sums from overflowing
+
+// The sum of encodedLength() of `count` values, a multiple of valuesPerBlock.
+unsigned long sumOfLengths(const wchar_t* text, unsigned count) noexcept {
+  const __m128i zero = _mm_setzero_si128();
+  __m128i shorter = zero;  // minus the bytes that the values need less than the longest
+  for (unsigned i = 0; i < count; i += valuesPerBlock) {
+    const __m128i values = _mm_loadu_si128(reinterpret_cast<const __m128i*>(text + i));
+    for (const int bits : bitsOfLength) {
+      shorter = _mm_add_epi32(shorter, _mm_cmpeq_epi32(_mm_srli_epi32(values, bits), zero));
+    }
+  }
+  int sums[valuesPerBlock];
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(sums), shorter);
+  const long total = long{sums[0]} + sums[1] + sums[2] + sums[3];
+  return static_cast<unsigned long>(long{count} * UnicodeUtilities::longestSequence + total);
+}
+
+// As UnicodeUtilities::unicodeToUTF8(), with the most frequent lengths laid out.
+unsigned encodeNext(unsigned cp, char* out, unsigned room) noexcept {
+  const auto continuation = [](unsigned bits) noexcept {
+    return static_cast<char>(0x80 | (bits & continuationMask));
+  };
+  if (room >= 3 && cp < 0x10000) {
+    if (cp < 0x80) {
+      out[0] = static_cast<char>(cp);
+      return 1;
+    }
+    if (cp < 0x800) {
+      out[0] = static_cast<char>(0xC0 | cp >> 6);
+      out[1] = continuation(cp);
+      return 2;
+    }
+    out[0] = static_cast<char>(0xE0 | cp >> 12);
+    out[1] = continuation(cp >> 6);
+    out[2] = continuation(cp);
+    return 3;
+  }
+  return UnicodeUtilities::unicodeToUTF8(cp, out, room);
 }
 
 }  // namespace
@@ -199,7 +288,18 @@ unsigned UnicodeUtilities::utf8Encode(const char* p, wchar_t& cp) noexcept {
 
 unsigned UnicodeUtilities::utf8Encode(const char* p, unsigned n, wchar_t& cp) noexcept {
   const auto lead = static_cast<unsigned char>(*p);
-  return decode(p, n, leadTables.payload[lead], mblen(lead), cp);
+  const unsigned length = mblen(lead);
+  const unsigned payload = leadTables.payload[lead];
+  unsigned value = payload;
+  for (unsigned i = 1; i < length; ++i) {
+    if (i >= n || !isContinuation(p[i])) {
+      cp = static_cast<wchar_t>(payload);
+      return 1;
+    }
+    value = value << 6 | (static_cast<unsigned char>(p[i]) & continuationMask);
+  }
+  cp = static_cast<wchar_t>(value);
+  return length;
 }
 
 unsigned UnicodeUtilities::utf8toUnicode(const char* p, unsigned n, wchar_t* out,
@@ -207,31 +307,26 @@ unsigned UnicodeUtilities::utf8toUnicode(const char* p, unsigned n, wchar_t* out
   if (out == nullptr || capacity < 2) {
     return 0;
   }
-  const unsigned room = capacity - 1;
-  unsigned count = 0;
-  for (unsigned i = 0; p != nullptr && i < n;) {
-    const auto lead = static_cast<unsigned char>(p[i]);
-    if (lead < 0x80 && n - i >= blockSize && room - count >= blockSize) {
-      const __m128i block = load(p + i);
-      const auto ascii = static_cast<unsigned>(std::countr_zero(highBits(block) | 1U << blockSize));
-      // What is stored behind the ASCII bytes is overwritten by what follows.
-      widen(block, out + count);
-      i += ascii;
-      count += ascii;
-      continue;
+  const wchar_t* const last = out + capacity - 1;  // for the 0
+  const char* const end = p == nullptr ? p : p + n;
+  Decoding at = {p, out};
+  while (true) {
+    at = decodeFast(at, end, last);
+    if (at.p == end) {
+      break;
     }
-    if (count == room) {
+    if (at.to == last) {
       return 0;
     }
-    const unsigned taken = utf8Encode(p + i, n - i, out[count]);
+    const unsigned taken = utf8Encode(at.p, static_cast<unsigned>(end - at.p), *at.to);
     if (taken == 0) {
       return 0;  // Such a byte stands in the way for ever: the values can only run out.
     }
-    i += taken;
-    ++count;
+    at.p += taken;
+    ++at.to;
   }
-  out[count] = 0;
-  return count + 1;
+  *at.to = 0;
+  return static_cast<unsigned>(at.to - out) + 1;
 }
 
 unsigned UnicodeUtilities::unicodeToUTF8(unsigned cp, char* out, unsigned room) noexcept {
@@ -244,7 +339,7 @@ unsigned UnicodeUtilities::unicodeToUTF8(unsigned cp, char* out, unsigned room) 
     return 1;
   }
   for (unsigned i = length - 1; i > 0; --i) {
-    out[i] = static_cast<char>(0x80 | (cp & 0x3F));
+    out[i] = static_cast<char>(0x80 | (cp & continuationMask));
     cp >>= 6;
   }
   // The lead byte opens with as many ones as the sequence has bytes.
@@ -254,30 +349,37 @@ unsigned UnicodeUtilities::unicodeToUTF8(unsigned cp, char* out, unsigned room) 
 
 unsigned UnicodeUtilities::unicodeToUTF8(const wchar_t* text, unsigned count, char* out,
                                          unsigned room) noexcept {
-  unsigned written = 0;
-  for (unsigned i = 0; text != nullptr && i < count;) {
-    if (count - i >= blockSize && room - written >= blockSize && narrow(text + i, out + written)) {
-      i += blockSize;
-      written += blockSize;
+  char* to = out;
+  char* const last = out + room;
+  for (const wchar_t* const end = text + (text == nullptr ? 0 : count); text != end;) {
+    if (startsAsciiRun(text, end) && last - to >= blockSize && narrow(text, to)) {
+      text += blockSize;
+      to += blockSize;
       continue;
     }
     const unsigned length =
-        unicodeToUTF8(static_cast<unsigned>(text[i]), out + written, room - written);
+        encodeNext(static_cast<unsigned>(*text), to, static_cast<unsigned>(last - to));
     if (length == 0) {
       return 0;
     }
-    written += length;
-    ++i;
+    to += length;
+    ++text;
   }
-  if (out == nullptr || written == room) {
+  if (to == last) {
     return 0;
   }
-  out[written] = 0;
-  return written + 1;
+  *to = 0;
+  return static_cast<unsigned>(to - out) + 1;
 }
 
 unsigned long UnicodeUtilities::utf8Length(const wchar_t* text, unsigned count) noexcept {
   unsigned long length = 0;
+  while (count >= valuesPerBlock) {
+    const unsigned part = std::min(count, valuesPerSum) / valuesPerBlock * valuesPerBlock;
+    length += sumOfLengths(text, part);
+    text += part;
+    count -= part;
+  }
   for (unsigned i = 0; i < count; ++i) {
     length += encodedLength(static_cast<unsigned>(text[i]));
   }

@@ -1,0 +1,516 @@
+#include "Engine/utilities/EncodedString.h"
+
+#include <cerrno>
+#include <cfloat>
+#include <climits>
+#include <cstdio>
+#include <map>
+#include <new>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include <gtest/gtest.h>
+
+#include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/CharString.h"
+
+#include "tests/support/Child.h"
+
+namespace {
+
+using namespace std::string_literals;
+using namespace std::string_view_literals;
+using E = EncodedString;
+
+constexpr auto anotherEncoding = static_cast<E::Encoding>(77);
+
+std::string text(const E& s) { return {static_cast<const char*>(s), s.length()}; }
+
+std::string text(const ByteString& s) {
+  return {reinterpret_cast<const char*>(static_cast<const unsigned char*>(s)), s.length()};
+}
+
+E utf8(std::string_view s) { return {s.data(), static_cast<unsigned>(s.size()), E::utf8}; }
+
+E slashU(std::string_view s) {
+  E result = utf8(s);
+  result.convertFromSlashU();
+  return result;
+}
+
+template <class Change>
+std::string after(std::string_view s, Change change) {
+  E result = utf8(s);
+  change(result);
+  return text(result);
+}
+
+void expectSuccess(const char* child, std::map<std::string, std::string> environment) {
+  ChildOptions options;
+  options.environment = std::move(environment);
+  const ChildResult r = runChild(child, options);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+}  // namespace
+
+// Construction.
+
+TEST(EncodedString, IsEmptyAtFirst) {
+  const E s;
+  EXPECT_EQ(s.length(), 0U);
+  EXPECT_STREQ(static_cast<const char*>(s), "");
+}
+
+TEST(EncodedString, NamesItsEncodingsByFixedNumbers) {
+  EXPECT_EQ(static_cast<int>(E::native), 0);
+  EXPECT_EQ(static_cast<int>(E::slashU), 1);
+  EXPECT_EQ(static_cast<int>(E::utf8), 2);
+  EXPECT_EQ(static_cast<int>(E::autodetect), 3);
+}
+
+TEST(EncodedString, TakesTerminatedAndCountedBytesOfEachKind) {
+  const std::string bytes = "caf\xC3\xA9";
+  const char* c = bytes.c_str();
+  const auto* u = reinterpret_cast<const unsigned char*>(c);
+  const auto* s = reinterpret_cast<const signed char*>(c);
+  EXPECT_EQ(text(E(c, E::utf8)), bytes);
+  EXPECT_EQ(text(E(u, E::utf8)), bytes);
+  EXPECT_EQ(text(E(s, E::utf8)), bytes);
+  EXPECT_EQ(text(E(c, 3, E::utf8)), "caf");
+  EXPECT_EQ(text(E(u, 3, E::utf8)), "caf");
+  EXPECT_EQ(text(E(s, 3, E::utf8)), "caf");
+  EXPECT_EQ(text(E("a\0b", 3, E::utf8)), "a\0b"s);
+  EXPECT_EQ(text(E("a\0b", E::utf8)), "a");
+  EXPECT_EQ(static_cast<const char*>(E(c, 3, E::utf8))[3], '\0');
+}
+
+TEST(EncodedString, IsEmptyWhenMadeFromNothing) {
+  for (const E::Encoding e : {E::native, E::slashU, E::utf8, E::autodetect, anotherEncoding}) {
+    EXPECT_EQ(E(static_cast<const char*>(nullptr), e).length(), 0U);
+    EXPECT_EQ(E(static_cast<const unsigned char*>(nullptr), e).length(), 0U);
+    EXPECT_EQ(E(static_cast<const signed char*>(nullptr), e).length(), 0U);
+    EXPECT_EQ(E(static_cast<const char*>(nullptr), 3, e).length(), 0U);
+    EXPECT_EQ(E("", e).length(), 0U);
+    EXPECT_EQ(E("abc", 0, e).length(), 0U);
+    EXPECT_EQ(E(ByteString(), e).length(), 0U);
+  }
+  EXPECT_EQ(E(ByteString(), "ISO-8859-1").length(), 0U);
+  EXPECT_EQ(E(static_cast<const wchar_t*>(nullptr)).length(), 0U);
+  EXPECT_EQ(E(CharString()).length(), 0U);
+}
+
+TEST(EncodedString, CopiesItsText) {
+  E s = utf8("some text");
+  E copy(s);
+  s[1] = 'S';
+  EXPECT_EQ(text(copy), "some text");
+  copy = s;
+  EXPECT_EQ(text(copy), "Some text");
+  EXPECT_NE(static_cast<const char*>(copy), static_cast<const char*>(s));
+  const E& same = copy;
+  copy = same;
+  EXPECT_EQ(text(copy), "Some text");
+}
+
+TEST(EncodedString, LeavesTheSourceOfAMoveEmpty) {
+  E s = utf8("some text");
+  const char* storage = s;
+  E moved(std::move(s));
+  EXPECT_EQ(static_cast<const char*>(moved), storage);
+  EXPECT_EQ(text(moved), "some text");
+  EXPECT_EQ(text(s), "");  // NOLINT(bugprone-use-after-move)
+  s = utf8("other");
+  s = std::move(moved);
+  EXPECT_EQ(static_cast<const char*>(s), storage);
+  EXPECT_EQ(text(moved), "");  // NOLINT(bugprone-use-after-move)
+  static_assert(std::is_nothrow_move_constructible_v<E>);
+  static_assert(std::is_nothrow_move_assignable_v<E>);
+}
+
+TEST(EncodedString, TakesWideTextValueByValue) {
+  EXPECT_EQ(text(E(L"a\u00e9\u20ac\U0001f600")), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
+  EXPECT_EQ(text(E(CharString(L"a\u00e9"))), "a\xC3\xA9");
+  EXPECT_EQ(text(E(CharString(L"a\0z", 3))), "a\0z"s);
+  const wchar_t odd[] = {0xD800, 0x110000, 0x7FFFFFFF, 0};
+  EXPECT_EQ(text(E(odd)), "\xED\xA0\x80\xF4\x90\x80\x80\xFD\xBF\xBF\xBF\xBF\xBF");
+  E s = utf8("old");
+  s = L"n\u00e9w";
+  EXPECT_EQ(text(s), "n\xC3\xA9w");
+  s = CharString(L"\u00fc");
+  EXPECT_EQ(text(s), "\xC3\xBC");
+  s = static_cast<const wchar_t*>(nullptr);
+  EXPECT_EQ(text(s), "");
+}
+
+TEST(EncodedString, AppendsWideText) {
+  E s = utf8("a");
+  s += CharString(L"\u00e9");
+  EXPECT_EQ(text(s), "a\xC3\xA9");
+  s += L"\u20ac";
+  EXPECT_EQ(text(s), "a\xC3\xA9\xE2\x82\xAC");
+  s += CharString();
+  s += static_cast<const wchar_t*>(nullptr);
+  EXPECT_EQ(text(s), "a\xC3\xA9\xE2\x82\xAC");
+}
+
+TEST(EncodedString, RepeatsACharacter) {
+  EXPECT_EQ(text(E(L'x', 3U)), "xxx");
+  EXPECT_EQ(text(E(L'\u20ac', 2U)), "\xE2\x82\xAC\xE2\x82\xAC");
+  EXPECT_EQ(text(E(L'x', 0U)), "");
+  EXPECT_EQ(text(E(L'\0', 2U)), "\0\0"s);
+  EXPECT_EQ(text(E(static_cast<wchar_t>(0x7FFFFFFF), 1U)), "\xFD\xBF\xBF\xBF\xBF\xBF");
+}
+
+TEST(EncodedString, RefusesATextTooLongForItsLength) {
+  EXPECT_THROW(E(L'\u20ac', 0x60000000U), std::bad_alloc);
+  EXPECT_THROW(E(L'\u20ac', 0xFFFFFFFFU), std::bad_alloc);
+  EXPECT_THROW((void)utf8("abc").subString(2, 0xFFFFFFFF, L'\u20ac'), std::bad_alloc);
+}
+
+TEST(EncodedString, FormatsNumbers) {
+  EXPECT_EQ(text(E::number(0)), "0");
+  EXPECT_EQ(text(E::number(INT_MIN)), "-2147483648");
+  EXPECT_EQ(text(E::number(INT_MAX)), "2147483647");
+  EXPECT_EQ(text(E::number(UINT_MAX)), "4294967295");
+  EXPECT_EQ(text(E::number(LONG_MIN)), "-9223372036854775808");
+  EXPECT_EQ(text(E::number(LONG_MAX)), "9223372036854775807");
+  EXPECT_EQ(text(E::number(ULONG_MAX)), "18446744073709551615");
+  EXPECT_EQ(text(E::number(0.1F)), "0.1");
+  EXPECT_EQ(text(E::number(1e20F)), "1e+20");
+  EXPECT_EQ(text(E::number(0.1)), "0.1");
+  EXPECT_EQ(text(E::number(100000.0)), "100000");
+  EXPECT_EQ(text(E::number(1234567.0)), "1.23457e+06");
+  EXPECT_EQ(text(E::number(-DBL_MAX)), "-1.79769e+308");
+  EXPECT_EQ(text(E::number(LDBL_MAX)), "1.18973e+4932");
+  EXPECT_EQ(text(E::number(-0.0L)), "-0");
+  EXPECT_EQ(text(E::number(__builtin_inf())), "inf");
+}
+
+// Reading bytes; the native code page of these processes is ISO-8859-1.
+
+CUL_CHILD(ReadEncodings) {
+  EXPECT_STREQ(E::nativeCodepage(), "ISO-8859-1");
+  const char* const latin1 = "caf\xE9\\u20ac";
+  const char* const asUtf8 = "caf\xC3\xA9\\u20ac";
+  EXPECT_EQ(text(E(latin1, E::native)), asUtf8);
+  EXPECT_EQ(text(E(latin1, E::slashU)), "caf\xC3\xA9\xE2\x82\xAC");
+  EXPECT_EQ(text(E(latin1, E::utf8)), latin1);
+  EXPECT_EQ(text(E(latin1, E::autodetect)), asUtf8);
+  EXPECT_EQ(text(E(latin1, anotherEncoding)), latin1);
+  EXPECT_EQ(text(E(asUtf8, E::autodetect)), asUtf8);
+  EXPECT_EQ(text(E(asUtf8, E::native)), "caf\xC3\x83\xC2\xA9\\u20ac");
+  EXPECT_EQ(text(E("\xE9t\xE9", 2, E::native)), "\xC3\xA9t");
+  // All forms apply their encoding.
+  EXPECT_EQ(text(E(reinterpret_cast<const unsigned char*>(latin1), E::native)), asUtf8);
+  EXPECT_EQ(text(E(reinterpret_cast<const signed char*>(latin1), E::native)), asUtf8);
+  EXPECT_EQ(text(E(reinterpret_cast<const unsigned char*>(latin1), 4, E::native)), "caf\xC3\xA9");
+  EXPECT_EQ(text(E(reinterpret_cast<const signed char*>(latin1), 4, E::native)), "caf\xC3\xA9");
+  EXPECT_EQ(text(E(ByteString(latin1, 4), E::native)), "caf\xC3\xA9");
+  EXPECT_EQ(text(E(ByteString(latin1, 4), E::utf8)), "caf\xE9");
+  // Converted text ends at a zero byte, text taken as it is does not.
+  EXPECT_EQ(text(E("a\0b", 3, E::native)), "a");
+  EXPECT_EQ(text(E("a\0b", 3, E::slashU)), "a");
+  EXPECT_EQ(text(E("a\0b", 3, E::autodetect)), "a\0b"s);
+  EXPECT_EQ(text(E("a\0\xE9", 3, E::autodetect)), "a");
+}
+
+TEST(EncodedString, ReadsBytesByTheirEncoding) {
+  expectSuccess("ReadEncodings", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}});
+}
+
+CUL_CHILD(WriteEncodings) {
+  const E s = utf8("caf\xC3\xA9 \xE2\x82\xAC");
+  EXPECT_EQ(text(s.convert(E::native)), "caf\xE9 ???");
+  EXPECT_EQ(text(s.convert(E::native, "UTF-8")), "caf\xE9 ???");
+  EXPECT_EQ(text(s.convertToNative()), "caf\xE9 ???");
+  EXPECT_EQ(text(s.convertToNative("UTF-8")), "caf\xE9 ???");
+  EXPECT_EQ(text(s.convert(E::slashU)), "caf\\u00e9 \\u20ac");
+  for (const E::Encoding e : {E::utf8, E::autodetect, anotherEncoding}) {
+    EXPECT_EQ(text(s.convert(e)), text(s));
+    EXPECT_EQ(text(utf8("a\0b"sv).convert(e)), "a\0b"s);
+  }
+  EXPECT_EQ(text(utf8("a\0b"sv).convert(E::native)), "a");
+  for (const E::Encoding e : {E::native, E::slashU, E::utf8, E::autodetect}) {
+    EXPECT_EQ(text(E().convert(e)), "");
+  }
+}
+
+TEST(EncodedString, WritesBytesInTheGivenEncoding) {
+  expectSuccess("WriteEncodings", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}});
+}
+
+CUL_CHILD(ConvertInPlace) {
+  EXPECT_EQ(after("caf\xE9", [](E& s) { s.convertToUTF8(); }), "caf\xC3\xA9");
+  EXPECT_EQ(after("caf\xE9", [](E& s) { s.convertToUTF8(""); }), "caf\xC3\xA9");
+  // With a name the other way round, deliberately.
+  EXPECT_EQ(after("caf\xC3\xA9", [](E& s) { s.convertToUTF8("ISO-8859-1"); }), "caf\xE9");
+  EXPECT_EQ(after("", [](E& s) { s.convertToUTF8(); }), "");
+  const ByteString bytes("\u65e5", 3);
+  EXPECT_EQ(text(E(bytes, "SHIFT_JIS")), "\x93\xFA");
+  EXPECT_EQ(text(E(bytes, "NO-SUCH-CODE-PAGE")), "???");
+  EXPECT_EQ(text(E(ByteString("\xE9", 1), static_cast<const char*>(nullptr))), "\xC3\xA9");
+}
+
+TEST(EncodedString, ConvertsFromTheNativeCodePageButToANamedOne) {
+  expectSuccess("ConvertInPlace", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}});
+}
+
+// Escapes.
+
+TEST(EncodedString, ReplacesEscapesByTheirCharacters) {
+  EXPECT_EQ(text(slashU("\\u00e9")), "\xC3\xA9");
+  EXPECT_EQ(text(slashU("\\u00E9")), "\xC3\xA9");
+  EXPECT_EQ(text(slashU("<\\u20aC|\\U0001f600>")), "<\xE2\x82\xAC|\xF0\x9F\x98\x80>");
+  EXPECT_EQ(text(slashU("\\u0041\\u0042C\\u00444")), "ABCD4");
+  EXPECT_EQ(text(slashU("\\u0000z")), "\0z"s);
+  EXPECT_EQ(text(slashU("\\ud83d")), "\xED\xA0\xBD");
+  EXPECT_EQ(text(slashU("\\U7fffffff")), "\xFD\xBF\xBF\xBF\xBF\xBF");
+  EXPECT_EQ(text(slashU("\\Uffffffff")), "\xFF\xBF\xBF\xBF\xBF\xBF");
+}
+
+TEST(EncodedString, KeepsWhatIsNoEscape) {
+  for (const char* s : {"", "\\", "abc\\", "\\n", "\\u", "\\U", "\\u00e", "\\U0001f60", "\\u00g9",
+                        "\\ug0e9", "\\u00e\\", "\\U0001f60g", "\\u-123", "\\u 123", "\\u0x12",
+                        "\\u+123", "u00e9", "\\x00e9", "\\\\"}) {
+    EXPECT_EQ(text(slashU(s)), s);
+  }
+}
+
+TEST(EncodedString, LooksForAnEscapeBehindEveryBackslash) {
+  EXPECT_EQ(text(slashU("\\\\u00e9")), "\\\xC3\xA9");
+  EXPECT_EQ(text(slashU("\\u\\u00e9")), "\\u\xC3\xA9");
+  EXPECT_EQ(text(slashU("\\u00\\u00e9z\\")), "\\u00\xC3\xA9z\\");
+  EXPECT_EQ(text(slashU("\\u005cu0041")), "\\u0041");
+}
+
+TEST(EncodedString, WritesEscapesForAllButAscii) {
+  const auto escaped = [](std::string_view s) { return text(utf8(s).convert(E::slashU)); };
+  EXPECT_EQ(escaped("\xF0\x9F\x98\x80"), "\\U0001f600");
+  EXPECT_EQ(escaped("a\\u\x7F\xC2\x80z"), "a\\u\x7F\\u0080z");
+  EXPECT_EQ(escaped("\xEF\xBF\xBF\xF0\x90\x80\x80"), "\\uffff\\U00010000");
+  EXPECT_EQ(escaped("\xFD\xBF\xBF\xBF\xBF\xBF"), "\\U7fffffff");
+  EXPECT_EQ(escaped("a\0b"sv), "a\0b"s);
+  EXPECT_EQ(escaped("a run of ASCII, longer than one block\xC3\xA9 and another one like it"),
+            "a run of ASCII, longer than one block\\u00e9 and another one like it");
+}
+
+TEST(EncodedString, WritesEscapesForMalformedTextToo) {
+  const auto escaped = [](std::string_view s) { return text(utf8(s).convert(E::slashU)); };
+  EXPECT_EQ(escaped("\x80\xFF"), "\\u0080\\u00ff");
+  EXPECT_EQ(escaped("\xC3z"), "\\u0003z");
+  EXPECT_EQ(escaped("\xE2\x82"), "\\u0002\\u0082");
+}
+
+TEST(EncodedString, ReadsBackTheEscapesItWrites) {
+  std::wstring all;
+  for (wchar_t c = 1; c <= 0x10FFFF; c += 7) {
+    if (c != L'\\') {
+      all += c;
+    }
+  }
+  const E s(all.c_str());
+  EXPECT_TRUE(text(slashU(text(s.convert(E::slashU)))) == text(s));
+}
+
+// Inspection.
+
+TEST(EncodedString, KnowsWhetherItIsValidUtf8) {
+  EXPECT_TRUE(E().isValid());
+  EXPECT_TRUE(utf8("caf\xC3\xA9").isValid());
+  EXPECT_TRUE(utf8("\xC0\x80\xED\xA0\x80").isValid());
+  EXPECT_FALSE(utf8("\x80").isValid());
+  EXPECT_FALSE(utf8("caf\xC3").isValid());
+  EXPECT_FALSE(utf8("\xFE").isValid());
+}
+
+TEST(EncodedString, KnowsWhetherItIsMoreThanAscii) {
+  EXPECT_FALSE(E().isNLS());
+  EXPECT_FALSE(utf8("abc\x7F\0"sv).isNLS());
+  EXPECT_TRUE(utf8("\x80").isNLS());
+  EXPECT_TRUE(utf8("a long text that ends in caf\xC3\xA9").isNLS());
+}
+
+TEST(EncodedString, CountsItsCharacters) {
+  EXPECT_EQ(E().charCount(), 0U);
+  EXPECT_EQ(utf8("a\xC3\xA9\xE2\x82\xAC").charCount(), 3U);
+}
+
+TEST(EncodedString, KnowsWhiteSpaceByTheAsciiTable) {
+  for (unsigned c = 0; c <= UCHAR_MAX; ++c) {
+    EXPECT_EQ(E::isWhiteSpace(static_cast<unsigned char>(c)),
+              c == ' ' || c == '\t' || c == '\n' || c == '\r')
+        << c;
+  }
+}
+
+TEST(EncodedString, StripsWhiteSpace) {
+  EXPECT_TRUE(utf8("a ").hasTrailingWhiteSpace());
+  EXPECT_TRUE(utf8("\r").hasTrailingWhiteSpace());
+  EXPECT_FALSE(utf8(" a").hasTrailingWhiteSpace());
+  EXPECT_FALSE(utf8("a\v").hasTrailingWhiteSpace());
+  EXPECT_FALSE(E().hasTrailingWhiteSpace());
+  const char* const s = " \t\r\n a b \n\t";
+  EXPECT_EQ(after(s, [](E& e) { e.stripLeadingWhiteSpace(); }), "a b \n\t");
+  EXPECT_EQ(after(s, [](E& e) { e.stripTrailingWhiteSpace(); }), " \t\r\n a b");
+  EXPECT_EQ(after(s, [](E& e) { e.stripWhiteSpace(); }), "a b");
+  for (const char* same : {"", "a", "\va b\f", "\xC2\xA0"}) {
+    EXPECT_EQ(after(same, [](E& e) { e.stripWhiteSpace(); }), same);
+  }
+  EXPECT_EQ(after(" \t ", [](E& e) { e.stripLeadingWhiteSpace(); }), "");
+  EXPECT_EQ(after(" \t ", [](E& e) { e.stripTrailingWhiteSpace(); }), "");
+  EXPECT_EQ(after(" \t ", [](E& e) { e.stripWhiteSpace(); }), "");
+}
+
+TEST(EncodedString, StripsTheHexPrefixOfAHexNumberOnly) {
+  const auto stripped = [](std::string_view s) {
+    return after(s, [](E& e) { e.stripHexPrefix(); });
+  };
+  EXPECT_EQ(stripped("0x1F"), "1F");
+  EXPECT_EQ(stripped("0XabCD09"), "abCD09");
+  EXPECT_EQ(stripped("0x0"), "0");
+  EXPECT_EQ(stripped("0x0x1"), "0x0x1");
+  for (const char* same : {"", "0", "0x", "0X", "0x1G", "1x12", "00x1", "x12", "0x12 ", "12"}) {
+    EXPECT_EQ(stripped(same), same);
+  }
+}
+
+TEST(EncodedString, ComparesBytes) {
+  EXPECT_TRUE(utf8("caf\xC3\xA9") == utf8("caf\xC3\xA9"));
+  EXPECT_FALSE(utf8("abc") == utf8("abd"));
+  EXPECT_FALSE(utf8("abc") == utf8("ab"));
+  EXPECT_TRUE(utf8("abc") != utf8("ABC"));
+  EXPECT_FALSE(utf8("a\0b"sv) != utf8("a\0b"sv));
+  EXPECT_TRUE(E() == utf8(""));
+}
+
+TEST(EncodedString, Concatenates) {
+  const E a = utf8("ab");
+  const E b = utf8("cde");
+  EXPECT_EQ(text(a + b), "abcde");
+  EXPECT_EQ(text(a + E()), "ab");
+  EXPECT_EQ(text(E() + b), "cde");
+  EXPECT_EQ(text(E() + E()), "");
+  E s = a;
+  s += b;
+  s += E();
+  EXPECT_EQ(text(s), "abcde");
+  s += s;
+  EXPECT_EQ(text(s), "abcdeabcde");
+  E empty;
+  empty += a;
+  EXPECT_EQ(text(empty), "ab");
+}
+
+TEST(compareCaseInsensitive, IgnoresTheCaseOfAsciiLettersOnly) {
+  EXPECT_TRUE(compareCaseInsensitive("AbC1", utf8("aBc1")));
+  EXPECT_TRUE(compareCaseInsensitive("", E()));
+  EXPECT_TRUE(compareCaseInsensitive(nullptr, E()));
+  EXPECT_FALSE(compareCaseInsensitive(nullptr, utf8("a")));
+  EXPECT_FALSE(compareCaseInsensitive("ab", utf8("abc")));
+  EXPECT_FALSE(compareCaseInsensitive("abc", utf8("ab")));
+  EXPECT_FALSE(compareCaseInsensitive("ab", utf8("ab\0"sv)));
+  EXPECT_FALSE(compareCaseInsensitive("a", utf8("\0"sv)));
+  EXPECT_TRUE(compareCaseInsensitive("\xC3\xA9", utf8("\xC3\xA9")));
+  EXPECT_FALSE(compareCaseInsensitive("\xC3\x89", utf8("\xC3\xA9")));
+  EXPECT_FALSE(compareCaseInsensitive("[", utf8("{")));
+  EXPECT_FALSE(compareCaseInsensitive("@", utf8("`")));
+}
+
+// Substrings.
+
+TEST(EncodedString, CutsAtACharacter) {
+  const E s = utf8("a\xC3\xA9\xE2\x82\xAC!");
+  EXPECT_EQ(text(s.subString(0)), text(s));
+  EXPECT_EQ(text(s.subString(1)), text(s));
+  EXPECT_EQ(text(s.subString(2)), "\xC3\xA9\xE2\x82\xAC!");
+  EXPECT_EQ(text(s.subString(4)), "!");
+  EXPECT_EQ(text(s.subString(5)), "");
+  EXPECT_EQ(text(s.subString(0xFFFFFFFF)), "");
+  EXPECT_EQ(text(E().subString(1)), "");
+}
+
+TEST(EncodedString, CutsACountOfCharactersAndPadsWhatIsMissing) {
+  const E s = utf8("a\xC3\xA9\xE2\x82\xAC");
+  EXPECT_EQ(text(s.subString(2, 5, L'*')), "\xC3\xA9\xE2\x82\xAC***");
+  EXPECT_EQ(text(s.subString(2, 1, L'*')), "\xC3\xA9");
+  EXPECT_EQ(text(s.subString(2, 2, L'*')), "\xC3\xA9\xE2\x82\xAC");
+  EXPECT_EQ(text(s.subString(2, 3, L'*')), "\xC3\xA9\xE2\x82\xAC*");
+  EXPECT_EQ(text(s.subString(0, 2, L'*')), "a\xC3\xA9");
+  EXPECT_EQ(text(s.subString(1, 3, L'*')), text(s));
+  EXPECT_EQ(text(s.subString(1, 4, L'\u00fc')), text(s) + "\xC3\xBC");
+  EXPECT_EQ(text(s.subString(1, 6, L'\0')), text(s) + "\0\0\0"s);
+  EXPECT_EQ(text(s.subString(1, 0, L'*')), "");
+  EXPECT_EQ(text(s.subString(4, 2, L'*')), "**");
+  EXPECT_EQ(text(s.subString(4, 0, L'*')), "");
+  EXPECT_EQ(text(s.subString(0xFFFFFFFF, 2, L'\u20ac')), "\xE2\x82\xAC\xE2\x82\xAC");
+  EXPECT_EQ(text(E().subString(1, 3, L' ')), "   ");
+  EXPECT_EQ(text(utf8("abcdefgh").subString(3, 4, L'*')), "cdef");
+}
+
+TEST(EncodedString, CutsBeforeAndBehindAByte) {
+  const E s = utf8("ab=cd=ef");
+  EXPECT_EQ(text(s.allBefore('=')), "ab");
+  EXPECT_EQ(text(s.allAfter('=')), "cd=ef");
+  EXPECT_EQ(text(s.allBefore('#')), "ab=cd=ef");
+  EXPECT_EQ(text(s.allAfter('#')), "");
+  EXPECT_EQ(text(utf8("=a").allBefore('=')), "");
+  EXPECT_EQ(text(utf8("a=").allAfter('=')), "");
+  EXPECT_EQ(text(E().allBefore('=')), "");
+  EXPECT_EQ(text(E().allAfter('=')), "");
+  EXPECT_EQ(text(utf8("a\xC3\xA9z").allBefore(0xC3)), "a");
+  EXPECT_EQ(text(utf8("a\xC3\xA9z").allAfter(0xC3)), "\xA9z");
+}
+
+TEST(EncodedString, SplitsAtAByte) {
+  E s = utf8("ab=cd=ef");
+  EXPECT_EQ(text(s.splitAt('=')), "ab");
+  EXPECT_EQ(text(s), "cd=ef");
+  EXPECT_EQ(text(s.splitAt('=')), "cd");
+  EXPECT_EQ(text(s.splitAt('=')), "ef");
+  EXPECT_EQ(text(s), "");
+  EXPECT_EQ(text(s.splitAt('=')), "");
+  s = utf8("ab=");
+  EXPECT_EQ(text(s.splitAt('=')), "ab");
+  EXPECT_EQ(text(s), "");
+  s = utf8("=ab");
+  EXPECT_EQ(text(s.splitAt('=')), "");
+  EXPECT_EQ(text(s), "ab");
+  s = utf8("a\xFFz");
+  EXPECT_EQ(text(s.splitAt(0xFF)), "a");
+  EXPECT_EQ(text(s), "z");
+}
+
+TEST(EncodedString, TakesTokensOffItsFront) {
+  E s = utf8(",, ab ,cd; ef  ");
+  EXPECT_EQ(text(s.firstToken(", ")), "ab");
+  EXPECT_EQ(text(s), "cd; ef  ");
+  EXPECT_EQ(text(s.firstToken(", ")), "cd;");
+  EXPECT_EQ(text(s), "ef  ");
+  EXPECT_EQ(text(s.firstToken(", ")), "ef");
+  EXPECT_EQ(text(s), "");
+  EXPECT_EQ(text(s.firstToken(", ")), "");
+}
+
+TEST(EncodedString, TakesTheRestWhenNoDelimiterFollows) {
+  E s = utf8("  rest");
+  EXPECT_EQ(text(s.firstToken(" ")), "rest");
+  EXPECT_EQ(text(s), "");
+  s = utf8("a b");
+  EXPECT_EQ(text(s.firstToken("")), "a b");
+  EXPECT_EQ(text(s), "");
+  s = utf8("a b");
+  EXPECT_EQ(text(s.firstToken(nullptr)), "a b");
+  EXPECT_EQ(text(s), "");
+  s = utf8(" ,, ");
+  EXPECT_EQ(text(s.firstToken(" ,")), "");
+  EXPECT_EQ(text(s), "");
+}
+
+TEST(EncodedString, TakesHighBytesAsDelimiters) {
+  E s = utf8("\xFFone\x80\xFFtwo\0three"sv);
+  EXPECT_EQ(text(s.firstToken("\xFF\x80")), "one");
+  EXPECT_EQ(text(s.firstToken("\xFF\x80")), "two\0three"s);
+}

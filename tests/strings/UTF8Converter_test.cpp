@@ -1,0 +1,400 @@
+#include "Engine/utilities/UTF8Converter.h"
+
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
+#include <dlfcn.h>
+#include <iconv.h>
+#include <langinfo.h>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/Iconv.h"
+
+#include "tests/strings/GuardedBytes.h"
+#include "tests/support/Child.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using namespace std::string_literals;
+using namespace std::string_view_literals;
+
+// When set, says which conversions iconv_open() refuses in this process.
+bool (*isRefused)(std::string_view to, std::string_view from) = nullptr;
+
+}  // namespace
+
+// Stands before the C library's function, also for the library under test.
+extern "C" iconv_t iconv_open(const char* to, const char* from) {
+  if (isRefused != nullptr && isRefused(to, from)) {
+    errno = EINVAL;
+    return reinterpret_cast<iconv_t>(-1);
+  }
+  static const auto real =
+      reinterpret_cast<iconv_t (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "iconv_open"));
+  return real(to, from);
+}
+
+namespace {
+
+std::string in(std::string_view bytes, const char* named = nullptr) {
+  const EncodedString s = UTF8Converter::instance().convertToUTF8(
+      bytes.data(), static_cast<unsigned>(bytes.size()), named);
+  return {static_cast<const char*>(s), s.length()};
+}
+
+std::string out(std::string_view bytes) {
+  const ByteString s =
+      UTF8Converter::instance().convertFromUTF8(bytes.data(), static_cast<unsigned>(bytes.size()));
+  return {reinterpret_cast<const char*>(static_cast<const unsigned char*>(s)), s.length()};
+}
+
+const char* codepage() { return UTF8Converter::instance().nativeCodepage(); }
+
+void expectSuccess(const char* child, std::map<std::string, std::string> environment,
+                   std::vector<std::string> arguments = {}) {
+  ChildOptions options;
+  options.environment = std::move(environment);
+  options.arguments = std::move(arguments);
+  const ChildResult r = runChild(child, options);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+// The result of iconvDebug() into `size` bytes, which must end in a zero byte and be all
+// that is touched.
+std::string debug(const IconvDescriptor& descriptor, std::string_view input, size_t size) {
+  const GuardedBytes source(input);
+  const GuardedBytes area(size);
+  const size_t written =
+      iconvDebug(descriptor.get(), source.data(), input.size(), area.data(), size);
+  EXPECT_LT(written, size);
+  EXPECT_EQ(area.data()[written], '\0');
+  return {area.data(), written};
+}
+
+}  // namespace
+
+// The native code page.
+
+CUL_CHILD(CodepageIsTheNamedOne) {
+  EXPECT_STREQ(codepage(), "ISO-8859-1");
+  EXPECT_EQ(codepage(), getenv("QVX_DBG_CODEPAGE"));
+  EXPECT_EQ(in("caf\xE9"), "caf\xC3\xA9");
+  EXPECT_EQ(out("caf\xC3\xA9"), "caf\xE9");
+  EXPECT_EQ(in(""), "");
+  EXPECT_EQ(out(""), "");
+}
+
+TEST(UTF8Converter, TakesTheCodePageThatTheEnvironmentNames) {
+  expectSuccess("CodepageIsTheNamedOne",
+                {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}, {"LC_ALL", "C.UTF-8"}});
+}
+
+CUL_CHILD(CodepageIsUtf8) {
+  EXPECT_STREQ(codepage(), "UTF-8");
+  EXPECT_EQ(in("\xE2\x82\xAC"), "\xE2\x82\xAC");
+  EXPECT_EQ(out("\xE2\x82\xAC"), "\xE2\x82\xAC");
+  EXPECT_EQ(in("\xE9\x41"), "?A");
+  EXPECT_EQ(in("\xC3"), "?");
+  EXPECT_EQ(out("\xED\xA0\x80z"), "???z");
+}
+
+TEST(UTF8Converter, ConvertsBetweenUtf8AndUtf8) {
+  expectSuccess("CodepageIsUtf8", {{"QVX_DBG_CODEPAGE", "UTF-8"}});
+}
+
+CUL_CHILD(CodepageHasDoubleBytes) {
+  EXPECT_STREQ(codepage(), "SHIFT_JIS");
+  EXPECT_EQ(in("a\x93\xFA\x96\x7Bz"), "a\u65e5\u672cz");
+  EXPECT_EQ(out("a\u65e5\u672cz"), "a\x93\xFA\x96\x7Bz");
+  // Half a double byte at the end.
+  EXPECT_EQ(in("a\x93"), "a?");
+  // A character that the code page does not have: one "?" for each of its bytes.
+  EXPECT_EQ(out("a\xF0\x9F\x98\x80z"), "a????z");
+}
+
+TEST(UTF8Converter, ConvertsADoubleByteCodePage) {
+  expectSuccess("CodepageHasDoubleBytes", {{"QVX_DBG_CODEPAGE", "SHIFT_JIS"}});
+}
+
+TEST(UTF8Converter, TakesTheCodePageOfTheLocaleWhenNoneIsNamed) {
+  expectSuccess("CodepageIsUtf8", {{"LC_ALL", "C.UTF-8"}});
+  expectSuccess("CodepageIsUtf8", {{"LC_CTYPE", "C.UTF-8"}});
+}
+
+TEST(UTF8Converter, TakesTheCodePageOfTheLocaleWhenTheNamedOneIsEmptyOrUnknown) {
+  expectSuccess("CodepageIsUtf8", {{"QVX_DBG_CODEPAGE", ""}, {"LC_ALL", "C.UTF-8"}});
+  expectSuccess("CodepageIsUtf8",
+                {{"QVX_DBG_CODEPAGE", "NO-SUCH-CODE-PAGE"}, {"LC_ALL", "C.UTF-8"}});
+}
+
+CUL_CHILD(CodepageIsAscii) {
+  const std::string expected = nl_langinfo(CODESET);  // of the "C" locale
+  EXPECT_EQ(codepage(), expected);
+  EXPECT_EQ(in("a\xC3\xA9z"), "a??z");
+  EXPECT_EQ(out("a\xC3\xA9z"), "a??z");
+}
+
+TEST(UTF8Converter, ConvertsAsciiOnlyInTheCLocale) {
+  expectSuccess("CodepageIsAscii", {{"LC_ALL", "C"}});
+  expectSuccess("CodepageIsAscii", {});
+  expectSuccess("CodepageIsAscii", {{"LC_ALL", "no_SUCH.locale"}});
+}
+
+CUL_CHILD(CodepageOfALegacyLocale) {
+  EXPECT_STREQ(codepage(), "ISO-8859-15");
+  EXPECT_EQ(in("\xA4"), "\xE2\x82\xAC");
+  EXPECT_EQ(out("\xE2\x82\xAC"), "\xA4");
+  EXPECT_STREQ(setlocale(LC_ALL, nullptr), "C");
+  // The name stays although the locale is not the process's any more.
+  setlocale(LC_ALL, "C.UTF-8");
+  setlocale(LC_ALL, "C");
+  EXPECT_STREQ(codepage(), "ISO-8859-15");
+}
+
+TEST(UTF8Converter, KnowsTheCodePageOfAnyLocale) {
+  const TemporaryFolder folder;
+  const ChildResult made = runProgram({"/usr/bin/localedef", "--no-archive", "-i", "de_DE", "-f",
+                                       "ISO-8859-15", folder.file("de_DE.ISO-8859-15")});
+  ASSERT_EQ(made.status, 0) << made.out << made.err;
+  expectSuccess("CodepageOfALegacyLocale",
+                {{"LOCPATH", folder.path()}, {"LC_ALL", "de_DE.ISO-8859-15"}});
+}
+
+CUL_CHILD(LocaleIsKept) {
+  ASSERT_NE(setlocale(LC_TIME, "C.UTF-8"), nullptr);
+  const std::string before = setlocale(LC_ALL, nullptr);
+  EXPECT_NE(before, "C");
+  EXPECT_STREQ(codepage(), "UTF-8");
+  EXPECT_EQ(setlocale(LC_ALL, nullptr), before);
+}
+
+TEST(UTF8Converter, LeavesTheLocaleOfTheProcessAsItWas) {
+  expectSuccess("LocaleIsKept", {{"LC_ALL", "C.UTF-8"}});
+}
+
+CUL_CHILD(ConverterIsOne) {
+  errno = 4711;
+  EXPECT_EQ(&UTF8Converter::instance(), &UTF8Converter::instance());
+  EXPECT_EQ(errno, 4711);
+  // Too late: the code page is fixed.
+  setenv("QVX_DBG_CODEPAGE", "ISO-8859-5", 1);
+  EXPECT_EQ(in("\xE9"), "\xC3\xA9");
+}
+
+TEST(UTF8Converter, FixesTheCodePageByItsFirstUse) {
+  expectSuccess("ConverterIsOne", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}});
+}
+
+// Converters that cannot be had.
+
+CUL_CHILD(NoConverterAtAll) {
+  isRefused = [](std::string_view, std::string_view) { return true; };
+  EXPECT_STREQ(codepage(), "UTF-8");  // of the locale
+  EXPECT_EQ(in("\xC3\xA9"), "??");
+  EXPECT_EQ(out("\xC3\xA9"), "?");
+  EXPECT_EQ(in("a\x7F\x80\xFFz"), "a\x7F??z");
+  EXPECT_EQ(out("a\x7F\xE2\x82\xAC\xF0\x9F\x98\x80z"), "a\x7F??z");
+  // Continuation bytes are dropped wherever they stand, lead bytes always count.
+  EXPECT_EQ(out("\x80\xBF\xC0\xFF"), "??");
+  EXPECT_EQ(in("a\0b"s), "a");
+  EXPECT_EQ(out("a\0b"s), "a");
+  EXPECT_EQ(in(""), "");
+  EXPECT_EQ(out(""), "");
+  EXPECT_EQ(in("\xC3\xA9", "ISO-8859-1"), "??");
+  const std::string all(2000, '\x80');
+  EXPECT_EQ(in(all), std::string(2000, '?'));
+  EXPECT_EQ(out(all), "");
+}
+
+TEST(UTF8Converter, KeepsAsciiWhenNoConverterIsUsable) {
+  expectSuccess("NoConverterAtAll", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}, {"LC_ALL", "C.UTF-8"}});
+}
+
+CUL_CHILD(OneDirectionIsRefused) {
+  isRefused = [](std::string_view to, std::string_view from) {
+    return childArguments()[0] == "out" ? to == "ISO-8859-1" : from == "ISO-8859-1";
+  };
+  EXPECT_STREQ(codepage(), "UTF-8");
+  EXPECT_EQ(in("\xC3\xA9"), "\xC3\xA9");
+  EXPECT_EQ(out("\xC3\xA9"), "\xC3\xA9");
+}
+
+TEST(UTF8Converter, TakesANamedCodePageForBothDirectionsOrNot) {
+  for (const char* direction : {"out", "in"}) {
+    expectSuccess("OneDirectionIsRefused",
+                  {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}, {"LC_ALL", "C.UTF-8"}}, {direction});
+  }
+}
+
+CUL_CHILD(LocaleConvertsOneWayOnly) {
+  isRefused = [](std::string_view, std::string_view from) { return from == "ANSI_X3.4-1968"; };
+  EXPECT_STREQ(codepage(), "ANSI_X3.4-1968");
+  EXPECT_EQ(in("\xC3\xA9z"), "??z");
+  EXPECT_EQ(out("\xC3\xA9z"), "??z");
+}
+
+TEST(UTF8Converter, UsesTheOneDirectionThatALocaleHas) {
+  expectSuccess("LocaleConvertsOneWayOnly", {{"LC_ALL", "C"}});
+}
+
+// Named code pages and limits; the native code page does not matter.
+
+TEST(UTF8Converter, ConvertsToANamedCodePageNotFromIt) {
+  EXPECT_EQ(in("caf\xC3\xA9", "ISO-8859-1"), "caf\xE9");
+  EXPECT_EQ(in("\u65e5\u672c", "SHIFT_JIS"), "\x93\xFA\x96\x7B");
+  EXPECT_EQ(in("caf\xE9", "ISO-8859-1"), "caf?");
+  EXPECT_EQ(in("", "ISO-8859-1"), "");
+}
+
+TEST(UTF8Converter, KeepsAsciiForANamedCodePageThatIsUnknown) {
+  EXPECT_EQ(in("caf\xC3\xA9", "NO-SUCH-CODE-PAGE"), "caf??");
+}
+
+CUL_CHILD(ResultsEndAtAZeroByte) {
+  EXPECT_EQ(in("a\0b"s), "a");
+  EXPECT_EQ(out("a\0b"s), "a");
+  EXPECT_EQ(in("a\0b"s, "ISO-8859-15"), "a");
+  EXPECT_EQ(in("\xE9", ""), "\xC3\xA9");  // Empty names nothing.
+  const std::string longText(100000, '\xE9');
+  EXPECT_EQ(in(longText).size(), 200000U);
+  EXPECT_EQ(out(in(longText)), longText);
+}
+
+TEST(UTF8Converter, EndsItsResultsAtTheFirstZeroByte) {
+  expectSuccess("ResultsEndAtAZeroByte", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}});
+}
+
+CUL_CHILD(OutputLimitIsTheInputLength) {
+  // Three bytes of UTF-8, six with the two changes of the character set.
+  EXPECT_LE(out("\u65e5").size(), 3U);
+  // Eighteen bytes there, and 12 + 6 here.
+  EXPECT_EQ(out("\u65e5\u65e5\u65e5\u65e5\u65e5\u65e5"), "\x1B$BF|F|F|F|F|F|\x1B(B");
+  EXPECT_EQ(out("plain"), "plain");
+  EXPECT_EQ(in("\x1B$BF|\x1B(Bz"), "\u65e5z");
+}
+
+TEST(UTF8Converter, GivesNoMoreNativeBytesThanThereWereBytesOfUtf8) {
+  expectSuccess("OutputLimitIsTheInputLength", {{"QVX_DBG_CODEPAGE", "ISO-2022-JP"}});
+}
+
+CUL_CHILD(ManyThreadsConvert) {
+  UTF8Converter::instance();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([i] {
+      const std::string native(static_cast<size_t>(10 + i), static_cast<char>(0xE0 + i));
+      std::string utf8;
+      for (size_t k = 0; k < native.size(); ++k) {
+        utf8 += {'\xC3', static_cast<char>(0xA0 + i)};
+      }
+      for (int round = 0; round < 500; ++round) {
+        ASSERT_EQ(in(native), utf8);
+        ASSERT_EQ(out(utf8), native);
+        ASSERT_EQ(in(utf8, "ISO-8859-15"), native);
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+TEST(UTF8Converter, ConvertsFromAnyThread) {
+  expectSuccess("ManyThreadsConvert", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}});
+}
+
+// iconvDebug.
+
+TEST(iconvDebug, ConvertsAndTerminates) {
+  const IconvDescriptor descriptor("UTF-8", "ISO-8859-1");
+  EXPECT_EQ(debug(descriptor, "caf\xE9", 100), "caf\xC3\xA9");
+  EXPECT_EQ(debug(descriptor, "", 100), "");
+  EXPECT_EQ(debug(descriptor, "a\0b"s, 100), "a\0b"s);
+}
+
+TEST(iconvDebug, PutsAQuestionMarkForEachByteThatItCannotConvert) {
+  const IconvDescriptor latin1("ISO-8859-1", "UTF-8");
+  EXPECT_EQ(debug(latin1, "[\xE2\x82\xAC]", 100), "[???]");
+  EXPECT_EQ(debug(latin1, "\x80\xFF\xC3", 100), "???");
+  EXPECT_EQ(debug(latin1, "\xE2\x82z", 100), "??z");
+  EXPECT_EQ(debug(latin1, "\xC3\xC3\xA9", 100), "?\xE9");
+}
+
+TEST(iconvDebug, WritesNothingIntoNoRoomAndTheZeroIntoOneByte) {
+  const IconvDescriptor descriptor("UTF-8", "ISO-8859-1");
+  char none = '#';
+  EXPECT_EQ(iconvDebug(descriptor.get(), "abc", 3, &none, 0), 0U);
+  EXPECT_EQ(none, '#');
+  EXPECT_EQ(debug(descriptor, "abc", 1), "");
+  EXPECT_EQ(debug(descriptor, "\xE9", 1), "");
+}
+
+TEST(iconvDebug, StopsWhenTheOutputAreaIsFull) {
+  const IconvDescriptor descriptor("UTF-8", "ISO-8859-1");
+  EXPECT_EQ(debug(descriptor, "abc", 3), "ab");
+  EXPECT_EQ(debug(descriptor, "abc", 4), "abc");
+  // What does not fit is no reason for a "?".
+  EXPECT_EQ(debug(descriptor, "a\xE9z", 3), "a");
+  EXPECT_EQ(debug(descriptor, "a\xE9z", 4), "a\xC3\xA9");
+  const IconvDescriptor ascii("ASCII", "UTF-8");
+  EXPECT_EQ(debug(ascii, "ab\xC3\xA9z", 3), "ab");
+  EXPECT_EQ(debug(ascii, "ab\xC3\xA9z", 4), "ab?");
+  EXPECT_EQ(debug(ascii, "ab\xC3\xA9z", 5), "ab??");
+  EXPECT_EQ(debug(ascii, "ab\xC3\xA9z", 6), "ab??z");
+}
+
+TEST(iconvDebug, StartsEachConversionFromTheInitialShiftState) {
+  const IconvDescriptor fromJapanese("UTF-8", "ISO-2022-JP");
+  EXPECT_EQ(debug(fromJapanese, "\x1B$BF|", 100), "\u65e5");  // left in the other state
+  EXPECT_EQ(debug(fromJapanese, "F|", 100), "F|");
+  const IconvDescriptor toJapanese("ISO-2022-JP", "UTF-8");
+  EXPECT_EQ(debug(toJapanese, "\u65e5", 6), "\x1B$BF|");  // no room to shift back
+  EXPECT_EQ(debug(toJapanese, "\u65e5", 100), "\x1B$BF|\x1B(B");
+  EXPECT_EQ(debug(toJapanese, "F|", 100), "F|");
+}
+
+TEST(iconvDebug, GivesACharacterThatIconvHoldsBack) {
+  // It could be the first half of a character that has no composed form.
+  const IconvDescriptor descriptor("UTF-8", "BIG5-HKSCS");
+  EXPECT_EQ(debug(descriptor, "\x88\x66", 100), "\u00ca");
+  EXPECT_EQ(debug(descriptor, "\x88\x66z", 100), "\u00caz");
+}
+
+TEST(iconvDebug, PutsOnlyQuestionMarksForAnInvalidDescriptor) {
+  char area[8];
+  EXPECT_EQ(iconvDebug(invalidIconv, "abc", 3, area, sizeof area), 3U);
+  EXPECT_STREQ(area, "???");
+}
+
+TEST(iconvDebug, KeepsErrno) {
+  const IconvDescriptor descriptor("ASCII", "UTF-8");
+  errno = 4711;
+  EXPECT_EQ(debug(descriptor, "\xC3\xA9", 100), "??");
+  EXPECT_EQ(errno, 4711);
+}
+
+TEST(iconvDebug, LetsOneThreadConvertAtATime) {
+  // A descriptor must not be used by two threads at once: sharing one shows the lock.
+  const IconvDescriptor descriptor("ISO-2022-JP", "UTF-8");
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&descriptor] {
+      char area[64];
+      for (int round = 0; round < 2000; ++round) {
+        const size_t n = iconvDebug(descriptor.get(), "a\u65e5z", 5, area, sizeof area);
+        ASSERT_EQ(std::string(area, n), "a\x1B$BF|\x1B(Bz");
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
