@@ -116,6 +116,7 @@ void StdThread::longjmp(int value, int keepArmed) {
     return;
   }
   recoveryArmed_ = keepArmed != 0;
+  abandonTraceLines();
   HoldRequests::leaveAll();
   ::longjmp(recoveryPoint_, value);
 }

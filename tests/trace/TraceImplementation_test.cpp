@@ -26,6 +26,7 @@
 
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/signals.h"
 
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
@@ -442,6 +443,7 @@ TEST(TraceTypes, BehindTheExclusionMarkAreTakenAsTheyStand) {
 
 CUL_CHILD(AskForTypes) {
   const TraceImplementation* trace = TraceImplementation::instance(L",AGENT,NEW,~OLD");
+  EXPECT_EQ(static_cast<const void*>(trace), trace->flags.bytes) << "the first member";
   EXPECT_TRUE(trace->isTraceBitSet(nullptr));
   EXPECT_TRUE(trace->isTraceBitSet("NEW"));
   EXPECT_FALSE(trace->isTraceBitSet("OLD"));
@@ -1462,6 +1464,26 @@ TEST(TraceThreads, AskedToEndWhileTheyTraceLeaveTheTraceUsable) {
                                      HasSubstr("Starting thread busy")));
   }
   EXPECT_EQ(next, 20U);
+}
+
+CUL_CHILD(RecoverFromATraceCall) {
+  registerErrorHandlers();
+  EXPECT_TRUE(isTraced(TraceType::error));
+  StdThread* self = StdThread::currentThread();
+  for (volatile int i = 0; i < 3; i = i + 1) {
+    if (self->_setjmp() == 0) {
+      const char* volatile text = reinterpret_cast<const char*>(8);
+      taggedTrace("f()", 1, "X", "%s", text);
+      ADD_FAILURE() << "came back";
+    }
+  }
+  self->clearjmp();
+  std::thread([] { taggedTrace("f()", 2, "X", "from another thread"); }).join();
+}
+
+TEST(TraceThreads, ThatRecoverFromAFaultInATraceCallLeaveTheTraceUsable) {
+  const ChildResult r = runWith("RecoverFromATraceCall", {{"QVX_DBG_TRACE", "stdout,CLI,PMD"}});
+  EXPECT_THAT(bodyOf(r.out), Contains("**X: f(2): from another thread"));
 }
 
 // ---------------------------------------------------------------------------------------
