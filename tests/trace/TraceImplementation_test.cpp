@@ -824,7 +824,7 @@ TEST(TraceLine, KeepsErrno) {
 
 CUL_CHILD(TraceWithErrnoAndNoOutput) {
   errno = 78;
-  EXPECT_FALSE(isTraced(TraceType::error));
+  EXPECT_FALSE(isTraced(TraceType::active));
   EXPECT_EQ(errno, 78);
 }
 
@@ -893,34 +893,29 @@ TEST(TraceHandlerDiagnostic, HasItsTextAsTheFirstVirtualOperation) {
   EXPECT_STREQ(first(diagnostic), "handler 9");
 }
 
-TEST(TraceLine, LeavesTheProcessInOneWrite) {
-  // A pipe in packet mode keeps the writes apart.
-  const ChildResult r = runWith("CountWritesPerLine", {});
-  EXPECT_EQ(r.out, "");
-}
-
 CUL_CHILD(CountWritesPerLine) {
   int ends[2];
-  ASSERT_EQ(pipe2(ends, O_DIRECT | O_CLOEXEC), 0);
+  ASSERT_EQ(pipe2(ends, O_CLOEXEC), 0);
+  const int next = dup(0);
+  close(next);
   const std::wstring name = L"/proc/self/fd/" + std::to_wstring(ends[1]);
   TraceImplementation* trace = TraceImplementation::instance(name.c_str());
   ASSERT_TRUE(trace->isActive());
-  fcntl(ends[0], F_SETFL, O_NONBLOCK);
   char packet[8192];
-  ssize_t n = 0;
-  std::string last;
-  while ((n = read(ends[0], packet, sizeof packet)) > 0) {
-    last.assign(packet, static_cast<std::size_t>(n));
-    EXPECT_EQ(last.back(), '\n') << last;
-  }
-  EXPECT_EQ(last, separator + "\n");
+  ASSERT_GT(read(ends[0], packet, sizeof packet), 0);
+  // From here on the pipe keeps the writes apart.
+  ASSERT_EQ(fcntl(next, F_SETFL, O_WRONLY | O_DIRECT), 0);
+  ASSERT_EQ(fcntl(ends[0], F_SETFL, O_NONBLOCK), 0);
   for (const int length : {0, 10, 1000, 4000}) {
     trace->taggedTrace("f()", 1, "X", "%*s", length, "");
-    n = read(ends[0], packet, sizeof packet);
-    EXPECT_EQ(n, 26 + 11 + length);
+    trace->taggedTrace("f()", 1, "X", "next");
+    EXPECT_EQ(read(ends[0], packet, sizeof packet), 26 + 11 + length + 1);
+    EXPECT_EQ(read(ends[0], packet, sizeof packet), 26 + 11 + 4 + 1);
     EXPECT_LT(read(ends[0], packet, sizeof packet), 0);
   }
 }
+
+TEST(TraceLine, LeavesTheProcessInOneWrite) { runWith("CountWritesPerLine", {}); }
 
 // ---------------------------------------------------------------------------------------
 // The ring
@@ -961,9 +956,11 @@ std::string ringAfter(unsigned lines, std::size_t limit) {
 
 // Time stamps are not known beforehand.
 void hideStamps(std::string& text) {
-  static const std::regex pattern(
-      R"([0-9]{2}:[0-9]{2}:[0-9]{2}\.[0-9]{6} \(main    \)(?=\*\*X: f\(1\): [0-9]{8} ))");
-  text = std::regex_replace(text, pattern, std::string(26, '#'));
+  for (std::size_t at = text.find("(main    )**X: f(1): "); at != std::string::npos;
+       at = text.find("(main    )**X: f(1): ", at + 1)) {
+    const std::size_t start = at - std::min<std::size_t>(at, 16);
+    text.replace(start, at + 10 - start, at + 10 - start, '#');
+  }
 }
 
 }  // namespace
@@ -1408,7 +1405,7 @@ CUL_CHILD(ForkWhileOthersTrace) {
 
 TEST(TraceThreads, DoNotHoldUpAForkedChild) {
   const TemporaryFolder folder;
-  runWith("ForkWhileOthersTrace", {{"QVX_DBG_TRACE", folder.path() + ",PMD,CHILD"}});
+  runWith("ForkWhileOthersTrace", {{"QVX_DBG_TRACE", folder.path() + ",PMD,CHILD,511"}});
   unsigned children = 0;
   for (const std::string& name : filesIn(folder.path())) {
     const Strings body = bodyOf(contentsOf(folder.file(name)));
@@ -1430,8 +1427,11 @@ CUL_CHILD(EndThreadsWhileTheyTrace) {
         : StdThread("busy", 0, &termination), lines_(lines) {}
     void run() override {
       for (;;) {
-        taggedTrace("f()", 1, "X", "busy");
-        ++lines_;
+        for (int i = 0; i < 20; ++i) {
+          taggedTrace("f()", 1, "X", "busy");
+        }
+        lines_ += 20;
+        usleep(1);
       }
     }
 
@@ -1470,12 +1470,10 @@ CUL_CHILD(RecoverFromATraceCall) {
   registerErrorHandlers();
   EXPECT_TRUE(isTraced(TraceType::error));
   StdThread* self = StdThread::currentThread();
-  for (volatile int i = 0; i < 3; i = i + 1) {
-    if (self->_setjmp() == 0) {
-      const char* volatile text = reinterpret_cast<const char*>(8);
-      taggedTrace("f()", 1, "X", "%s", text);
-      ADD_FAILURE() << "came back";
-    }
+  if (self->_setjmp() == 0) {
+    const char* volatile text = reinterpret_cast<const char*>(8);
+    taggedTrace("f()", 1, "X", "%s", text);
+    ADD_FAILURE() << "came back";
   }
   self->clearjmp();
   std::thread([] { taggedTrace("f()", 2, "X", "from another thread"); }).join();
@@ -1501,7 +1499,7 @@ CUL_CHILD(TraceWithoutMemory) {
   while (malloc(100000) != nullptr) {
   }
   const std::string text(10000, 'x');
-  taggedTrace("f()", 1, "X", "%.2000s", text.c_str());
+  taggedTrace("f()", 1, "X", "%.3000s", text.c_str());
   taggedTrace("f()", 2, "X", "short");
 }
 

@@ -40,9 +40,11 @@ inline const std::string stamp = R"(([0-9]{2}):([0-9]{2}):([0-9]{2})\.([0-9]{6})
 
 /// What follows time stamp and thread name; the whole line when it has none.
 inline std::string withoutStamp(const std::string& line) {
-  static const std::regex pattern("^" + stamp + "(.*)$");
-  std::smatch parts;
-  return std::regex_match(line, parts, pattern) ? parts[6].str() : line;
+  static const std::regex pattern(stamp);
+  constexpr std::size_t length = 26;
+  return line.size() >= length && std::regex_match(line.substr(0, length), pattern)
+             ? line.substr(length)
+             : line;
 }
 
 /// The lines behind the first separator, without time stamp and thread name.
