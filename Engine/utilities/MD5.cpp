@@ -14,6 +14,7 @@ using Word = std::uint32_t;
 
 constexpr unsigned blockSize = 64;
 constexpr unsigned lengthSize = 8;
+constexpr std::size_t hexSize = 2 * std::size_t{MD5::size};
 
 struct State {
   Word a = 0x67452301;
@@ -141,7 +142,7 @@ MD5::MD5(const ByteString& bytes) noexcept
 
 MD5 MD5::fromText(const char* hex) noexcept {
   MD5 result;
-  const unsigned n = hex == nullptr ? 0 : static_cast<unsigned>(strnlen(hex, 2 * size));
+  const unsigned n = hex == nullptr ? 0 : static_cast<unsigned>(strnlen(hex, hexSize));
   for (unsigned i = 0; i < n; ++i) {
     const unsigned shift = i % 2 == 0 ? 4 : 0;
     result.digest[i / 2] |= static_cast<unsigned char>(digitValue(hex[i]) << shift);
@@ -150,7 +151,7 @@ MD5 MD5::fromText(const char* hex) noexcept {
 }
 
 EncodedString MD5::asString(OutputString form) const {
-  char text[2 * size];
+  char text[hexSize];
   if (form == textIfAlphanumeric && std::all_of(digest, digest + size, isAlphanumeric)) {
     std::memcpy(text, digest, size);
     return {text, size, EncodedString::utf8};
@@ -160,5 +161,5 @@ EncodedString MD5::asString(OutputString form) const {
     *next++ = "0123456789ABCDEF"[byte >> 4];
     *next++ = "0123456789ABCDEF"[byte & 0xF];
   }
-  return {text, 2 * size, EncodedString::utf8};
+  return {text, hexSize, EncodedString::utf8};
 }

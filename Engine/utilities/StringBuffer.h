@@ -41,7 +41,7 @@ class CUL_EXPORT StringBuffer {
   /// The one virtual operation: a string may be destroyed through a pointer to its base.
   virtual ~StringBuffer() { deleteBuffer(); }
 
-  /// Keeps its block when the lengths are equal.
+  /// Keeps its block when the lengths are equal. When memory is out the buffer is left empty.
   StringBuffer& operator=(const StringBuffer& s);
   /// Leaves `s` empty, unless it is this object.
   StringBuffer& operator=(StringBuffer&& s) noexcept {

@@ -1,5 +1,6 @@
 #include "Engine/utilities/StringPoolManager.h"
 
+#include <cstddef>
 #include <new>
 #include <optional>
 #include <sys/single_threaded.h>
@@ -27,7 +28,7 @@ class PoolGuard {
 
 // Two families: 8 from 16 from 32 from 64, and 24 from 48.
 struct StringPoolManager::ClassRule {
-  unsigned blockSize;
+  std::size_t blockSize;
   SizeClass larger;        ///< Whose blocks are split in two to refill this class.
   unsigned blocksInChunk;  ///< Not 0: this class is refilled from the heap.
 };
