@@ -1,0 +1,87 @@
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "Debuggee.h"
+#include "Engine/utilities/PathSearch.h"
+#include "Engine/utilities/StdException.h"
+#include "Engine/utilities/TraceFlags.h"
+#include "Relay.h"
+
+namespace {
+
+// Exit statuses of the host's own, as shells use them.
+constexpr int statusUsage = 2;
+constexpr int statusHostFailed = 125;
+constexpr int statusNotStarted = 126;
+constexpr int statusNotFound = 127;
+
+// A descriptor opened later must not take the place of a standard stream.
+void openMissingStandardStreams() {
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    if (fcntl(stream, F_GETFD) < 0) {
+      static_cast<void>(open("/dev/null", O_RDWR));
+    }
+  }
+}
+
+// A name with a "/" is relative to the working directory, any other is looked up in PATH.
+EncodedString findProgram(const char* name) {
+  const EncodedString text(name, EncodedString::utf8);
+  return text.indexOf('/') == 0 ? searchPath(text)
+                                : searchPath(text, EncodedString(".", EncodedString::utf8));
+}
+
+int hostProgram(char** command) {
+  const EncodedString path = findProgram(command[0]);
+  if (path.length() == 0) {
+    std::fprintf(stderr, "enginehost: %s: not found\n", command[0]);
+    return statusNotFound;
+  }
+  StdPipe output;
+  try {
+    Debuggee debuggee(path, command, output);
+    const unsigned long relayed = relay(output, STDOUT_FILENO);
+    CUL_TRACE(TraceType::active, __PRETTY_FUNCTION__, __LINE__, "Relayed %lu bytes of process %d.",
+              relayed, debuggee.id());
+    return debuggee.wait();
+  } catch (const StdException& e) {
+    e.trace(__PRETTY_FUNCTION__, __LINE__);
+    if (e.status <= 0) {
+      throw;
+    }
+    const char* const reason = e.text;
+    const bool found = e.status != ENOENT;
+    std::fprintf(stderr, "enginehost: %s: %s\n", command[0], found ? reason : "not found");
+    return found ? statusNotStarted : statusNotFound;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  openMissingStandardStreams();
+  int first = 1;
+  if (argc > 1 && std::strcmp(argv[1], "--") == 0) {
+    first = 2;
+  } else if (argc > 1 && argv[1][0] == '-') {
+    std::fprintf(stderr, "enginehost: %s: unknown option\n", argv[1]);
+    first = argc;
+  }
+  if (first >= argc) {
+    std::fputs("usage: enginehost [--] program [argument...]\n", stderr);
+    return statusUsage;
+  }
+  try {
+    return hostProgram(argv + first);
+  } catch (const StdException& e) {
+    const char* const reason = e.text;
+    const char* const place = e.fileName;
+    std::fprintf(stderr, "enginehost: %s at %s(%u)\n", *reason != '\0' ? reason : "failure", place,
+                 e.line);
+    return statusHostFailed;
+  }
+}
