@@ -1,0 +1,175 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/TraceFlags.h"
+#include "tests/support/Child.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/support/WaitUntil.h"
+
+namespace {
+
+constexpr unsigned writers = 8;
+constexpr unsigned converters = 2;
+constexpr unsigned linesOfAWriter = 100'000 / writers;
+constexpr const char* lastLine = "all writers have ended";
+
+class Writer : public StdThread {
+ public:
+  Writer(unsigned number, Termination& end)
+      : StdThread(("Writer" + std::to_string(number)).c_str(), 0, &end), number_(number) {}
+
+  void run() override {
+    for (unsigned line = 1; line <= linesOfAWriter; ++line) {
+      CUL_TRACE(TraceType::agent, "void Writer::run()", number_, "writer %u, line %6u of %u",
+                number_, line, linesOfAWriter);
+    }
+  }
+
+ private:
+  unsigned number_;
+};
+
+class Converter : public StdThread {
+ public:
+  Converter(std::atomic<bool>& stop, std::atomic<unsigned long>& rounds, Termination& end)
+      : StdThread("Converter", 0, &end), stop_(stop), rounds_(rounds) {}
+
+  void run() override {
+    const EncodedString text("Grüße, Καλημέρα, 世界 🐞", EncodedString::utf8);
+    do {
+      const EncodedString native(text.convert(EncodedString::native), EncodedString::native);
+      const EncodedString escaped(text.convert(EncodedString::slashU), EncodedString::slashU);
+      if (escaped != text || native.length() == 0) {
+        std::abort();
+      }
+      ++rounds_;
+    } while (!stop_);
+  }
+
+ private:
+  std::atomic<bool>& stop_;
+  std::atomic<unsigned long>& rounds_;
+};
+
+std::size_t entriesOf(const char* folder) {
+  const std::filesystem::directory_iterator entries(folder);
+  return static_cast<std::size_t>(std::distance(begin(entries), end(entries)));
+}
+
+CUL_CHILD(SoakTheTrace) {
+  ASSERT_TRUE(isTraced(TraceType::agent));
+  ASSERT_GT(EncodedString("warm up", EncodedString::utf8).convert(EncodedString::native).length(),
+            0U);
+  const std::size_t descriptors = entriesOf("/proc/self/fd");
+  const std::size_t threads = entriesOf("/proc/self/task");
+
+  std::atomic<bool> stop = false;
+  std::atomic<unsigned long> rounds = 0;
+  std::array<StdThread::Termination, converters> converterEnds;
+  for (StdThread::Termination& end : converterEnds) {
+    (new Converter(stop, rounds, end))->start_thread(0);
+  }
+  std::array<StdThread::Termination, writers> writerEnds;
+  for (unsigned i = 0; i < writers; ++i) {
+    (new Writer(i, writerEnds[i]))->start_thread(0);
+  }
+  for (StdThread::Termination& end : writerEnds) {
+    EXPECT_EQ(end.wait(0), 0);
+  }
+  stop = true;
+  for (StdThread::Termination& end : converterEnds) {
+    EXPECT_EQ(end.wait(0), 0);
+  }
+  taggedTrace("main", 0, "AGENT", "%s", lastLine);
+
+  EXPECT_GE(rounds, converters);
+  EXPECT_EQ(entriesOf("/proc/self/fd"), descriptors);
+  EXPECT_TRUE(waitUntil([threads] { return entriesOf("/proc/self/task") == threads; }));
+}
+
+// The lines of the ring, oldest first: the ring's newest line is `lastLine`, and what stands
+// behind it is the rest of the pass before, whose first line is cut.
+std::vector<std::string> oldestFirst(const std::string& ring) {
+  const std::size_t newest = ring.find(lastLine);
+  EXPECT_NE(newest, std::string::npos);
+  const std::size_t seam = ring.find('\n', newest) + 1;
+  const std::size_t afterCutLine = std::min(ring.find('\n', seam), ring.size() - 1) + 1;
+  std::vector<std::string> lines;
+  for (const std::string_view part :
+       {std::string_view(ring).substr(afterCutLine), std::string_view(ring).substr(0, seam)}) {
+    for (std::size_t start = 0; start < part.size();) {
+      const std::size_t end = part.find('\n', start);
+      EXPECT_NE(end, std::string_view::npos) << "a line without end";
+      lines.emplace_back(part.substr(start, end - start));
+      start = end == std::string_view::npos ? part.size() : end + 1;
+    }
+  }
+  return lines;
+}
+
+void expectTheNewestLinesInOrder(const std::vector<std::string>& lines) {
+  const std::regex whole(
+      R"(\d\d:\d\d:\d\d\.\d{6} \(Writer(\d) \) \*\*AGENT: void Writer::run\((\d)\): writer (\d), line +(\d+) of 12500)");
+  std::array<unsigned, writers> previous = {};
+  std::smatch match;
+  for (const std::string& line : lines) {
+    if (line.find(" **AGENT: main: ") != std::string::npos) {
+      EXPECT_TRUE(line.ends_with(lastLine)) << line;
+      continue;
+    }
+    ASSERT_TRUE(std::regex_match(line, match, whole)) << line;
+    ASSERT_EQ(match[1], match[2]) << line;
+    ASSERT_EQ(match[1], match[3]) << line;
+    const auto writer = static_cast<unsigned>(std::stoul(match[1]));
+    const auto number = static_cast<unsigned>(std::stoul(match[4]));
+    if (previous[writer] != 0) {
+      ASSERT_EQ(number, previous[writer] + 1) << line;
+    }
+    previous[writer] = number;
+  }
+  // A writer that was done long before the others may have been overwritten altogether.
+  unsigned survivors = 0;
+  for (const unsigned number : previous) {
+    if (number != 0) {
+      EXPECT_EQ(number, linesOfAWriter);
+      ++survivors;
+    }
+  }
+  EXPECT_GE(survivors, 1U);
+}
+
+TEST(TraceSoak, EightWritersFillTheRingWhileTwoThreadsConvertStrings) {
+  const TemporaryFolder folder;
+  const ChildResult r =
+      runChild("SoakTheTrace", {.environment = {{"GDIA_ID", "root"},
+                                                {"QVX_DBG_CODEPAGE", "ISO-8859-1"},
+                                                {"QVX_DBG_TRACE", folder.file("trace") + ",2"}}});
+  ASSERT_EQ(r.status, 0) << r.out << r.err;
+
+  const std::string trace = contentsOf(folder.file("trace"));
+  const std::string separator = std::string(72, '=') + "\n";
+  const std::size_t ringStart = trace.find(separator) + separator.size();
+  ASSERT_GE(ringStart, separator.size());
+  const std::string header = trace.substr(0, ringStart);
+  EXPECT_THAT(header, testing::HasSubstr("Trace start at "));
+  EXPECT_THAT(header, testing::HasSubstr("Trace size: 2Mb\n"));
+
+  const std::string ring = trace.substr(ringStart);
+  EXPECT_LE(ring.size(), 2U * 1024 * 1024);
+  EXPECT_GT(ring.size(), 2U * 1024 * 1024 - 200) << "the ring has not wrapped";
+  expectTheNewestLinesInOrder(oldestFirst(ring));
+}
+
+}  // namespace
