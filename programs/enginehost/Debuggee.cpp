@@ -1,13 +1,12 @@
 #include "Debuggee.h"
 
+#include <cerrno>
+#include <cstring>
+#include <memory>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <cerrno>
-#include <cstring>
-#include <memory>
 
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -23,10 +22,10 @@ class Reaper : public StdThread {
     while (waitpid(process_, &rawStatus_, 0) < 0 && errno == EINTR) {
     }
     if (WIFSIGNALED(rawStatus_)) {
-      CUL_TRACE(TraceType::active, __PRETTY_FUNCTION__, __LINE__,
+      CUL_TRACE(TraceType::active, "void Reaper::run()", __LINE__,
                 "Process %d was killed by signal %d.", process_, WTERMSIG(rawStatus_));
     } else {
-      CUL_TRACE(TraceType::active, __PRETTY_FUNCTION__, __LINE__,
+      CUL_TRACE(TraceType::active, "void Reaper::run()", __LINE__,
                 "Process %d ended with status %d.", process_, WEXITSTATUS(rawStatus_));
     }
   }

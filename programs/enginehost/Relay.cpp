@@ -1,9 +1,8 @@
 #include "Relay.h"
 
+#include <cerrno>
 #include <sys/ioctl.h>
 #include <unistd.h>
-
-#include <cerrno>
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -62,8 +61,8 @@ unsigned long relay(StdPipe& pipe, int target) {
       return relayed;
     }
     if (!writeAll(target, bytes)) {
-      CUL_TRACE(TraceType::error, __PRETTY_FUNCTION__, __LINE__, "write() failed with errno %d.",
-                errno);
+      CUL_TRACE(TraceType::error, "unsigned long relay(StdPipe&, int)", __LINE__,
+                "write() failed with errno %d.", errno);
       return relayed;
     }
     relayed += bytes.length();

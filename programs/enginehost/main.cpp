@@ -1,14 +1,14 @@
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
 
-#include "Debuggee.h"
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
+
+#include "Debuggee.h"
 #include "Relay.h"
 
 namespace {
@@ -45,11 +45,11 @@ int hostProgram(char** command) {
   try {
     Debuggee debuggee(path, command, output);
     const unsigned long relayed = relay(output, STDOUT_FILENO);
-    CUL_TRACE(TraceType::active, __PRETTY_FUNCTION__, __LINE__, "Relayed %lu bytes of process %d.",
-              relayed, debuggee.id());
+    CUL_TRACE(TraceType::active, "int hostProgram(char**)", __LINE__,
+              "Relayed %lu bytes of process %d.", relayed, debuggee.id());
     return debuggee.wait();
   } catch (const StdException& e) {
-    e.trace(__PRETTY_FUNCTION__, __LINE__);
+    e.trace("int hostProgram(char**)", __LINE__);
     if (e.status <= 0) {
       throw;
     }

@@ -1,15 +1,16 @@
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <spawn.h>
+#include <string>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <string>
+#include <gmock/gmock.h>
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdPipe.h"
 #include "Engine/utilities/TraceFlags.h"
+
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
 
@@ -68,7 +69,7 @@ TEST(TypicalEvent, AFailingPipeReadLeavesItsLineInATraceThatWraps) {
   const std::string trace = contentsOf(folder.file("trace"));
   EXPECT_LT(trace.size(), 2U * 1024 * 1024 + 4096) << "the trace has not wrapped";
   EXPECT_THAT(trace, testing::HasSubstr("Trace start at "));
-  EXPECT_THAT(trace, testing::HasSubstr(" (main    ) **ERROR: int StdPipe::read(113): "
+  EXPECT_THAT(trace, testing::HasSubstr(" (main    )**ERROR: int StdPipe::read(113): "
                                         "::read() failed with errno 9.\n"));
   EXPECT_THAT(trace, testing::HasSubstr("StdException caught; thrown from "));
 }

@@ -1,12 +1,12 @@
-#include <gmock/gmock.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <filesystem>
 #include <regex>
+#include <signal.h>
 #include <string>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
+
+#include <gmock/gmock.h>
 
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
@@ -182,8 +182,8 @@ TEST(EngineHost, RelaysASingleByteBeforeTheNextOneIsPrinted) {
 }
 
 TEST(EngineHost, EndsAProgramWhoseReaderHasGoneAsAPipelineDoes) {
-  const ChildResult r = runProgram({"/bin/bash", "-c",
-                                    std::string(host) + " yes | head -n 1; echo ${PIPESTATUS[0]}"});
+  const ChildResult r = runProgram(
+      {"/bin/bash", "-c", std::string(host) + " yes | head -n 1; echo ${PIPESTATUS[0]}"});
   EXPECT_EQ(r.out, "y\n" + std::to_string(128 + SIGPIPE) + "\n");
   EXPECT_THAT(r.err, IsEmpty());
 }
@@ -198,9 +198,8 @@ TEST(EngineHost, StartsTheProgramWithDefaultSignalsAndOnlyTheStandardStreams) {
 
 TEST(EngineHost, RunsWithItsStandardStreamsClosed) {
   const TemporaryFolder folder;
-  const ChildResult r =
-      runProgram({"/bin/sh", "-c",
-                  std::string(host) + " sh -c 'echo hidden; exit 4' <&- >&- 2>&-; echo $?"});
+  const ChildResult r = runProgram(
+      {"/bin/sh", "-c", std::string(host) + " sh -c 'echo hidden; exit 4' <&- >&- 2>&-; echo $?"});
   EXPECT_EQ(r.out, "4\n");
 }
 
@@ -215,7 +214,7 @@ TEST(EngineHost, TracesTheLifeOfTheProgram) {
       << trace;
   const std::string process = started[1];
   EXPECT_THAT(trace, HasSubstr("Relayed 5 bytes of process " + process + ".\n"));
-  EXPECT_THAT(trace, HasSubstr("(Reaper  ) **: "));
+  EXPECT_THAT(trace, HasSubstr("(Reaper  )****: "));
   EXPECT_THAT(trace, HasSubstr("Process " + process + " ended with status 3.\n"));
 }
 

@@ -26,13 +26,13 @@
 
 struct ChildOptions {
   /// Variables to set, on top of the minimal environment.
-  std::map<std::string, std::string> environment;
+  std::map<std::string, std::string> environment = {};
   /// What the child reads from its standard input.
-  std::string input;
+  std::string input = {};
   /// Working directory; empty: the parent's.
-  std::string directory;
+  std::string directory = {};
   /// Passed to the child case, see childArguments().
-  std::vector<std::string> arguments;
+  std::vector<std::string> arguments = {};
   /// A child that lives longer is killed, and the test fails.
   unsigned limitInSeconds = 120;
 };

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <unistd.h>
-
 #include <chrono>
+#include <unistd.h>
 
 /// \file
 /// Waiting for something that happens elsewhere.

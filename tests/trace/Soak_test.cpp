@@ -1,5 +1,3 @@
-#include <gmock/gmock.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
@@ -10,10 +8,13 @@
 #include <string_view>
 #include <vector>
 
+#include <gmock/gmock.h>
+
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
+
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/WaitUntil.h"
@@ -121,11 +122,11 @@ std::vector<std::string> oldestFirst(const std::string& ring) {
 
 void expectTheNewestLinesInOrder(const std::vector<std::string>& lines) {
   const std::regex whole(
-      R"(\d\d:\d\d:\d\d\.\d{6} \(Writer(\d) \) \*\*AGENT: void Writer::run\((\d)\): writer (\d), line +(\d+) of 12500)");
+      R"(\d\d:\d\d:\d\d\.\d{6} \(Writer(\d) \)\*\*AGENT: void Writer::run\((\d)\): writer (\d), line +(\d+) of 12500)");
   std::array<unsigned, writers> previous = {};
   std::smatch match;
   for (const std::string& line : lines) {
-    if (line.find(" **AGENT: main: ") != std::string::npos) {
+    if (line.find("**AGENT: main: ") != std::string::npos) {
       EXPECT_TRUE(line.ends_with(lastLine)) << line;
       continue;
     }
