@@ -26,7 +26,7 @@ ByteString nextBytes(const StdPipe& pipe) {
   ByteString first;
   pipe.read(first, 0);
   int waiting = 0;
-  if (first.length() == 0 || ioctl(pipe.readHandle(), FIONREAD, &waiting) != 0 || waiting < 2) {
+  if (first.length() == 0 || ioctl(pipe.readHandle(), FIONREAD, &waiting) != 0 || waiting < 1) {
     return first;
   }
   // Only what is there already: read() would spin until the next byte otherwise.
