@@ -28,6 +28,7 @@ constexpr const char* lastLine = "all writers have ended";
 
 class Writer : public StdThread {
  public:
+  // `number` counts from 1, as it serves as a line number too.
   Writer(unsigned number, Termination& end)
       : StdThread(("Writer" + std::to_string(number)).c_str(), 0, &end), number_(number) {}
 
@@ -84,7 +85,7 @@ CUL_CHILD(SoakTheTrace) {
   }
   std::array<StdThread::Termination, writers> writerEnds;
   for (unsigned i = 0; i < writers; ++i) {
-    (new Writer(i, writerEnds[i]))->start_thread(0);
+    (new Writer(i + 1, writerEnds[i]))->start_thread(0);
   }
   for (StdThread::Termination& end : writerEnds) {
     EXPECT_EQ(end.wait(0), 0);
@@ -125,7 +126,7 @@ void expectTheNewestLinesInOrder(const std::vector<std::string>& lines) {
       R"(\d\d:\d\d:\d\d\.\d{6} \(Writer(\d) \)\*\*AGENT: void Writer::run\((\d)\): writer (\d), line +(\d+) of 12500)");
   const std::regex others(
       R"(\d\d:\d\d:\d\d\.\d{6} \(.{8}\)\*\*(AGENT: main: all writers have ended|\*\*: .*\(13[26]\): (Starting|Terminating) thread \w+))");
-  std::array<unsigned, writers> previous = {};
+  std::array<unsigned, writers + 1> previous = {};
   std::smatch match;
   for (const std::string& line : lines) {
     if (std::regex_match(line, others)) {
