@@ -83,8 +83,8 @@ class CUL_EXPORT RWlock : public RWlockBase {
   Priority priority_;
   List<Holder> holders_;
   // Named in the texts of failed assertions.
-  pthread_mutex_t _mutex;
-  pthread_cond_t _cond;  // broadcast whenever a hold ends
+  pthread_mutex_t _mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t _cond = PTHREAD_COND_INITIALIZER;  // broadcast whenever a hold ends
   unsigned short writersWaiting_ = 0;
   unsigned short readersWaiting_ = 0;
 };

@@ -5,7 +5,6 @@
 #include <csignal>
 #include <cstring>
 #include <memory>
-#include <sched.h>
 
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/RunningThreads.h"
@@ -94,8 +93,6 @@ StdThread* StdThread::thread1() {
   }
   return made;
 }
-
-void StdThread::thread_yield() noexcept { sched_yield(); }
 
 void** StdThread::_getKeyValue(const char* key) {
   const auto length = static_cast<unsigned int>(std::strlen(key) + 1);

@@ -20,12 +20,13 @@
 ///
 /// **Asking a thread to end.** requestTerminate() sends SIGUSR2. The thread ends where it
 /// is by unwinding its stack, so objects on the stack are destroyed; its thread object
-/// stays registered and is not deleted. Where a thread cannot be unwound (inside the C
-/// library except in a wait, inside the library's own short locked stretches, in a noexcept
-/// function or between two calls of a function that has something to clean up) the request
-/// is repeated every millisecond until it can. A loop that does nothing but compute, in a
-/// function that has destructors to run, should therefore call something now and then,
-/// thread_yield() for instance. A `catch (...)` must throw on what it does not know.
+/// stays registered and is not deleted. A request takes effect at once in a wait of the
+/// system (read, poll, a condition, a sleep), and in plain code where no destructor is due;
+/// everywhere else (in the C library, in this library, in a noexcept function, between two
+/// calls of a function that has something to destroy) it is repeated many times a
+/// millisecond until it can. A loop that never waits may hardly ever be met at a good place:
+/// it should call thread_yield() now and then, where a thread ends, too. A `catch (...)`
+/// must throw on what it does not know. A lock taken without a guard stays taken.
 ///
 /// **Recovery from a fatal signal.** A thread may arm its recovery point before risky
 /// work; the handler of fatal signals then resumes there instead of ending the process:
@@ -154,8 +155,9 @@ class CUL_EXPORT StdThread {
 
   [[nodiscard]] static pthread_t currentThreadId() noexcept { return pthread_self(); }
 
-  /// Lets other threads run.
-  static void thread_yield() noexcept;
+  /// Lets other threads run. The calling thread ends here when it was asked to and could
+  /// not until now.
+  static void thread_yield();
 
   /// The least stack size in bytes.
   [[nodiscard]] static constexpr unsigned int defaultStackSize() noexcept { return 131072; }

@@ -9,7 +9,7 @@
 /// ends the thread by unwinding its stack. Code that has taken a lock and not yet stored
 /// that it did, or that is half-way through a change of what other threads see, would
 /// leave ruins behind. While a HoldRequests object lives, its thread does not end; a
-/// request that arrives meanwhile is repeated every millisecond until the thread can end.
+/// request that arrives meanwhile is repeated many times a millisecond until the thread can end.
 /// \code
 ///   HoldRequests hold;
 ///   LockGuard guard(lock_, "void RunningThreads::append(StdThread*)", 24);

@@ -7,6 +7,7 @@
 #include <ctime>
 #include <cxxabi.h>
 #include <memory>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -35,17 +36,17 @@ struct RequestState {
   StdThread* thread = nullptr;       // null on threads not started by StdThread
   const void* entryFrame = nullptr;  // of StdThreadRunFF
   bool isEnding = false;             // past run(): requests come too late
-  bool isPostponed = false;
+  unsigned attempts = 0;             // of a request that could not be acted on at once
   bool hasTimer = false;
   int timer = 0;
 };
 constinit thread_local RequestState requestState __attribute__((tls_model("initial-exec")));
 
-// Signals the calling thread again in a millisecond. The C library's timer_create() is not
+// Signals the calling thread again in a moment. The C library's timer_create() is not
 // promised to be safe in a signal handler, the system calls are.
 void postponeRequest() noexcept {
   RequestState& state = requestState;
-  state.isPostponed = true;
+  ++state.attempts;
   if (!state.hasTimer) {
     sigevent event = {};
     event.sigev_notify = SIGEV_THREAD_ID;
@@ -54,9 +55,13 @@ void postponeRequest() noexcept {
     state.hasTimer = syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &state.timer) == 0;
   }
   if (state.hasTimer) {
-    constexpr long millisecond = 1000000;
-    constexpr itimerspec soon = {{0, 0}, {0, millisecond}};
-    syscall(SYS_timer_settime, state.timer, 0, &soon, nullptr);
+    // Soon at first, and never in step with what the thread does; a thread that stays inside
+    // a noexcept function is not to be bothered that often.
+    constexpr unsigned manyAttempts = 10000;
+    const long soon = 20000 + state.attempts * 7919L % 60000;
+    constexpr long later = 2000000;
+    const itimerspec delay = {{0, 0}, {0, state.attempts < manyAttempts ? soon : later}};
+    syscall(SYS_timer_settime, state.timer, 0, &delay, nullptr);
   }
 }
 
@@ -197,17 +202,35 @@ void StdThread::sigUSR2handler(int) {
   }
   if (__atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) != 0) {
     __atomic_store_n(&self->terminationPending_, 1, __ATOMIC_RELAXED);
-    if (state.isPostponed) {
+    if (state.attempts != 0) {
       postponeRequest();
     }
-  } else if (HoldRequests::level() != 0 || !canUnwindFromSignal(state.entryFrame)) {
+  } else if (HoldRequests::level() != 0 || !canUnwind(state.entryFrame)) {
     postponeRequest();
   } else {
-    forgetRequests();
     // SIGUSR2 stays blocked in this thread: a second request cannot disturb its end.
+    forgetRequests();
     pthread_exit(nullptr);
   }
   errno = error;
+}
+
+void StdThread::thread_yield() {
+  sched_yield();
+  const RequestState& state = requestState;
+  if (state.attempts == 0 || state.isEnding) {
+    return;
+  }
+  StdThread* self = state.thread != nullptr ? state.thread : thread1();
+  if (__atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) == 0 && HoldRequests::level() == 0 &&
+      canUnwind(state.entryFrame)) {
+    sigset_t request;
+    sigemptyset(&request);
+    sigaddset(&request, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &request, nullptr);
+    forgetRequests();
+    pthread_exit(nullptr);
+  }
 }
 
 void sigUSR2handler(int signal) { StdThread::sigUSR2handler(signal); }

@@ -16,9 +16,12 @@ void UNIX_Critical_Section::request(const char* file, unsigned int line) {
     return;
   }
   const HoldRequests hold;  // a mutex without a noted owner could never be released
-  lock(file, line);
+  const bool isLocked = pthread_mutex_lock(nativeHandle()) == 0;
   count_ = 1;
   __atomic_store_n(&owner_, self, __ATOMIC_RELEASE);
+  if (!isLocked) {
+    warn("pthread_mutex_lock", file, line);  // last: the trace may want this very lock
+  }
 }
 
 void UNIX_Critical_Section::release(const char* file, unsigned int line) {
@@ -28,7 +31,7 @@ void UNIX_Critical_Section::release(const char* file, unsigned int line) {
   if (--count_ == 0) {
     const HoldRequests hold;
     __atomic_store_n(&owner_, pthread_t{0}, __ATOMIC_RELEASE);
-    unlock(file, line);
+    UNIX_Mutex::release(file, line);
   }
 }
 

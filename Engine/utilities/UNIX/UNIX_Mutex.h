@@ -24,21 +24,9 @@ class CUL_EXPORT UNIX_Mutex : public CUL_Critical_Section {
   [[nodiscard]] pthread_mutex_t* nativeHandle() noexcept { return &mutex_; }
 
  protected:
-  /// What request() and release() do, without the virtual call.
-  void lock(const char* file, unsigned int line) noexcept {
-    if (pthread_mutex_lock(&mutex_) != 0) {
-      warn("pthread_mutex_lock", file, line);
-    }
-  }
-  void unlock(const char* file, unsigned int line) noexcept {
-    if (pthread_mutex_unlock(&mutex_) != 0) {
-      warn("pthread_mutex_unlock", file, line);
-    }
-  }
-
   /// Writes the warning that `call` has failed, with the current `errno`.
   static void warn(const char* call, const char* file, unsigned int line) noexcept;
 
  private:
-  pthread_mutex_t mutex_;
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;  // usable should the constructor fail
 };

@@ -60,8 +60,10 @@ class TableReader {
   const unsigned char* at_;
 };
 
-// Whether the exception table of a function lists the instruction at `offset`.
-bool lists(const unsigned char* table, std::uintptr_t offset) {
+enum class Listed { no, withoutCleanup, withCleanup };
+
+// What the exception table of a function says of the instruction at `offset`.
+Listed look(const unsigned char* table, std::uintptr_t offset) {
   TableReader reader(table);
   if (const unsigned char encoding = reader.byte(); encoding != omitted) {
     reader.number(encoding);  // base of landing pads
@@ -75,13 +77,19 @@ bool lists(const unsigned char* table, std::uintptr_t offset) {
   while (reader.position() < end) {
     const std::uintptr_t start = reader.number(encoding);
     const std::uintptr_t size = reader.number(encoding);
-    reader.number(encoding);  // landing pad
-    reader.uleb128();         // action
+    const std::uintptr_t landingPad = reader.number(encoding);
+    reader.uleb128();  // action
     if (offset - start < size) {
-      return true;
+      return landingPad == 0 ? Listed::withoutCleanup : Listed::withCleanup;
     }
   }
-  return false;
+  return Listed::no;
+}
+
+const link_map* moduleOf(const void* instruction) {
+  dl_find_object object;
+  return _dl_find_object(const_cast<void*>(instruction), &object) == 0 ? object.dlfo_link_map
+                                                                       : nullptr;
 }
 
 // The C library and what stands beside it: full of locks that no exception table knows.
@@ -89,12 +97,11 @@ bool isRuntime(const void* instruction) {
   static constexpr std::array<std::string_view, 8> names = {
       "libc.so",     "ld-linux",   "libpthread.so", "libstdc++.so",
       "libgcc_s.so", "libasan.so", "libtsan.so",    "libubsan.so"};
-  dl_find_object object;
-  if (_dl_find_object(const_cast<void*>(instruction), &object) != 0 ||
-      object.dlfo_link_map->l_name == nullptr) {
+  const link_map* module = moduleOf(instruction);
+  if (module == nullptr || module->l_name == nullptr) {
     return false;
   }
-  std::string_view name = object.dlfo_link_map->l_name;
+  std::string_view name = module->l_name;
   name.remove_prefix(name.rfind('/') + 1);
   for (const std::string_view runtime : names) {
     if (name.starts_with(runtime)) {
@@ -102,6 +109,12 @@ bool isRuntime(const void* instruction) {
     }
   }
   return false;
+}
+
+// This library: its objects may be half changed.
+bool isOwn(const void* instruction) {
+  static const char here = 0;
+  return moduleOf(instruction) == moduleOf(&here);
 }
 
 // Whether a signal arriving at `instruction` has cut a wait in the kernel short: the system
@@ -120,30 +133,40 @@ struct Walk {
   bool isSound = true;
 };
 
+// Functions of the runtime are C: where they list nothing, they clean nothing up.
+bool canLeaveCall(const unsigned char* instruction, Listed listed) {
+  return listed != Listed::no || isRuntime(instruction);
+}
+
+// A clean-up expects the registers as they are in a call, so there must be none.
+bool canLeaveInterrupted(const unsigned char* instruction, Listed listed, std::intptr_t rax) {
+  if (isRuntime(instruction) || isOwn(instruction)) {
+    return isInterruptedWait(instruction, rax);
+  }
+  return listed == Listed::withoutCleanup;
+}
+
 _Unwind_Reason_Code visit(_Unwind_Context* context, void* argument) {
   Walk& walk = *static_cast<Walk*>(argument);
   int isInterrupted = 0;
   const std::uintptr_t next = _Unwind_GetIPInfo(context, &isInterrupted);
+  const std::uintptr_t address = isInterrupted != 0 ? next : next - 1;
   // NOLINTBEGIN(performance-no-int-to-ptr): addresses come as integers from the unwinder.
-  const auto* instruction =
-      reinterpret_cast<const unsigned char*>(isInterrupted != 0 ? next : next - 1);
+  const auto* instruction = reinterpret_cast<const unsigned char*>(address);
   const auto* table =
       reinterpret_cast<const unsigned char*>(_Unwind_GetLanguageSpecificData(context));
   // NOLINTEND(performance-no-int-to-ptr)
-  if (isInterrupted != 0 && !walk.signalSeen) {
-    walk.signalSeen = true;
-    walk.isSound = true;  // what came before are the frames of the handler itself
+  const Listed listed = table == nullptr ? Listed::withoutCleanup
+                                         : look(table, address - _Unwind_GetRegionStart(context));
+  if (isInterrupted != 0) {
     constexpr int rax = 0;
-    if (isRuntime(instruction) &&
-        !isInterruptedWait(instruction, static_cast<std::intptr_t>(_Unwind_GetGR(context, rax)))) {
-      walk.isSound = false;
-    }
-  }
-  // Functions of the runtime are C: where they list nothing, they clean nothing up.
-  if (table != nullptr && !isRuntime(instruction) &&
-      !lists(table,
-             reinterpret_cast<std::uintptr_t>(instruction) - _Unwind_GetRegionStart(context))) {
-    walk.isSound = false;
+    const bool canLeave = canLeaveInterrupted(
+        instruction, listed, static_cast<std::intptr_t>(_Unwind_GetGR(context, rax)));
+    // What came before the first signal are the frames of its handler, that is, ours.
+    walk.isSound = canLeave && (walk.isSound || !walk.signalSeen);
+    walk.signalSeen = true;
+  } else {
+    walk.isSound = walk.isSound && canLeaveCall(instruction, listed);
   }
   walk.entrySeen = walk.entrySeen || _Unwind_GetCFA(context) > walk.entryFrame;
   return _URC_NO_REASON;
@@ -151,7 +174,7 @@ _Unwind_Reason_Code visit(_Unwind_Context* context, void* argument) {
 
 }  // namespace
 
-bool canUnwindFromSignal(const void* entryFrame) {
+bool canUnwind(const void* entryFrame) {
   Walk walk{reinterpret_cast<std::uintptr_t>(entryFrame)};
   _Unwind_Backtrace(visit, &walk);
   return walk.isSound && (entryFrame == nullptr || walk.entrySeen);

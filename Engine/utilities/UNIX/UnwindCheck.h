@@ -1,19 +1,21 @@
 #pragma once
 
 /// \file
-/// Whether a signal has arrived at a place from which the thread's stack can be unwound.
-/// Internal to the library.
+/// Whether the stack of the calling thread can be unwound from where it is, also when that
+/// is a signal handler. Internal to the library.
 ///
 /// pthread_exit() unwinds. That is sound where a function calls another or waits in the
 /// kernel, but a signal may arrive anywhere: in the middle of malloc, whose lock would stay
-/// taken for ever, or between two calls of a function with destructors, where the C++
-/// runtime ends the process because the compiler has not foreseen an exception there.
+/// taken for ever, or between two calls of a function with destructors, where the compiler
+/// has not foreseen an exception: the C++ runtime would end the process there, or run the
+/// destructors with the wrong registers.
 
-/// Looks at all frames from the signal that is being handled to `entryFrame`. Every frame
-/// must be at an instruction that its exception table (layout: the LSDA of the Itanium C++
-/// ABI as written by g++ and clang) lists, and the innermost outside the C library and its
-/// like, unless it is a system call that the signal cut short. Calls nothing that is not
-/// safe in a signal handler.
+/// Looks at all frames from the caller, or when a signal is being handled from the place of
+/// the signal, to `entryFrame`. Every call must be one that the exception table of its
+/// function lists (the LSDA of the Itanium C++ ABI as written by g++ and clang). The place of
+/// a signal must be a system call that the signal cut short, or lie outside this library, the
+/// C library and its like where no clean-up is due. Calls nothing that is not safe in a
+/// signal handler.
 /// \param entryFrame frame address of the thread's entry function, which must be found;
 ///   null: not asked for.
-bool canUnwindFromSignal(const void* entryFrame);
+bool canUnwind(const void* entryFrame);

@@ -1,0 +1,73 @@
+#include "tests/threads/PosixFailure.h"
+
+#include <atomic>
+#include <cerrno>
+#include <dlfcn.h>
+#include <pthread.h>
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constinit thread_local PosixCall failing = PosixCall::none;
+constinit thread_local int failureResult = 0;
+constinit thread_local int failureError = 0;
+
+template <typename... Arguments>
+int callOrFail(PosixCall call, std::atomic<void*>& next, const char* name, Arguments... arguments) {
+  if (failing == call) {
+    failing = PosixCall::none;
+    errno = failureError;
+    return failureResult;
+  }
+  void* function = next.load(std::memory_order_acquire);
+  if (function == nullptr) {
+    // The condition functions have an older version, too, which plain dlsym may give.
+    function = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2");
+    if (function == nullptr) {
+      function = dlsym(RTLD_NEXT, name);
+    }
+    next.store(function, std::memory_order_release);
+  }
+  return reinterpret_cast<int (*)(Arguments...)>(function)(arguments...);
+}
+
+}  // namespace
+
+PosixFailure::PosixFailure(PosixCall call, int result, int error) {
+  failureResult = result;
+  failureError = error;
+  failing = call;
+}
+
+PosixFailure::~PosixFailure() {
+  EXPECT_EQ(failing, PosixCall::none) << "the call that was to fail never came";
+  failing = PosixCall::none;
+}
+
+// One definition each of what PosixCall names.
+#define CUL_STAND_BEFORE(call, name, parameters, ...)               \
+  extern "C" int name parameters {                                  \
+    static constinit std::atomic<void*> next = nullptr;             \
+    return callOrFail(PosixCall::call, next, #name, ##__VA_ARGS__); \
+  }
+
+CUL_STAND_BEFORE(mutexInit, pthread_mutex_init,
+                 (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes) noexcept, mutex,
+                 attributes)
+CUL_STAND_BEFORE(mutexDestroy, pthread_mutex_destroy, (pthread_mutex_t * mutex) noexcept, mutex)
+CUL_STAND_BEFORE(mutexLock, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, mutex)
+CUL_STAND_BEFORE(mutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * mutex) noexcept, mutex)
+CUL_STAND_BEFORE(condInit, pthread_cond_init,
+                 (pthread_cond_t * condition, const pthread_condattr_t* attributes) noexcept,
+                 condition, attributes)
+CUL_STAND_BEFORE(condDestroy, pthread_cond_destroy, (pthread_cond_t * condition) noexcept,
+                 condition)
+CUL_STAND_BEFORE(condWait, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
+                 condition, mutex)
+CUL_STAND_BEFORE(condBroadcast, pthread_cond_broadcast, (pthread_cond_t * condition) noexcept,
+                 condition)
+CUL_STAND_BEFORE(create, pthread_create,
+                 (pthread_t * id, const pthread_attr_t* attributes, void* (*entry)(void*),
+                  void* argument) noexcept,
+                 id, attributes, entry, argument)

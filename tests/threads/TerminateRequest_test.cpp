@@ -1,0 +1,508 @@
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <new>
+#include <optional>
+#include <poll.h>
+#include <pthread.h>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/RunningThreads.h"
+#include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
+
+#include "tests/support/Child.h"
+#include "tests/threads/ThreadSupport.h"
+
+namespace {
+
+// Notes that the stack of a thread was unwound.
+class Unwound {
+ public:
+  explicit Unwound(std::atomic<int>& count) : count_(count) {}
+  Unwound(const Unwound&) = delete;
+  Unwound& operator=(const Unwound&) = delete;
+  ~Unwound() { ++count_; }
+
+ private:
+  std::atomic<int>& count_;
+};
+
+// What all threads use: after a thread has ended, others must still be able to.
+void useTheLibrary() {
+  for (int i = 0; i < 50; ++i) {
+    const EncodedString text(std::string(static_cast<size_t>(i * 3), 'x').c_str(),
+                             EncodedString::utf8);
+    EncodedString copy = text;
+    copy += text;
+    EXPECT_EQ(copy.length(), static_cast<unsigned>(i * 6));
+    CUL_TRACE(TraceType::cul, "useTheLibrary()", 1, "line %d", i);
+    EXPECT_NE(StdThread::currentThread(), nullptr);
+    std::free(std::malloc(static_cast<size_t>(i) * 1000));
+  }
+}
+
+// Runs `wait` on a thread, asks it to end when `isReady` holds and waits for its end.
+void expectEnd(const std::function<void(std::atomic<pid_t>&)>& wait,
+               const std::function<bool(const std::atomic<pid_t>&)>& isReady) {
+  std::atomic<int> unwound = 0;
+  std::atomic<pid_t> task = 0;
+  StdThread::Termination termination;
+  const StdThread* thread = startThread(
+      [&] {
+        const Unwound here(unwound);
+        wait(task);
+      },
+      &termination);
+  const pthread_t id = thread->threadId();
+  ASSERT_TRUE(isReady(task));
+  EXPECT_EQ(thread->requestTerminate(), 0);
+  EXPECT_EQ(termination.wait(0), 0);
+  EXPECT_EQ(unwound, 1);
+  // The object stays registered and undeleted, but its id may become another thread's.
+  EXPECT_EQ(thread->threadId(), 0U);
+  EXPECT_EQ(thread->requestTerminate(), ESRCH);
+  EXPECT_EQ(RunningThreads::instance().find(0), thread);
+  EXPECT_EQ(RunningThreads::instance().find(id), nullptr);
+  useTheLibrary();
+}
+
+bool isAsleep(const std::atomic<pid_t>& task) { return waitUntilAsleep(task); }
+
+bool isRunning(const std::atomic<pid_t>& task) {
+  return waitUntil([&task] { return task != 0; });
+}
+
+struct Descriptors {
+  int ends[2] = {-1, -1};
+  Descriptors() { EXPECT_EQ(pipe(ends), 0); }
+  Descriptors(const Descriptors&) = delete;
+  Descriptors& operator=(const Descriptors&) = delete;
+  ~Descriptors() {
+    close(ends[0]);
+    close(ends[1]);
+  }
+};
+
+struct Mutex {
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+};
+
+class MutexGuard {
+ public:
+  explicit MutexGuard(Mutex& mutex) : mutex_(mutex) { pthread_mutex_lock(&mutex_.mutex); }
+  MutexGuard(const MutexGuard&) = delete;
+  MutexGuard& operator=(const MutexGuard&) = delete;
+  ~MutexGuard() { pthread_mutex_unlock(&mutex_.mutex); }
+
+ private:
+  Mutex& mutex_;
+};
+
+// A frame that runs for ever and has nothing to clean up.
+__attribute__((noinline)) void spin(std::atomic<unsigned long>& counter) {
+  for (;;) {
+    counter.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+// The same, mostly inside the C library.
+__attribute__((noinline)) void allocate(std::atomic<unsigned long>& counter) {
+  for (;;) {
+    void* volatile memory = std::malloc(3000 + counter % 100);
+    std::free(memory);
+    counter.fetch_add(1, std::memory_order_relaxed);
+  }
+}
+
+}  // namespace
+
+TEST(TerminateRequest, EndsAThreadInABlockingRead) {
+  const Descriptors pipe;
+  expectEnd(
+      [&pipe](std::atomic<pid_t>& task) {
+        task = gettid();
+        char byte;
+        EXPECT_EQ(read(pipe.ends[0], &byte, 1), 1);
+        ADD_FAILURE() << "the read has ended";
+      },
+      isAsleep);
+}
+
+TEST(TerminateRequest, EndsAThreadInAPoll) {
+  expectEnd(
+      [](std::atomic<pid_t>& task) {
+        task = gettid();
+        poll(nullptr, 0, -1);
+        ADD_FAILURE() << "the poll has ended";
+      },
+      isAsleep);
+}
+
+TEST(TerminateRequest, EndsAThreadInAConditionWaitAndReleasesItsMutex) {
+  Mutex mutex;
+  expectEnd(
+      [&mutex](std::atomic<pid_t>& task) {
+        const MutexGuard guard(mutex);
+        task = gettid();
+        for (;;) {
+          pthread_cond_wait(&mutex.condition, &mutex.mutex);
+        }
+      },
+      isAsleep);
+  EXPECT_EQ(pthread_mutex_trylock(&mutex.mutex), 0);
+  pthread_mutex_unlock(&mutex.mutex);
+}
+
+TEST(TerminateRequest, EndsAThreadInUsleep) {
+  expectEnd(
+      [](std::atomic<pid_t>& task) {
+        task = gettid();
+        for (;;) {
+          usleep(900000);
+        }
+      },
+      isAsleep);
+}
+
+TEST(TerminateRequest, EndsAThreadInABusyLoop) {
+  std::atomic<unsigned long> counter = 0;
+  expectEnd(
+      [&counter](std::atomic<pid_t>& task) {
+        task = gettid();
+        spin(counter);
+      },
+      [&counter](const std::atomic<pid_t>&) {
+        return waitUntil([&counter] { return counter > 0; });
+      });
+}
+
+TEST(TerminateRequest, EndsAThreadThatAllocatesAllTheTime) {
+  std::atomic<unsigned long> counter = 0;
+  for (int i = 0; i < 20; ++i) {
+    expectEnd([&counter](std::atomic<pid_t>&) { allocate(counter); },
+              [&counter](const std::atomic<pid_t>&) {
+                const unsigned long before = counter;
+                return waitUntil([&] { return counter > before + 10; });
+              });
+  }
+}
+
+TEST(TerminateRequest, EndsAThreadThatComputesAndYields) {
+  expectEnd(
+      [](std::atomic<pid_t>& task) {
+        std::vector<std::string> texts(10);
+        for (unsigned i = 0;; ++i) {
+          texts[i % 10] = std::string(i % 5000, 'x');
+          task = gettid();
+          StdThread::thread_yield();
+        }
+      },
+      isRunning);
+}
+
+TEST(TerminateRequest, YieldingInANoexceptFunctionGoesOn) {
+  std::atomic<bool> isBehind = false;
+  runOnThread([&isBehind] {
+    const auto yield = [&isBehind]() noexcept {
+      const std::string local(100, 'x');  // something to clean up
+      raise(SIGUSR2);
+      for (int i = 0; i < 100; ++i) {
+        StdThread::thread_yield();
+      }
+      isBehind = true;
+    };
+    yield();
+    for (;;) {
+      StdThread::thread_yield();
+    }
+  });
+  EXPECT_TRUE(isBehind);
+}
+
+TEST(TerminateRequest, EndsAThreadThatHandlesStringsAllTheTime) {
+  expectEnd(
+      [](std::atomic<pid_t>& task) {
+        for (;;) {
+          useTheLibrary();
+          task = gettid();
+          StdThread::thread_yield();
+        }
+      },
+      isRunning);
+}
+
+TEST(TerminateRequest, ReleasesTheLocksThatGuardsHold) {
+  UNIX_Critical_Section lock;
+  const Descriptors pipe;
+  expectEnd(
+      [&](std::atomic<pid_t>& task) {
+        const LockGuard outer(lock, "test", 1);
+        const LockGuard inner(lock, "test", 2);
+        task = gettid();
+        char byte;
+        EXPECT_EQ(read(pipe.ends[0], &byte, 1), 1);
+      },
+      isAsleep);
+  std::thread([&lock] { EXPECT_EQ(pthread_mutex_trylock(lock.nativeHandle()), 0); }).join();
+}
+
+TEST(TerminateRequest, WaitsForALockThatIsBeingTaken) {
+  UNIX_Critical_Section lock;
+  std::atomic<bool> isOut = false;
+  std::optional<LockGuard> mine;
+  mine.emplace(lock, "owner", 1);
+  StdThread::Termination termination;
+  std::atomic<pid_t> task = 0;
+  const StdThread* thread = startThread(
+      [&] {
+        task = gettid();
+        for (;;) {
+          LockGuard guard(lock, "waiter", 1);
+          usleep(1);
+          isOut = true;
+        }
+      },
+      &termination);
+  waitUntilAsleep(task);
+  thread->requestTerminate();
+  mine.reset();
+  EXPECT_EQ(termination.wait(0), 0);
+  LockGuard guard(lock, "owner", 2);
+}
+
+TEST(TerminateRequest, CannotEndTheProcessRightAfterTheStart) {
+  for (int i = 0; i < 200; ++i) {
+    StdThread::Termination termination;
+    const StdThread* thread = startThread([] { pause(); }, &termination);
+    EXPECT_EQ(thread->requestTerminate(), 0);
+    EXPECT_EQ(termination.wait(0), 0);
+  }
+  useTheLibrary();
+}
+
+TEST(TerminateRequest, WaitsUntilANoexceptFunctionIsLeft) {
+  const Descriptors pipe;
+  std::atomic<bool> isBehind = false;
+  std::atomic<pid_t> task = 0;
+  StdThread::Termination termination;
+  const StdThread* thread = startThread(
+      [&] {
+        const auto readOne = [&]() noexcept {
+          const std::string local(100, 'x');  // something to clean up
+          char byte;
+          task = gettid();
+          EXPECT_EQ(read(pipe.ends[0], &byte, 1), 1);
+          isBehind = true;
+        };
+        readOne();
+        for (;;) {
+          usleep(1000);
+        }
+      },
+      &termination);
+  waitUntilAsleep(task);
+  EXPECT_EQ(thread->requestTerminate(), 0);
+  EXPECT_EQ(write(pipe.ends[1], "x", 1), 1);
+  EXPECT_EQ(termination.wait(0), 0);
+  EXPECT_TRUE(isBehind);
+}
+
+TEST(TerminateRequest, GivesTheResultOfPthreadKill) {
+  const FunctionThread unstarted([] {});
+  EXPECT_EQ(unstarted.requestTerminate(), ESRCH);
+}
+
+TEST(TerminateRequest, TheHandlerKeepsErrno) {
+  const StdThread::BlockTermination block;
+  errno = EDOM;
+  StdThread::sigUSR2handler(SIGUSR2);
+  EXPECT_EQ(errno, EDOM);
+}
+
+namespace {
+
+// A thread that is asked to end inside a guard; afterwards it runs `then`.
+void requestInsideGuard(const std::function<void()>& then) {
+  StdThread::Termination termination;
+  std::atomic<bool> isInside = false;
+  std::atomic<bool> hasArrived = false;
+  std::atomic<bool> goOn = false;
+  const StdThread* thread = startThread(
+      [&] {
+        {
+          const StdThread::BlockTermination outer;
+          const StdThread::BlockTermination inner;
+          isInside = true;
+          // Cut short by the signal, and only by it.
+          hasArrived = poll(nullptr, 0, 60000) == -1 && errno == EINTR;
+          while (!goOn) {
+            usleep(100);
+          }
+        }
+        then();
+      },
+      &termination);
+  waitUntil([&isInside] { return isInside.load(); });
+  waitUntil([&] {
+    thread->requestTerminate();
+    return hasArrived.load();
+  });
+  goOn = true;
+  EXPECT_EQ(termination.wait(0), 0);
+}
+
+}  // namespace
+
+TEST(BlockTermination, ARequestInsideIsNotActedOnWhenTheGuardEnds) {
+  bool isAlive = false;
+  requestInsideGuard([&isAlive] {
+    { const StdThread::BlockTermination another; }
+    usleep(20000);  // a wait in which a request would act
+    isAlive = true;
+  });
+  EXPECT_TRUE(isAlive);
+}
+
+TEST(BlockTermination, AnUncountedEndActsOnThePendingRequest) {
+  bool isAlive = false;
+  std::atomic<int> unwound = 0;
+  requestInsideGuard([&] {
+    const Unwound here(unwound);
+    alignas(StdThread::BlockTermination) unsigned char place[sizeof(StdThread::BlockTermination)];
+    // Counted on another thread object, ended here.
+    auto* guard = new (place) StdThread::BlockTermination;
+    guard->~BlockTermination();
+    guard->~BlockTermination();
+    isAlive = true;
+  });
+  EXPECT_FALSE(isAlive);
+  EXPECT_EQ(unwound, 1);
+}
+
+TEST(BlockTermination, AnUncountedEndWithoutARequestOnlyResetsTheCount) {
+  bool isAlive = false;
+  runOnThread([&isAlive] {
+    alignas(StdThread::BlockTermination) unsigned char place[sizeof(StdThread::BlockTermination)];
+    auto* guard = new (place) StdThread::BlockTermination;
+    guard->~BlockTermination();
+    guard->~BlockTermination();
+    // Had the count stayed at 65535, this guard would bring it to 0 and leave a request be.
+    const StdThread::BlockTermination block;
+    raise(SIGUSR2);
+    isAlive = true;
+  });
+  EXPECT_TRUE(isAlive);
+}
+
+TEST(BlockTermination, ARequestBeforeTheGuardIsNotLost) {
+  std::atomic<bool> isAlive = false;
+  runOnThread([&isAlive] {
+    // A noexcept function cannot be unwound, so the request is put off.
+    const auto ask = []() noexcept {
+      const std::string local(100, 'x');
+      raise(SIGUSR2);
+    };
+    const auto work = [&isAlive, &ask] {
+      ask();
+      {
+        const StdThread::BlockTermination block;
+        usleep(5000);
+      }
+      usleep(60000000);
+      isAlive = true;
+    };
+    work();
+  });
+  EXPECT_FALSE(isAlive);
+}
+
+CUL_CHILD(RequestInATraceCall) {
+  for (int i = 0; i < 30; ++i) {
+    std::atomic<bool> isTracing = false;
+    StdThread::Termination termination;
+    const StdThread* thread = startThread(
+        [&isTracing] {
+          for (int line = 0;; ++line) {
+            CUL_TRACE(TraceType::cul, "void traceForEver()", 1, "line %d of a thread", line);
+            isTracing = true;
+          }
+        },
+        &termination, "tracer");
+    waitUntil([&isTracing] { return isTracing.load(); });
+    EXPECT_EQ(thread->requestTerminate(), 0);
+    EXPECT_EQ(termination.wait(0), 0);
+    useTheLibrary();
+  }
+}
+
+TEST(TerminateRequest, EndsAThreadThatTracesAllTheTimeBetweenTwoLines) {
+  const TracedChild child("RequestInATraceCall");
+  EXPECT_EQ(child.result.status, 0) << child.result.out << child.result.err;
+  EXPECT_EQ(child.countContaining("Starting thread tracer"), 30);
+  EXPECT_EQ(child.countContaining("Terminating thread"), 0);
+  EXPECT_EQ(child.countContaining("(main    )**CUL: useTheLibrary(1): line 49"), 30);
+  for (const std::string& line : child.lines) {
+    // No line was cut short: each of the tracer's has its end.
+    if (line.find("traceForEver") != std::string::npos) {
+      ASSERT_EQ(line.substr(line.size() - 12), " of a thread") << line;
+    }
+  }
+}
+
+CUL_CHILD(RequestsAtAnyTime) {
+  // Threads of all kinds are asked to end at whatever they are doing just then.
+  UNIX_Critical_Section lock;
+  std::atomic<int> unwound = 0;
+  const std::vector<std::function<void()>> bodies = {
+      [] { useTheLibrary(); },
+      [] { CUL_TRACE(TraceType::cul, "void work()", 1, "a line"); },
+      [] { static_cast<void>(std::make_unique<char[]>(100000)); },
+      [&lock] {
+        LockGuard guard(lock, "work", 1);
+        usleep(1);
+      },
+      [] { static_cast<void>(StdThread::currentThread()); },
+      [] { usleep(1); },
+  };
+  for (unsigned round = 0; round < 120; ++round) {
+    std::atomic<bool> isRunning = false;
+    StdThread::Termination termination;
+    const StdThread* thread = startThread(
+        [&] {
+          const Unwound here(unwound);
+          for (;;) {
+            bodies[round % bodies.size()]();
+            isRunning = true;
+            StdThread::thread_yield();
+          }
+        },
+        &termination, "worker");
+    waitUntil([&isRunning] { return isRunning.load(); });
+    usleep(round * 7 % 100);
+    thread->requestTerminate();
+    thread->requestTerminate();
+    EXPECT_EQ(termination.wait(0), 0);
+    useTheLibrary();
+    LockGuard guard(lock, "main", 1);
+  }
+  EXPECT_EQ(unwound, 120);
+}
+
+TEST(TerminateRequest, LeavesNothingBrokenBehindWheneverItComes) {
+  const TracedChild child("RequestsAtAnyTime");
+  EXPECT_EQ(child.result.status, 0) << child.result.out << child.result.err;
+}

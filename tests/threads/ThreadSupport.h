@@ -1,0 +1,128 @@
+#pragma once
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <thread>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Engine/utilities/StdThread.h"
+
+#include "tests/support/Child.h"
+#include "tests/support/TemporaryFolder.h"
+
+/// \file
+/// What the tests of threads share.
+
+/// Waits until `condition` holds; fails the test after a minute.
+/// \return whether it held.
+inline bool waitUntil(const std::function<bool()>& condition) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > limit) {
+      ADD_FAILURE() << "what was waited for did not happen within a minute";
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+/// Waits until the thread with this kernel id waits in the kernel.
+inline bool waitUntilAsleep(const std::atomic<pid_t>& task) {
+  return waitUntil([&task] {
+    if (task == 0) {
+      return false;
+    }
+    std::ifstream stat("/proc/self/task/" + std::to_string(task) + "/stat");
+    const std::string text{std::istreambuf_iterator<char>(stat), {}};
+    const size_t name = text.rfind(") ");
+    return name != std::string::npos && text[name + 2] == 'S';
+  });
+}
+
+/// A thread that runs a function. Deletes itself like every started thread.
+class FunctionThread : public StdThread {
+ public:
+  explicit FunctionThread(std::function<void()> body, Termination* termination = nullptr,
+                          const char* name = "function", unsigned stackSize = 0)
+      : StdThread(name, stackSize, termination), body_(std::move(body)) {}
+  void run() override { body_(); }
+
+ private:
+  std::function<void()> body_;
+};
+
+/// Starts `body` on a thread of its own.
+inline FunctionThread* startThread(std::function<void()> body,
+                                   StdThread::Termination* termination = nullptr,
+                                   const char* name = "function") {
+  auto* thread = new FunctionThread(std::move(body), termination, name);
+  thread->start_thread(0);
+  return thread;
+}
+
+/// Runs `body` on a thread of its own and waits for its end.
+inline void runOnThread(std::function<void()> body) {
+  StdThread::Termination termination;
+  startThread(std::move(body), &termination);
+  EXPECT_EQ(termination.wait(0), 0);
+}
+
+/// Runs a child case that writes a trace.
+struct TracedChild {
+  explicit TracedChild(const std::string& name, ChildOptions options = {}) {
+    const TemporaryFolder folder;
+    options.environment["GDIA_ID"] = "root";
+    options.environment["QVX_DBG_TRACE"] = folder.file("trace") + ",64";
+    result = runChild(name, options);
+    std::ifstream stream(folder.file("trace"));
+    for (std::string line; std::getline(stream, line);) {
+      lines.push_back(line);
+    }
+  }
+
+  /// How many trace lines are `text` behind time stamp and thread name.
+  [[nodiscard]] long count(const std::string& text) const {
+    return std::count_if(lines.begin(), lines.end(), [&text](const std::string& line) {
+      const size_t at = line.find(')');
+      return at != std::string::npos && line.substr(at + 1) == text;
+    });
+  }
+
+  /// How many trace lines contain `text`.
+  [[nodiscard]] long countContaining(const std::string& text) const {
+    return std::count_if(lines.begin(), lines.end(), [&text](const std::string& line) {
+      return line.find(text) != std::string::npos;
+    });
+  }
+
+  /// Everything, for messages.
+  [[nodiscard]] std::string all() const {
+    std::string text = result.out + result.err;
+    for (const std::string& line : lines) {
+      text += line + "\n";
+    }
+    return text;
+  }
+
+  ChildResult result;
+  std::vector<std::string> lines;
+};
+
+/// The position of a virtual function in the table of its class, 0-based.
+template <typename Function>
+size_t virtualSlot(Function function) {
+  // Itanium C++ ABI: a pointer to a virtual member function is 1 plus the offset.
+  size_t words[2];
+  static_assert(sizeof function == sizeof words);
+  __builtin_memcpy(words, &function, sizeof words);
+  return (words[0] - 1) / sizeof(void*);
+}

@@ -1,0 +1,433 @@
+#include "Engine/utilities/signals.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <new>
+#include <string>
+#include <string_view>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Engine/utilities/StdThread.h"
+
+#include "tests/support/Child.h"
+#include "tests/threads/ThreadSupport.h"
+
+namespace {
+
+constexpr int handledSignals[] = {SIGTRAP, SIGHUP, SIGTERM, SIGABRT, SIGFPE, SIGILL, SIGSEGV};
+
+struct sigaction actionOf(int signal) {
+  struct sigaction action = {};
+  EXPECT_EQ(sigaction(signal, nullptr, &action), 0);
+  return action;
+}
+
+void ownHandler(int) {}
+
+// An address that no memory is mapped at.
+void* unmappedPage() {
+  void* page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  EXPECT_NE(page, MAP_FAILED);
+  return page;
+}
+
+void crash() { *static_cast<volatile int*>(unmappedPage()) = 1; }
+
+// The sanitizers install handlers of their own for fatal signals when they are loaded, which
+// the library then respects. A child that tests the library's handlers tells them not to.
+ChildOptions withoutSanitizerHandlers() {
+  ChildOptions options;
+  for (const char* variable : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) {
+    const char* present = getenv(variable);
+    options.environment[variable] =
+        std::string(present == nullptr ? "" : present) +
+        ":handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:handle_abort=0:"
+        // What a process that ends in a signal handler leaves behind is no leak.
+        "detect_leaks=0:report_thread_leaks=0:report_signal_unsafe=0";
+  }
+  return options;
+}
+
+TracedChild tracedChild(const std::string& name, std::vector<std::string> arguments = {}) {
+  ChildOptions options = withoutSanitizerHandlers();
+  options.arguments = std::move(arguments);
+  return TracedChild(name, options);
+}
+
+ChildResult untracedChild(const std::string& name, std::vector<std::string> arguments = {}) {
+  ChildOptions options = withoutSanitizerHandlers();
+  options.arguments = std::move(arguments);
+  return runChild(name, options);
+}
+
+constexpr const char* place = "**ERROR: Engine/utilities/UNIX/UNIXsignals";
+
+void expectCallChain(const TracedChild& child) {
+  EXPECT_EQ(child.count(std::string(place) + "(122): ---- Callback trace ----"), 1) << child.all();
+  EXPECT_EQ(child.count(std::string(place) + "(125): ---- End callback trace ----"), 1)
+      << child.all();
+  // At least main and what called it, each with an address in brackets.
+  EXPECT_GE(child.countContaining(std::string(place) + "(124): "), 3) << child.all();
+  EXPECT_LE(child.countContaining(std::string(place) + "(124): "), 50) << child.all();
+  EXPECT_GE(child.countContaining("threads_test"), 1) << child.all();
+}
+
+}  // namespace
+
+TEST(SignalOccurred, NamesTheSignalsOfItsTable) {
+  const struct {
+    int number;
+    const char* name;
+  } rows[] = {{11, "SIGSEGV"}, {4, "SIGILL"},   {8, "SIGFPE"},   {15, "SIGTERM"}, {6, "SIGABRT"},
+              {2, "SIGINT"},   {10, "SIGUSR1"}, {12, "SIGUSR2"}, {1, "SIGHUP"},   {7, "SIGBUS"}};
+  for (const auto& [number, name] : rows) {
+    EXPECT_STREQ(SignalOccurred(number).signalName(), name);
+    EXPECT_EQ(SignalOccurred(number).whichSignal(), number);
+  }
+}
+
+TEST(SignalOccurred, CallsSignal5SigpipeAndDoesNotKnowSignal13) {
+  EXPECT_STREQ(SignalOccurred(5).signalName(), "SIGPIPE");
+  EXPECT_STREQ(SignalOccurred(13).signalName(), "Unknown Signal");
+}
+
+TEST(SignalOccurred, KnowsNoOtherSignals) {
+  for (const int number : {-1, 0, 3, 9, 14, 64, 1000}) {
+    EXPECT_STREQ(SignalOccurred(number).signalName(), "Unknown Signal");
+    EXPECT_EQ(SignalOccurred(number).whichSignal(), number);
+  }
+  static_assert(sizeof(SignalOccurred) == sizeof(int));
+}
+
+CUL_CHILD(HandlersAfterLoading) {
+  for (const int signal : handledSignals) {
+    const struct sigaction action = actionOf(signal);
+    EXPECT_EQ(action.sa_sigaction, &CUL_SignalHandler) << signal;
+    EXPECT_NE(action.sa_flags & SA_SIGINFO, 0) << signal;
+    EXPECT_NE(static_cast<unsigned>(action.sa_flags) & SA_RESETHAND, 0U) << signal;
+    EXPECT_EQ(action.sa_flags & SA_NODEFER, 0) << signal;
+    for (int other = 1; other < SIGRTMIN; ++other) {
+      EXPECT_EQ(sigismember(&action.sa_mask, other), 0) << signal << " " << other;
+    }
+  }
+  EXPECT_EQ(actionOf(SIGPIPE).sa_handler, SIG_IGN);
+  EXPECT_EQ(actionOf(SIGTTIN).sa_handler, SIG_IGN);
+  EXPECT_EQ(actionOf(SIGUSR2).sa_handler, SIG_DFL);
+  EXPECT_EQ(std::get_terminate(), &CUL_terminate);
+  EXPECT_EQ(std::get_new_handler(), &newHandler);
+}
+
+TEST(registerErrorHandlers, HasRunWhenTheLibraryIsLoaded) {
+  const ChildResult child = untracedChild("HandlersAfterLoading");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+CUL_CHILD(HandlersOfAThread) {
+  for (const int number : handledSignals) {
+    signal(number, number == SIGHUP ? SIG_IGN : SIG_DFL);
+  }
+  signal(SIGTERM, ownHandler);
+  signal(SIGPIPE, SIG_DFL);
+  signal(SIGTTIN, SIG_DFL);
+  std::set_terminate(nullptr);
+  std::set_new_handler(nullptr);
+  runOnThread([] {
+    for (const int number : handledSignals) {
+      if (number != SIGTERM) {
+        EXPECT_EQ(actionOf(number).sa_sigaction, &CUL_SignalHandler) << number;
+      }
+    }
+    EXPECT_EQ(actionOf(SIGTERM).sa_handler, &ownHandler);
+    EXPECT_EQ(actionOf(SIGPIPE).sa_handler, SIG_IGN);
+    EXPECT_EQ(actionOf(SIGTTIN).sa_handler, SIG_IGN);
+    EXPECT_EQ(std::get_terminate(), &CUL_terminate);
+    EXPECT_EQ(std::get_new_handler(), &newHandler);
+  });
+}
+
+TEST(registerErrorHandlers, RunsOnEachThreadAndRespectsAHandlerThatIsThere) {
+  const ChildResult child = untracedChild("HandlersOfAThread");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+TEST(registerHandlerForSignal, GivesTheResultOfSigaction) {
+  EXPECT_EQ(registerHandlerForSignal(SIGKILL), -1);
+  EXPECT_EQ(registerHandlerForSignal(-1), -1);
+  EXPECT_EQ(actionOf(SIGUSR1).sa_handler, SIG_DFL);
+  EXPECT_EQ(registerHandlerForSignal(SIGUSR1), 0);
+  EXPECT_EQ(actionOf(SIGUSR1).sa_sigaction, &CUL_SignalHandler);
+  EXPECT_EQ(registerHandlerForSignal(SIGUSR1), 0);
+}
+
+CUL_CHILD(OwnHandlerForSegv) {
+  signal(SIGSEGV, [](int) { _exit(42); });
+  registerErrorHandlers();
+  crash();
+}
+
+TEST(registerErrorHandlers, APreviousHandlerForSegvIsTheOneThatRuns) {
+  EXPECT_EQ(untracedChild("OwnHandlerForSegv").status, 42);
+}
+
+CUL_CHILD(Raise) {
+  std::atexit([] { std::printf("exit handlers run"); });
+  raise(std::stoi(childArguments()[0]));
+  std::printf("raise returned");
+}
+
+TEST(CUL_SignalHandler, EndsTheProcessWithStatus99) {
+  for (const int signal : handledSignals) {
+    const ChildResult child = untracedChild("Raise", {std::to_string(signal)});
+    EXPECT_EQ(child.status, 99) << signal;
+    EXPECT_EQ(child.out, "exit handlers run") << signal;
+    EXPECT_EQ(child.err, "") << signal;
+  }
+}
+
+TEST(CUL_SignalHandler, TracesTheSignalAndTheCallChain) {
+  const TracedChild child = tracedChild("Raise", {std::to_string(SIGTRAP)});
+  EXPECT_EQ(child.result.status, 99) << child.all();
+  EXPECT_EQ(child.countContaining(std::string(place) + "(56): Signal 5 (SIGPIPE) at location 0x"),
+            1)
+      << child.all();
+  // SI_TKILL: sent by raise().
+  EXPECT_EQ(child.countContaining("; code = -6."), 1) << child.all();
+  expectCallChain(child);
+  EXPECT_EQ(child.count(std::string(place) + "(71): Attempting longjmp recovery"), 1)
+      << child.all();
+  EXPECT_EQ(child.count(std::string(place) + "(73): No recovery possible"), 1) << child.all();
+}
+
+CUL_CHILD(Crash) {
+  auto* page = static_cast<volatile int*>(unmappedPage());
+  std::printf("%p", static_cast<void*>(const_cast<int*>(page)));
+  *page = 1;
+}
+
+TEST(CUL_SignalHandler, TracesTheAddressThatCouldNotBeAccessed) {
+  const TracedChild child = tracedChild("Crash");
+  EXPECT_EQ(child.result.status, 99) << child.all();
+  // SEGV_ACCERR: the page is there but allows nothing.
+  EXPECT_EQ(child.count(std::string(place) + "(56): Signal 11 (SIGSEGV) at location " +
+                        child.result.out + "; code = 2."),
+            1)
+      << child.all();
+}
+
+CUL_CHILD(RecoverFromCrash) {
+  const auto recover = [] {
+    StdThread* self = StdThread::currentThread();
+    if (const int value = self->_setjmp(); value == 0) {
+      crash();
+      ADD_FAILURE() << "survived the crash";
+    } else {
+      EXPECT_EQ(value, SIGSEGV);
+    }
+    // The default action is back, the signal is not blocked, the point is disarmed.
+    EXPECT_EQ(actionOf(SIGSEGV).sa_handler, SIG_DFL);
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);
+    self->longjmp(1, 0);
+    registerErrorHandlers();
+  };
+  recover();
+  recover();
+  runOnThread(recover);
+  std::printf("recovered");
+}
+
+TEST(CUL_SignalHandler, ResumesAtTheRecoveryPointAsOftenAsTheHandlersAreRegisteredAgain) {
+  const ChildResult child = untracedChild("RecoverFromCrash");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+  EXPECT_EQ(child.out, "recovered");
+}
+
+TEST(CUL_SignalHandler, TracesTheAttemptToRecover) {
+  const TracedChild child = tracedChild("RecoverFromCrash");
+  EXPECT_EQ(child.result.status, 0) << child.all();
+  EXPECT_EQ(child.count(std::string(place) + "(71): Attempting longjmp recovery"), 3)
+      << child.all();
+  EXPECT_EQ(child.countContaining("No recovery possible"), 0) << child.all();
+}
+
+CUL_CHILD(CrashTwice) {
+  StdThread* self = StdThread::currentThread();
+  volatile int crashes = 0;
+  const int value = self->_setjmp();
+  std::printf("%d ", value);
+  std::fflush(stdout);
+  if (crashes < 2) {
+    crashes = crashes + 1;
+    if (value != 0) {
+      self->_setjmp();
+    }
+    crash();
+  }
+}
+
+TEST(CUL_SignalHandler, DoesNotCatchASecondSignalAfterARecovery) {
+  const ChildResult child = untracedChild("CrashTwice");
+  EXPECT_EQ(child.status, 128 + SIGSEGV) << child.out << child.err;
+  EXPECT_EQ(child.out, "0 11 ");
+}
+
+CUL_CHILD(RequestAfterRecovery) {
+  // A thread that has recovered can still be asked to end.
+  std::atomic<bool> hasRecovered = false;
+  StdThread::Termination termination;
+  const StdThread* thread = startThread(
+      [&hasRecovered] {
+        if (StdThread::currentThread()->_setjmp() == 0) {
+          crash();
+        }
+        hasRecovered = true;
+        for (;;) {
+          usleep(1000);
+        }
+      },
+      &termination);
+  waitUntil([&hasRecovered] { return hasRecovered.load(); });
+  EXPECT_EQ(thread->requestTerminate(), 0);
+  EXPECT_EQ(termination.wait(0), 0);
+}
+
+TEST(CUL_SignalHandler, LeavesARecoveredThreadThatCanBeAskedToEnd) {
+  const ChildResult child = untracedChild("RequestAfterRecovery");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+CUL_CHILD(RecoverOnlyOwnThread) {
+  static_cast<void>(StdThread::thread1());
+  StdThread::Termination termination;
+  if (StdThread::currentThread()->_setjmp() == 0) {
+    startThread([] { crash(); }, &termination);
+    termination.wait(0);
+  }
+  std::printf("resumed on the wrong thread");
+}
+
+TEST(CUL_SignalHandler, DoesNotUseTheRecoveryPointOfAnotherThread) {
+  const ChildResult child = untracedChild("RecoverOnlyOwnThread");
+  EXPECT_EQ(child.status, 99) << child.err;
+  EXPECT_EQ(child.out, "");
+}
+
+TEST(CUL_SignalHandler, ReturnsForSigpipeWithTheDefaultActionInForce) {
+  siginfo_t info = {};
+  CUL_SignalHandler(SIGPIPE, &info, nullptr);
+  EXPECT_EQ(actionOf(SIGPIPE).sa_handler, SIG_DFL);
+}
+
+CUL_CHILD(DumpToStandardError) { dumpModulesAndChain(true); }
+
+TEST(dumpModulesAndChain, WritesToStandardErrorWhenAskedTo) {
+  const ChildResult child = runChild("DumpToStandardError");
+  EXPECT_EQ(child.status, 0);
+  EXPECT_EQ(child.out, "");
+  EXPECT_THAT(child.err, testing::StartsWith("---- Callback trace ----\n"));
+  EXPECT_THAT(child.err, testing::EndsWith("\n---- End callback trace ----\n"));
+  EXPECT_THAT(child.err, testing::HasSubstr("libcul.so"));
+  EXPECT_THAT(child.err, testing::HasSubstr("threads_test"));
+  EXPECT_THAT(child.err, testing::Not(testing::HasSubstr("\n\n")));
+}
+
+CUL_CHILD(DumpToTrace) { dumpModulesAndChain(false); }
+
+TEST(dumpModulesAndChain, WritesToTheTraceOtherwise) {
+  const TracedChild child("DumpToTrace");
+  EXPECT_EQ(child.result.status, 0) << child.all();
+  EXPECT_EQ(child.result.out + child.result.err, "");
+  expectCallChain(child);
+}
+
+TEST(dumpModulesAndChain, IsSilentWithoutATrace) {
+  const ChildResult child = runChild("DumpToTrace");
+  EXPECT_EQ(child.status, 0);
+  EXPECT_EQ(child.out + child.err, "");
+}
+
+CUL_CHILD(DeepDump) {
+  const std::function<void(int)> deeper = [&deeper](int depth) {
+    depth == 0 ? dumpModulesAndChain(false) : deeper(depth - 1);
+  };
+  deeper(100);
+}
+
+TEST(dumpModulesAndChain, Stops50CallsUp) {
+  const TracedChild child("DeepDump");
+  EXPECT_EQ(child.countContaining(std::string(place) + "(124): "), 50) << child.all();
+}
+
+CUL_CHILD(Terminate) {
+  std::atexit([] { std::printf("exit handlers run"); });
+  std::terminate();
+}
+
+TEST(CUL_terminate, TracesAndEndsWithStatus1) {
+  const TracedChild child("Terminate");
+  EXPECT_EQ(child.result.status, 1) << child.all();
+  EXPECT_EQ(child.result.out, "exit handlers run");
+  EXPECT_EQ(child.count("**ERROR: Engine/utilities/signals(77): *** FATAL DEBUGGER ERROR: C++ "
+                        "terminate() called"),
+            1)
+      << child.all();
+  expectCallChain(child);
+  EXPECT_EQ(runChild("Terminate").status, 1);
+}
+
+CUL_CHILD(UncaughtException) { throw 1; }
+
+TEST(CUL_terminate, IsWhatAnUncaughtExceptionCalls) {
+  const TracedChild child("UncaughtException");
+  EXPECT_EQ(child.result.status, 1) << child.all();
+  EXPECT_EQ(child.countContaining("C++ terminate() called"), 1) << child.all();
+}
+
+CUL_CHILD(Unexpected) { CUL_unexpected(); }
+
+TEST(CUL_unexpected, TracesAndEndsWithStatus1) {
+  const TracedChild child("Unexpected");
+  EXPECT_EQ(child.result.status, 1) << child.all();
+  EXPECT_EQ(child.count("**ERROR: Engine/utilities/signals(91): *** FATAL DEBUGGER ERROR: C++ "
+                        "unexpected() called"),
+            1)
+      << child.all();
+  expectCallChain(child);
+}
+
+CUL_CHILD(OutOfMemory) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // Their operator new never asks a new-handler.
+  std::get_new_handler()();
+#else
+  EXPECT_EQ(::operator new(static_cast<size_t>(-1) / 4), nullptr) << "the new-handler returned";
+#endif
+}
+
+TEST(newHandler, ReportsToTheTraceAndToStandardOutputAndEndsWithStatus1) {
+  const TracedChild child("OutOfMemory");
+  EXPECT_EQ(child.result.status, 1) << child.all();
+  EXPECT_EQ(child.result.out, "*** FATAL DEBUGGER ERROR: Out of memory\n\n");
+  EXPECT_EQ(child.count("**ERROR: Engine/utilities/signals(111): *** FATAL DEBUGGER ERROR: Out of "
+                        "memory"),
+            1)
+      << child.all();
+  expectCallChain(child);
+}
+
+TEST(newHandler, ReportsToStandardOutputWithoutATrace) {
+  const ChildResult child = runChild("OutOfMemory");
+  EXPECT_EQ(child.status, 1);
+  EXPECT_EQ(child.out, "*** FATAL DEBUGGER ERROR: Out of memory\n\n");
+  EXPECT_EQ(child.err, "");
+}
