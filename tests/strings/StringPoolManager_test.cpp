@@ -1,6 +1,7 @@
 #include "Engine/utilities/StringPoolManager.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -126,7 +127,7 @@ void takeAChunk(unsigned size, unsigned blocksInChunk) {
   char* const chunk = blocks.take(size);
   for (unsigned i = 1; i < blocksInChunk; ++i) {
     EXPECT_EQ(pool().freeBlocks(size), blocksInChunk - i);
-    EXPECT_EQ(blocks.take(size), chunk + i * size) << "in the order of addresses";
+    EXPECT_EQ(blocks.take(size), chunk + std::size_t{i} * size) << "in the order of addresses";
   }
   EXPECT_EQ(counts(), (Counts{0, 0, 0, 0, 0, 0}));
   blocks.take(size);
