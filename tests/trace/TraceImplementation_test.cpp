@@ -1450,7 +1450,7 @@ CUL_CHILD(EndThreadsWhileTheyTrace) {
           taggedTrace("f()", 1, "X", "busy");
         }
         lines_ += 20;
-        usleep(1);
+        StdThread::thread_yield();
       }
     }
 
