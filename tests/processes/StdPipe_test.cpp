@@ -338,12 +338,34 @@ TEST(StdPipe, MakesNoSystemCallForALengthOfZero) {
   EXPECT_EQ(runChild("PipeWritesSomething").status, 128 + SIGSYS) << "the proof of the proof";
 }
 
+namespace {
+
+// Lets no more descriptor be opened until the end of the scope.
+class DescriptorLimit {
+ public:
+  DescriptorLimit() {
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &before_), 0);
+    const rlimit none = {static_cast<rlim_t>(lowestFreeDescriptor()), before_.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_ = {};
+};
+
+}  // namespace
+
 CUL_CHILD(PipeWithoutDescriptors) {
   openTrace();
-  const rlimit limit = {static_cast<rlim_t>(lowestFreeDescriptor()) + 1, RLIM_INFINITY};
-  const rlimit one = {limit.rlim_cur, limit.rlim_cur};
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &one), 0);
-  expectFailure([] { const StdPipe pipe; }, constructorText, 47, "pipe() failed");
+  expectFailure(
+      [] {
+        const DescriptorLimit limit;
+        const StdPipe pipe;
+      },
+      constructorText, 47, "pipe() failed");
 }
 
 TEST(StdPipe, FailsWhenThereIsNoDescriptorLeft) {
