@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstring>
 #include <type_traits>
 
@@ -21,8 +22,11 @@
 
 template <typename T>
 class List {
+  // NOLINTNEXTLINE(bugprone-sizeof-expression): for pointers the pointer's own size is meant.
+  static constexpr std::size_t elementSize = sizeof(T);
+
   static_assert(std::is_trivially_copyable_v<T>, "elements are moved as raw bytes");
-  static_assert(sizeof(T) <= 0xFFFF, "an element's size has 16 bits");
+  static_assert(elementSize <= 0xFFFF, "an element's size has 16 bits");
 
  public:
   /// An empty list.
@@ -41,9 +45,10 @@ class List {
 
   /// Appends one element, which may be one of the list's own.
   void add(const T& element) {
-    if (implementation_.count < implementation_.capacity) [[likely]] {
-      std::memcpy(static_cast<void*>(elements_ + implementation_.count), &element, sizeof(T));
-      ++implementation_.count;
+    const unsigned int index = implementation_.count;
+    if (index < implementation_.capacity) [[likely]] {
+      std::memcpy(static_cast<void*>(elements_ + index), &element, elementSize);
+      implementation_.count = index + 1;
     } else {
       append(&element, 1);
     }
@@ -75,6 +80,10 @@ class List {
     return true;
   }
 
+  /// Makes room for `n` more elements at once, for whoever adds many one by one: a list that
+  /// grows by its growth step alone copies itself at every step.
+  void extend(unsigned int n) { implementation_.extend(n, Buffer(elements_)); }
+
   /// Forgets all elements and keeps the capacity.
   void removeAll() noexcept { implementation_.count = 0; }
 
@@ -99,7 +108,7 @@ class List {
   /// \param compare as for qsort(), given pointers to elements.
   /// \return whether the list was in order already.
   bool sort(int (*compare)(const void*, const void*)) {
-    alignas(T) unsigned char scratch[sizeof(T)];
+    alignas(T) unsigned char scratch[elementSize];
     return implementation_.bSort(compare, elements_, scratch);
   }
 
@@ -125,7 +134,7 @@ class List {
   };
 
   List(void* buffer, unsigned int initialCapacity, Pool* pool, unsigned short growth)
-      : implementation_(&buffer, initialCapacity, pool, sizeof(T), growth),
+      : implementation_(&buffer, initialCapacity, pool, elementSize, growth),
         elements_(static_cast<T*>(buffer)) {}
 
   ListImplementation implementation_;

@@ -39,29 +39,46 @@ __m128i equalWords(__m128i left, __m128i right) {
   }
 }
 
-// Elements of a machine word's size are compared as that word, a vector of them at a time.
-// Loads are unaligned: pool memory is only 4-byte aligned.
+__m128i vectorAt(const unsigned char* bytes) {
+  // Unaligned: pool memory is only 4-byte aligned.
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(bytes));
+}
+
+// Elements of a machine word's size are compared as that word: a block of four vectors at a
+// time, then one vector, then one word.
 template <typename Word>
 unsigned int findWord(const unsigned char* elements, std::size_t count, const void* item) {
-  constexpr std::size_t perVector = sizeof(__m128i) / sizeof(Word);
+  constexpr std::size_t vectorSize = sizeof(__m128i);
+  constexpr std::size_t blockSize = 4 * vectorSize;
   Word wanted;
   std::memcpy(&wanted, item, sizeof wanted);
   const __m128i wantedVector = spread(wanted);
-  std::size_t i = 0;
-  for (; count - i >= perVector; i += perVector) {
-    const __m128i vector =
-        _mm_loadu_si128(reinterpret_cast<const __m128i*>(elements + i * sizeof(Word)));
-    const int equalBytes = _mm_movemask_epi8(equalWords<Word>(vector, wantedVector));
-    if (equalBytes != 0) {
-      const auto byte = static_cast<unsigned int>(__builtin_ctz(static_cast<unsigned>(equalBytes)));
-      return static_cast<unsigned int>(i + byte / sizeof(Word) + 1);
+  const unsigned char* const end = elements + count * sizeof(Word);
+  const unsigned char* place = elements;
+  for (; static_cast<std::size_t>(end - place) >= blockSize; place += blockSize) {
+    const __m128i first = equalWords<Word>(vectorAt(place), wantedVector);
+    const __m128i second = equalWords<Word>(vectorAt(place + vectorSize), wantedVector);
+    const __m128i third = equalWords<Word>(vectorAt(place + 2 * vectorSize), wantedVector);
+    const __m128i fourth = equalWords<Word>(vectorAt(place + 3 * vectorSize), wantedVector);
+    const __m128i any = _mm_or_si128(_mm_or_si128(first, second), _mm_or_si128(third, fourth));
+    if (_mm_movemask_epi8(any) != 0) {
+      break;  // The loop below finds which.
     }
   }
-  for (; i < count; ++i) {
+  for (; static_cast<std::size_t>(end - place) >= vectorSize; place += vectorSize) {
+    const int equalBytes = _mm_movemask_epi8(equalWords<Word>(vectorAt(place), wantedVector));
+    if (equalBytes != 0) {
+      place += __builtin_ctz(static_cast<unsigned int>(equalBytes));
+      return static_cast<unsigned int>(static_cast<std::size_t>(place - elements) / sizeof(Word) +
+                                       1);
+    }
+  }
+  for (; place != end; place += sizeof(Word)) {
     Word word;
-    std::memcpy(&word, elements + i * sizeof(Word), sizeof word);
+    std::memcpy(&word, place, sizeof word);
     if (word == wanted) {
-      return static_cast<unsigned int>(i + 1);
+      return static_cast<unsigned int>(static_cast<std::size_t>(place - elements) / sizeof(Word) +
+                                       1);
     }
   }
   return 0;

@@ -57,9 +57,9 @@ TEST(FixedMemoryPool, HoldsTwoSizesAndTheHeadOfTheFreeList) {
 TEST(FixedMemoryPool, HandsOutTheCellsOfABlockInTheOrderOfTheirAddresses) {
   FixedMemoryPool& pool = lastingPool(100);
   std::vector<char*> cells;
-  for (int i = 0; i < 39; ++i) {
+  for (size_t i = 0; i < 39; ++i) {
     cells.push_back(static_cast<char*>(pool.get()));
-    EXPECT_EQ(cells[static_cast<size_t>(i)], cells[0] + i * 104);
+    EXPECT_EQ(cells[i], cells[0] + i * 104);
   }
   for (size_t i = 0; i + 1 < cells.size(); ++i) {
     EXPECT_EQ(firstWordOf(cells[i]), cells[i + 1]);
@@ -73,9 +73,9 @@ TEST(FixedMemoryPool, HandsOutTheCellsOfABlockInTheOrderOfTheirAddresses) {
 
 TEST(FixedMemoryPool, TakesAnotherBlockWhenTheCellsAreUsedUp) {
   FixedMemoryPool& pool = lastingPool(1);
-  std::vector<void*> cells;
-  for (int i = 0; i < 510; ++i) {
-    cells.push_back(pool.get());
+  std::vector<void*> cells(510);
+  for (void*& cell : cells) {
+    cell = pool.get();
   }
   EXPECT_EQ(static_cast<char*>(cells[509]), static_cast<char*>(cells[0]) + 4072);
   char* const further = static_cast<char*>(pool.get());
@@ -86,13 +86,14 @@ TEST(FixedMemoryPool, TakesAnotherBlockWhenTheCellsAreUsedUp) {
     std::memset(cell, 1, 8);
     pool.release(cell);
   }
-  // 511 cells are free again, and the 509 of the second block that were never used.
-  for (int i = 0; i < 511; ++i) {
-    cells.push_back(pool.get());
+  // The cells of the first block come back in the opposite order.
+  for (size_t i = 510; i > 0; --i) {
+    EXPECT_EQ(pool.get(), cells[i - 1]);
   }
-  EXPECT_EQ(cells[510], cells[509]);
-  for (int i = 0; i < 511; ++i) {
-    pool.release(cells[static_cast<size_t>(510 + i)]);
+  EXPECT_EQ(pool.get(), further);
+  pool.release(further);
+  for (void* const cell : cells) {
+    pool.release(cell);
   }
 }
 

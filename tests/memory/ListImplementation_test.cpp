@@ -374,7 +374,7 @@ TEST(ListImplementation, SortsElementsOfAnySize) {
     for (const char c : {'a', 'b', 'c', 'd'}) {
       expected += std::string(size, c);
     }
-    EXPECT_EQ(std::string(static_cast<char*>(buffer), 4U * size), expected);
+    EXPECT_EQ(std::string(static_cast<char*>(buffer), size_t{4} * size), expected);
     list.deleteItems(buffer);
   }
 }

@@ -68,6 +68,20 @@ TEST(List, GrowsByEightElementsUnlessToldOtherwise) {
   EXPECT_EQ(coarse.capacity(), 101U);
 }
 
+TEST(List, MakesRoomForManyAtOnce) {
+  List<int> list;
+  list.add(1);
+  list.extend(100);
+  EXPECT_EQ(list.capacity(), 101U);
+  const int* const before = list.begin();
+  for (int i = 0; i < 100; ++i) {
+    list.add(i);
+  }
+  EXPECT_EQ(list.begin(), before);
+  EXPECT_EQ(list[0], 1);
+  EXPECT_EQ(list[100], 99);
+}
+
 TEST(List, AddsInsertsAndRemoves) {
   List<int> list;
   list.add(10);

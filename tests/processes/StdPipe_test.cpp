@@ -68,7 +68,7 @@ void openTrace() { (void)isTraced(TraceType::error); }
 // `first` and the argument `index` is `value`.
 void failSystemCall(long number, int first, unsigned index, unsigned value, int error) {
   const auto argument = [](unsigned i) {
-    return static_cast<unsigned>(offsetof(seccomp_data, args) + i * 8);
+    return static_cast<unsigned>(offsetof(seccomp_data, args) + size_t{8} * i);
   };
   const auto result = SECCOMP_RET_ERRNO | static_cast<unsigned>(error);
   sock_filter program[] = {
