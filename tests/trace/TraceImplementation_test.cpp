@@ -550,12 +550,12 @@ TEST(TraceOutput, IsStandardErrorWhenTheConfigurationStartsWithAComma) {
 TEST(TraceOutput, OtherwiseIsAFileThatIsTruncated) {
   const TemporaryFolder folder;
   const std::string file = folder.file("the trace");
-  writeFile(file, std::string(100000, 'x'));
+  writeFile(file, std::string(100000, 'q'));
   const ChildResult r = runWith("TraceOneLine", {{"QVX_DBG_TRACE", " " + file + " , PMD"}});
   EXPECT_THAT(contentsOf(file), StartsWith(linesOf(contentsOf(file)).front()));
   EXPECT_EQ(headerOf(contentsOf(file)).included, (Strings{"PMD", "ERROR", "WARNING"}));
   EXPECT_THAT(bodyOf(contentsOf(file)), ElementsAre("**ERROR: void f(12): a line"));
-  EXPECT_THAT(contentsOf(file), testing::Not(HasSubstr("xx")));
+  EXPECT_THAT(contentsOf(file), testing::Not(HasSubstr("qq")));
   EXPECT_EQ(r.out + r.err, "");
 }
 
@@ -604,10 +604,10 @@ TEST(TraceOutput, InADirectoryWhoseNameEndsInABackslashGetsNoSlash) {
 TEST(TraceOutput, ThatCannotBeOpenedLeavesTracingOff) {
   const TemporaryFolder folder;
   expectOff({{"QVX_DBG_TRACE", folder.file("no such folder") + "/file"}});
-  expectOff({{"QVX_DBG_TRACE", folder.file(std::string(300, 'x'))}});
-  expectOff({{"QVX_DBG_TRACE", "/" + std::string(5000, 'x')}});
+  expectOff({{"QVX_DBG_TRACE", folder.file(std::string(300, 'q'))}});
+  expectOff({{"QVX_DBG_TRACE", "/" + std::string(5000, 'q')}});
   expectOff({{"GDIA_ID", "no/such"}, {"QVX_DBG_TRACE", folder.path()}});
-  expectOff({{"GDIA_ID", std::string(5000, 'x')}, {"QVX_DBG_TRACE", folder.path()}});
+  expectOff({{"GDIA_ID", std::string(5000, 'q')}, {"QVX_DBG_TRACE", folder.path()}});
   EXPECT_THAT(filesIn(folder.path()), IsEmpty());
 }
 
@@ -761,7 +761,7 @@ TEST(TraceLine, TellsTheLocalTimeInRisingMicroseconds) {
 }
 
 CUL_CHILD(LongLines) {
-  const std::string big(200000, 'x');
+  const std::string big(200000, 'q');
   TraceImplementation* trace = traceImplementation();
   trace->taggedTrace("f()", 1, "X", "%s", big.c_str());
   trace->taggedTrace("f()", 2, "X", "%s", "after");
@@ -787,7 +787,7 @@ TEST(TraceLine, IsCutAt128000BytesWithItsNewline) {
   ASSERT_EQ(body.size(), 7U);
   const std::size_t limit = 128000 - 1;
   EXPECT_EQ(body[0].size(), limit);
-  EXPECT_THAT(withoutStamp(body[0]), StartsWith("**X: f(1): xxx"));
+  EXPECT_THAT(withoutStamp(body[0]), StartsWith("**X: f(1): qqq"));
   EXPECT_EQ(withoutStamp(body[1]), "**X: f(2): after");
   EXPECT_EQ(body[2].size(), limit);
   EXPECT_EQ(body[3].size(), limit);
@@ -1518,7 +1518,7 @@ CUL_CHILD(TraceWithoutMemory) {
   // Small blocks are left, one of the size of the line buffer is not.
   while (malloc(100000) != nullptr) {
   }
-  const std::string text(10000, 'x');
+  const std::string text(10000, 'q');
   taggedTrace("f()", 1, "X", "%.3000s", text.c_str());
   taggedTrace("f()", 2, "X", "short");
 }
@@ -1529,7 +1529,7 @@ TEST(TraceWithoutMemory, WritesShorterLines) {
   const Strings body = bodyOf(r.err);
   ASSERT_EQ(body.size(), 2U) << r.err;
   EXPECT_EQ(body[1], "**X: f(2): short");
-  EXPECT_THAT(body[0], StartsWith("**X: f(1): xxx"));
+  EXPECT_THAT(body[0], StartsWith("**X: f(1): qqq"));
   EXPECT_EQ(lines[lines.size() - 2].size(), 2048U - 1);
 }
 
