@@ -14,8 +14,13 @@ namespace {
 // the entries of its bytes, each in the row of what follows it.
 constexpr unsigned stride = 16;
 
+// Longer texts are read as this many interleaved rows of words with a check each: one check
+// would be a chain in which every lookup waits for the one before.
+constexpr unsigned lanes = 4;
+constexpr unsigned block = lanes * sizeof(std::uint64_t);
+
 template <class Check>
-using Tables = std::array<std::array<Check, 256>, stride>;
+using Tables = std::array<std::array<Check, 256>, block>;
 
 template <class Check>
 constexpr unsigned checkBits = sizeof(Check) * CHAR_BIT;
@@ -46,10 +51,19 @@ constexpr Tables<Check> makeTables(Check polynomial) noexcept {
     }
     tables[0][byte] = value;
   }
-  for (unsigned row = 1; row < stride; ++row) {
+  for (unsigned row = 1; row < block; ++row) {
     for (unsigned byte = 0; byte < 256; ++byte) {
       const Check before = tables[row - 1][byte];
       tables[row][byte] = static_cast<Check>(tables[0][topByte(before)] ^ shiftByteOut(before));
+    }
+  }
+  // Kept with the first byte in the lowest place, as the check lies over the next bytes of
+  // the text.
+  if constexpr (sizeof(Check) == 4) {
+    for (auto& row : tables) {
+      for (Check& value : row) {
+        value = __builtin_bswap32(value);
+      }
     }
   }
   return tables;
@@ -75,22 +89,35 @@ Check lookUpWord(const Tables<Check>& tables, std::uint64_t word, unsigned behin
   return check;
 }
 
-// The bytes of `check` as they lie over the next bytes of the text, most significant first.
-std::uint64_t overlay(std::uint8_t check) noexcept { return check; }
-std::uint64_t overlay(std::uint32_t check) noexcept { return __builtin_bswap32(check); }
-
 template <class Check>
 Check addPiece(const Tables<Check>& tables, Check check, const void* data,
                std::size_t length) noexcept {
   const auto* bytes = static_cast<const unsigned char*>(data);
+  if (length >= 2 * block) {
+    Check laneChecks[lanes] = {check};
+    for (; length >= 2 * block; length -= block, bytes += block) {
+      for (unsigned lane = 0; lane < lanes; ++lane) {
+        const std::uint64_t word = loadWord(bytes + lane * sizeof(std::uint64_t));
+        laneChecks[lane] =
+            lookUpWord(tables, word ^ laneChecks[lane], block - sizeof(std::uint64_t));
+      }
+    }
+    check = 0;
+    for (unsigned lane = 0; lane < lanes; ++lane) {
+      const std::uint64_t word = loadWord(bytes + lane * sizeof(std::uint64_t));
+      check = lookUpWord(tables, word ^ static_cast<Check>(laneChecks[lane] ^ check), 0);
+    }
+    length -= block;
+    bytes += block;
+  }
   for (; length >= stride; length -= stride, bytes += stride) {
-    const std::uint64_t first = loadWord(bytes) ^ overlay(check);
+    const std::uint64_t first = loadWord(bytes) ^ check;
     const std::uint64_t second = loadWord(bytes + sizeof first);
     check = static_cast<Check>(lookUpWord(tables, first, sizeof second) ^
                                lookUpWord(tables, second, 0));
   }
   for (; length != 0; --length, ++bytes) {
-    check = static_cast<Check>(tables[0][topByte(check) ^ *bytes] ^ shiftByteOut(check));
+    check = static_cast<Check>(tables[0][(check & 0xFF) ^ *bytes] ^ (check >> CHAR_BIT));
   }
   return check;
 }
@@ -122,7 +149,7 @@ unsigned char crc8(unsigned length, const void* data, ...) noexcept {
 unsigned crc32(unsigned length, const void* data, ...) noexcept {
   va_list pieces;
   va_start(pieces, data);
-  const std::uint32_t check = checkOf(crc32Tables, length, data, pieces);
+  const std::uint32_t check = __builtin_bswap32(checkOf(crc32Tables, length, data, pieces));
   va_end(pieces);
   return check;
 }

@@ -83,6 +83,18 @@ unsigned readEscape(const char* p, unsigned n, unsigned& value) noexcept {
   return digits != 0 && n - 2 >= digits && readHex(p + 2, digits, value) ? digits + 2 : 0;
 }
 
+// "\\u" and four lower-case hexadecimal digits, or "\\U" and eight; gives the length.
+size_t writeEscape(unsigned value, char* escape) noexcept {
+  const unsigned digits = value < 0x10000 ? 4 : 8;
+  escape[0] = '\\';
+  escape[1] = digits == 4 ? 'u' : 'U';
+  for (unsigned i = digits; i != 0; --i) {
+    escape[1 + i] = "0123456789abcdef"[value & 0xF];
+    value >>= 4;
+  }
+  return digits + 2;
+}
+
 // Which bytes a zero-terminated list holds.
 class ByteSet {
  public:
@@ -251,9 +263,7 @@ ByteString EncodedString::convertToSlashU() const {
       i += std::max(1U, UnicodeUtilities::utf8Encode(buffer + i, len - i, cp));
       const auto value = static_cast<unsigned>(cp);
       char escape[sizeof "\\U00000000"];
-      const int length =
-          snprintf(escape, sizeof escape, value < 0x10000 ? "\\u%4.4x" : "\\U%8.8x", value);
-      result.append(escape, static_cast<size_t>(length));
+      result.append(escape, writeEscape(value, escape));
     }
   }
   return bytesOf(result.data(), shortLength(result.size()));

@@ -50,7 +50,7 @@ class List {
       std::memcpy(static_cast<void*>(elements_ + index), &element, elementSize);
       implementation_.count = index + 1;
     } else {
-      append(&element, 1);
+      addToFull(element);
     }
   }
 
@@ -118,6 +118,9 @@ class List {
   [[nodiscard]] const T* end() const noexcept { return elements_ + implementation_.count; }
 
  private:
+  // By value: a caller's loop variable whose address is not taken stays in its register.
+  [[gnu::noinline, gnu::cold]] void addToFull(T element) { append(&element, 1); }
+
   // Lends the buffer pointer as the untyped one that the core may replace.
   class Buffer {
    public:

@@ -307,21 +307,6 @@ unsigned StringBuffer<T>::occurrencesOf(const StringBuffer& pattern,
 }
 
 template <class T>
-bool StringBuffer<T>::operator==(const StringBuffer& s) const noexcept {
-  return len == s.len && std::memcmp(buffer, s.buffer, std::size_t{len} * sizeof(T)) == 0;
-}
-
-template <class T>
-bool StringBuffer<T>::operator<(const StringBuffer& s) const noexcept {
-  return std::memcmp(buffer, s.buffer, std::size_t{std::min(len, s.len)} * sizeof(T)) < 0;
-}
-
-template <class T>
-bool StringBuffer<T>::operator>(const StringBuffer& s) const noexcept {
-  return s < *this;
-}
-
-template <class T>
 bool StringBuffer<T>::isDigits() const noexcept {
   return isAll(buffer, len, isDecimalDigit<T>);
 }

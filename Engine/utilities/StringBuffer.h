@@ -124,13 +124,18 @@ class CUL_EXPORT StringBuffer {
   [[nodiscard]] unsigned occurrencesOf(const StringBuffer& pattern,
                                        unsigned start = 1) const noexcept;
 
-  [[nodiscard]] bool operator==(const StringBuffer& s) const noexcept;
+  [[nodiscard]] bool operator==(const StringBuffer& s) const noexcept {
+    return len == s.len && __builtin_memcmp(buffer, s.buffer, len * sizeof(T)) == 0;
+  }
   [[nodiscard]] bool operator!=(const StringBuffer& s) const noexcept { return !(*this == s); }
   /// Orders by the unsigned bytes of the storage over the shorter of the two lengths only:
   /// a text and its own beginning are neither less nor greater. Wide texts are therefore
   /// ordered by their little-endian bytes. Sorted containers depend on it.
-  [[nodiscard]] bool operator<(const StringBuffer& s) const noexcept;
-  [[nodiscard]] bool operator>(const StringBuffer& s) const noexcept;
+  [[nodiscard]] bool operator<(const StringBuffer& s) const noexcept {
+    const unsigned common = len < s.len ? len : s.len;
+    return __builtin_memcmp(buffer, s.buffer, common * sizeof(T)) < 0;
+  }
+  [[nodiscard]] bool operator>(const StringBuffer& s) const noexcept { return s < *this; }
 
   /// Whether all elements are decimal digits. Like the next two false when empty, so that
   /// an empty token never passes for a number.

@@ -2,10 +2,8 @@
 
 #include <cstddef>
 #include <new>
-#include <optional>
 #include <sys/single_threaded.h>
 
-#include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
@@ -14,14 +12,24 @@ namespace {
 // thread yet has nobody to guard the lists against.
 class PoolGuard {
  public:
-  PoolGuard(CUL_Critical_Section& lock, const char* file, unsigned line) {
-    if (__libc_single_threaded == 0) {
-      guard_.emplace(lock, file, line);
+  PoolGuard(UNIX_Critical_Section& lock, const char* file, unsigned line)
+      : lock_(__libc_single_threaded == 0 ? &lock : nullptr), file_(file), line_(line) {
+    if (lock_ != nullptr) {
+      lock_->request(file_, line_);
+    }
+  }
+  PoolGuard(const PoolGuard&) = delete;
+  PoolGuard& operator=(const PoolGuard&) = delete;
+  ~PoolGuard() noexcept(false) {
+    if (lock_ != nullptr) {
+      lock_->release(file_, line_);
     }
   }
 
  private:
-  std::optional<LockGuard> guard_;
+  UNIX_Critical_Section* lock_;
+  const char* file_;
+  unsigned line_;
 };
 
 }  // namespace

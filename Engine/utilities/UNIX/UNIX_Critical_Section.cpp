@@ -4,13 +4,14 @@
 
 #include "Engine/utilities/CUL_SemaphoreError.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/ThisThread.h"
 
 UNIX_Critical_Section::UNIX_Critical_Section() = default;
 
 UNIX_Critical_Section::~UNIX_Critical_Section() = default;
 
 void UNIX_Critical_Section::request(const char* file, unsigned int line) {
-  const pthread_t self = pthread_self();
+  const pthread_t self = thisThread();
   if (__atomic_load_n(&owner_, __ATOMIC_ACQUIRE) == self) {
     ++count_;
     return;
@@ -25,7 +26,7 @@ void UNIX_Critical_Section::request(const char* file, unsigned int line) {
 }
 
 void UNIX_Critical_Section::release(const char* file, unsigned int line) {
-  if (__atomic_load_n(&owner_, __ATOMIC_ACQUIRE) != pthread_self()) {
+  if (__atomic_load_n(&owner_, __ATOMIC_ACQUIRE) != thisThread()) {
     refuse(file, line);
   }
   if (--count_ == 0) {

@@ -8,7 +8,7 @@
 /// A thread that has requested it n times must release it n times before another thread
 /// gets it. An object may be made before main and used after exit.
 
-class CUL_EXPORT UNIX_Critical_Section : public UNIX_Mutex {
+class CUL_EXPORT UNIX_Critical_Section final : public UNIX_Mutex {
  public:
   UNIX_Critical_Section();
   ~UNIX_Critical_Section() override;

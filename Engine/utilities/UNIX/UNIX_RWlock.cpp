@@ -1,11 +1,15 @@
 #include "Engine/utilities/AssertionFail.h"
 #include "Engine/utilities/RWlock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/ThisThread.h"
 
 // The expression's text is part of the message.
-#define ASSERT_CALL(function, line, expression)                                                \
-  AssertionFail((expression) ? 1 : 0, "Engine/utilities/UNIX/UNIX_RWlock", (function), (line), \
-                #expression)
+#define ASSERT_CALL(function, line, expression)                                               \
+  do {                                                                                        \
+    if (!(expression)) [[unlikely]] {                                                         \
+      AssertionFail(0, "Engine/utilities/UNIX/UNIX_RWlock", (function), (line), #expression); \
+    }                                                                                         \
+  } while (false)
 
 namespace {
 
@@ -66,7 +70,7 @@ RWlock::~RWlock() noexcept(false) {
 }
 
 RWlock::Holder* RWlock::findOwn() {
-  const pthread_t self = pthread_self();
+  const pthread_t self = thisThread();
   for (unsigned i = holders_.count(); i > 0; --i) {
     if (holders_[i - 1].thread == self) {
       return &holders_[i - 1];
@@ -76,13 +80,17 @@ RWlock::Holder* RWlock::findOwn() {
 }
 
 RWlock::Holder* RWlock::appendOwn() {
-  holders_.add({pthread_self(), 0, 0});
-  return &holders_[holders_.count() - 1];
+  // Zeros first: an entry put together on the stack from parts of different widths and
+  // then copied as a whole costs a stalled load.
+  holders_.add(Holder{});
+  Holder* const own = &holders_[holders_.count() - 1];
+  own->thread = thisThread();
+  return own;
 }
 
 // The caller's entry, made if he may read now; null when he has to wait.
 RWlock::Holder* RWlock::enterAsReader() {
-  const pthread_t self = pthread_self();
+  const pthread_t self = thisThread();
   for (unsigned i = holders_.count(); i > 0; --i) {
     Holder& holder = holders_[i - 1];
     if (holder.thread == self) {
@@ -101,7 +109,7 @@ RWlock::Holder* RWlock::enterAsReader() {
 // The caller's entry, made if he may write now; null when he has to wait.
 RWlock::Holder* RWlock::enterAsWriter() {
   const bool readersWait = priority_ == ReaderPriority && readersWaiting_ > 0;
-  if (holders_.count() == 1 && holders_[0].thread == pthread_self() &&
+  if (holders_.count() == 1 && holders_[0].thread == thisThread() &&
       (holders_[0].writeCount != 0 || !readersWait)) {
     return &holders_[0];
   }
@@ -116,9 +124,9 @@ void RWlock::requestRead() {
   const HoldRequests hold;
   ASSERT_CALL(function, 32, !pthread_mutex_lock(&_mutex));
   MutexRescue rescue(_mutex);
-  {
+  Holder* own = enterAsReader();
+  if (own == nullptr) {
     Waiting waiting(readersWaiting_, _cond);
-    Holder* own = enterAsReader();
     while (own == nullptr) {
       {
         const HoldRequests::Lift lift(hold);
@@ -126,9 +134,9 @@ void RWlock::requestRead() {
       }
       own = enterAsReader();
     }
-    own->writeCount == 0 ? ++own->readCount : ++own->writeCount;
     waiting.enter();
   }
+  own->writeCount == 0 ? ++own->readCount : ++own->writeCount;
   rescue.dismiss();
   ASSERT_CALL(function, 70, !pthread_mutex_unlock(&_mutex));
 }
@@ -138,9 +146,9 @@ void RWlock::requestWrite() {
   const HoldRequests hold;
   ASSERT_CALL(function, 77, !pthread_mutex_lock(&_mutex));
   MutexRescue rescue(_mutex);
-  {
+  Holder* own = enterAsWriter();
+  if (own == nullptr) {
     Waiting waiting(writersWaiting_, _cond);
-    Holder* own = enterAsWriter();
     while (own == nullptr) {
       {
         const HoldRequests::Lift lift(hold);
@@ -148,9 +156,9 @@ void RWlock::requestWrite() {
       }
       own = enterAsWriter();
     }
-    ++own->writeCount;
     waiting.enter();
   }
+  ++own->writeCount;
   rescue.dismiss();
   ASSERT_CALL(function, 113, !pthread_mutex_unlock(&_mutex));
 }
@@ -161,9 +169,11 @@ void RWlock::release() {
   ASSERT_CALL(function, 120, !pthread_mutex_lock(&_mutex));
   MutexRescue rescue(_mutex);
   if (Holder* own = findOwn(); own != nullptr) {
-    unsigned short& count = own->writeCount != 0 ? own->writeCount : own->readCount;
+    const bool isWriting = own->writeCount != 0;
+    const unsigned short readCount = isWriting ? own->readCount : 0;
+    unsigned short& count = isWriting ? own->writeCount : own->readCount;
     const bool hasEnded = --count == 0;
-    if (own->readCount == 0 && own->writeCount == 0) {
+    if (hasEnded && readCount == 0) {
       holders_.removeAt(static_cast<unsigned>(own - holders_.begin()));
     }
     if (hasEnded) {
@@ -199,7 +209,7 @@ bool RWlock::holdsWriteLock() {
   const HoldRequests hold;
   ASSERT_CALL(function, 179, !pthread_mutex_lock(&_mutex));
   // The only reader counts, too: deliberate.
-  const bool holds = holders_.count() == 1 && holders_[0].thread == pthread_self();
+  const bool holds = holders_.count() == 1 && holders_[0].thread == thisThread();
   ASSERT_CALL(function, 181, !pthread_mutex_unlock(&_mutex));
   return holds;
 }
