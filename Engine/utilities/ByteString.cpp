@@ -19,7 +19,7 @@ const unsigned char* bytesOf(const void* p) { return static_cast<const unsigned 
 constexpr std::array<unsigned char, 512> makeHexPairs() {
   constexpr char digits[] = "0123456789ABCDEF";
   std::array<unsigned char, 512> pairs = {};
-  for (unsigned byte = 0; byte < 256; ++byte) {
+  for (size_t byte = 0; byte < 256; ++byte) {
     pairs[2 * byte] = static_cast<unsigned char>(digits[byte >> 4]);
     pairs[2 * byte + 1] = static_cast<unsigned char>(digits[byte & 0xF]);
   }
@@ -80,7 +80,7 @@ ByteString ByteString::hexFormat(const void* data, unsigned n) {
   result.makeBuffer(data == nullptr ? 0 : lengthOrNone(2UL * n));
   const unsigned char* in = bytesOf(data);
   for (unsigned i = 0; i < result.len; i += 2) {
-    std::memcpy(result.buffer + i, &hexPairs[2U * *in++], 2);
+    std::memcpy(result.buffer + i, &hexPairs[size_t{2} * *in++], 2);
   }
   return result;
 }

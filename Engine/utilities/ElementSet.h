@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <bitset>
 #include <type_traits>
 
@@ -13,7 +14,7 @@ class ElementSet {
   /// \param elements zero-terminated, must outlive the set; null counts as empty.
   explicit ElementSet(const T* elements) noexcept : elements_(elements) {
     for (const T* e = elements; e != nullptr && *e != 0; ++e) {
-      const Value value = static_cast<Value>(*e);
+      const Value value = std::bit_cast<Value>(*e);
       if (value < low_.size()) {
         low_.set(value);
       } else {
@@ -26,7 +27,7 @@ class ElementSet {
 
   /// Whether `c` is in the set; 0 never is.
   [[nodiscard]] bool contains(T c) const noexcept {
-    const Value value = static_cast<Value>(c);
+    const Value value = std::bit_cast<Value>(c);
     if (value < low_.size()) {
       return low_[value];
     }

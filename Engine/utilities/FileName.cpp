@@ -295,8 +295,8 @@ unsigned FileName::computeHash() {
 
 bool FileName::operator==(const FileName& other) const {
   if (hasTrailingWhiteSpace() || other.hasTrailingWhiteSpace()) {
-    EncodedString mine = *this;
-    EncodedString theirs = other;
+    EncodedString mine = textOf(view());
+    EncodedString theirs = textOf(other.view());
     mine.stripTrailingWhiteSpace();
     theirs.stripTrailingWhiteSpace();
     return mine == theirs;

@@ -18,7 +18,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 FileName name(const std::string& text) {
   return FileName(
