@@ -6,6 +6,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "Engine/utilities/UNIX/HoldRequests.h"
+
 namespace {
 
 // Constant-initialised and never destroyed: strings are converted before main and after exit.
@@ -23,6 +25,7 @@ size_t iconvDebug(iconv_t descriptor, const char* input, size_t inputLength, cha
   char* out = output;
   size_t room = outputSize - 1;
   {
+    const HoldRequests hold;
     const std::lock_guard lock(iconvMutex);
     iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
     while (inputLength != 0) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <bit>
 #include <iconv.h>
 #include <memory>
 #include <stddef.h>
@@ -22,7 +23,7 @@ CUL_EXPORT size_t iconvDebug(iconv_t descriptor, const char* input, size_t input
                              char* output, size_t outputSize);
 
 /// What iconv_open() gives when it fails.
-inline const iconv_t invalidIconv = reinterpret_cast<iconv_t>(~size_t{0});
+inline const iconv_t invalidIconv = std::bit_cast<iconv_t>(~size_t{0});
 
 /// A descriptor that is closed with its object.
 class IconvDescriptor {

@@ -10,6 +10,7 @@
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/KeepErrno.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
 
@@ -65,6 +66,7 @@ UTF8Converter& UTF8Converter::instance() {
 }
 
 UTF8Converter::UTF8Converter() : toNative(invalidIconv), toUTF8(invalidIconv), codepage(nullptr) {
+  const HoldRequests hold;
   const KeepErrno keepErrno;
   const char* name = getenv("QVX_DBG_CODEPAGE");
   if (name != nullptr && *name != 0 && open(name, true)) {

@@ -24,8 +24,7 @@ consteval bool isSortedAndDisjoint(const Range (&ranges)[size]) {
 }
 
 template <size_t size>
-bool isIn(const Range (&ranges)[size], wchar_t c) noexcept {
-  const auto value = static_cast<unsigned>(c);
+bool isIn(const Range (&ranges)[size], unsigned value) noexcept {
   const Range* range =
       std::lower_bound(std::begin(ranges), std::end(ranges), value,
                        [](const Range& r, unsigned v) noexcept { return r.last < v; });
@@ -126,9 +125,19 @@ static_assert(isSortedAndDisjoint(extenders));
 
 }  // namespace
 
-bool UnicodeUtilities::isBaseChar(wchar_t c) noexcept { return isIn(baseChars, c); }
-bool UnicodeUtilities::isCombiningChar(wchar_t c) noexcept { return isIn(combiningChars, c); }
-bool UnicodeUtilities::isDigit(wchar_t c) noexcept { return isIn(digits, c); }
-bool UnicodeUtilities::isExtender(wchar_t c) noexcept { return isIn(extenders, c); }
-bool UnicodeUtilities::isIdeographic(wchar_t c) noexcept { return isIn(ideographics, c); }
+bool UnicodeUtilities::isBaseChar(wchar_t c) noexcept {
+  return isIn(baseChars, static_cast<unsigned>(c));
+}
+bool UnicodeUtilities::isCombiningChar(wchar_t c) noexcept {
+  return isIn(combiningChars, static_cast<unsigned>(c));
+}
+bool UnicodeUtilities::isDigit(wchar_t c) noexcept {
+  return isIn(digits, static_cast<unsigned>(c));
+}
+bool UnicodeUtilities::isExtender(wchar_t c) noexcept {
+  return isIn(extenders, static_cast<unsigned>(c));
+}
+bool UnicodeUtilities::isIdeographic(wchar_t c) noexcept {
+  return isIn(ideographics, static_cast<unsigned>(c));
+}
 bool UnicodeUtilities::isLetter(wchar_t c) noexcept { return isIdeographic(c) || isBaseChar(c); }

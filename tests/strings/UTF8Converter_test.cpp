@@ -1,5 +1,6 @@
 #include "Engine/utilities/UTF8Converter.h"
 
+#include <atomic>
 #include <cerrno>
 #include <clocale>
 #include <cstdlib>
@@ -16,6 +17,7 @@
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
+#include "Engine/utilities/StdThread.h"
 
 #include "tests/strings/GuardedBytes.h"
 #include "tests/support/Child.h"
@@ -309,6 +311,53 @@ CUL_CHILD(ManyThreadsConvert) {
 
 TEST(UTF8Converter, ConvertsFromAnyThread) {
   expectSuccess("ManyThreadsConvert", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}});
+}
+
+namespace {
+
+// Converts until it is asked to end.
+class Conversions : public StdThread {
+ public:
+  Conversions(std::atomic<unsigned>& done, Termination* termination)
+      : StdThread("conversions", 0, termination), done_(done) {}
+
+  void run() override {
+    const std::string native(200, '\xE9');
+    while (out(in(native)) == native) {
+      ++done_;
+      thread_yield();
+    }
+  }
+
+ private:
+  std::atomic<unsigned>& done_;
+};
+
+}  // namespace
+
+CUL_CHILD(ThreadsEndWhileTheyConvert) {
+  EXPECT_EQ(in("\xE9"), "\xC3\xA9");
+  for (unsigned round = 0; round < 30; ++round) {
+    std::atomic<unsigned> done = 0;
+    StdThread::Termination termination;
+    auto* thread = new Conversions(done, &termination);
+    thread->start_thread(0);
+    while (done <= round) {
+      std::this_thread::yield();
+    }
+    EXPECT_EQ(thread->requestTerminate(), 0);
+    EXPECT_EQ(termination.wait(0), 0);
+    EXPECT_EQ(in("\xE9"), "\xC3\xA9");
+  }
+}
+
+TEST(UTF8Converter, GoesOnAfterAThreadWasEndedWhileItConverted) {
+  // A thread that ends does so in its signal handler, which the thread sanitizer dislikes.
+  const char* options = getenv("TSAN_OPTIONS");
+  expectSuccess(
+      "ThreadsEndWhileTheyConvert",
+      {{"QVX_DBG_CODEPAGE", "ISO-8859-1"},
+       {"TSAN_OPTIONS", (options != nullptr ? options + ":"s : "") + "report_signal_unsafe=0"}});
 }
 
 // iconvDebug.
