@@ -1,5 +1,6 @@
 #include "Engine/utilities/UTF8Converter.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <clocale>
@@ -37,7 +38,7 @@ bool (*isRefused)(std::string_view to, std::string_view from) = nullptr;
 extern "C" iconv_t iconv_open(const char* to, const char* from) {
   if (isRefused != nullptr && isRefused(to, from)) {
     errno = EINVAL;
-    return reinterpret_cast<iconv_t>(-1);
+    return invalidIconv;
   }
   static const auto real =
       reinterpret_cast<iconv_t (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "iconv_open"));
@@ -289,9 +290,9 @@ TEST(UTF8Converter, GivesNoMoreNativeBytesThanThereWereBytesOfUtf8) {
 
 CUL_CHILD(ManyThreadsConvert) {
   UTF8Converter::instance();
-  std::vector<std::thread> threads;
+  std::array<std::jthread, 4> threads;
   for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([i] {
+    threads.at(static_cast<size_t>(i)) = std::jthread([i] {
       const std::string native(static_cast<size_t>(10 + i), static_cast<char>(0xE0 + i));
       std::string utf8;
       for (size_t k = 0; k < native.size(); ++k) {
@@ -303,9 +304,6 @@ CUL_CHILD(ManyThreadsConvert) {
         ASSERT_EQ(in(utf8, "ISO-8859-15"), native);
       }
     });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
   }
 }
 
@@ -433,17 +431,14 @@ TEST(iconvDebug, KeepsErrno) {
 TEST(iconvDebug, LetsOneThreadConvertAtATime) {
   // A descriptor must not be used by two threads at once: sharing one shows the lock.
   const IconvDescriptor descriptor("ISO-2022-JP", "UTF-8");
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&descriptor] {
+  std::array<std::jthread, 4> threads;
+  for (std::jthread& thread : threads) {
+    thread = std::jthread([&descriptor] {
       char area[64];
       for (int round = 0; round < 2000; ++round) {
         const size_t n = iconvDebug(descriptor.get(), "a\u65e5z", 5, area, sizeof area);
         ASSERT_EQ(std::string(area, n), "a\x1B$BF|\x1B(Bz");
       }
     });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
   }
 }

@@ -13,6 +13,7 @@
 #include <libxml/chvalid.h>
 
 #include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/Iconv.h"
 
 #include "tests/strings/GuardedBytes.h"
 #include "tests/support/Child.h"
@@ -139,7 +140,7 @@ std::string randomBytes(std::mt19937& random, size_t about, bool wellFormed) {
 // What iconv makes of `bytes`; nothing when it refuses.
 std::optional<std::string> viaIconv(const char* to, const char* from, std::string bytes) {
   const iconv_t descriptor = iconv_open(to, from);
-  EXPECT_NE(descriptor, reinterpret_cast<iconv_t>(-1)) << to << " " << from;
+  EXPECT_NE(descriptor, invalidIconv) << to << " " << from;
   std::string result(bytes.size() * 6 + 16, '\0');
   char* in = bytes.data();
   char* out = result.data();
