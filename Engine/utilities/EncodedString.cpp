@@ -261,9 +261,8 @@ ByteString EncodedString::convertToSlashU() const {
       wchar_t cp = 0;
       // A byte that cannot open a sequence is a character of its own.
       i += std::max(1U, UnicodeUtilities::utf8Encode(buffer + i, len - i, cp));
-      const auto value = static_cast<unsigned>(cp);
       char escape[sizeof "\\U00000000"];
-      result.append(escape, writeEscape(value, escape));
+      result.append(escape, writeEscape(static_cast<unsigned>(cp), escape));
     }
   }
   return bytesOf(result.data(), shortLength(result.size()));
