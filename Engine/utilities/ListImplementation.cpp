@@ -7,6 +7,7 @@
 #include <cstring>
 #include <emmintrin.h>
 #include <new>
+#include <vector>
 
 #include "Engine/utilities/HeapMemoryAllocator.h"
 #include "Engine/utilities/Pool.h"
@@ -237,10 +238,13 @@ bool ListImplementation::bSort(int (*compare)(const void*, const void*), void* b
   }
   const std::size_t size = elementSize_;
   auto* const elements = static_cast<unsigned char*>(buffer);
-  const unsigned char* const last = elements + (count - 1) * size;
-  // An order is reached in fewer passes than there are elements; the limit is for a
-  // comparison that is none.
-  for (unsigned int pass = 0; pass < count; ++pass) {
+  unsigned char* const end = elements + count * size;
+  const unsigned char* const last = end - size;
+  // An order is reached in fewer passes than there are elements. A comparison that is none
+  // may take more, or come round to where the elements stood before and never end.
+  std::vector<unsigned char> earlier;
+  unsigned long nextLook = count;
+  for (unsigned long pass = 1;; ++pass) {
     bool swapped = false;
     for (unsigned char* left = elements; left != last; left += size) {
       unsigned char* const right = left + size;
@@ -252,8 +256,15 @@ bool ListImplementation::bSort(int (*compare)(const void*, const void*), void* b
       }
     }
     if (!swapped) {
-      return pass == 0;
+      return pass == 1;
+    }
+    if (!earlier.empty() && std::equal(earlier.begin(), earlier.end(), elements)) {
+      return false;
+    }
+    // At ever longer distances, so that a round of any length is noticed.
+    if (pass == nextLook) {
+      earlier.assign(elements, end);
+      nextLook *= 2;
     }
   }
-  return false;
 }

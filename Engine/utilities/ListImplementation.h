@@ -63,7 +63,8 @@ class CUL_EXPORT ListImplementation {
   [[nodiscard]] unsigned int findItem(const void* buffer, const void* item) const;
 
   /// Sorts in place by passes over adjacent pairs, always the whole list, until a pass
-  /// swaps nothing: stable, and quick for what is nearly in order.
+  /// swaps nothing: stable, and quick for what is nearly in order. Stops early only when a
+  /// comparison that is no order brings the elements back to where they stood before.
   /// \param compare negative, zero or positive as in qsort(); what it throws passes
   ///                through and leaves the elements permuted.
   /// \param scratch room for one element.
