@@ -34,6 +34,10 @@ IdList::IdList(const IdList& other)
 
 IdList& IdList::operator=(const IdList& other) {
   if (this != &other) {
+    // Room first: without memory for it this list stays as it was.
+    if (other.elements_.count() > elements_.count()) {
+      elements_.extend(other.elements_.count() - elements_.count());
+    }
     directCount = other.directCount;
     elements_.removeAll();
     elements_.append(other.elements_.begin(), other.elements_.count());

@@ -19,6 +19,7 @@ class CUL_EXPORT IdList {
   ///         whose identifiers would need 2^32 bytes or more.
   explicit IdList(unsigned int directIdentifiers);
   IdList(const IdList& other);
+  /// \throws std::bad_alloc when there is no memory, with this list unchanged.
   IdList& operator=(const IdList& other);
 
   /// Returns to the state after construction.

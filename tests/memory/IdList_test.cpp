@@ -1,14 +1,42 @@
 #include "Engine/utilities/IdList.h"
 
 #include <climits>
+#include <cstring>
 #include <new>
 #include <random>
 #include <set>
+#include <sys/resource.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "Engine/utilities/HeapMemoryAllocator.h"
+
+#include "tests/support/Child.h"
+
 TEST(IdList, HoldsTheDirectCountAndAList) {
   EXPECT_EQ(sizeof(IdList), 8 + sizeof(List<unsigned int>));
+}
+
+TEST(IdList, StartsWithTheIdentifiersUpToTenBehindTheDirectRange) {
+  const IdList ids(4);
+  struct {
+    unsigned int directCount;
+    const void* allocator;
+    unsigned int count, capacity;
+    unsigned short elementSize, growth;
+    const unsigned int* elements;
+  } fields;
+  static_assert(sizeof fields == sizeof ids);
+  std::memcpy(&fields, static_cast<const void*>(&ids), sizeof fields);
+  EXPECT_EQ(fields.directCount, 4U);
+  EXPECT_EQ(fields.allocator, HeapMemoryAllocator::instance());
+  EXPECT_EQ(fields.capacity, 14U);
+  EXPECT_EQ(fields.elementSize, 4U);
+  EXPECT_EQ(fields.growth, 8U);
+  const std::vector<unsigned int> elements(fields.elements, fields.elements + fields.count);
+  EXPECT_EQ(elements,
+            (std::vector<unsigned int>{0x80000000U, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13}));
 }
 
 TEST(IdList, StartsWithOnlyIdentifierZeroTaken) {
@@ -140,6 +168,7 @@ TEST(IdList, HoldsNoIdentifierOfMoreThan31Bits) {
   }
   EXPECT_TRUE(ids.isReservedId(0));
   EXPECT_FALSE(ids.isReservedId(5));
+  EXPECT_FALSE(ids.isReservedId(0x7FFFFFFF));
   EXPECT_EQ(ids.getNextId(), 4U);
 }
 
@@ -191,6 +220,30 @@ TEST(IdList, MayBeAssignedToItself) {
   EXPECT_TRUE(ids.isReservedId(100));
   EXPECT_EQ(ids.getNextId(), 4U);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The sanitizers' free stores end the process instead of throwing.
+CUL_CHILD(IdListWithoutMemory) {
+  // The library's own handler ends the process when the free store is exhausted.
+  std::set_new_handler(nullptr);
+  constexpr unsigned int many = 20'000'000;
+  const IdList large(many);
+  IdList ids(4);
+  ids.reserveId(100);
+  const rlimit none = {1, 1};
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &none), 0);
+  EXPECT_THROW(ids = large, std::bad_alloc);
+  EXPECT_FALSE(ids.isAssignable(many - 1));
+  EXPECT_TRUE(ids.isAssignable(3));
+  EXPECT_TRUE(ids.isReservedId(100));
+  EXPECT_EQ(ids.getNextId(), 4U);
+}
+
+TEST(IdList, StaysAsItWasWhenThereIsNoMemoryToAssign) {
+  const ChildResult r = runChild("IdListWithoutMemory");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+#endif
 
 TEST(IdList, RefusesADirectCountWhoseIdentifiersDoNotFit) {
   EXPECT_THROW(IdList((1U << 30) - 10), std::bad_alloc);
