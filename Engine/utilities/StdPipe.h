@@ -59,6 +59,8 @@ class CUL_EXPORT StdPipe {
   /// \return the bytes taken in the second step plus 1, also at the end of the file; always
   ///         0 for a `maximum` of 0, also when a byte was stored. Callers rely on `out`.
   /// \throws StdException "read() failed".
+  /// \throws std::bad_alloc when there is no memory for `maximum` bytes; the first byte, which
+  ///         has been taken, is in `out`.
   int read(ByteString& out, unsigned int maximum) const;
 
   [[nodiscard]] HANDLE readHandle() const noexcept { return readHandle_; }

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <new>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -160,6 +161,28 @@ TEST(StdPipe, IsBlockingAndClosedOnExecWhenItIsMade) {
     EXPECT_TRUE(isBlocking(handle));
     EXPECT_TRUE(isClosedOnExec(handle));
   }
+}
+
+CUL_CHILD(PipeWhoseSetUpDoesNothing) {
+  int ends[2];
+  {
+    const StdPipe pipe;
+    ends[0] = pipe.readHandle();
+    ends[1] = pipe.writeHandle();
+  }
+  // An error of 0: the calls succeed without being made.
+  failFcntl(ends[0], F_SETFD, 0);
+  failFcntl(ends[1], F_SETFD, 0);
+  const StdPipe pipe;
+  EXPECT_EQ(pipe.readHandle(), ends[0]);
+  EXPECT_EQ(pipe.writeHandle(), ends[1]);
+  EXPECT_TRUE(isClosedOnExec(pipe.readHandle()));
+  EXPECT_TRUE(isClosedOnExec(pipe.writeHandle()));
+}
+
+TEST(StdPipe, IsClosedOnExecFromTheStartSoThatNoOtherThreadsChildInheritsIt) {
+  const ChildResult r = runChild("PipeWhoseSetUpDoesNothing");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
 TEST(StdPipe, ClosesBothEndsAtItsEnd) {
@@ -539,6 +562,29 @@ TEST(StdPipe, FailsToRead) {
   expectTracedError("PipeReadFailsToBlockAgain",
                     start + "138): ::fcntl(F_SETFL) failed with errno 1.");
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The sanitizers' free stores end the process instead of throwing.
+CUL_CHILD(PipeReadWithoutMemory) {
+  // The library's own handler ends the process when the free store is exhausted.
+  std::set_new_handler(nullptr);
+  const StdPipe pipe;
+  (void)pipe.write("ab", 2);
+  ByteString out;
+  const rlimit none = {1, 1};
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &none), 0);
+  EXPECT_THROW((void)pipe.read(out, 0xFFFFFFFF), std::bad_alloc);
+  EXPECT_EQ(textOf(out), "a");
+  EXPECT_TRUE(isBlocking(pipe.readHandle()));
+  EXPECT_EQ(pipe.read(out, 0), 0);
+  EXPECT_EQ(textOf(out), "b");
+}
+
+TEST(StdPipe, StaysBlockingWhenThereIsNoMemoryToRead) {
+  const ChildResult r = runChild("PipeReadWithoutMemory");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+#endif
 
 namespace {
 

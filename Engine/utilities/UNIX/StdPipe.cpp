@@ -149,8 +149,9 @@ int StdPipe::read(ByteString& out, unsigned int maximum) const {
   if (maximum == 0) {
     return 0;  // Deliberate, also when a byte was stored.
   }
-  setNonBlocking(1, readHandle_, readText, 125);
+  // Before the end changes: without memory it stays blocking.
   const std::unique_ptr<unsigned char[]> buffer(new unsigned char[maximum]);
+  setNonBlocking(1, readHandle_, readText, 125);
   const ssize_t rest = readPatiently(readHandle_, buffer.get(), maximum, 135, 136);
   setNonBlocking(0, readHandle_, readText, 138);
   // One buffer for both pieces: `out` is at most the first byte.
