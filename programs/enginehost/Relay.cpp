@@ -1,6 +1,7 @@
 #include "Relay.h"
 
 #include <cerrno>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -35,11 +36,19 @@ ByteString nextBytes(const StdPipe& pipe) {
   return first + others;
 }
 
+// A target that the host shares with others can be non-blocking.
+void waitForRoom(int target) {
+  pollfd room = {target, POLLOUT, 0};
+  poll(&room, 1, -1);
+}
+
 bool writeAll(int target, const ByteString& bytes) {
   const unsigned char* next = bytes;
   for (unsigned left = bytes.length(); left > 0;) {
     const ssize_t written = write(target, next, left);
-    if (written < 0 && errno != EINTR) {
+    if (written < 0 && errno == EAGAIN) {
+      waitForRoom(target);
+    } else if (written < 0 && errno != EINTR) {
       return false;
     }
     if (written > 0) {

@@ -1,3 +1,4 @@
+#include <fcntl.h>
 #include <filesystem>
 #include <signal.h>
 #include <string>
@@ -127,11 +128,15 @@ TEST(EngineHost, HandsOnEveryByteOfALongOutput) {
 // A host whose streams are in the hands of the test.
 class Conversation {
  public:
-  explicit Conversation(const char* script) {
+  // `prepare` gets the end that the host prints to.
+  explicit Conversation(const char* script, void (*prepare)(int) = nullptr) {
     int in[2];
     int out[2];
     EXPECT_EQ(pipe(in), 0);
     EXPECT_EQ(pipe(out), 0);
+    if (prepare != nullptr) {
+      prepare(out[1]);
+    }
     process_ = fork();
     if (process_ == 0) {
       dup2(in[0], 0);
@@ -191,6 +196,14 @@ TEST(EngineHost, EndsAProgramWhoseReaderHasGoneAsAPipelineDoes) {
       {"/bin/bash", "-c", std::string(host) + " yes | head -n 1; echo ${PIPESTATUS[0]}"});
   EXPECT_EQ(r.out, "y\n" + std::to_string(128 + SIGPIPE) + "\n");
   EXPECT_THAT(r.err, IsEmpty());
+}
+
+TEST(EngineHost, HandsOnEveryByteToANonBlockingEndThatIsFullAtTimes) {
+  const Conversation conversation("head -c 300000 /dev/zero", [](int end) {
+    EXPECT_GT(fcntl(end, F_SETPIPE_SZ, 4096), 0);
+    EXPECT_EQ(fcntl(end, F_SETFL, O_WRONLY | O_NONBLOCK), 0);
+  });
+  EXPECT_EQ(conversation.hear(300001), std::string(300000, '\0'));
 }
 
 // What follows `name` in the text, as the signals 1 to 31; the C library keeps the two
