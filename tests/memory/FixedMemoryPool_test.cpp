@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/support/Child.h"
+
 namespace {
 
 // Blocks are never given back, so the pools stay reachable until the process ends.
@@ -69,6 +71,19 @@ TEST(FixedMemoryPool, HandsOutTheCellsOfABlockInTheOrderOfTheirAddresses) {
   for (char* const cell : cells) {
     pool.release(cell);
   }
+}
+
+CUL_CHILD(FixedMemoryPoolZeroes) {
+  FixedMemoryPool& pool = lastingPool(100);
+  for (int i = 0; i < 39; ++i) {
+    EXPECT_EQ(std::string(static_cast<char*>(pool.get()) + 8, 96), std::string(96, '\0'));
+  }
+}
+
+TEST(FixedMemoryPool, ZeroesABlockThatTheFreeStoreHandsOutWithOtherBytes) {
+  const ChildResult r =
+      runChild("FixedMemoryPoolZeroes", {.environment = {{"MALLOC_PERTURB_", "165"}}});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
 TEST(FixedMemoryPool, TakesAnotherBlockWhenTheCellsAreUsedUp) {
