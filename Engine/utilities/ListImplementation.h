@@ -69,6 +69,7 @@ class CUL_EXPORT ListImplementation {
   ///                through and leaves the elements permuted.
   /// \param scratch room for one element.
   /// \return whether the list was in order already.
+  /// \throws std::bad_alloc only with such a comparison, when there is no memory to notice it.
   bool bSort(int (*compare)(const void*, const void*), void* buffer, void* scratch);
 
   // For reading; only the operations above change them.
