@@ -75,8 +75,13 @@ TEST(FixedMemoryPool, HandsOutTheCellsOfABlockInTheOrderOfTheirAddresses) {
 
 CUL_CHILD(FixedMemoryPoolZeroes) {
   FixedMemoryPool& pool = lastingPool(100);
-  for (int i = 0; i < 39; ++i) {
-    EXPECT_EQ(std::string(static_cast<char*>(pool.get()) + 8, 96), std::string(96, '\0'));
+  std::vector<char*> cells(39);
+  for (char*& cell : cells) {
+    cell = static_cast<char*>(pool.get());
+    EXPECT_EQ(std::string(cell + 8, 96), std::string(96, '\0'));
+  }
+  for (char* const cell : cells) {
+    pool.release(cell);
   }
 }
 
