@@ -15,7 +15,7 @@ class CUL_EXPORT MD5 {
   static constexpr unsigned size = 16;
 
   /// How asString() writes a digest.
-  enum OutputString {
+  enum OutputString : int {
     textIfAlphanumeric,  ///< The 16 bytes as they are when all are ASCII letters or digits.
     hexadecimal          ///< Always 32 hexadecimal digits. So does every other value but 0.
   };

@@ -120,7 +120,9 @@ TEST(MD5, WritesADigestOfLettersAndDigitsAsItsTextInFormZero) {
   const MD5 md5 = MD5::fromText(hexOfBytes("09azAZmM1234wxYZ").c_str());
   EXPECT_EQ(textOf(md5, MD5::textIfAlphanumeric), "09azAZmM1234wxYZ");
   EXPECT_EQ(textOf(md5, static_cast<MD5::OutputString>(0)), "09azAZmM1234wxYZ");
-  EXPECT_EQ(textOf(md5, static_cast<MD5::OutputString>(1)), hexOfBytes("09azAZmM1234wxYZ"));
+  for (const int other : {1, 2, 256, -1}) {
+    EXPECT_EQ(textOf(md5, static_cast<MD5::OutputString>(other)), hexOfBytes("09azAZmM1234wxYZ"));
+  }
 }
 
 TEST(MD5, WritesAnyOtherDigestInHexadecimalInEitherForm) {
