@@ -88,9 +88,9 @@ TEST(Checksums, AgreeWithTheDivisionForEveryLengthAndAlignment) {
 TEST(Checksums, OfPiecesAreThoseOfTheirConcatenation) {
   std::mt19937 random(4);
   for (unsigned round = 0; round < 200; ++round) {
-    const std::string a = randomBytes(random, 1 + random() % 40);
-    const std::string b = randomBytes(random, 1 + random() % 40);
-    const std::string c = randomBytes(random, 1 + random() % 40);
+    const std::string a = randomBytes(random, 1 + random() % 200);
+    const std::string b = randomBytes(random, 1 + random() % 200);
+    const std::string c = randomBytes(random, 1 + random() % 200);
     const std::string all = std::string(a).append(b).append(c);
     const auto na = static_cast<unsigned>(a.size());
     const auto nb = static_cast<unsigned>(b.size());

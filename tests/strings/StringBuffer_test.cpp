@@ -726,6 +726,7 @@ TYPED_TEST(StringBufferTest, ChangeReplacesTheFirstOccurrenceOnly) {
   EXPECT_EQ(changed("banana", "", "X", 3), "baXnana");
   EXPECT_EQ(changed("banana", "", "X", 7), "banana");
   EXPECT_EQ(changed("", "", "X", 1), "");
+  EXPECT_EQ(changed("", "", "X", 0), "X");
   StringBuffer<T> s = make<T>("cab");
   s.change(make<T>("a"), make<T>("o"));
   EXPECT_EQ(asciiOf(s), "cob");
