@@ -4,33 +4,16 @@
 #include <new>
 #include <sys/single_threaded.h>
 
+#include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
 
-// The lock costs as much as the rest of the work. A process that has not started a second
-// thread yet has nobody to guard the lists against.
-class PoolGuard {
- public:
-  PoolGuard(UNIX_Critical_Section& lock, const char* file, unsigned line)
-      : lock_(__libc_single_threaded == 0 ? &lock : nullptr), file_(file), line_(line) {
-    if (lock_ != nullptr) {
-      lock_->request(file_, line_);
-    }
-  }
-  PoolGuard(const PoolGuard&) = delete;
-  PoolGuard& operator=(const PoolGuard&) = delete;
-  ~PoolGuard() noexcept(false) {
-    if (lock_ != nullptr) {
-      lock_->release(file_, line_);
-    }
-  }
-
- private:
-  UNIX_Critical_Section* lock_;
-  const char* file_;
-  unsigned line_;
-};
+// The lock costs as much as the rest of the work. While the process has one thread, nobody
+// else can be on the lists, and what goes without the lock is a few moves that call nothing
+// and so cannot start a second thread. A request to the heap can, through a new-handler:
+// it is always made under the lock.
+bool isOnlyThread() noexcept { return __libc_single_threaded != 0; }
 
 }  // namespace
 
@@ -70,8 +53,12 @@ void* StringPoolManager::getBuffer(unsigned size) {
   if (size > maximumPooledSize) {
     return new char[size];
   }
-  const PoolGuard guard(lock_, "void* StringPoolManager::getBuffer(unsigned int)", __LINE__);
-  return pop(classOf(size));
+  const SizeClass wanted = classOf(size);
+  if (isOnlyThread() && freeLists_[wanted] != nullptr) {
+    return pop(wanted);
+  }
+  const LockGuard guard(lock_, "void* StringPoolManager::getBuffer(unsigned int)", __LINE__);
+  return pop(wanted);
 }
 
 void StringPoolManager::freeBuffer(void* p, unsigned size) {
@@ -83,9 +70,13 @@ void StringPoolManager::freeBuffer(void* p, unsigned size) {
     delete[] static_cast<char*>(p);
     return;
   }
-  const PoolGuard guard(lock_, "void StringPoolManager::freeBuffer(void*, unsigned int)", __LINE__);
-  FreeBlock*& head = freeLists_[classOf(size)];
-  head = new (p) FreeBlock{head};
+  const SizeClass given = classOf(size);
+  if (isOnlyThread()) {
+    push(given, p);
+    return;
+  }
+  const LockGuard guard(lock_, "void StringPoolManager::freeBuffer(void*, unsigned int)", __LINE__);
+  push(given, p);
 }
 
 unsigned StringPoolManager::freeBlocks(unsigned size) {
@@ -93,7 +84,7 @@ unsigned StringPoolManager::freeBlocks(unsigned size) {
     return 0;
   }
   const HoldRequests hold;
-  const PoolGuard guard(lock_, "unsigned int StringPoolManager::freeBlocks(unsigned int)",
+  const LockGuard guard(lock_, "unsigned int StringPoolManager::freeBlocks(unsigned int)",
                         __LINE__);
   unsigned count = 0;
   for (const FreeBlock* block = freeLists_[classOf(size)]; block != nullptr; block = block->next) {
@@ -112,24 +103,29 @@ StringPoolManager::FreeBlock* StringPoolManager::pop(SizeClass wanted) {
   return block;
 }
 
-// Takes a block of a class whose list is empty.
+void StringPoolManager::push(SizeClass given, void* p) noexcept {
+  FreeBlock*& head = freeLists_[given];
+  head = new (p) FreeBlock{head};
+}
+
+// Takes a block of a class whose list is empty. A new-handler may have freed blocks of that
+// class when the heap has answered: they are kept.
 StringPoolManager::FreeBlock* StringPoolManager::refill(SizeClass empty) {
   const ClassRule& rule = classRules[empty];
   if (rule.blocksInChunk != 0) {
     return refillFromHeap(empty);
   }
   char* const whole = reinterpret_cast<char*>(pop(rule.larger));
-  freeLists_[empty] = new (whole + rule.blockSize) FreeBlock{nullptr};
+  push(empty, whole + rule.blockSize);
   return new (whole) FreeBlock{nullptr};
 }
 
 StringPoolManager::FreeBlock* StringPoolManager::refillFromHeap(SizeClass empty) {
   const ClassRule& rule = classRules[empty];
   char* const chunk = new char[rule.blockSize * rule.blocksInChunk];
-  FreeBlock* first = nullptr;
+  // Backwards, so that the list is in the order of addresses.
   for (unsigned i = rule.blocksInChunk; i != 0; --i) {
-    first = new (chunk + (i - 1) * rule.blockSize) FreeBlock{first};
+    push(empty, chunk + (i - 1) * rule.blockSize);
   }
-  freeLists_[empty] = first->next;
-  return first;
+  return pop(empty);
 }

@@ -13,7 +13,9 @@
 ///
 /// The one pool is made on first use, serves static objects before main and after exit,
 /// and is never destroyed. Memory once taken for small blocks is kept for small blocks.
-/// Any thread may take and free blocks, also one that another thread has taken.
+/// Any thread may take and free blocks, also one that another thread has taken. A
+/// new-handler may use strings on the thread that it is called on; it must not wait for
+/// another thread that does.
 
 class CUL_EXPORT StringPoolManager {
  public:
@@ -57,6 +59,7 @@ class CUL_EXPORT StringPoolManager {
   static StringPoolManager& makeInstance();
   static SizeClass classOf(unsigned size) noexcept;
   FreeBlock* pop(SizeClass wanted);
+  void push(SizeClass given, void* p) noexcept;
   FreeBlock* refill(SizeClass empty);
   FreeBlock* refillFromHeap(SizeClass empty);
 

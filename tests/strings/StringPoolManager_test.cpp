@@ -1,17 +1,22 @@
 #include "Engine/utilities/StringPoolManager.h"
 
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <iterator>
 #include <malloc.h>
 #include <map>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <sys/resource.h>
+#include <sys/types.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -316,6 +321,100 @@ CUL_CHILD(PoolOutOfMemory) {
 
 TEST(StringPoolManager, ExhaustedHeapThrowsAndLeavesThePoolUnlockedAndUsable) {
   expectChildSucceeds("PoolOutOfMemory");
+}
+
+// Runs `relief` when a request finds no memory, with memory there again.
+std::optional<Famine> famine;
+void (*relief)() = nullptr;
+
+void* getBufferInAFamine(unsigned size, void (*reliefToRun)()) {
+  relief = reliefToRun;
+  std::set_new_handler([] {
+    famine.reset();
+    relief();
+  });
+  famine.emplace();
+  return pool().getBuffer(size);
+}
+
+bool isAsleep(pid_t thread) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
+  const std::string line{std::istreambuf_iterator<char>(stat), {}};
+  return line.find(") S ") != std::string::npos;
+}
+
+// Whether another thread waits for the pool with `use`, as long as the caller does nothing.
+// The thread goes on behind the caller's back and is joined by whoever gets `thread`.
+bool isKeptWaiting(void (*use)(), std::thread& thread) {
+  std::atomic<pid_t> id = 0;
+  static std::atomic<bool> isThrough;
+  isThrough = false;
+  thread = std::thread([&id, use] {
+    id = gettid();
+    use();
+    isThrough = true;
+  });
+  while (id == 0) {
+    std::this_thread::yield();
+  }
+  // Asleep twice in a row: it may have waited for something else for a moment.
+  for (int asleep = 0; asleep < 20 && !isThrough;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    asleep = isAsleep(id) ? asleep + 1 : 0;
+  }
+  return !isThrough;
+}
+
+std::vector<std::thread> waiting;
+
+CUL_CHILD(PoolNewHandlerStartsThreads) {
+  Blocks blocks;
+  blocks.drain();
+  static char* given;
+  given = static_cast<char*>(pool().getBuffer(8));
+  blocks.drain();
+  void* const block = getBufferInAFamine(8, [] {
+    waiting.resize(3);
+    EXPECT_TRUE(isKeptWaiting([] { static_cast<void>(!pool().getBuffer(64)); }, waiting[0]));
+    EXPECT_TRUE(isKeptWaiting([] { pool().freeBuffer(given, 8); }, waiting[1]));
+    // The heap's share needs no lock; a thread that waited for it would never end.
+    waiting[2] = std::thread([] { pool().freeBuffer(pool().getBuffer(65), 65); });
+    waiting[2].join();
+  });
+  waiting[0].join();
+  waiting[1].join();
+  EXPECT_EQ(counts(), (Counts{2, 1, 0, 1, 0, 125}));
+  pool().freeBuffer(block, 8);
+}
+
+TEST(StringPoolManager, ThreadsThatTheNewHandlerStartsWaitForTheListsButNotForTheHeap) {
+  expectChildSucceeds("PoolNewHandlerStartsThreads");
+}
+
+// One block of each class comes back while the pool asks the heap on behalf of `size`.
+void freeInTheNewHandler(unsigned size, const Counts& expected) {
+  Blocks blocks;
+  blocks.drain();
+  static std::map<unsigned, void*> spare;
+  for (const unsigned spareSize : classes) {
+    spare[spareSize] = pool().getBuffer(spareSize);
+  }
+  blocks.drain();
+  void* const block = getBufferInAFamine(size, [] {
+    for (const auto& [spareSize, spareBlock] : spare) {
+      pool().freeBuffer(spareBlock, spareSize);
+    }
+  });
+  EXPECT_EQ(counts(), expected);
+  pool().freeBuffer(block, size);
+}
+
+CUL_CHILD(PoolNewHandlerFreesFor8) { freeInTheNewHandler(8, {2, 2, 1, 2, 1, 127}); }
+CUL_CHILD(PoolNewHandlerFreesFor24) { freeInTheNewHandler(24, {1, 1, 2, 1, 170, 1}); }
+
+TEST(StringPoolManager, BlocksThatTheNewHandlerFreesAreKept) {
+  expectChildSucceeds("PoolNewHandlerFreesFor8");
+  expectChildSucceeds("PoolNewHandlerFreesFor24");
 }
 #endif
 
