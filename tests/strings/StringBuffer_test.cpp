@@ -821,4 +821,22 @@ TYPED_TEST(StringBufferTest, LengthWhoseBlockCannotBeHadLeavesAnUsableBuffer) {
   EXPECT_EQ(asciiOf(s), "abc");
 }
 
+TYPED_TEST(StringBufferTest, EditWhoseResultCannotBeHadChangesNothing) {
+  using T = TypeParam;
+  struct Opened : StringBuffer<T> {
+    using StringBuffer<T>::buffer;
+    using StringBuffer<T>::len;
+  };
+  // Two such texts fill 4 GiB without their terminator. Nothing may look at the elements,
+  // which are not there.
+  constexpr auto half = static_cast<unsigned>((std::uint64_t{1} << 31) / sizeof(T));
+  Opened s;
+  const T* const before = s.buffer;
+  s.len = half;
+  EXPECT_THROW(s += s, std::bad_alloc);
+  EXPECT_EQ(s.buffer, before);
+  EXPECT_EQ(s.len, half);
+  s.len = 0;
+}
+
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "Engine/utilities/EncodedString.h"
 
+#include "tests/support/Child.h"
 #include "tests/support/EnvironmentGuard.h"
 
 namespace {
@@ -186,6 +187,20 @@ TEST(TimeDateStamp, WritesLocalTimeInTwoForms) {
   const TimeDateStamp stamp = stampAt(lastOfJanuary);
   EXPECT_EQ(textOf(stamp, true), "20240131185959");
   EXPECT_EQ(textOf(stamp, false), "2024/01/31 18:59:59");
+}
+
+CUL_CHILD(TimeDateStampNative) {
+  const ZoneGuard zone("UTC0");
+  const EncodedString text = TimeDateStamp(2001, 2, 3, 4, 5, 6).asString(true);
+  EXPECT_TRUE(text == EncodedString("20010203040506", EncodedString::native));
+  EXPECT_FALSE(text == EncodedString("20010203040506", EncodedString::utf8));
+}
+
+TEST(TimeDateStamp, TextIsReadInTheNativeCodePage) {
+  ChildOptions options;
+  options.environment["QVX_DBG_CODEPAGE"] = "IBM1047";
+  const ChildResult r = runChild("TimeDateStampNative", options);
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
 TEST(TimeDateStamp, FillsFieldsWithZeros) {
