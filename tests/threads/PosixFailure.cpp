@@ -22,11 +22,15 @@ int callOrFail(PosixCall call, std::atomic<void*>& next, const char* name, Argum
   }
   void* function = next.load(std::memory_order_acquire);
   if (function == nullptr) {
+#if defined(__SANITIZE_THREAD__)
+    function = dlsym(RTLD_NEXT, name);  // the sanitizer's, which has no version
+#else
     // The condition functions have an older version, too, which plain dlsym may give.
     function = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2");
     if (function == nullptr) {
       function = dlsym(RTLD_NEXT, name);
     }
+#endif
     next.store(function, std::memory_order_release);
   }
   return reinterpret_cast<int (*)(Arguments...)>(function)(arguments...);
@@ -71,3 +75,12 @@ CUL_STAND_BEFORE(create, pthread_create,
                  (pthread_t * id, const pthread_attr_t* attributes, void* (*entry)(void*),
                   void* argument) noexcept,
                  id, attributes, entry, argument)
+CUL_STAND_BEFORE(join, pthread_join, (pthread_t id, void** value), id, value)
+
+#if defined(__SANITIZE_THREAD__)
+// A request to end a thread unwinds it from inside the signal handler, at a place where that
+// was found to be sound; the sanitizer only sees that destructors run in a handler.
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
+  return "report_signal_unsafe=0";
+}
+#endif

@@ -12,7 +12,8 @@ enum class PosixCall {
   condDestroy,
   condWait,
   condBroadcast,
-  create
+  create,
+  join
 };
 
 /// Lets the next such call of the calling thread fail without having done anything.

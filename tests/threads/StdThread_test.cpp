@@ -282,20 +282,15 @@ TEST(StdThread_Termination, WaitTellsWhetherAnUnstartedThreadUsesTheToken) {
 
 TEST(StdThread_Termination, GivesTheResultOfTheJoin) {
   StdThread::Termination termination;
-  int result = -1;
-  // A thread cannot join itself.
-  std::promise<void> go;
-  std::promise<void> joined;
-  startThread(
-      [&] {
-        go.get_future().wait();
-        result = termination.wait(0);
-        joined.set_value();
-      },
-      &termination);
-  go.set_value();
-  joined.get_future().wait();
-  EXPECT_EQ(result, EDEADLK);
+  startThread([] {}, &termination);
+  {
+    const PosixFailure failure(PosixCall::join, EDEADLK, 0);
+    EXPECT_EQ(termination.wait(0), EDEADLK);
+  }
+  {
+    const PosixFailure failure(PosixCall::join, EINVAL, 0);
+    EXPECT_EQ(termination.systemWait(0), EINVAL);
+  }
   EXPECT_EQ(termination.systemWait(0), 0);
 }
 

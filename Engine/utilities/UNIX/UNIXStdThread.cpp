@@ -166,7 +166,8 @@ void StdThreadRun::abandon() noexcept {
   thread_->setThreadId(0);
 }
 
-extern "C" void* StdThreadRunFF(void* runRecord) {
+// The unwinding of a thread that ends has no object, so the reference caught here is null.
+__attribute__((no_sanitize("null"))) void* StdThreadRunFF(void* runRecord) {
   const HoldRequests hold;
   const std::unique_ptr<StdThreadRun> record(static_cast<StdThreadRun*>(runRecord));
   const RunningHere here(record->thread(), __builtin_frame_address(0));

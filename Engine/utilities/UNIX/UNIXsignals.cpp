@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <execinfo.h>
 #include <memory>
+#include <ucontext.h>
 
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -29,8 +30,12 @@ struct sigaction defaultAction() {
   return action;
 }
 
-// A handler's signal is blocked while it runs, and a jump out of it does not undo that.
-void unblock(int signal) {
+// Signals are blocked while a handler runs, and a jump out of it does not undo that.
+void unblock(int signal, const void* context) {
+  if (context != nullptr) {
+    pthread_sigmask(SIG_SETMASK, &static_cast<const ucontext_t*>(context)->uc_sigmask, nullptr);
+    return;
+  }
   sigset_t one;
   sigemptyset(&one);
   sigaddset(&one, signal);
@@ -49,7 +54,7 @@ int registerHandlerForSignal(int signal) {
   return sigaction(signal, &handled, nullptr);
 }
 
-void CUL_SignalHandler(int signal, siginfo_t* info, void*) {
+void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
   const HoldRequests hold;
   const struct sigaction byDefault = defaultAction();
   sigaction(signal, &byDefault, nullptr);
@@ -64,7 +69,7 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void*) {
   StdThread* thread = StdThread::currentThread();
   if (thread != nullptr) {
     CUL_TRACE(TraceType::error, sourceFile, 71, "Attempting longjmp recovery");
-    unblock(signal);
+    unblock(signal, context);
     thread->longjmp(signal, 0);
     CUL_TRACE(TraceType::error, sourceFile, 73, "No recovery possible");
   } else {

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <dlfcn.h>
 #include <link.h>
+#include <pthread.h>
 #include <string_view>
 #include <unwind.h>
 
@@ -92,14 +93,15 @@ const link_map* moduleOf(const void* instruction) {
                                                                        : nullptr;
 }
 
-// The C library and what stands beside it: full of locks that no exception table knows.
+// The C library and what stands beside it: full of locks that no exception table knows. What
+// belongs to no file (the kernel's own object, say) is called from there.
 bool isRuntime(const void* instruction) {
-  static constexpr std::array<std::string_view, 8> names = {
-      "libc.so",     "ld-linux",   "libpthread.so", "libstdc++.so",
+  static constexpr std::array<std::string_view, 9> names = {
+      "libc.so",     "ld-linux",   "libpthread.so", "libstdc++.so", "linux-vdso",
       "libgcc_s.so", "libasan.so", "libtsan.so",    "libubsan.so"};
   const link_map* module = moduleOf(instruction);
   if (module == nullptr || module->l_name == nullptr) {
-    return false;
+    return true;
   }
   std::string_view name = module->l_name;
   name.remove_prefix(name.rfind('/') + 1);
@@ -117,13 +119,32 @@ bool isOwn(const void* instruction) {
   return moduleOf(instruction) == moduleOf(&here);
 }
 
+// Whether the thread is inside a cancellation point of the C library, which can be left by
+// unwinding; other waits, for a mutex say, would be left half counted. The library runs its
+// cancellation points with asynchronous cancellation; from version 2.41 on it no longer does,
+// and nothing tells the waits apart.
+bool isCancellationPoint() {
+#if __GLIBC_PREREQ(2, 41)
+  return true;
+#else
+  int type = PTHREAD_CANCEL_DEFERRED;
+  pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
+  if (type != PTHREAD_CANCEL_ASYNCHRONOUS) {
+    return false;
+  }
+  pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
+  return true;
+#endif
+}
+
 // Whether a signal arriving at `instruction` has cut a wait in the kernel short: the system
 // call is about to be repeated, or has failed for the signal.
 bool isInterruptedWait(const unsigned char* instruction, std::intptr_t rax) {
   constexpr unsigned char systemCall[] = {0x0f, 0x05};
-  return std::memcmp(instruction, systemCall, sizeof systemCall) == 0 ||
-         (rax == -EINTR &&
-          std::memcmp(instruction - sizeof systemCall, systemCall, sizeof systemCall) == 0);
+  return (std::memcmp(instruction, systemCall, sizeof systemCall) == 0 ||
+          (rax == -EINTR &&
+           std::memcmp(instruction - sizeof systemCall, systemCall, sizeof systemCall) == 0)) &&
+         isCancellationPoint();
 }
 
 struct Walk {
