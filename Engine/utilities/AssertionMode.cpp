@@ -19,25 +19,9 @@ constexpr Word words[] = {{"EXCEPTION", assertionThrows, true},
 constexpr std::string_view separators = ", ";
 constexpr int defaultMode = 0;
 
-constexpr char upper(char c) noexcept {
-  return c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c;
-}
-
-bool isSameWord(std::string_view text, std::string_view name) noexcept {
-  if (text.size() != name.size()) {
-    return false;
-  }
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (upper(text[i]) != name[i]) {
-      return false;
-    }
-  }
-  return true;
-}
-
 const Word* find(std::string_view text) noexcept {
   for (const Word& word : words) {
-    if (isSameWord(text, word.name)) {
+    if (text == word.name) {
       return &word;
     }
   }

@@ -5,7 +5,7 @@
 /// \file
 /// What a failed assertion does beyond leaving a line in the trace. The user chooses it
 /// with the environment variable "QVX_DBG_ASSERTION": words separated by "," or blanks, in
-/// any case, each changing what the words before it have set. "EXCEPTION" and
+/// upper case, each changing what the words before it have set. "EXCEPTION" and
 /// "NOEXCEPTION" switch throwing on and off, "POPUP" and "NOPOPUP" printing. A value with
 /// any other word is refused as a whole. Without the variable both are off.
 ///

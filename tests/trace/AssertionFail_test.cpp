@@ -146,7 +146,10 @@ TEST(AssertionMode, IsMadeOfTheWordsInTheirOrder) {
   EXPECT_EQ(modeOf(" , "), 0);
 }
 
-TEST(AssertionMode, TakesWordsInAnyCase) { EXPECT_EQ(modeOf("Exception,popUp"), 3); }
+TEST(AssertionMode, TellsLowerCaseFromUpperCase) {
+  EXPECT_EQ(modeOf("exception"), 0);
+  EXPECT_EQ(modeOf("EXCEPTION,Popup"), 0);
+}
 
 TEST(AssertionMode, IsZeroWhenAnyWordIsUnknown) {
   EXPECT_EQ(modeOf("EXCEPTION,POP"), 0);
