@@ -637,6 +637,7 @@ void TraceImplementation::traceInternal(const char* format, ...) noexcept {
 
 void TraceImplementation::_traceGMH(const char* function, unsigned line, const char* tag,
                                     const GMH_HandlerDiagnostic* handler, const char* format, ...) {
+  const KeepErrno keepErrno;
   const Tag composed =
       handler != nullptr ? Tag{orNull(tag), "/", orNull(handler->diagnosticText())} : Tag{tag};
   va_list arguments;
@@ -766,8 +767,10 @@ void TraceImplementation::processForked() noexcept {
   }
   const KeepErrno keepErrno;
   const HoldRequests hold;
-  if (isStandard() && reopenInChild_) {
-    standardCopy_ = fcntl(fileno(output_), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (isStandard()) {
+    // Without a copy there is none to go on with: the stream itself must not be used again.
+    standardCopy_ =
+        reopenInChild_ ? fcntl(fileno(output_), F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : noCopy;
   }
   std::fclose(output_);
   output_ = nullptr;

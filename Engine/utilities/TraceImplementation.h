@@ -161,6 +161,7 @@ class CUL_EXPORT TraceImplementation {
   struct Tag;
 
   static constexpr int notTaken = -2;
+  static constexpr int noCopy = -1;
 
   explicit TraceImplementation(const wchar_t* configuration) noexcept;
 

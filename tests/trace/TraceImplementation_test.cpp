@@ -23,6 +23,7 @@
 
 #include <gmock/gmock.h>
 
+#include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/signals.h"
@@ -65,7 +66,9 @@ extern "C" int gethostname(char* name, size_t length) noexcept {
     return original(name, length);
   }
   std::snprintf(name, length, "%s", host().name.c_str());
-  errno = host().error;
+  if (host().error != 0) {
+    errno = host().error;
+  }
   return host().result;
 }
 
@@ -305,6 +308,7 @@ TEST(TraceHost, KeepsTracingOffWhenItIsNotInTheList) {
 CUL_CHILD(TraceOneLineOnAHost) {
   host() = {childArguments()[0], std::atoi(childArguments()[1].c_str()),
             std::atoi(childArguments()[2].c_str())};
+  errno = ENOENT;  // of a call before: of no account
   taggedTrace("void f(int)", 12, "ERROR", "a line");
   std::printf("%d", isTraced(TraceType::active) ? 1 : 0);
 }
@@ -859,7 +863,10 @@ TEST(TraceLine, NamesTheThreadInEightCharacters) {
 namespace {
 
 struct Handler : GMH_HandlerDiagnostic {
-  const char* diagnosticText() const override { return "handler 9"; }
+  const char* diagnosticText() const override {
+    errno = EINVAL;
+    return "handler 9";
+  }
 };
 
 }  // namespace
@@ -867,7 +874,9 @@ struct Handler : GMH_HandlerDiagnostic {
 CUL_CHILD(LinesWithComposedTags) {
   TraceImplementation* trace = traceImplementation();
   const Handler handler;
+  errno = 77;
   trace->_traceGMH("f()", 1, "GMH", &handler, "with %s", "handler");
+  EXPECT_EQ(errno, 77);
   trace->_traceGMH("f()", 2, "GMH", nullptr, "without %s", "handler");
   trace->_traceGMH("f()", 3, nullptr, nullptr, "without tag");
   trace->traceSession("f()", 4, "AGENT", reinterpret_cast<void*>(0xABC0), "with %s", "session");
@@ -1036,6 +1045,46 @@ TEST(TraceRing, KeepsWhatStandsBeforeARewindPoint) {
   EXPECT_LE(std::filesystem::file_size(file), 2 * megabyte + 10000);
 }
 
+CUL_CHILD(FillTheRingToTheByte) {
+  TraceImplementation* trace = traceImplementation();
+  const auto size = [] {
+    struct stat info = {};
+    EXPECT_EQ(stat(childArguments()[0].c_str(), &info), 0);
+    return static_cast<unsigned>(info.st_size);
+  };
+  constexpr unsigned lineSize = 1024;
+  constexpr unsigned fitting = 2 * megabyte / lineSize;
+  const auto write = [&](unsigned lines) {
+    // Stamp, tag, function and line take 37 bytes and the newline 1.
+    const std::string text(lineSize - 38, 'z');
+    for (unsigned i = 0; i < lines; ++i) {
+      trace->taggedTrace("f()", 1, "X", "%s", text.c_str());
+    }
+  };
+  const unsigned first = trace->setRewindPoint();
+  write(fitting);
+  EXPECT_EQ(size(), first + 2 * megabyte) << "the last line still fits";
+  write(1);
+  EXPECT_EQ(size(), first + 2 * megabyte) << "one more does not";
+  write(99);
+
+  // A point in the second pass of the ring keeps what this pass has written, no more.
+  const unsigned second = trace->setRewindPoint();
+  EXPECT_EQ(second, first + 100 * lineSize + 73);
+  EXPECT_EQ(size(), first + 2 * megabyte);
+  write(fitting);
+  EXPECT_EQ(size(), second + 2 * megabyte);
+  write(2);
+  EXPECT_EQ(size(), second + 2 * megabyte);
+  EXPECT_EQ(trace->setRewindPoint(), second + 2 * lineSize + 73);
+}
+
+TEST(TraceRing, IsFullToTheByteBehindEachRewindPoint) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("trace");
+  runWith("FillTheRingToTheByte", {{"QVX_DBG_TRACE", file + ",2"}}, {file});
+}
+
 // ---------------------------------------------------------------------------------------
 // Pauses
 
@@ -1193,6 +1242,24 @@ CUL_CHILD(ForkAndLookAtDescriptors) {
 TEST(TraceAfterFork, ClosesTheStandardStreamAndGoesOnOnACopyOfItsDescriptor) {
   EXPECT_EQ(runWith("ForkAndLookAtDescriptors", {{"QVX_DBG_TRACE", ",ALL"}}).out, "1");
   EXPECT_EQ(runWith("ForkAndLookAtDescriptors", {{"QVX_DBG_TRACE", ",ALL,CHILD"}}).out, "3");
+}
+
+CUL_CHILD(ForkAndOpenAgain) {
+  TraceImplementation* trace = traceImplementation();
+  const pid_t child = fork();
+  if (child == 0) {
+    trace->processForked();
+    trace->openFiles();
+    taggedTrace("f()", 1, "X", "dropped");
+    _exit(trace->isActive() ? 1 : 0);
+  }
+  EXPECT_EQ(statusOf(child), 0);
+}
+
+TEST(TraceAfterFork, DoesNotOpenAStandardStreamThatWasClosedForGood) {
+  for (const char* stream : {"stdout", "stderr"}) {
+    runWith("ForkAndOpenAgain", {{"QVX_DBG_TRACE", std::string(stream) + ",ALL"}});
+  }
 }
 
 CUL_CHILD(ForkAGrandchild) {
@@ -1383,13 +1450,19 @@ CUL_CHILD(ForkWhileOthersTrace) {
   EXPECT_TRUE(isTraced(TraceType::error));
   std::atomic<bool> isDone = false;
   std::vector<std::thread> threads;
-  for (int thread = 0; thread < 3; ++thread) {
+  for (int thread = 0; thread < 2; ++thread) {
     threads.emplace_back([&] {
       while (!isDone) {
         taggedTrace("f()", 1, "X", "busy");
       }
     });
   }
+  // Nor must the child wait for the lock of the string pool.
+  threads.emplace_back([&] {
+    while (!isDone) {
+      const ByteString text("short");
+    }
+  });
   for (int i = 0; i < 100; ++i) {
     const pid_t child = fork();
     if (child == 0) {
