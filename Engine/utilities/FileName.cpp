@@ -64,7 +64,7 @@ FileName& FileName::operator=(const EncodedString& text) {
 
 void FileName::validate() {
   forgetParts();
-  if (len == 0 || len > longest) {
+  if (len == 0) {
     return;
   }
   if (buffer[len - 1] == '/') {
@@ -72,7 +72,9 @@ void FileName::validate() {
               "Filename ends with PathSepChar.");
     return;
   }
-  findParts();
+  if (len <= longest) {
+    findParts();
+  }
 }
 
 void FileName::forgetParts() noexcept {
@@ -266,16 +268,18 @@ FileName FileName::findFile(const FileName& name, const EncodedString& searchPat
   if (current.length() == 0) {
     return {};
   }
-  FileName candidate = name;
   if (name.basePosition > 1) {
-    if (!candidate.isAccessible(executable)) {
+    if (!name.isAccessible(executable)) {
       return {};
     }
-    candidate.rationalizePath(current);
-    return candidate;
+    FileName found = name;
+    found.rationalizePath(current);
+    return found;
   }
   std::string_view list = viewOf(searchPath);
   for (EncodedString folder = current; folder.length() != 0; folder = textOf(nextPathEntry(list))) {
+    // Each from the name anew: a candidate that is too long cannot be changed any more.
+    FileName candidate = name;
     candidate.change_path(folder);
     if (candidate.isAccessible(executable)) {
       candidate.rationalizePath(current);

@@ -251,6 +251,18 @@ TEST(FileName, TracesASeparatorAtItsEndAndNothingElse) {
       << r.trace;
 }
 
+CUL_CHILD(FileNameTracesASeparatorAtAFarEnd) {
+  std::string path(FileName::longest + 1, 'n');
+  path.back() = '/';
+  EXPECT_FALSE(name(path).isValidName());
+}
+
+TEST(FileName, TracesASeparatorAtItsEndHoweverLongItIs) {
+  const TracedChildResult r = runTracedChild("FileNameTracesASeparatorAtAFarEnd");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  EXPECT_EQ(occurrences(r.trace, "Filename ends with PathSepChar."), 1U);
+}
+
 TEST(FileName, OfTheGreatestLengthHasAllItsPieces) {
   const std::string whole = longName(FileName::longest);
   ASSERT_EQ(whole.size(), 65535U);
@@ -649,6 +661,17 @@ CUL_CHILD(FindFileAlongThePath) {
 
 TEST(FindFile, LooksInTheWorkingDirectoryAndThenAlongThePath) {
   SearchFolder().run("FindFileAlongThePath");
+}
+
+CUL_CHILD(FindFileBehindAnEntryThatIsTooLong) {
+  const std::string top = childArguments().at(0);
+  std::string tooLong(FileName::longest, 'd');
+  tooLong.front() = '/';
+  EXPECT_EQ(find("tool", tooLong + ":" + top + "/two", false), top + "/two/tool");
+}
+
+TEST(FindFile, PassesOverAnEntryThatIsTooLongForAName) {
+  SearchFolder().run("FindFileBehindAnEntryThatIsTooLong");
 }
 
 CUL_CHILD(FindFileWithAFolder) {
