@@ -435,6 +435,7 @@ TEST(CharString, ChangeReplacesTheFirstOccurrenceOnly) {
   EXPECT_EQ(result(L"banana", L"banana", L"", 1), L"");
   EXPECT_EQ(result(L"banana", L"banana", L"x", 1), L"x");
   EXPECT_EQ(result(L"banana", L"", L"x", 3), L"baxnana");
+  EXPECT_EQ(result(L"banana", L"", L"x", 7), L"banana");
   EXPECT_EQ(result(L"", L"a", L"x", 1), L"");
 }
 
@@ -744,7 +745,13 @@ TEST(CharString, AsValueReadsTheWholeRangeOfEachType) {
 }
 
 TEST(CharString, AsValueAgreesWithSscanf) {
-  for (const std::wstring& t : someTexts(L"0123456789 +-\tax", 6, 20000)) {
+  std::vector<std::wstring> texts = someTexts(L"0123456789 +-\tax", 6, 20000);
+  // What is too great for a type is up to the C library, too.
+  for (const std::wstring& t : someTexts(L"0123456789", 24, 2000)) {
+    texts.push_back(t);
+    texts.push_back(L"-" + t);
+  }
+  for (const std::wstring& t : texts) {
     const std::string narrow(t.begin(), t.end());
     char behind = 0;
     int i = 99;
