@@ -10,6 +10,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <string_view>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -128,6 +129,8 @@ bool converse(Pipe& in, Pipe& out, Pipe& err, const ChildOptions& options, Child
 void becomeChild(Pipe& in, Pipe& out, Pipe& err, const ChildOptions& options, char** argv,
                  char** envp) {
   setpgid(0, 0);
+  // A test that is killed takes its child along.
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
   dup2(in.ends[0], 0);
   dup2(out.ends[1], 1);
   dup2(err.ends[1], 2);

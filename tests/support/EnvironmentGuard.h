@@ -7,7 +7,7 @@
 /// Sets or unsets one environment variable until the end of the scope.
 class EnvironmentGuard {
  public:
-  EnvironmentGuard(const char* name, std::optional<std::string> value) : name_(name) {
+  EnvironmentGuard(const char* name, const std::optional<std::string>& value) : name_(name) {
     if (const char* old = getenv(name); old != nullptr) {
       old_ = old;
     }
