@@ -324,12 +324,17 @@ TEST(EncodedString, KnowsWhetherItIsValidUtf8) {
   EXPECT_FALSE(utf8("\x80").isValid());
   EXPECT_FALSE(utf8("caf\xC3").isValid());
   EXPECT_FALSE(utf8("\xFE").isValid());
+  // A zero byte ends nothing.
+  EXPECT_TRUE(utf8("a\0\xC3\xA9"sv).isValid());
+  EXPECT_FALSE(utf8("a\0\x80"sv).isValid());
+  EXPECT_FALSE(utf8("\xC3\0"sv).isValid());
 }
 
 TEST(EncodedString, KnowsWhetherItIsMoreThanAscii) {
   EXPECT_FALSE(E().isNLS());
   EXPECT_FALSE(utf8("abc\x7F\0"sv).isNLS());
   EXPECT_TRUE(utf8("\x80").isNLS());
+  EXPECT_TRUE(utf8("a\0\x80"sv).isNLS());
   EXPECT_TRUE(utf8("a long text that ends in caf\xC3\xA9").isNLS());
 }
 

@@ -151,6 +151,10 @@ TEST(UTF8Converter, ConvertsAsciiOnlyInTheCLocale) {
   expectSuccess("CodepageIsAscii", {{"LC_ALL", "no_SUCH.locale"}});
 }
 
+TEST(UTF8Converter, AsksForTheLocaleOfAllCategoriesOrNone) {
+  expectSuccess("CodepageIsAscii", {{"LC_CTYPE", "C.UTF-8"}, {"LC_TIME", "no_SUCH.locale"}});
+}
+
 CUL_CHILD(CodepageOfALegacyLocale) {
   EXPECT_STREQ(codepage(), "ISO-8859-15");
   EXPECT_EQ(in("\xA4"), "\xE2\x82\xAC");
@@ -286,6 +290,28 @@ CUL_CHILD(OutputLimitIsTheInputLength) {
 
 TEST(UTF8Converter, GivesNoMoreNativeBytesThanThereWereBytesOfUtf8) {
   expectSuccess("OutputLimitIsTheInputLength", {{"QVX_DBG_CODEPAGE", "ISO-2022-JP"}});
+}
+
+CUL_CHILD(OutputLimitIsSixBytesForOne) {
+  // One byte that stands for four characters, three bytes of UTF-8 each.
+  EXPECT_EQ(in("\x82"), "\u0bb8\u0bcd");
+  EXPECT_EQ(in("\x82z"), "\u0bb8\u0bcd\u0bb0\u0bc0");
+  EXPECT_EQ(in("\x82zz"), "\u0bb8\u0bcd\u0bb0\u0bc0zz");
+}
+
+TEST(UTF8Converter, GivesNoMoreThanSixBytesOfUtf8ForEachNativeByte) {
+  expectSuccess("OutputLimitIsSixBytesForOne", {{"QVX_DBG_CODEPAGE", "TSCII"}});
+}
+
+CUL_CHILD(LastCharacterIsNotLost) {
+  // It could take an accent that follows.
+  EXPECT_EQ(in("a"), "a");
+  EXPECT_EQ(in("za"), "za");
+  EXPECT_EQ(in("a\xEC"), "\u00e1");
+}
+
+TEST(UTF8Converter, ConvertsALastCharacterThatCouldTakeAnAccent) {
+  expectSuccess("LastCharacterIsNotLost", {{"QVX_DBG_CODEPAGE", "CP1258"}});
 }
 
 CUL_CHILD(ManyThreadsConvert) {

@@ -642,6 +642,9 @@ CUL_CHILD(ConvertFromCodePages) {
   EXPECT_EQ(text(U::convertFromCP(e9, "ISO-8859-5")), "caf\xD1\x89");
   EXPECT_EQ(text(U::convertFromCP("\x93\xFA\x96\x7B", "SHIFT_JIS")), "\u65e5\u672c");
   EXPECT_EQ(text(U::convertFromCP(std::string(5000, '\xE9').c_str(), "ISO-8859-1")).size(), 10000U);
+  // Six bytes at most for each byte: this one stands for four characters of three each.
+  EXPECT_EQ(text(U::convertFromCP("\x82", "TSCII")), "\u0bb8\u0bcd");
+  EXPECT_EQ(text(U::convertFromCP("\x82zz", "TSCII")), "\u0bb8\u0bcd\u0bb0\u0bc0zz");
   // The one spelling copies, any other converts.
   EXPECT_EQ(text(U::convertFromCP(e9, "UTF-8")), e9);
   EXPECT_EQ(text(U::convertFromCP(e9, "utf-8")), "caf?");
