@@ -435,10 +435,15 @@ TEST(iconvDebug, StartsEachConversionFromTheInitialShiftState) {
 }
 
 TEST(iconvDebug, GivesACharacterThatIconvHoldsBack) {
-  // It could be the first half of a character that has no composed form.
-  const IconvDescriptor descriptor("UTF-8", "BIG5-HKSCS");
-  EXPECT_EQ(debug(descriptor, "\x88\x66", 100), "\u00ca");
-  EXPECT_EQ(debug(descriptor, "\x88\x66z", 100), "\u00caz");
+  // Together with an accent that follows it could be one character.
+  const IconvDescriptor vietnamese("UTF-8", "CP1258");
+  EXPECT_EQ(debug(vietnamese, "a", 100), "a");
+  EXPECT_EQ(debug(vietnamese, "a\xEC", 100), "\u00e1");
+  const IconvDescriptor chinese("BIG5-HKSCS", "UTF-8");
+  EXPECT_EQ(debug(chinese, "\u00ca", 100), "\x88\x66");
+  EXPECT_EQ(debug(chinese, "\u00ca\u0304", 100), "\x88\x62");
+  EXPECT_EQ(debug(chinese, "\u00ca", 3), "\x88\x66");
+  EXPECT_EQ(debug(chinese, "\u00ca", 2), "");
 }
 
 TEST(iconvDebug, PutsOnlyQuestionMarksForAnInvalidDescriptor) {
