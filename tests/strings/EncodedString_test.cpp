@@ -180,6 +180,8 @@ TEST(EncodedString, FormatsNumbers) {
   EXPECT_EQ(text(E::number(ULONG_MAX)), "18446744073709551615");
   EXPECT_EQ(text(E::number(0.1F)), "0.1");
   EXPECT_EQ(text(E::number(1e20F)), "1e+20");
+  EXPECT_EQ(text(E::number(1.0F / 3)), "0.333333");
+  EXPECT_EQ(text(E::number(-FLT_MAX)), "-3.40282e+38");
   EXPECT_EQ(text(E::number(0.1)), "0.1");
   EXPECT_EQ(text(E::number(100000.0)), "100000");
   EXPECT_EQ(text(E::number(1234567.0)), "1.23457e+06");

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <barrier>
 #include <cerrno>
 #include <clocale>
 #include <cstdlib>
@@ -198,6 +199,17 @@ CUL_CHILD(ConverterIsOne) {
 
 TEST(UTF8Converter, FixesTheCodePageByItsFirstUse) {
   expectSuccess("ConverterIsOne", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}});
+}
+
+CUL_CHILD(ErrnoIsKept) {
+  errno = 4711;
+  EXPECT_NE(codepage(), nullptr);
+  EXPECT_EQ(errno, 4711);
+}
+
+TEST(UTF8Converter, KeepsErrnoWhateverItHasToTry) {
+  expectSuccess("ErrnoIsKept", {{"QVX_DBG_CODEPAGE", "NO-SUCH-CODE-PAGE"}, {"LC_ALL", "no_SUCH"}});
+  expectSuccess("ErrnoIsKept", {{"LC_ALL", "C.UTF-8"}});
 }
 
 // Converters that cannot be had.
@@ -462,13 +474,22 @@ TEST(iconvDebug, KeepsErrno) {
 TEST(iconvDebug, LetsOneThreadConvertAtATime) {
   // A descriptor must not be used by two threads at once: sharing one shows the lock.
   const IconvDescriptor descriptor("ISO-2022-JP", "UTF-8");
+  std::string input;
+  std::string expected;
+  for (int i = 0; i < 500; ++i) {
+    input += "a\u65e5z";
+    expected += "a\x1B$BF|\x1B(Bz";
+  }
+  std::barrier start(4);
   std::array<std::jthread, 4> threads;
   for (std::jthread& thread : threads) {
-    thread = std::jthread([&descriptor] {
-      char area[64];
-      for (int round = 0; round < 2000; ++round) {
-        const size_t n = iconvDebug(descriptor.get(), "a\u65e5z", 5, area, sizeof area);
-        ASSERT_EQ(std::string(area, n), "a\x1B$BF|\x1B(Bz");
+    thread = std::jthread([&] {
+      std::string area(expected.size() + 1, '#');
+      start.arrive_and_wait();
+      for (int round = 0; round < 600; ++round) {
+        const size_t n =
+            iconvDebug(descriptor.get(), input.data(), input.size(), area.data(), area.size());
+        ASSERT_TRUE(std::string_view(area.data(), n) == expected) << round;
       }
     });
   }
