@@ -13,7 +13,8 @@
 /// serialises them and never gives up on what cannot be converted. Any thread. Nothing
 /// throws, but for a failed allocation.
 
-/// Converts all of `input`, from the descriptor's initial shift state on. Where iconv stops,
+/// Converts all of `input`, from the descriptor's initial shift state on and, when there is
+/// room, back to it: a last character that iconv holds back is not lost. Where iconv stops,
 /// a "?" is put out and one input byte, no more, is skipped; when the output area is full
 /// the rest of the input is dropped. Keeps `errno`.
 /// \param outputSize size of `output` in bytes. The last byte is kept for a final zero; with
