@@ -714,6 +714,20 @@ TEST(FindFile, FindsNothingWithoutAWorkingDirectory) {
   SearchFolder().run("FindFileInARemovedFolder");
 }
 
+CUL_CHILD(FindFileBelowALongPath) {
+  std::string current = std::filesystem::current_path().string();
+  while (current.size() < 2000) {
+    const std::string folder(200, 'd');
+    ASSERT_EQ(mkdir(folder.c_str(), 0755), 0);
+    ASSERT_EQ(chdir(folder.c_str()), 0);
+    current += "/" + folder;
+  }
+  writeFile("deep", "x");
+  EXPECT_EQ(find("deep", "", false), current + "/deep");
+}
+
+TEST(FindFile, KnowsALongWorkingDirectory) { SearchFolder().run("FindFileBelowALongPath"); }
+
 CUL_CHILD(FindFileWithForeignNames) {
   const std::string top = childArguments().at(0);
   // A name in UTF-8 on a system whose code page is ASCII.

@@ -355,11 +355,33 @@ TEST(ResolveSymbolicLink, EndsTheProcessForAChainOfElevenLinks) {
   EXPECT_EQ(r.out, "");
 }
 
-CUL_CHILD(ResolveWithoutPermission) {
-  becomeAnOrdinaryUser();
+namespace {
+
+void printResolved() {
   for (const std::string& path : childArguments()) {
     std::printf("%s\n", text(resolveSymbolicLink(encoded(path))).c_str());
   }
+}
+
+}  // namespace
+
+CUL_CHILD(ResolveWithoutPermission) {
+  becomeAnOrdinaryUser();
+  printResolved();
+}
+
+CUL_CHILD(ResolveToTheEnd) { printResolved(); }
+
+TEST(ResolveSymbolicLink, SaysNothingOfAPathThatIsNoLinkOrDoesNotExist) {
+  const TemporaryFolder folder;
+  makeChain(folder, 1);
+  writeFile(folder.file("file"), "x");
+  ChildOptions options;
+  options.arguments = {folder.file("1"), folder.file("file"), folder.path()};
+  const ChildResult r = runChild("ResolveToTheEnd", options);
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, folder.file("end") + "\n" + folder.file("file") + "\n" + folder.path() + "\n");
+  EXPECT_EQ(r.err, "");
 }
 
 TEST(ResolveSymbolicLink, SaysWhenALinkMayNotBeReadAndStopsThere) {
