@@ -129,6 +129,7 @@ StdThread::BlockTermination::BlockTermination() {
   __atomic_add_fetch(&currentThread()->blockCount_, 1, __ATOMIC_RELAXED);
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): the end of the thread passes here.
 StdThread::BlockTermination::~BlockTermination() noexcept(false) {
   StdThread* self = currentThread();
   constexpr unsigned short belowZero = 65535;

@@ -26,9 +26,9 @@
 /// calls of a function that has something to destroy) it is repeated many times a
 /// millisecond until it can. A loop that never waits may hardly ever be met at a good place:
 /// it should call thread_yield() now and then, where a thread ends, too. A `catch (...)`
-/// must throw on what it does not know. A lock taken without a
-/// guard stays taken, and so does one whose guard encloses nothing that could throw: the
-/// compiler sees no need to unlock on the way out. BlockTermination protects such code.
+/// must throw on what it does not know. A lock taken without a guard stays taken, and so
+/// does one whose guard encloses nothing that could throw: the compiler sees no need to
+/// unlock on the way out. BlockTermination protects such code.
 ///
 /// **Recovery from a fatal signal.** A thread may arm its recovery point before risky
 /// work; the handler of fatal signals then resumes there instead of ending the process:
@@ -91,6 +91,7 @@ class CUL_EXPORT StdThread {
     BlockTermination(const BlockTermination&) = delete;
     BlockTermination& operator=(const BlockTermination&) = delete;
     /// May end the thread.
+    // NOLINTNEXTLINE(bugprone-exception-escape): which passes here.
     ~BlockTermination() noexcept(false);
   };
 

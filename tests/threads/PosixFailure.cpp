@@ -50,10 +50,10 @@ PosixFailure::~PosixFailure() {
 }
 
 // One definition each of what PosixCall names.
-#define CUL_STAND_BEFORE(call, name, parameters, ...)               \
-  extern "C" int name parameters {                                  \
-    static constinit std::atomic<void*> next = nullptr;             \
-    return callOrFail(PosixCall::call, next, #name, ##__VA_ARGS__); \
+#define CUL_STAND_BEFORE(call, name, parameters, ...)             \
+  extern "C" int name parameters {                                \
+    static constinit std::atomic<void*> next = nullptr;           \
+    return callOrFail(PosixCall::call, next, #name, __VA_ARGS__); \
   }
 
 CUL_STAND_BEFORE(mutexInit, pthread_mutex_init,

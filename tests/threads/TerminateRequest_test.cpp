@@ -300,7 +300,7 @@ TEST(TerminateRequest, WaitsForALockThatIsBeingTaken) {
   LockGuard guard(lock, "owner", 2);
 }
 
-TEST(TerminateRequest, WaitsUntilAMutexOfTheCLibraryIsTaken) {
+TEST(TerminateRequest, WaitsUntilALockOfTheCLibraryIsTaken) {
   pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
   pthread_rwlock_wrlock(&lock);
   StdThread::Termination termination;

@@ -32,7 +32,9 @@ void UNIX_Critical_Section::release(const char* file, unsigned int line) {
   if (--count_ == 0) {
     const HoldRequests hold;
     __atomic_store_n(&owner_, pthread_t{0}, __ATOMIC_RELEASE);
-    UNIX_Mutex::release(file, line);
+    if (pthread_mutex_unlock(nativeHandle()) != 0) {
+      warn("pthread_mutex_unlock", file, line);
+    }
   }
 }
 

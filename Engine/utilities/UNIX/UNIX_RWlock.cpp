@@ -59,8 +59,10 @@ class RWlock::Waiting {
 
 RWlock::RWlock(RWlockBase::Priority priority) : priority_(priority), holders_(10) {
   static constexpr const char* function = "RWlock::RWlock(RWlockBase::Priority)";
+  // NOLINTBEGIN(modernize-use-nullptr): the expressions' texts are part of the messages.
   ASSERT_CALL(function, 18, !pthread_mutex_init(&_mutex, 0));
   ASSERT_CALL(function, 19, !pthread_cond_init(&_cond, 0));
+  // NOLINTEND(modernize-use-nullptr)
 }
 
 RWlock::~RWlock() noexcept(false) {
