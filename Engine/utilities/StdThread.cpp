@@ -67,6 +67,9 @@ void StdThread::start_thread(unsigned int stackSize) {
 }
 
 int StdThread::requestTerminate() const {
+  // A thread that ends clears the id under this lock, before its id becomes invalid.
+  HoldRequests hold;
+  LockGuard guard(StdThreadRun::startLock(), "int StdThread::requestTerminate() const", __LINE__);
   const pthread_t id = threadId();
   return id == 0 ? ESRCH : pthread_kill(id, SIGUSR2);
 }
@@ -137,7 +140,7 @@ StdThread::BlockTermination::~BlockTermination() noexcept(false) {
   if (__atomic_sub_fetch(&self->blockCount_, 1, __ATOMIC_RELAXED) == belowZero) {
     __atomic_store_n(&self->blockCount_, 0, __ATOMIC_RELAXED);
     if (__atomic_load_n(&self->terminationPending_, __ATOMIC_RELAXED) != 0) {
-      pthread_exit(nullptr);
+      StdThreadRun::end();
     }
   }
 }

@@ -363,6 +363,43 @@ TEST(TerminateRequest, WaitsUntilANoexceptFunctionIsLeft) {
   EXPECT_TRUE(isBehind);
 }
 
+CUL_CHILD(RequestBehindACallOfNothing) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {
+    raise(SIGUSR2);
+    _exit(7);
+  };
+  sigaction(SIGSEGV, &action, nullptr);
+  runOnThread([] {
+    void (*volatile nothing)() = nullptr;
+    nothing();
+  });
+}
+
+TEST(TerminateRequest, WaitsInAHandlerOfACallThroughANullPointer) {
+  const ChildResult child = runChild("RequestBehindACallOfNothing");
+  EXPECT_EQ(child.status, 7) << child.out << child.err;
+}
+
+TEST(TerminateRequest, MayComeTwiceFromSeveralThreadsWhileTheThreadEnds) {
+  constexpr unsigned largeStack = 256 * 1024 * 1024;  // given back to the system at once
+  for (int i = 0; i < 100; ++i) {
+    auto* thread = new FunctionThread([] { pause(); }, nullptr, "ending", largeStack);
+    thread->start_thread(0);
+    const auto ask = [thread] {
+      int result = 0;
+      do {
+        result = thread->requestTerminate();
+      } while (result == 0);
+      EXPECT_EQ(result, ESRCH);
+      EXPECT_EQ(thread->threadId(), 0U);
+    };
+    std::thread other(ask);
+    ask();
+    other.join();
+  }
+}
+
 TEST(TerminateRequest, GivesTheResultOfPthreadKill) {
   const FunctionThread unstarted([] {});
   EXPECT_EQ(unstarted.requestTerminate(), ESRCH);
@@ -433,6 +470,25 @@ TEST(BlockTermination, AnUncountedEndActsOnThePendingRequest) {
   });
   EXPECT_FALSE(isAlive);
   EXPECT_EQ(unwound, 1);
+}
+
+TEST(BlockTermination, AnUncountedEndIsNotDisturbedByAnotherRequest) {
+  bool isBlocked = false;
+  requestInsideGuard([&isBlocked] {
+    struct Look {
+      bool& isBlocked;
+      ~Look() {
+        sigset_t now;
+        pthread_sigmask(SIG_SETMASK, nullptr, &now);
+        isBlocked = sigismember(&now, SIGUSR2) == 1;
+      }
+    } const look{isBlocked};
+    alignas(StdThread::BlockTermination) unsigned char place[sizeof(StdThread::BlockTermination)];
+    auto* guard = new (place) StdThread::BlockTermination;
+    guard->~BlockTermination();
+    guard->~BlockTermination();
+  });
+  EXPECT_TRUE(isBlocked);
 }
 
 TEST(BlockTermination, AnUncountedEndWithoutARequestOnlyResetsTheCount) {

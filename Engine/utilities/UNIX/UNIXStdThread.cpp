@@ -161,7 +161,17 @@ void StdThreadRun::fail() const {
   exit(99);
 }
 
+void StdThreadRun::end() {
+  sigset_t request;
+  sigemptyset(&request);
+  sigaddset(&request, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &request, nullptr);
+  forgetRequests();
+  pthread_exit(nullptr);
+}
+
 void StdThreadRun::abandon() noexcept {
+  LockGuard guard(startLock(), "void StdThreadRun::abandon()", __LINE__);
   // The id may soon be another thread's.
   thread_->setThreadId(0);
 }
@@ -209,9 +219,7 @@ void StdThread::sigUSR2handler(int) {
   } else if (HoldRequests::level() != 0 || !canUnwind(state.entryFrame)) {
     postponeRequest();
   } else {
-    // SIGUSR2 stays blocked in this thread: a second request cannot disturb its end.
-    forgetRequests();
-    pthread_exit(nullptr);
+    StdThreadRun::end();
   }
   errno = error;
 }
@@ -225,12 +233,7 @@ void StdThread::thread_yield() {
   StdThread* self = state.thread != nullptr ? state.thread : thread1();
   if (__atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) == 0 && HoldRequests::level() == 0 &&
       canUnwind(state.entryFrame)) {
-    sigset_t request;
-    sigemptyset(&request);
-    sigaddset(&request, SIGUSR2);
-    pthread_sigmask(SIG_BLOCK, &request, nullptr);
-    forgetRequests();
-    pthread_exit(nullptr);
+    StdThreadRun::end();
   }
 }
 

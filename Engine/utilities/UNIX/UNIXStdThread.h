@@ -25,12 +25,17 @@ class StdThreadRun {
   [[noreturn]] void fail(const StdException& exception) const;
   [[noreturn]] void fail() const;
 
-  /// Notes that the thread ends without deleting its object.
+  /// Ends the calling thread by unwinding; no further request disturbs that.
+  [[noreturn]] static void end();
+
+  /// Notes that the thread ends without deleting its object. Nobody signals it any more
+  /// when this returns.
   void abandon() noexcept;
 
   [[nodiscard]] StdThread* thread() const noexcept { return thread_; }
 
-  /// Held while a thread is created; the new thread passes it before it does anything.
+  /// Held while a thread is created; the new thread passes it before it does anything. Also
+  /// held while a thread is signalled, so that it cannot be gone halfway.
   static UNIX_Critical_Section& startLock();
 
  private:

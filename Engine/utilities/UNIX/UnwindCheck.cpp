@@ -15,14 +15,17 @@ namespace {
 // Encodings of numbers in exception tables.
 enum : unsigned char { asPointer = 0, asUleb128 = 1, asUdata2 = 2, asUdata4 = 3, asUdata8 = 4 };
 constexpr unsigned char formatMask = 0x07;  // signed formats have the sizes of the unsigned
+constexpr unsigned char aligned = 0x50;     // padded before: not written by any compiler
 constexpr unsigned char omitted = 0xff;
 
+// Reads no further than to `end`; what cannot be read is 0 and spoils the reader.
 class TableReader {
  public:
-  explicit TableReader(const unsigned char* at) : at_(at) {}
+  TableReader(const unsigned char* at, const unsigned char* end) : at_(at), end_(end) {}
 
-  [[nodiscard]] const unsigned char* position() const { return at_; }
-  [[nodiscard]] unsigned char byte() { return *at_++; }
+  [[nodiscard]] bool isSound() const { return isSound_; }
+  [[nodiscard]] std::size_t left() const { return static_cast<std::size_t>(end_ - at_); }
+  [[nodiscard]] unsigned char byte() { return fixed<unsigned char>(); }
 
   std::uintptr_t uleb128() {
     std::uintptr_t value = 0;
@@ -37,6 +40,10 @@ class TableReader {
   }
 
   std::uintptr_t number(unsigned char encoding) {
+    if (encoding == aligned) {
+      isSound_ = false;
+      return 0;
+    }
     switch (encoding & formatMask) {
       case asUleb128:
         return uleb128();
@@ -44,28 +51,40 @@ class TableReader {
         return fixed<std::uint16_t>();
       case asUdata4:
         return fixed<std::uint32_t>();
-      default:
+      case asPointer:
+      case asUdata8:
         return fixed<std::uint64_t>();
+      default:
+        isSound_ = false;
+        return 0;
     }
   }
 
  private:
   template <typename T>
   T fixed() {
-    T value;
+    T value = 0;
+    if (left() < sizeof value) {
+      isSound_ = false;
+      at_ = end_;
+      return value;
+    }
     std::memcpy(&value, at_, sizeof value);
     at_ += sizeof value;
     return value;
   }
 
   const unsigned char* at_;
+  const unsigned char* end_;
+  bool isSound_ = true;
 };
 
 enum class Listed { no, withoutCleanup, withCleanup };
 
-// What the exception table of a function says of the instruction at `offset`.
-Listed look(const unsigned char* table, std::uintptr_t offset) {
-  TableReader reader(table);
+// What the exception table of a function says of the instruction at `offset`. A table that
+// does not read like one lists nothing.
+Listed look(const unsigned char* table, const unsigned char* end, std::uintptr_t offset) {
+  TableReader reader(table, end);
   if (const unsigned char encoding = reader.byte(); encoding != omitted) {
     reader.number(encoding);  // base of landing pads
   }
@@ -74,12 +93,18 @@ Listed look(const unsigned char* table, std::uintptr_t offset) {
   }
   const unsigned char encoding = reader.byte();
   const std::uintptr_t length = reader.uleb128();
-  const unsigned char* const end = reader.position() + length;
-  while (reader.position() < end) {
+  if (!reader.isSound() || length > reader.left()) {
+    return Listed::no;
+  }
+  const std::size_t behind = reader.left() - length;
+  while (reader.left() > behind) {
     const std::uintptr_t start = reader.number(encoding);
     const std::uintptr_t size = reader.number(encoding);
     const std::uintptr_t landingPad = reader.number(encoding);
     reader.uleb128();  // action
+    if (!reader.isSound()) {
+      return Listed::no;
+    }
     if (offset - start < size) {
       return landingPad == 0 ? Listed::withoutCleanup : Listed::withCleanup;
     }
@@ -93,15 +118,23 @@ const link_map* moduleOf(const void* instruction) {
                                                                        : nullptr;
 }
 
-// The C library and what stands beside it: full of locks that no exception table knows. What
-// belongs to no file (the kernel's own object, say) is called from there.
+// Finds the table's end, at the latest that of the file it belongs to.
+Listed look(const unsigned char* table, std::uintptr_t offset) {
+  dl_find_object object;
+  if (_dl_find_object(const_cast<unsigned char*>(table), &object) != 0) {
+    return Listed::no;
+  }
+  return look(table, static_cast<const unsigned char*>(object.dlfo_map_end), offset);
+}
+
+// The C library and what stands beside it: full of locks that no exception table knows.
 bool isRuntime(const void* instruction) {
   static constexpr std::array<std::string_view, 9> names = {
       "libc.so",     "ld-linux",   "libpthread.so", "libstdc++.so", "linux-vdso",
       "libgcc_s.so", "libasan.so", "libtsan.so",    "libubsan.so"};
   const link_map* module = moduleOf(instruction);
   if (module == nullptr || module->l_name == nullptr) {
-    return true;
+    return false;
   }
   std::string_view name = module->l_name;
   name.remove_prefix(name.rfind('/') + 1);
@@ -161,6 +194,11 @@ bool canLeaveCall(const unsigned char* instruction, Listed listed) {
 
 // A clean-up expects the registers as they are in a call, so there must be none.
 bool canLeaveInterrupted(const unsigned char* instruction, Listed listed, std::intptr_t rax) {
+  // There may be no code at all: a signal handler of the program may run because of a call
+  // through a wild pointer.
+  if (moduleOf(instruction) == nullptr) {
+    return false;
+  }
   if (isRuntime(instruction) || isOwn(instruction)) {
     return isInterruptedWait(instruction, rax);
   }
