@@ -334,6 +334,27 @@ TEST(RWlock, WithReaderPriorityAFreeLockGoesToTheWaitingReaderFirst) {
   }
 }
 
+TEST(RWlock, WithReaderPriorityTheOnlyReaderDoesNotUpgradePastAWaitingReader) {
+  for (int round = 0; round < 50; ++round) {
+    RWlock lock(RWlockBase::ReaderPriority);
+    Actor reader;
+    std::atomic<bool> hasRead = false;
+    lock.requestRead();
+    lock.requestWrite();
+    reader.tell([&] {
+      lock.requestRead();
+      hasRead = true;
+      lock.release();
+    });
+    waitUntil([&lock] { return lock.readersWaiting() == 1; });
+    lock.release();
+    lock.requestWrite();
+    EXPECT_TRUE(hasRead);
+    lock.release();
+    lock.release();
+  }
+}
+
 TEST(RWlock, WritersExcludeEachOtherAndReaders) {
   for (const RWlockBase::Priority priority : allPriorities) {
     RWlock lock(priority);
