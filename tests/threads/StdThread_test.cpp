@@ -26,6 +26,9 @@
 
 namespace {
 
+// The first call belongs to the main thread, whichever test comes first.
+[[maybe_unused]] const StdThread* const mainObject = StdThread::thread1();
+
 std::string nameOf(const StdThread& thread) {
   const unsigned char* name = thread.name();
   return reinterpret_cast<const char*>(name);
