@@ -4,6 +4,7 @@
 #include <bit>
 #include <climits>
 #include <cstdarg>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 
@@ -16,8 +17,8 @@ constexpr unsigned stride = 16;
 
 // Longer texts are read as this many interleaved rows of words with a check each: one check
 // would be a chain in which every lookup waits for the one before.
-constexpr unsigned lanes = 4;
-constexpr unsigned block = lanes * sizeof(std::uint64_t);
+constexpr std::size_t lanes = 4;
+constexpr std::size_t block = lanes * sizeof(std::uint64_t);
 
 template <class Check>
 using Tables = std::array<std::array<Check, 256>, block>;
@@ -51,7 +52,7 @@ constexpr Tables<Check> makeTables(Check polynomial) noexcept {
     }
     tables[0][byte] = value;
   }
-  for (unsigned row = 1; row < block; ++row) {
+  for (std::size_t row = 1; row < block; ++row) {
     for (unsigned byte = 0; byte < 256; ++byte) {
       const Check before = tables[row - 1][byte];
       tables[row][byte] = static_cast<Check>(tables[0][topByte(before)] ^ shiftByteOut(before));
@@ -81,7 +82,7 @@ std::uint64_t loadWord(const unsigned char* bytes) noexcept {
 
 // The check of the 8 bytes of `word` when `behind` bytes of value 0 follow.
 template <class Check>
-Check lookUpWord(const Tables<Check>& tables, std::uint64_t word, unsigned behind) noexcept {
+Check lookUpWord(const Tables<Check>& tables, std::uint64_t word, std::size_t behind) noexcept {
   Check check = 0;
   for (unsigned i = 0; i < sizeof word; ++i) {
     check ^= tables[behind + sizeof word - 1 - i][(word >> (CHAR_BIT * i)) & 0xFF];
@@ -96,14 +97,14 @@ Check addPiece(const Tables<Check>& tables, Check check, const void* data,
   if (length >= 2 * block) {
     Check laneChecks[lanes] = {check};
     for (; length >= 2 * block; length -= block, bytes += block) {
-      for (unsigned lane = 0; lane < lanes; ++lane) {
+      for (std::size_t lane = 0; lane < lanes; ++lane) {
         const std::uint64_t word = loadWord(bytes + lane * sizeof(std::uint64_t));
         laneChecks[lane] =
             lookUpWord(tables, word ^ laneChecks[lane], block - sizeof(std::uint64_t));
       }
     }
     check = 0;
-    for (unsigned lane = 0; lane < lanes; ++lane) {
+    for (std::size_t lane = 0; lane < lanes; ++lane) {
       const std::uint64_t word = loadWord(bytes + lane * sizeof(std::uint64_t));
       check = lookUpWord(tables, word ^ static_cast<Check>(laneChecks[lane] ^ check), 0);
     }
