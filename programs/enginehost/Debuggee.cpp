@@ -97,6 +97,10 @@ void Debuggee::startReaper() {
 Debuggee::~Debuggee() { wait(); }
 
 int Debuggee::wait() {
-  reaper_.wait(0);
+  // A thread can be joined only once.
+  if (!isReaped_) {
+    reaper_.wait(0);
+    isReaped_ = true;
+  }
   return WIFSIGNALED(rawStatus_) ? 128 + WTERMSIG(rawStatus_) : WEXITSTATUS(rawStatus_);
 }

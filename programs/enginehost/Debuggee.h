@@ -33,5 +33,6 @@ class Debuggee {
 
   pid_t id_ = 0;
   int rawStatus_ = 0;
+  bool isReaped_ = false;
   StdThread::Termination reaper_;
 };
