@@ -1,0 +1,239 @@
+#include "Engine/utilities/UNIX/UNIX_Event_Semaphore.h"
+
+#include <atomic>
+#include <cerrno>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include "Engine/utilities/CUL_SemaphoreError.h"
+#include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+
+namespace {
+
+constexpr unsigned microsecondsPerMillisecond = 1000;
+constexpr unsigned millisecondsPerSecond = 1000;
+
+// How long the timer sleeps between two looks, in milliseconds.
+constexpr unsigned shortestSleep = 10;
+constexpr unsigned longestSleep = 50;
+
+// Null until the first timed wait: events that never needed the timer do not start it when
+// they end.
+constinit std::atomic<UNIX_Event_Semaphore::MillisecondTimer*> theTimer = nullptr;
+
+void sleepFor(unsigned milliseconds) { usleep(milliseconds * microsecondsPerMillisecond); }
+
+}  // namespace
+
+UNIX_Event_Semaphore::UNIX_Event_Semaphore() {
+  if (const int result = pthread_cond_init(&condition_, nullptr); result != 0) {
+    throw CUL_SemaphoreError("UNIX_Event_Semaphore::UNIX_Event_Semaphore()", 28, this, result);
+  }
+}
+
+UNIX_Event_Semaphore::~UNIX_Event_Semaphore() {
+  const HoldRequests hold;
+  if (MillisecondTimer* const timer = theTimer.load(std::memory_order_acquire); timer != nullptr) {
+    timer->remove(*this);
+  }
+  {
+    // A look without the lock may have seen the event open before post() was through.
+    const LockGuard guard(mutex_, "virtual UNIX_Event_Semaphore::~UNIX_Event_Semaphore()",
+                          __LINE__);
+  }
+  pthread_cond_destroy(&condition_);
+}
+
+void UNIX_Event_Semaphore::post() {
+  static constexpr const char* function = "virtual void UNIX_Event_Semaphore::post()";
+  int result = 0;
+  {
+    const HoldRequests hold;
+    const LockGuard guard(mutex_, function, 47);
+    __atomic_store_n(&posted_, 1, __ATOMIC_RELEASE);
+    result = pthread_cond_broadcast(&condition_);
+  }
+  if (result != 0) [[unlikely]] {
+    throw CUL_SemaphoreError(function, 54, this, result);
+  }
+}
+
+void UNIX_Event_Semaphore::reset() {
+  const HoldRequests hold;
+  const LockGuard guard(mutex_, "virtual void UNIX_Event_Semaphore::reset()", 40);
+  __atomic_store_n(&posted_, 0, __ATOMIC_RELEASE);
+}
+
+void UNIX_Event_Semaphore::wait() {
+  static constexpr const char* function = "virtual void UNIX_Event_Semaphore::wait()";
+  const HoldRequests hold;
+  const LockGuard guard(mutex_, function, 69);
+  while (!isPosted()) {
+    int result = 0;
+    {
+      const HoldRequests::Lift lift(hold);
+      result = pthread_cond_wait(&condition_, mutex_.nativeHandle());
+    }
+    if (result != 0) [[unlikely]] {
+      throw CUL_SemaphoreError(function, 80, this, result);
+    }
+  }
+}
+
+bool UNIX_Event_Semaphore::wait(unsigned short amount, WaitTimeScale scale, bool throwOnTimeout) {
+  static constexpr const char* function =
+      "virtual bool UNIX_Event_Semaphore::wait("
+      "short unsigned int, CUL_Event_Semaphore::WaitTimeScale, bool)";
+  if (isPosted()) {
+    return false;
+  }
+  const HoldRequests hold;
+  // Listed before the mutex is taken and taken off the list after it is given back.
+  const WaitInstance instance(*this, scale == Seconds ? amount * millisecondsPerSecond : amount);
+  const LockGuard guard(mutex_, function, 126);
+  while (!isPosted() && !instance.isExpired()) {
+    int result = 0;
+    {
+      const HoldRequests::Lift lift(hold);
+      result = pthread_cond_wait(&condition_, mutex_.nativeHandle());
+    }
+    if (result != 0) [[unlikely]] {
+      throw CUL_SemaphoreError(function, 137, this, result);
+    }
+  }
+  if (isPosted()) {
+    return false;
+  }
+  if (throwOnTimeout) {
+    throw CUL_SemaphoreError(function, 143, this, ETIMEDOUT);
+  }
+  return true;
+}
+
+UNIX_Event_Semaphore::MillisecondTimer* UNIX_Event_Semaphore::timerInstance() {
+  MillisecondTimer* timer = theTimer.load(std::memory_order_acquire);
+  if (timer == nullptr) {
+    const HoldRequests hold;
+    static MillisecondTimer* const made = new MillisecondTimer;
+    timer = made;
+    theTimer.store(timer, std::memory_order_release);
+  }
+  return timer;
+}
+
+UNIX_Event_Semaphore::MsecTime::MsecTime(unsigned int offset) noexcept {
+  timeval now = {};
+  gettimeofday(&now, nullptr);
+  milliseconds_ = static_cast<std::uint64_t>(now.tv_sec) * millisecondsPerSecond +
+                  static_cast<std::uint64_t>(now.tv_usec) / microsecondsPerMillisecond + offset;
+}
+
+UNIX_Event_Semaphore::WaitInstance::WaitInstance(UNIX_Event_Semaphore& semaphore,
+                                                 unsigned int milliseconds)
+    : semaphore_(&semaphore), deadline_(milliseconds), timer_(timerInstance()) {
+  timer_->add(*this);
+}
+
+UNIX_Event_Semaphore::WaitInstance::~WaitInstance() { timer_->remove(*this); }
+
+void UNIX_Event_Semaphore::WaitInstance::expire() {
+  static constexpr const char* function = "void UNIX_Event_Semaphore::WaitInstance::expire()";
+  int result = 0;
+  {
+    const HoldRequests hold;
+    const LockGuard guard(semaphore_->mutex_, function, 282);
+    __atomic_store_n(&expired_, 1, __ATOMIC_RELEASE);
+    result = pthread_cond_broadcast(&semaphore_->condition_);
+  }
+  if (result != 0) [[unlikely]] {
+    throw CUL_SemaphoreError(function, 286, this, result);
+  }
+}
+
+UNIX_Event_Semaphore::MillisecondTimer::MillisecondTimer() : StdThread("msecTimer", 0, nullptr) {
+  start_thread(0);
+}
+
+void UNIX_Event_Semaphore::MillisecondTimer::add(WaitInstance& wait) {
+  const HoldRequests hold;
+  const LockGuard guard(lock_,
+                        "void UNIX_Event_Semaphore::MillisecondTimer::add("
+                        "UNIX_Event_Semaphore::WaitInstance&)",
+                        167);
+  remove(wait);
+  const unsigned count = pending_.count();
+  if (count == 0 || wait.deadline() < pending_[0]->deadline()) {
+    pending_.insertAt(0, &wait);
+  } else if (pending_[count - 1]->deadline() <= wait.deadline()) {
+    pending_.add(&wait);
+  } else {
+    unsigned place = 1;
+    while (pending_[place]->deadline() < wait.deadline()) {
+      ++place;
+    }
+    pending_.insertAt(place, &wait);
+  }
+}
+
+void UNIX_Event_Semaphore::MillisecondTimer::remove(WaitInstance& wait) {
+  const HoldRequests hold;
+  const LockGuard guard(lock_,
+                        "void UNIX_Event_Semaphore::MillisecondTimer::remove("
+                        "UNIX_Event_Semaphore::WaitInstance&)",
+                        196);
+  for (unsigned i = pending_.count(); i > 0; --i) {
+    if (pending_[i - 1] == &wait) {
+      pending_.removeAt(i - 1);
+      return;
+    }
+  }
+}
+
+void UNIX_Event_Semaphore::MillisecondTimer::remove(UNIX_Event_Semaphore& semaphore) {
+  const HoldRequests hold;
+  const LockGuard guard(
+      lock_, "void UNIX_Event_Semaphore::MillisecondTimer::remove(UNIX_Event_Semaphore&)", 210);
+  for (unsigned i = pending_.count(); i > 0; --i) {
+    if (pending_[i - 1]->semaphore() == &semaphore) {
+      pending_.removeAt(i - 1);
+    }
+  }
+}
+
+void UNIX_Event_Semaphore::MillisecondTimer::copyPending(List<const WaitInstance*>& copy) {
+  const HoldRequests hold;
+  const LockGuard guard(lock_,
+                        "void UNIX_Event_Semaphore::MillisecondTimer::copyPending("
+                        "List<const UNIX_Event_Semaphore::WaitInstance*>&)",
+                        __LINE__);
+  for (const WaitInstance* wait : pending_) {
+    copy.add(wait);
+  }
+}
+
+// Returns the milliseconds until the next look.
+unsigned int UNIX_Event_Semaphore::MillisecondTimer::expireDue() {
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "virtual void UNIX_Event_Semaphore::MillisecondTimer::run()", 230);
+  const MsecTime now(0);
+  // A waiter that wakes up cannot end its wait, or the event, before the lock is free.
+  while (!pending_.isEmpty() && pending_[0]->deadline() <= now) {
+    pending_[0]->expire();
+    pending_.removeAt(0);
+  }
+  if (pending_.isEmpty()) {
+    return longestSleep;
+  }
+  const auto untilNext =
+      static_cast<unsigned int>(pending_[0]->deadline().milliseconds() - now.milliseconds());
+  return untilNext < shortestSleep ? shortestSleep : untilNext;
+}
+
+void UNIX_Event_Semaphore::MillisecondTimer::run() {
+  sleepFor(shortestSleep);
+  for (;;) {
+    const unsigned int untilNext = expireDue();
+    sleepFor(untilNext < longestSleep ? untilNext : longestSleep);
+  }
+}
