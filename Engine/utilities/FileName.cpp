@@ -9,6 +9,7 @@
 
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/PathSearch.h"
+#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 
 namespace {

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/Texts.h"
 
 namespace {
 

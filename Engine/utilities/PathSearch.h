@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Export.h"
@@ -50,17 +49,6 @@
 
 /// \name For the library's own use
 /// @{
-
-/// The bytes of a text, valid until its next change.
-[[nodiscard]] inline std::string_view viewOf(const EncodedString& text) noexcept {
-  const char* const bytes = text;
-  return {bytes, text.length()};
-}
-
-/// The text of bytes that are UTF-8.
-[[nodiscard]] inline EncodedString textOf(std::string_view bytes) {
-  return {bytes.data(), static_cast<unsigned>(bytes.size()), EncodedString::utf8};
-}
 
 /// A path as the system knows it: converted to the native code page, or the bytes as they
 /// are when that code page cannot hold them.

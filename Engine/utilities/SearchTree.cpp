@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Engine/utilities/PathSearch.h"
+#include "Engine/utilities/Texts.h"
 
 namespace {
 

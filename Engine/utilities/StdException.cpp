@@ -1,20 +1,11 @@
 #include "Engine/utilities/StdException.h"
 
+#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
-
-namespace {
-
-// The printable form of a string, whatever its buffer holds.
-const char* textOf(const EncodedString& string) noexcept {
-  const char* text = string;
-  return text != nullptr ? text : "";
-}
-
-}  // namespace
 
 StdException::StdException(const char* file, unsigned throwLine, int throwStatus)
     : fileName(file, EncodedString::utf8), line(throwLine), status(throwStatus) {
-  CUL_TRACE(TraceType::excptn, textOf(fileName), line, "StdException created;  Status = %d",
+  CUL_TRACE(TraceType::excptn, charsOf(fileName), line, "StdException created;  Status = %d",
             status);
 }
 
@@ -24,8 +15,8 @@ StdException::StdException(const char* file, unsigned throwLine, const char* mes
       fileName(file, EncodedString::utf8),
       line(throwLine),
       status(throwStatus) {
-  CUL_TRACE(TraceType::excptn, textOf(fileName), line,
-            "StdException created;  Status = %d, Text = %s", status, textOf(text));
+  CUL_TRACE(TraceType::excptn, charsOf(fileName), line,
+            "StdException created;  Status = %d, Text = %s", status, charsOf(text));
 }
 
 void StdException::throwException(const char* file, unsigned line, int status) {
@@ -38,6 +29,6 @@ void StdException::throwException(const char* file, unsigned line, const char* t
 
 void StdException::trace(const char* file, unsigned catchLine) const {
   CUL_TRACE(TraceType::excptn, file, catchLine,
-            "StdException caught; thrown from %s(%d); Status = %d, Text = %s", textOf(fileName),
-            static_cast<int>(line), status, textOf(text));
+            "StdException caught; thrown from %s(%d); Status = %d, Text = %s", charsOf(fileName),
+            static_cast<int>(line), status, charsOf(text));
 }

@@ -23,6 +23,7 @@
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
@@ -119,11 +120,6 @@ bool isHostSelected() {
     }
   }
   return false;
-}
-
-std::string_view viewOf(const ByteString& bytes) noexcept {
-  const unsigned char* text = bytes;
-  return {reinterpret_cast<const char*>(text), bytes.length()};
 }
 
 ByteString nameOf(std::string_view text) {

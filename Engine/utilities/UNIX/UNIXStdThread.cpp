@@ -14,6 +14,7 @@
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/UNIX/UnwindCheck.h"
@@ -22,13 +23,6 @@
 namespace {
 
 constexpr const char* sourceFile = "Engine/utilities/UNIX/UNIXStdThread";
-
-const char* textOf(const ByteString& string) noexcept {
-  const unsigned char* bytes = string;
-  return reinterpret_cast<const char*>(bytes);
-}
-
-const char* textOf(const EncodedString& string) noexcept { return string; }
 
 // What the SIGUSR2 handler needs to know of the thread it runs on. It must not search the
 // registry: the signal may have arrived inside the registry's own lock.
@@ -136,20 +130,20 @@ pthread_t StdThreadRun::start(StdThread* thread) {
 }
 
 void StdThreadRun::run() {
-  CUL_TRACE(TraceType::active, sourceFile, 132, "Starting thread %s", textOf(thread_->name_));
+  CUL_TRACE(TraceType::active, sourceFile, 132, "Starting thread %s", charsOf(thread_->name_));
   signal(SIGUSR2, ::sigUSR2handler);
   registerErrorHandlers();
   thread_->run();
   requestState.isEnding = true;
-  CUL_TRACE(TraceType::active, sourceFile, 136, "Terminating thread %s", textOf(thread_->name_));
+  CUL_TRACE(TraceType::active, sourceFile, 136, "Terminating thread %s", charsOf(thread_->name_));
   delete thread_;
   thread_ = nullptr;
 }
 
 void StdThreadRun::fail(const StdException& exception) const {
   requestState.isEnding = true;
-  CUL_TRACE(TraceType::error, textOf(exception.fileName), exception.line,
-            "Internal error on thread %s(%d).", textOf(thread_->name_),
+  CUL_TRACE(TraceType::error, charsOf(exception.fileName), exception.line,
+            "Internal error on thread %s(%d).", charsOf(thread_->name_),
             static_cast<int>(pthread_self()));
   exit(99);
 }
@@ -157,7 +151,7 @@ void StdThreadRun::fail(const StdException& exception) const {
 void StdThreadRun::fail() const {
   requestState.isEnding = true;
   CUL_TRACE(TraceType::error, sourceFile, 79, "Unidentified internal error on thread %s(%d).",
-            textOf(thread_->name_), static_cast<int>(pthread_self()));
+            charsOf(thread_->name_), static_cast<int>(pthread_self()));
   exit(99);
 }
 
