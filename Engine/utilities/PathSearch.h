@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Export.h"
