@@ -40,30 +40,6 @@ bool isKept(std::string_view variable) {
   return false;
 }
 
-std::vector<std::string> environmentOf(const ChildOptions& options) {
-  std::vector<std::string> result;
-  for (char** variable = environ; *variable != nullptr; ++variable) {
-    const std::string_view text = *variable;
-    if (isKept(text) &&
-        options.environment.count(std::string(text.substr(0, text.find('=')))) == 0) {
-      result.emplace_back(text);
-    }
-  }
-  for (const auto& [name, value] : options.environment) {
-    result.push_back(name + "=" + value);
-  }
-  return result;
-}
-
-std::vector<char*> pointersTo(std::vector<std::string>& texts) {
-  std::vector<char*> result;
-  for (std::string& text : texts) {
-    result.push_back(text.data());
-  }
-  result.push_back(nullptr);
-  return result;
-}
-
 struct Pipe {
   int ends[2] = {-1, -1};
 
@@ -145,9 +121,42 @@ void becomeChild(Pipe& in, Pipe& out, Pipe& err, const ChildOptions& options, ch
 
 }  // namespace
 
+std::vector<std::string> childEnvironment(const std::map<std::string, std::string>& added) {
+  std::vector<std::string> result;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    const std::string_view text = *variable;
+    if (isKept(text) && added.count(std::string(text.substr(0, text.find('=')))) == 0) {
+      result.emplace_back(text);
+    }
+  }
+  for (const auto& [name, value] : added) {
+    result.push_back(name + "=" + value);
+  }
+  return result;
+}
+
+std::vector<std::string> childCommand(const std::string& name,
+                                      const std::vector<std::string>& arguments) {
+  char self[PATH_MAX];
+  const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
+  std::vector<std::string> command = {
+      std::string(self, length > 0 ? static_cast<size_t>(length) : 0), childOption, name};
+  command.insert(command.end(), arguments.begin(), arguments.end());
+  return command;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& texts) {
+  std::vector<char*> result;
+  for (std::string& text : texts) {
+    result.push_back(text.data());
+  }
+  result.push_back(nullptr);
+  return result;
+}
+
 ChildResult runProgram(const std::vector<std::string>& command, const ChildOptions& options) {
   std::vector<std::string> words = command;
-  std::vector<std::string> variables = environmentOf(options);
+  std::vector<std::string> variables = childEnvironment(options.environment);
   const std::vector<char*> argv = pointersTo(words);
   const std::vector<char*> envp = pointersTo(variables);
   ChildResult result;
@@ -179,12 +188,7 @@ ChildResult runProgram(const std::vector<std::string>& command, const ChildOptio
 }
 
 ChildResult runChild(const std::string& name, const ChildOptions& options) {
-  char self[PATH_MAX];
-  const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
-  std::vector<std::string> command = {
-      std::string(self, length > 0 ? static_cast<size_t>(length) : 0), childOption, name};
-  command.insert(command.end(), options.arguments.begin(), options.arguments.end());
-  return runProgram(command, options);
+  return runProgram(childCommand(name, options.arguments), options);
 }
 
 const std::vector<std::string>& childArguments() { return arguments(); }
