@@ -60,7 +60,7 @@ struct CallFailure {
   std::optional<std::string> text = {};
   /// `open`, `execv`: only paths that start so.
   std::string path = {};
-  /// The first argument: a descriptor, a process (waitpid), a name (sysconf).
+  /// The first argument as listed at CallMade.
   std::optional<int> first = {};
   /// The second argument as listed at CallMade.
   std::optional<long> argument = {};
@@ -100,8 +100,8 @@ struct CallMade {
   LibcCall call;
   /// `open`, `execv`; cut after 63 bytes.
   char path[64];
-  /// The first argument as a number: the descriptor, the process of waitpid, the name of
-  /// sysconf, the first descriptor of close_range; 0 where there is none.
+  /// The first argument as a number: the descriptor (poll: the first one), the process of
+  /// waitpid, the name of sysconf, the first descriptor of close_range; 0 where there is none.
   int first;
   /// open: the flags. fcntl: the command. ioctl: the request. lseek: the offset. ftruncate: the
   /// length. read, write: the size. poll: the timeout. tcsetattr: when. tcflush: which queue.
