@@ -4,21 +4,18 @@
 #include <cerrno>
 #include <dlfcn.h>
 #include <pthread.h>
+#include <utility>
 
 #include <gtest/gtest.h>
 
 namespace {
 
-constinit thread_local PosixCall failing = PosixCall::none;
-constinit thread_local int failureResult = 0;
-constinit thread_local int failureError = 0;
+constinit thread_local PosixInterference* innermost = nullptr;
 
 template <typename... Arguments>
 int callOrFail(PosixCall call, std::atomic<void*>& next, const char* name, Arguments... arguments) {
-  if (failing == call) {
-    failing = PosixCall::none;
-    errno = failureError;
-    return failureResult;
+  if (int result = 0; PosixInterference::intercepts(call, result)) {
+    return result;
   }
   void* function = next.load(std::memory_order_acquire);
   if (function == nullptr) {
@@ -38,16 +35,42 @@ int callOrFail(PosixCall call, std::atomic<void*>& next, const char* name, Argum
 
 }  // namespace
 
-PosixFailure::PosixFailure(PosixCall call, int result, int error) {
-  failureResult = result;
-  failureError = error;
-  failing = call;
+PosixInterference::PosixInterference(PosixCall call, unsigned passing,
+                                     std::function<bool(int&)> action)
+    : call_(call), passing_(passing), action_(std::move(action)), outer_(innermost) {
+  innermost = this;
 }
 
-PosixFailure::~PosixFailure() {
-  EXPECT_EQ(failing, PosixCall::none) << "the call that was to fail never came";
-  failing = PosixCall::none;
+PosixInterference::~PosixInterference() {
+  EXPECT_FALSE(action_) << "the call that was waited for never came";
+  innermost = outer_;
 }
+
+bool PosixInterference::intercepts(PosixCall call, int& result) {
+  for (PosixInterference* each = innermost; each != nullptr; each = each->outer_) {
+    if (each->call_ == call && each->action_) {
+      if (each->passing_ != 0) {
+        --each->passing_;
+        return false;
+      }
+      return std::exchange(each->action_, nullptr)(result);
+    }
+  }
+  return false;
+}
+
+PosixFailure::PosixFailure(PosixCall call, int result, int error, unsigned passing)
+    : PosixInterference(call, passing, [result, error](int& callResult) {
+        callResult = result;
+        errno = error;
+        return true;
+      }) {}
+
+PosixMoment::PosixMoment(PosixCall call, std::function<void()> action)
+    : PosixInterference(call, 0, [action = std::move(action)](int&) {
+        action();
+        return false;
+      }) {}
 
 // One definition each of what PosixCall names.
 #define CUL_STAND_BEFORE(call, name, parameters, ...)             \
