@@ -5,11 +5,14 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <new>
 #include <string>
 #include <string_view>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -17,6 +20,7 @@
 #include <gtest/gtest.h>
 
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/Child.h"
 #include "tests/threads/ThreadSupport.h"
@@ -32,6 +36,14 @@ struct sigaction actionOf(int signal) {
 }
 
 void ownHandler(int) {}
+
+// The standard has dropped these; the runtime has not.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+void (*unexpectedHandler())() { return std::get_unexpected(); }
+void setUnexpectedHandler(void (*handler)()) { std::set_unexpected(handler); }
+[[noreturn]] void beUnexpected() { std::unexpected(); }
+#pragma GCC diagnostic pop
 
 // An address that no memory is mapped at.
 void* unmappedPage() {
@@ -123,6 +135,7 @@ CUL_CHILD(HandlersAfterLoading) {
   EXPECT_EQ(actionOf(SIGTTIN).sa_handler, SIG_IGN);
   EXPECT_EQ(actionOf(SIGUSR2).sa_handler, SIG_DFL);
   EXPECT_EQ(std::get_terminate(), &CUL_terminate);
+  EXPECT_EQ(unexpectedHandler(), &CUL_unexpected);
   EXPECT_EQ(std::get_new_handler(), &newHandler);
 }
 
@@ -139,6 +152,7 @@ CUL_CHILD(HandlersOfAThread) {
   signal(SIGPIPE, SIG_DFL);
   signal(SIGTTIN, SIG_DFL);
   std::set_terminate(nullptr);
+  setUnexpectedHandler(nullptr);
   std::set_new_handler(nullptr);
   runOnThread([] {
     for (const int number : handledSignals) {
@@ -150,6 +164,7 @@ CUL_CHILD(HandlersOfAThread) {
     EXPECT_EQ(actionOf(SIGPIPE).sa_handler, SIG_IGN);
     EXPECT_EQ(actionOf(SIGTTIN).sa_handler, SIG_IGN);
     EXPECT_EQ(std::get_terminate(), &CUL_terminate);
+    EXPECT_EQ(unexpectedHandler(), &CUL_unexpected);
     EXPECT_EQ(std::get_new_handler(), &newHandler);
   });
 }
@@ -166,6 +181,35 @@ TEST(registerHandlerForSignal, GivesTheResultOfSigaction) {
   EXPECT_EQ(registerHandlerForSignal(SIGUSR1), 0);
   EXPECT_EQ(actionOf(SIGUSR1).sa_sigaction, &CUL_SignalHandler);
   EXPECT_EQ(registerHandlerForSignal(SIGUSR1), 0);
+}
+
+CUL_CHILD(OwnHandlersAndActions) {
+  struct sigaction own = {};
+  own.sa_sigaction = [](int, siginfo_t*, void*) {};
+  own.sa_flags = SA_SIGINFO | SA_RESTART;
+  sigaddset(&own.sa_mask, SIGUSR1);
+  for (const int number : handledSignals) {
+    ASSERT_EQ(sigaction(number, &own, nullptr), 0);
+  }
+  // These two are ignored whatever was there.
+  ASSERT_EQ(sigaction(SIGPIPE, &own, nullptr), 0);
+  ASSERT_EQ(sigaction(SIGTTIN, &own, nullptr), 0);
+  registerErrorHandlers();
+  for (const int number : handledSignals) {
+    const struct sigaction action = actionOf(number);
+    EXPECT_EQ(action.sa_sigaction, own.sa_sigaction) << number;
+    EXPECT_EQ(action.sa_flags & (SA_SIGINFO | SA_RESTART), SA_SIGINFO | SA_RESTART) << number;
+    EXPECT_EQ(sigismember(&action.sa_mask, SIGUSR1), 1) << number;
+  }
+  EXPECT_EQ(actionOf(SIGPIPE).sa_handler, SIG_IGN);
+  EXPECT_EQ(actionOf(SIGTTIN).sa_handler, SIG_IGN);
+  EXPECT_EQ(actionOf(SIGBUS).sa_handler, SIG_DFL);
+  EXPECT_EQ(actionOf(SIGINT).sa_handler, SIG_DFL);
+}
+
+TEST(registerErrorHandlers, LeavesHandlersAsTheyAreButIgnoresSigpipeAndSigttin) {
+  const ChildResult child = untracedChild("OwnHandlersAndActions");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
 CUL_CHILD(OwnHandlerForSegv) {
@@ -205,6 +249,96 @@ TEST(CUL_SignalHandler, TracesTheSignalAndTheCallChain) {
   EXPECT_EQ(child.count(std::string(place) + "(71): Attempting longjmp recovery"), 1)
       << child.all();
   EXPECT_EQ(child.count(std::string(place) + "(73): No recovery possible"), 1) << child.all();
+}
+
+TEST(CUL_SignalHandler, TracesTheSignalFirstAndTheRecoveryLast) {
+  const TracedChild child = tracedChild("Raise", {std::to_string(SIGTERM)});
+  std::vector<std::string> numbers;
+  for (const std::string& line : child.lines) {
+    if (const size_t at = line.find(place); at != std::string::npos) {
+      const std::string number = line.substr(at + std::strlen(place), 5);
+      if (numbers.empty() || numbers.back() != number) {
+        numbers.push_back(number);
+      }
+    }
+  }
+  EXPECT_THAT(numbers, testing::ElementsAre("(56):", "(122)", "(124)", "(125)", "(71):", "(73):"))
+      << child.all();
+}
+
+CUL_CHILD(CrashOnAForeignThread) { std::thread(crash).join(); }
+
+TEST(CUL_SignalHandler, TakesTheMainObjectForAThreadThatTheLibraryDidNotMake) {
+  const TracedChild child = tracedChild("CrashOnAForeignThread");
+  EXPECT_EQ(child.result.status, 99) << child.all();
+  EXPECT_EQ(child.countContaining(std::string("(main    )") + place + "(71): Attempting"), 1)
+      << child.all();
+  EXPECT_EQ(child.count(std::string(place) + "(73): No recovery possible"), 1) << child.all();
+}
+
+CUL_CHILD(SigpipeInTheHandler) {
+  CUL_TRACE(TraceType::error, "test", 1, "there is a trace");
+  siginfo_t info = {};
+  CUL_SignalHandler(SIGPIPE, &info, nullptr);
+}
+
+TEST(CUL_SignalHandler, TracesNothingForSigpipe) {
+  const TracedChild child = tracedChild("SigpipeInTheHandler");
+  EXPECT_EQ(child.result.status, 0) << child.all();
+  EXPECT_EQ(child.countContaining("**ERROR"), 1) << child.all();
+  EXPECT_EQ(child.countContaining("there is a trace"), 1) << child.all();
+}
+
+CUL_CHILD(RecoverFromEachSignal) {
+  const auto recover = [] {
+    for (const int signal : handledSignals) {
+      if (const int value = StdThread::currentThread()->_setjmp(); value == 0) {
+        raise(signal);
+        ADD_FAILURE() << "raise returned for " << signal;
+      } else {
+        EXPECT_EQ(value, signal);
+      }
+      for (const int other : handledSignals) {
+        const struct sigaction action = actionOf(other);
+        if (other == signal) {
+          EXPECT_EQ(action.sa_handler, SIG_DFL);
+        } else {
+          EXPECT_EQ(action.sa_sigaction, &CUL_SignalHandler);
+        }
+      }
+      registerErrorHandlers();
+      EXPECT_EQ(actionOf(signal).sa_sigaction, &CUL_SignalHandler);
+    }
+  };
+  recover();
+  runOnThread(recover);
+  std::printf("recovered");
+}
+
+TEST(CUL_SignalHandler, ResumesAtTheRecoveryPointWithTheNumberOfEachSignal) {
+  const ChildResult child = untracedChild("RecoverFromEachSignal");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+  EXPECT_EQ(child.out, "recovered");
+}
+
+CUL_CHILD(CrashTwiceOnAThread) {
+  runOnThread([] {
+    if (StdThread::currentThread()->_setjmp() == 0) {
+      crash();
+    }
+    std::printf("recovered");
+    std::fflush(stdout);
+    if (StdThread::currentThread()->_setjmp() == 0) {
+      crash();
+    }
+    std::printf(" again");
+  });
+}
+
+TEST(CUL_SignalHandler, DoesNotCatchASecondSignalOnAThreadEither) {
+  const ChildResult child = untracedChild("CrashTwiceOnAThread");
+  EXPECT_EQ(child.status, 128 + SIGSEGV) << child.out << child.err;
+  EXPECT_EQ(child.out, "recovered");
 }
 
 CUL_CHILD(Crash) {
@@ -325,7 +459,12 @@ TEST(CUL_SignalHandler, DoesNotUseTheRecoveryPointOfAnotherThread) {
 TEST(CUL_SignalHandler, ReturnsForSigpipeWithTheDefaultActionInForce) {
   siginfo_t info = {};
   CUL_SignalHandler(SIGPIPE, &info, nullptr);
-  EXPECT_EQ(actionOf(SIGPIPE).sa_handler, SIG_DFL);
+  const struct sigaction action = actionOf(SIGPIPE);
+  EXPECT_EQ(action.sa_handler, SIG_DFL);
+  EXPECT_EQ(static_cast<unsigned>(action.sa_flags) & (SA_SIGINFO | SA_RESETHAND),
+            SA_SIGINFO | SA_RESETHAND);
+  EXPECT_EQ(sigisemptyset(&action.sa_mask), 1);
+  signal(SIGPIPE, SIG_IGN);
 }
 
 CUL_CHILD(DumpToStandardError) { dumpModulesAndChain(true); }
@@ -393,16 +532,31 @@ TEST(CUL_terminate, IsWhatAnUncaughtExceptionCalls) {
   EXPECT_EQ(child.countContaining("C++ terminate() called"), 1) << child.all();
 }
 
-CUL_CHILD(Unexpected) { CUL_unexpected(); }
+CUL_CHILD(Unexpected) {
+  std::atexit([] { std::printf("exit handlers run"); });
+  beUnexpected();
+}
 
 TEST(CUL_unexpected, TracesAndEndsWithStatus1) {
   const TracedChild child("Unexpected");
   EXPECT_EQ(child.result.status, 1) << child.all();
+  EXPECT_EQ(child.result.out, "exit handlers run");
+  EXPECT_EQ(child.result.err, "");
   EXPECT_EQ(child.count("**ERROR: Engine/utilities/signals(91): *** FATAL DEBUGGER ERROR: C++ "
                         "unexpected() called"),
             1)
       << child.all();
+  EXPECT_EQ(child.countContaining("terminate() called"), 0) << child.all();
   expectCallChain(child);
+}
+
+TEST(CUL_unexpected, EndsWithStatus1WithoutATrace) {
+  for (const char* name : {"Unexpected", "Terminate"}) {
+    const ChildResult child = runChild(name);
+    EXPECT_EQ(child.status, 1) << name;
+    EXPECT_EQ(child.out, "exit handlers run") << name;
+    EXPECT_EQ(child.err, "") << name;
+  }
 }
 
 CUL_CHILD(OutOfMemory) {
@@ -431,3 +585,63 @@ TEST(newHandler, ReportsToStandardOutputWithoutATrace) {
   EXPECT_EQ(child.out, "*** FATAL DEBUGGER ERROR: Out of memory\n\n");
   EXPECT_EQ(child.err, "");
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The sanitizers need the address space for themselves.
+
+namespace {
+
+// Keeps a compiler from dropping an allocation that nobody uses.
+void* volatile used = nullptr;
+
+// Takes all memory there is.
+void exhaustMemory() {
+  const rlimit none = {1, 1};
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &none), 0);
+  for (size_t size = size_t{1} << 24; size > 2048; size /= 2) {
+    do {
+      used = malloc(size);
+    } while (used != nullptr);
+  }
+  // Each size has a cache of its own.
+  for (size_t size = 2048; size > 0; size -= 8) {
+    do {
+      used = malloc(size);
+    } while (used != nullptr);
+  }
+}
+
+}  // namespace
+
+CUL_CHILD(ExhaustMemory) {
+  if (childArguments()[0] == "traced before") {
+    CUL_TRACE(TraceType::error, "test", 1, "there is a trace");
+  }
+  exhaustMemory();
+  used = ::operator new(16);
+  std::printf("there was memory left");
+}
+
+TEST(newHandler, ReportsTheCallChainWhenNoMemoryIsLeft) {
+  const TracedChild child = tracedChild("ExhaustMemory", {"traced before"});
+  EXPECT_EQ(child.result.status, 1) << child.all();
+  EXPECT_EQ(child.result.out, "*** FATAL DEBUGGER ERROR: Out of memory\n\n");
+  EXPECT_EQ(child.count("**ERROR: Engine/utilities/signals(111): *** FATAL DEBUGGER ERROR: Out of "
+                        "memory"),
+            1)
+      << child.all();
+  expectCallChain(child);
+}
+
+TEST(newHandler, ReportsToStandardOutputWhenNoMemoryIsLeft) {
+  const ChildResult child = untracedChild("ExhaustMemory", {"untraced"});
+  EXPECT_EQ(child.status, 1);
+  EXPECT_EQ(child.out, "*** FATAL DEBUGGER ERROR: Out of memory\n\n");
+  EXPECT_EQ(child.err, "");
+  // A trace that is not open yet may be more than the reserve can pay for.
+  const TracedChild late = tracedChild("ExhaustMemory", {"first traced now"});
+  EXPECT_EQ(late.result.status, 1);
+  EXPECT_EQ(late.result.out, child.out);
+  EXPECT_EQ(late.result.err, "");
+}
+#endif
