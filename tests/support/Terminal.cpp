@@ -58,6 +58,7 @@ void takeStreams(int slave, const TerminalOptions& options) {
       dup2(copies[stream], stream);
     }
   }
+  close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
 }
 
 void setDefaultSignals() {

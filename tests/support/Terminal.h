@@ -22,7 +22,8 @@
 ///   EXPECT_EQ(terminal.wait(), 0);
 /// \endcode
 /// A terminal translates: what a program prints with "\n" is seen with "\r\n", and what is
-/// typed is seen as well while echo is on. Failures of the terminal itself fail the test.
+/// typed is seen as well while echo is on. No other descriptor is inherited. Failures of the
+/// terminal itself fail the test.
 
 struct TerminalSize {
   unsigned short rows = 24;

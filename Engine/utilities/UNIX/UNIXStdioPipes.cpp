@@ -1,0 +1,283 @@
+#include "Engine/utilities/UNIX/UNIXStdioPipes.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <poll.h>
+#include <string>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include "Engine/utilities/StdException.h"
+#include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/SignalIgnored.h"
+
+namespace {
+
+constexpr const char* constructorText = "UNIXStdioPipes::UNIXStdioPipes()";
+constexpr const char* destructorText = "virtual UNIXStdioPipes::~UNIXStdioPipes()";
+constexpr const char* slaveHandleText = "int UNIXStdioPipes::slaveHandle()";
+constexpr const char* readHandleText =
+    "virtual HANDLE UNIXStdioPipes::readHandle(StdioPipes::StdFileHandle) const";
+
+// What the debuggee's terminal is given, for all consoles of the process.
+termios attributesRecord;
+winsize windowSizeRecord;
+
+void closeHandle(int& handle) {
+  if (handle >= 0) {
+    close(handle);
+    handle = -1;
+  }
+}
+
+const char* textOf(const ByteString& text) {
+  return reinterpret_cast<const char*>(static_cast<const unsigned char*>(text));
+}
+
+// A master side with the path it was opened by.
+struct Master {
+  int handle = -1;
+  char path[16] = "/dev/ptmx";
+};
+
+// The multiplexer, or else the first of 16 masters of the old kind.
+Master openMaster() {
+  Master master;
+  master.handle = open(master.path, O_RDWR | O_CLOEXEC);
+  if (master.handle >= 0) {
+    return master;
+  }
+  for (const char digit :
+       {'0', '1', '2', '3', '4', '5', '6', '7', '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'}) {
+    char path[] = "/dev/ptyp00?";
+    path[sizeof path - 2] = digit;
+    std::copy(std::begin(path), std::end(path), master.path);
+    master.handle = open(master.path, O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (master.handle >= 0) {
+      break;
+    }
+  }
+  return master;
+}
+
+// The path of the slave side; null, having been traced, when it cannot be had.
+const char* unlockSlave(const Master& master) {
+  if (grantpt(master.handle) != 0) {
+    CUL_TRACE(TraceType::error, constructorText, 120, "grantpt() failed for pseudo-terminal %s",
+              master.path);
+    return nullptr;
+  }
+  if (unlockpt(master.handle) != 0) {
+    CUL_TRACE(TraceType::error, constructorText, 122, "unlockpt() failed for pseudo-terminal %s",
+              master.path);
+    return nullptr;
+  }
+  const char* const name = ptsname(master.handle);
+  if (name == nullptr || *name == '\0') {
+    CUL_TRACE(TraceType::error, constructorText, 134, "ptsname() failed for pseudo-terminal %s",
+              master.path);
+    return nullptr;
+  }
+  return name;
+}
+
+bool isReadyToRead(int fd) {
+  pollfd wait = {fd, POLLIN | POLLPRI, 0};
+  return poll(&wait, 1, 0) > 0;
+}
+
+bool setWindowSize(int terminal, const winsize* size) {
+  const SignalIgnored windowChange(SIGWINCH);
+  return ioctl(terminal, TIOCSWINSZ, size) == 0;
+}
+
+}  // namespace
+
+UNIXStdioPipes::UNIXStdioPipes()
+    : inputIsTerminal_(isatty(STDIN_FILENO) != 0 ? 1 : 0),
+      outputIsTerminal_(isatty(STDOUT_FILENO) != 0 ? 1 : 0),
+      errorIsTerminal_(isatty(STDERR_FILENO) != 0 ? 1 : 0) {
+  if (inputIsTerminal_ != 0 || outputIsTerminal_ != 0 || errorIsTerminal_ != 0) {
+    const HoldRequests hold;
+    saveTerminal();
+    openConsole();
+  }
+}
+
+// Takes the attributes and the window size of the first standard stream after which both are
+// known: what one terminal cannot tell may come from the next.
+void UNIXStdioPipes::saveTerminal() {
+  const unsigned char isTerminal[] = {inputIsTerminal_, outputIsTerminal_, errorIsTerminal_};
+  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+    if (isTerminal[stream] == 0) {
+      continue;
+    }
+    if (tcgetattr(stream, &attributesRecord) == 0) {
+      savedAttributes_ = &attributesRecord;
+    }
+    if (ioctl(stream, TIOCGWINSZ, &windowSizeRecord) == 0) {
+      savedWindowSize_ = &windowSizeRecord;
+    }
+    if (savedAttributes_ != nullptr && savedWindowSize_ != nullptr) {
+      // Deliberately only here: attributes without a window size keep their echo.
+      savedAttributes_->c_lflag &= ~static_cast<tcflag_t>(ECHO);
+      return;
+    }
+  }
+}
+
+void UNIXStdioPipes::openConsole() {
+  Master master = openMaster();
+  if (master.handle < 0) {
+    CUL_TRACE(TraceType::error, constructorText, 118, "open() failed for all pseudo-terminals");
+    return;
+  }
+  const char* const name = unlockSlave(master);
+  if (name == nullptr) {
+    closeHandle(master.handle);
+    return;
+  }
+  slaveName_ = ByteString(name);
+  masterHandle_ = master.handle;
+  noConsole_ = 0;
+  CUL_TRACE(TraceType::dsl, constructorText, 129,
+            "Console on pseudo-terminal \"%s\" successfully created", textOf(slaveName_));
+}
+
+UNIXStdioPipes::~UNIXStdioPipes() {
+  if (slaveName_.length() != 0 && slaveHandle_ < 0) {
+    CUL_TRACE(TraceType::dsl, destructorText, 147, "Pseudo-terminal \"%s\" destroyed",
+              textOf(slaveName_));
+  }
+  const HoldRequests hold;
+  UNIXStdioPipes::closePipes();
+  closeHandle(inputCopy_);
+  closeHandle(outputCopy_);
+  closeHandle(errorCopy_);
+}
+
+void UNIXStdioPipes::closePipes() {
+  const HoldRequests hold;
+  for (int* const handle : {&slaveHandle_, &masterHandle_}) {
+    if (*handle >= 0) {
+      tcflush(*handle, TCIOFLUSH);
+      closeHandle(*handle);
+    }
+  }
+}
+
+int UNIXStdioPipes::slaveHandle() {
+  if (noConsole_ != 0) {
+    return slaveHandle_;
+  }
+  closeHandle(masterHandle_);
+  noConsole_ = 1;
+  if (setsid() < 0) {
+    CUL_TRACE(TraceType::error, slaveHandleText, 273, "setsid() failed");
+    return slaveHandle_;
+  }
+  // The first terminal that the leader of a session opens becomes its controlling terminal.
+  slaveHandle_ = open(textOf(slaveName_), O_RDWR | O_CLOEXEC);
+  if (slaveHandle_ < 0) {
+    CUL_TRACE(TraceType::error, slaveHandleText, 278, "debuggee open '%s' failed",
+              textOf(slaveName_));
+    slaveHandle_ = -1;
+    return slaveHandle_;
+  }
+  if (savedAttributes_ != nullptr && tcsetattr(slaveHandle_, TCSANOW, savedAttributes_) != 0) {
+    CUL_TRACE(TraceType::error, slaveHandleText, 284, "tcsetattr failed");
+    closeHandle(slaveHandle_);
+    return slaveHandle_;
+  }
+  if (savedWindowSize_ != nullptr && !setWindowSize(slaveHandle_, savedWindowSize_)) {
+    CUL_TRACE(TraceType::error, slaveHandleText, 294, "ioctl(TIOCSWINSZ) failed");
+  }
+  return slaveHandle_;
+}
+
+HANDLE UNIXStdioPipes::childReadHandle() {
+  if (inputIsTerminal_ == 0) {
+    return dupAndRewind(inputCopy_, STDIN_FILENO);
+  }
+  const int slave = slaveHandle();
+  return slave < 0 ? STDIN_FILENO : slave;
+}
+
+HANDLE UNIXStdioPipes::childWriteHandle(StdFileHandle stream) {
+  if (stream != StdOutput && stream != StdError) {
+    return -1;
+  }
+  const bool isOutput = stream == StdOutput;
+  if ((isOutput ? outputIsTerminal_ : errorIsTerminal_) == 0) {
+    return dupAndTruncate(isOutput ? outputCopy_ : errorCopy_, stream);
+  }
+  const int slave = slaveHandle();
+  return slave < 0 ? static_cast<int>(stream) : slave;
+}
+
+HANDLE UNIXStdioPipes::readHandle(StdFileHandle stream) const {
+  switch (stream) {
+    case StdOutput:
+      return outputIsTerminal_ == 0 ? outputCopy_ : masterHandle_;
+    case StdError:
+      return errorIsTerminal_ == 0 ? errorCopy_ : masterHandle_;
+    default:
+      StdException::throwException(readHandleText, 259, "invalid call", -1);
+  }
+}
+
+HANDLE UNIXStdioPipes::writeHandle() const {
+  return inputIsTerminal_ == 0 ? inputCopy_ : masterHandle_;
+}
+
+int UNIXStdioPipes::write(const void* data, unsigned int length) const {
+  if (masterHandle_ < 0) {
+    return 0;
+  }
+  const ssize_t written = ::write(masterHandle_, data, length);
+  return written < 0 ? 0 : static_cast<int>(written);
+}
+
+int UNIXStdioPipes::read(StdFileHandle stream, ByteString& out, unsigned int maximum) const {
+  out = ByteString();
+  const bool isOnConsole = (stream == StdOutput && outputIsTerminal_ != 0) ||
+                           (stream == StdError && errorIsTerminal_ != 0);
+  if (!isOnConsole || masterHandle_ < 0) {
+    return 0;
+  }
+  // In pieces that never hold more than is still wanted: what is left in the terminal is what
+  // reading byte by byte would leave there.
+  char piece[4096];
+  std::string text;
+  while (text.size() < maximum && isReadyToRead(masterHandle_)) {
+    const ssize_t n =
+        ::read(masterHandle_, piece, std::min<size_t>(sizeof piece, maximum - text.size()));
+    if (n < 1) {
+      break;
+    }
+    // Deliberate: a zero byte adds nothing to a text.
+    text.append(piece, std::remove(piece, piece + n, '\0'));
+  }
+  out = ByteString(text.data(), static_cast<unsigned int>(text.size()));
+  return static_cast<int>(out.length());
+}
+
+int UNIXStdioPipes::dupAndRewind(int& copy, int fd) {
+  closeHandle(copy);
+  copy = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  if (copy >= 0) {
+    lseek(copy, 0, SEEK_SET);
+  }
+  return copy;
+}
+
+int UNIXStdioPipes::dupAndTruncate(int& copy, int fd) {
+  if (dupAndRewind(copy, fd) >= 0) {
+    static_cast<void>(ftruncate(copy, 0));
+  }
+  return copy;
+}
