@@ -1,0 +1,16 @@
+#include "Engine/utilities/ReferenceCounted.h"
+
+#include "Engine/utilities/UNIX/HoldRequests.h"
+
+ReferenceCounted::~ReferenceCounted() = default;
+
+void ReferenceCounted::addReference() const {
+  __atomic_add_fetch(&referenceCount_, 1, __ATOMIC_RELAXED);
+}
+
+void ReferenceCounted::removeReference() const {
+  const HoldRequests hold;  // or the object might stay without a reference
+  if (__atomic_sub_fetch(&referenceCount_, 1, __ATOMIC_ACQ_REL) == 0) {
+    delete this;
+  }
+}
