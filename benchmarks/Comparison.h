@@ -80,3 +80,4 @@ void compareChecksums();
 void compareMemory();
 void compareLocks(Company company);
 void compareTrace();
+void compareConsole();

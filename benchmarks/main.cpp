@@ -75,6 +75,7 @@ void compareInCompany() {
   compareMemory();
   compareLocks(Company::idle);
   compareTrace();
+  compareConsole();
 }
 
 }  // namespace

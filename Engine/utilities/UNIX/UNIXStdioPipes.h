@@ -31,7 +31,8 @@
 /// The child must not lead a process group: it is to become the leader of a session. Every
 /// descriptor of the console is close-on-exec, so that no program inherits it unasked; `dup2`
 /// clears that for the standard stream. The debugger's own three standard streams must be open
-/// when the console is made, else the console's descriptors take their numbers.
+/// when the console is made, else the master takes the number of one of them. What is typed
+/// before the child has set its side up is echoed.
 ///
 /// **Ownership.** The object owns its descriptors: master, slave and one duplicate per
 /// redirected stream. The debuggee's terminal hangs up when the master is closed. The
