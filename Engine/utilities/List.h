@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include "Engine/utilities/ListImplementation.h"
 
@@ -18,7 +19,8 @@
 /// on a pool leaves every outgrown buffer in the pool until the pool is cleared, and its
 /// elements are only 4-byte aligned, like all pool memory.
 ///
-/// Not copyable, and not thread-safe: one thread at a time, or under the owner's lock.
+/// Not copyable or assignable, but a function can return one. Not thread-safe: one thread at
+/// a time, or under the owner's lock.
 
 template <typename T>
 class List {
@@ -41,6 +43,12 @@ class List {
       : List(nullptr, initialCapacity, pool, growth) {}
   List(const List&) = delete;
   List& operator=(const List&) = delete;
+
+  /// Takes the elements of another list over and leaves it empty, on the same pool.
+  List(List&& other) noexcept
+      : implementation_(std::move(other.implementation_)),
+        elements_(std::exchange(other.elements_, nullptr)) {}
+
   ~List() { implementation_.deleteItems(elements_); }
 
   /// Appends one element, which may be one of the list's own.

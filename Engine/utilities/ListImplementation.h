@@ -1,5 +1,7 @@
 #pragma once
 
+#include <utility>
+
 #include "Engine/utilities/Export.h"
 
 /// \file
@@ -32,6 +34,15 @@ class CUL_EXPORT ListImplementation {
                      unsigned short elementSize, unsigned short growth);
   ListImplementation(const ListImplementation&) = delete;
   ListImplementation& operator=(const ListImplementation&) = delete;
+
+  /// Takes the elements of another list over and leaves it empty. The buffer pointer, kept
+  /// beside both, moves along and leaves null.
+  ListImplementation(ListImplementation&& other) noexcept
+      : allocator(other.allocator),
+        count(std::exchange(other.count, 0)),
+        capacity(std::exchange(other.capacity, 0)),
+        elementSize_(other.elementSize_),
+        growth_(other.growth_) {}
 
   /// Obtains a buffer for `capacity` elements, without storing it.
   /// \throws std::bad_alloc when there is no memory or the size does not fit in 32 bits.

@@ -76,7 +76,6 @@ class CUL_EXPORT ThreadListener : public ReferenceCounted {
   }
 
  protected:
-  /// Deletes a worker that was never started.
   ~ThreadListener() override;
 
   /// What notify() does under the lock.

@@ -105,6 +105,8 @@ class CUL_EXPORT ThreadManager {
   friend class ThreadHandle;
   class Unlisting;
 
+  void postIfEmpty();
+
   List<Reference<ThreadHandle>*> handles_;  // holders, owned
   UNIX_Event_Semaphore allEnded_;
   mutable UNIX_Critical_Section lock_;  // guards everything

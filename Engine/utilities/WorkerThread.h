@@ -43,6 +43,9 @@ class CUL_EXPORT WorkerThread : public StdThread {
 
   [[nodiscard]] State state() const;
 
+  /// The result of the run, 0 until it has ended.
+  [[nodiscard]] unsigned int result() const;
+
  private:
   void enter();
   pthread_t leave(int result);

@@ -7,6 +7,7 @@
 #include <random>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -38,6 +39,22 @@ TEST(List, HoldsTheBufferPointerDirectlyBehindItsCore) {
 TEST(List, IsNotCopyable) {
   EXPECT_FALSE(std::is_copy_constructible_v<List<int>>);
   EXPECT_FALSE(std::is_copy_assignable_v<List<int>>);
+}
+
+TEST(List, IsReturnedByAFunctionWithoutCopyingItsElements) {
+  List<int> source(4);
+  source.add(7);
+  source.add(8);
+  const int* const elements = source.begin();
+  const List<int> taken = [&source] { return std::move(source); }();
+  EXPECT_EQ(taken.begin(), elements);
+  EXPECT_EQ(Ints(taken.begin(), taken.end()), (Ints{7, 8}));
+  EXPECT_EQ(taken.capacity(), 4U);
+  // NOLINTNEXTLINE(bugprone-use-after-move): what is left is an empty list to go on with.
+  EXPECT_TRUE(source.isEmpty());
+  EXPECT_EQ(source.capacity(), 0U);
+  source.add(9);
+  EXPECT_EQ(Ints(source.begin(), source.end()), Ints{9});
 }
 
 TEST(List, StartsEmptyWithRoomForItsInitialCapacity) {

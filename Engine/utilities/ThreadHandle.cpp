@@ -1,0 +1,74 @@
+#include "Engine/utilities/ThreadHandle.h"
+
+#include <utility>
+
+#include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/ThreadManager.h"
+#include "Engine/utilities/ThreadManagerLink.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+
+namespace {
+
+Reference<ThreadManagerLink> none() { return {}; }
+
+}  // namespace
+
+// Holds the handle's lock while a run is marked as ended. Where it is released tells in a
+// trace whether a manager is told.
+class ThreadHandle::NotifyGuard {
+ public:
+  explicit NotifyGuard(const ThreadHandle& handle) : lock_(handle.lock()) {
+    lock_.request(function, 169);
+  }
+  NotifyGuard(const NotifyGuard&) = delete;
+  NotifyGuard& operator=(const NotifyGuard&) = delete;
+  ~NotifyGuard() noexcept(false) { lock_.release(function, line_); }
+
+  void hasNoManager() noexcept { line_ = 182; }
+
+ private:
+  static constexpr const char* function = "virtual void ThreadHandle::notify(pthread_t, int)";
+
+  UNIX_Critical_Section& lock_;
+  unsigned int line_ = 176;
+};
+
+ThreadHandle::ThreadHandle(ThreadManager* manager, Runnable& runnable)
+    : ThreadListener(runnable), manager_(manager != nullptr ? manager->link_ : none()) {}
+
+ThreadHandle::~ThreadHandle() = default;
+
+Reference<ThreadHandle> ThreadHandle::instance(ThreadManager& manager, Runnable& runnable) {
+  const HoldRequests hold;
+  return Reference<ThreadHandle>(new ThreadHandle(&manager, runnable));
+}
+
+void ThreadHandle::notify(pthread_t id, int result) {
+  const HoldRequests hold;
+  Reference<ThreadManagerLink> link;
+  {
+    NotifyGuard guard(*this);
+    end(result);
+    if (manager_ && manager_->manager() != nullptr) {
+      link = manager_;
+    } else {
+      guard.hasNoManager();
+    }
+  }
+  if (link) {
+    link->notify(id, result);
+  }
+}
+
+void ThreadHandle::setManager(ThreadManager* manager) {
+  const HoldRequests hold;
+  Reference<ThreadManagerLink> link = manager != nullptr ? manager->link_ : none();
+  const LockGuard guard(lock(), "void ThreadHandle::setManager(ThreadManager*)", __LINE__);
+  manager_ = std::move(link);
+}
+
+ThreadManager* ThreadHandle::manager() const {
+  const HoldRequests hold;
+  const LockGuard guard(lock(), "ThreadManager* ThreadHandle::manager() const", __LINE__);
+  return manager_ ? manager_->manager() : nullptr;
+}

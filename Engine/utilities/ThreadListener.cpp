@@ -1,0 +1,75 @@
+#include "Engine/utilities/ThreadListener.h"
+
+#include <utility>
+
+#include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/WorkerThread.h"
+
+ThreadListener::ThreadListener(Runnable& runnable) : runnable_(runnable) {
+  // Keeps the object from deleting itself when the temporary reference goes.
+  ReferenceCounted::addReference();
+  worker_ = new WorkerThread(Reference<ThreadListener>(this), runnable_);
+  static_cast<void>(removeReferenceOf(referenceCount()));
+  semaphore_.reset();
+}
+
+ThreadListener::~ThreadListener() {
+  if (worker_ != nullptr) {
+    // Not shared yet: the constructor of a derived class has failed.
+    ReferenceCounted::addReference();
+    delete std::exchange(worker_, nullptr);
+  }
+}
+
+Reference<ThreadListener> ThreadListener::instance(Runnable& runnable) {
+  const HoldRequests hold;
+  return Reference<ThreadListener>(new ThreadListener(runnable));
+}
+
+void ThreadListener::removeReference() const {
+  const HoldRequests hold;
+  for (;;) {
+    const unsigned int count = referenceCount();
+    // A worker that was not started holds the other of two references, so no other thread
+    // can start it, or even know of it, now.
+    if (count == 2 && __atomic_load_n(&worker_, __ATOMIC_ACQUIRE) != nullptr) {
+      delete std::exchange(worker_, nullptr);
+    } else if (removeReferenceOf(count)) {
+      if (count == 1) {
+        delete this;
+      }
+      return;
+    }
+  }
+}
+
+void ThreadListener::end(int result) {
+  __atomic_store_n(&result_, result, __ATOMIC_RELEASE);
+  semaphore_.post();
+}
+
+void ThreadListener::notify(pthread_t, int result) {
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "virtual void ThreadListener::notify(pthread_t, int)", __LINE__);
+  end(result);
+}
+
+pthread_t ThreadListener::start() {
+  // Not under the lock: the run may be marked as ended meanwhile.
+  if (!semaphore_.wait(0, CUL_Event_Semaphore::Seconds, false)) {
+    return 0;
+  }
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "pthread_t ThreadListener::start()", __LINE__);
+  WorkerThread* const worker = __atomic_load_n(&worker_, __ATOMIC_ACQUIRE);
+  if (worker == nullptr || threadId() != 0) {
+    return 0;
+  }
+  const pthread_t id = worker->start();
+  __atomic_store_n(&threadId_, id, __ATOMIC_RELEASE);
+  if (id != 0) {
+    __atomic_store_n(&worker_, nullptr, __ATOMIC_RELEASE);
+  }
+  return id;
+}

@@ -1,0 +1,167 @@
+#include "Engine/utilities/ThreadManager.h"
+
+#include <memory>
+
+#include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/StdException.h"
+#include "Engine/utilities/ThreadManagerLink.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+
+// Takes a handle off the list again when its run could not be started.
+class ThreadManager::Unlisting {
+ public:
+  Unlisting(ThreadManager& manager, Reference<ThreadHandle>& handle)
+      : manager_(manager), handle_(handle) {}
+  Unlisting(const Unlisting&) = delete;
+  Unlisting& operator=(const Unlisting&) = delete;
+  ~Unlisting() noexcept(false) {
+    if (!isCancelled_) {
+      manager_.remove(handle_);
+      manager_.postIfEmpty();
+    }
+  }
+
+  void cancel() noexcept { isCancelled_ = true; }
+
+ private:
+  ThreadManager& manager_;
+  Reference<ThreadHandle>& handle_;
+  bool isCancelled_ = false;
+};
+
+ThreadManager::ThreadManager() : link_(new ThreadManagerLink(*this)) {}
+
+ThreadManager::~ThreadManager() {
+  const HoldRequests hold;
+  link_->cut();
+  const LockGuard guard(lock_, "ThreadManager::~ThreadManager()", 25);
+  orphanThreads();
+}
+
+pthread_t ThreadManager::start(Runnable& runnable) {
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "pthread_t ThreadManager::start(Runnable&)", 33);
+  Reference<ThreadHandle> handle = ThreadHandle::instance(*this, runnable);
+  append(handle);
+  Unlisting unlisting(*this, handle);
+  allEnded_.reset();
+  const pthread_t id = handle->start();
+  unlisting.cancel();
+  return id;
+}
+
+ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>& handle) {
+  const HoldRequests hold;
+  const LockGuard guard(
+      lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>&)", 25);
+  if (findThread(handle) >= 0) {
+    return THREADMANAGER_FAILED;
+  }
+  auto holder = std::make_unique<Reference<ThreadHandle>>(handle);
+  handles_.add(holder.get());
+  static_cast<void>(holder.release());  // now the list's
+  return THREADMANAGER_OK;
+}
+
+ThreadManager::THREADMANAGER_RC ThreadManager::remove(Reference<ThreadHandle>& handle) {
+  const HoldRequests hold;
+  const LockGuard guard(
+      lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::remove(Reference<ThreadHandle>&)", 59);
+  const int index = findThread(handle);
+  return index < 0 ? THREADMANAGER_FAILED : destroy(static_cast<unsigned int>(index));
+}
+
+ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t id) {
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t)",
+                        71);
+  const int index = findThread(id);
+  if (index < 0) {
+    return THREADMANAGER_FAILED;
+  }
+  ThreadHandle& handle = **handles_[static_cast<unsigned int>(index)];
+  if (handle.semaphore().wait(0, CUL_Event_Semaphore::Seconds, false)) {
+    handle.setManager(nullptr);
+  }
+  return destroy(static_cast<unsigned int>(index));
+}
+
+ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int index) {
+  const HoldRequests hold;
+  const LockGuard guard(lock_,
+                        "ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int)", 40);
+  if (index >= handles_.count()) {
+    return THREADMANAGER_FAILED;
+  }
+  const std::unique_ptr<Reference<ThreadHandle>> holder(handles_[index]);
+  handles_.removeAt(index);
+  return THREADMANAGER_OK;
+}
+
+void ThreadManager::notify(pthread_t id, int) {
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "void ThreadManager::notify(pthread_t, int)", 105);
+  remove(id);
+  postIfEmpty();
+}
+
+int ThreadManager::findThread(Reference<ThreadHandle>& handle) {
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "int ThreadManager::findThread(Reference<ThreadHandle>&)", 124);
+  for (unsigned int i = 0; i < handles_.count(); ++i) {
+    if (*handles_[i] == handle) {
+      return static_cast<int>(i);
+    }
+  }
+  return -1;
+}
+
+int ThreadManager::findThread(pthread_t id) const {
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "int ThreadManager::findThread(pthread_t) const", 104);
+  for (unsigned int i = 0; i < handles_.count(); ++i) {
+    if ((*handles_[i])->threadId() == id) {
+      return static_cast<int>(i);
+    }
+  }
+  return -1;
+}
+
+// NOLINTNEXTLINE(readability-const-return-type): callers know it so.
+const Reference<ThreadListener> ThreadManager::getThread(pthread_t id) const {
+  static constexpr const char* function =
+      "const Reference<ThreadListener> ThreadManager::getThread(pthread_t) const";
+  const HoldRequests hold;
+  const LockGuard guard(lock_, function, 66);
+  const int index = findThread(id);
+  if (index < 0) {
+    throw StdException(function, 80, "Thread not found.", -1);
+  }
+  return *handles_[static_cast<unsigned int>(index)];
+}
+
+List<unsigned long> ThreadManager::getThreadIds() {
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "List<long unsigned int> ThreadManager::getThreadIds()", 46);
+  List<unsigned long> ids;
+  for (const Reference<ThreadHandle>* holder : handles_) {
+    ids.add((*holder)->threadId());
+  }
+  return ids;
+}
+
+void ThreadManager::orphanThreads() {
+  const HoldRequests hold;
+  const LockGuard guard(lock_, "void ThreadManager::orphanThreads()", 86);
+  while (!handles_.isEmpty()) {
+    Reference<ThreadHandle> handle = *handles_[0];
+    remove(handle);
+  }
+  allEnded_.post();
+}
+
+void ThreadManager::postIfEmpty() {
+  if (handles_.isEmpty()) {
+    allEnded_.post();
+  }
+}
