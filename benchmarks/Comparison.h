@@ -79,5 +79,6 @@ void compareEscapes();
 void compareChecksums();
 void compareMemory();
 void compareLocks(Company company);
+void compareEvents();
 void compareTrace();
 void compareConsole();

@@ -74,6 +74,7 @@ void compareInCompany() {
   compareChecksums();
   compareMemory();
   compareLocks(Company::idle);
+  compareEvents();
   compareTrace();
   compareConsole();
 }

@@ -268,7 +268,10 @@ CUL_CHILD(FailingMutexesOfEvents) {
 }
 
 TEST(UNIX_Event_Semaphore, FailuresOfItsMutexAndTheTimersAreOnlyTraced) {
-  const TracedChild child("FailingMutexesOfEvents");
+  ChildOptions options;
+  // A mutex whose unlock is said to have failed looks held while the timer's lock is taken.
+  options.environment["TSAN_OPTIONS"] = "detect_deadlocks=0:halt_on_error=1";
+  const TracedChild child("FailingMutexesOfEvents", options);
   EXPECT_EQ(child.result.status, 0) << child.all();
   const auto expectBoth = [&child](const std::string& place, int unlockError, int lockError) {
     const std::string start = "**WARNING: " + place + ": ";
