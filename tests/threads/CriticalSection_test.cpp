@@ -2,6 +2,7 @@
 #include <cerrno>
 #include <pthread.h>
 #include <thread>
+#include <type_traits>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -126,6 +127,21 @@ TEST(UNIX_Mutex, FailuresAreSilentWithoutATrace) {
   EXPECT_EQ(child.out + child.err, "");
 }
 
+TEST(UNIX_Critical_Section, IsAMutexWithAnOwnerAndACount) {
+  static_assert(std::is_base_of_v<UNIX_Mutex, UNIX_Critical_Section>);
+  static_assert(sizeof(UNIX_Critical_Section) ==
+                sizeof(UNIX_Mutex) + sizeof(pthread_t) + 2 * sizeof(unsigned));
+  UNIX_Critical_Section section;
+  EXPECT_TRUE(isFree(section));
+  CUL_Critical_Section& lock = section;
+  lock.request("test", 1);
+  lock.request("test", 2);
+  EXPECT_FALSE(isFree(section));
+  lock.release("test", 3);
+  lock.release("test", 4);
+  EXPECT_TRUE(isFree(section));
+}
+
 TEST(UNIX_Critical_Section, BelongsToItsThreadUntilReleasedAsOftenAsRequested) {
   UNIX_Critical_Section lock;
   for (unsigned i = 0; i < 5; ++i) {
@@ -238,6 +254,25 @@ TEST(CUL_SemaphoreError, CarriesPlaceAndStatusAndNoText) {
   EXPECT_EQ(error.line, 28U);
   EXPECT_EQ(error.status, 110);
   EXPECT_STREQ(error.text, "");
+}
+
+CUL_CHILD(MakeASemaphoreError) {
+  int object = 0;
+  std::printf("%p", static_cast<void*>(&object));
+  const CUL_SemaphoreError error("void Some::function()", 28, &object, 110);
+  const CUL_SemaphoreError without("void Other::function()", 29, nullptr, 0);
+}
+
+TEST(CUL_SemaphoreError, IsTracedWithTheAddressOfTheObject) {
+  const TracedChild child("MakeASemaphoreError");
+  EXPECT_EQ(child.result.status, 0) << child.all();
+  EXPECT_EQ(child.count("**ERROR: void Some::function(28): Error on object " + child.result.out), 1)
+      << child.all();
+  EXPECT_EQ(child.count("**ERROR: void Other::function(29): Error on object (nil)"), 1)
+      << child.all();
+  const ChildResult untraced = runChild("MakeASemaphoreError");
+  EXPECT_EQ(untraced.status, 0);
+  EXPECT_EQ(untraced.err, "");
 }
 
 TEST(LockGuard, ReleasesWhenAnExceptionLeavesTheScope) {

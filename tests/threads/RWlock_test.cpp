@@ -204,6 +204,93 @@ TEST_P(EachPriority, TheOnlyReaderUpgradesAtOnceAndReleasesTheWriteHoldFirst) {
   EXPECT_FALSE(lock.holdsAnyLock());
 }
 
+TEST_P(EachPriority, AReaderWhoWritesGivesAllWriteHoldsBackBeforeHisReadHolds) {
+  RWlock lock(GetParam());
+  Actor other;
+  lock.requestRead();
+  lock.requestRead();
+  lock.requestWrite();
+  lock.requestRead();  // a second write hold
+  lock.release();
+  EXPECT_FALSE(lock.holdsReadLock());
+  other.tell([&lock] {
+    lock.requestRead();
+    EXPECT_TRUE(lock.holdsReadLock());
+  });
+  waitUntil([&lock] { return lock.readersWaiting() == 1; });
+  lock.release();
+  // With the last write hold gone others may read, too.
+  other.waitUntilIdle();
+  EXPECT_TRUE(lock.holdsReadLock());
+  lock.release();
+  EXPECT_TRUE(lock.holdsReadLock());
+  lock.release();
+  EXPECT_FALSE(lock.holdsAnyLock());
+  other.perform([&lock] { lock.release(); });
+}
+
+TEST_P(EachPriority, AWriterWritesAgainThoughReadersAndWritersWait) {
+  RWlock lock(GetParam());
+  Actor reader;
+  Actor writer;
+  lock.requestWrite();
+  reader.tell([&lock] {
+    lock.requestRead();
+    lock.release();
+  });
+  writer.tell([&lock] {
+    lock.requestWrite();
+    lock.release();
+  });
+  waitUntil([&lock] { return lock.readersWaiting() == 1 && lock.writersWaiting() == 1; });
+  lock.requestWrite();
+  lock.requestRead();
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_TRUE(lock.holdsWriteLock()) << i;
+    EXPECT_FALSE(reader.isIdle()) << i;
+    EXPECT_FALSE(writer.isIdle()) << i;
+    lock.release();
+  }
+}
+
+TEST_P(EachPriority, TheOnlyReaderUpgradesPastAWaitingWriter) {
+  RWlock lock(GetParam());
+  Actor writer;
+  lock.requestRead();
+  writer.tell([&lock] {
+    lock.requestWrite();
+    lock.release();
+  });
+  waitUntil([&lock] { return lock.writersWaiting() == 1; });
+  lock.requestWrite();
+  EXPECT_FALSE(lock.holdsReadLock());
+  lock.release();
+  EXPECT_TRUE(lock.holdsReadLock());
+  EXPECT_FALSE(writer.isIdle());
+  lock.release();
+}
+
+TEST_P(EachPriority, AnyNumberOfReadersLeaveInAnyOrder) {
+  RWlock lock(GetParam());
+  // More than the list of holders has room for at first.
+  std::array<Actor, 25> readers;
+  for (Actor& reader : readers) {
+    reader.perform([&lock] { lock.requestRead(); });
+  }
+  for (size_t i = 0; i < readers.size(); ++i) {
+    Actor& leaving = readers[i * 7 % readers.size()];
+    leaving.perform([&lock, i] {
+      EXPECT_TRUE(lock.holdsReadLock());
+      EXPECT_EQ(lock.holdsWriteLock(), i == 24);
+      lock.release();
+      EXPECT_FALSE(lock.holdsAnyLock());
+    });
+  }
+  lock.requestWrite();
+  EXPECT_TRUE(lock.holdsWriteLock());
+  lock.release();
+}
+
 TEST_P(EachPriority, OneOfTwoReadersUpgradesWhenTheOtherLeaves) {
   RWlock lock(GetParam());
   Actor other;
