@@ -82,3 +82,4 @@ void compareLocks(Company company);
 void compareEvents();
 void compareTrace();
 void compareConsole();
+void compareProcesses();

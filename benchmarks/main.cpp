@@ -77,6 +77,7 @@ void compareInCompany() {
   compareEvents();
   compareTrace();
   compareConsole();
+  compareProcesses();
 }
 
 }  // namespace

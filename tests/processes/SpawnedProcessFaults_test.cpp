@@ -1,0 +1,569 @@
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <pthread.h>
+#include <string>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "Engine/utilities/ProcessWaiter.h"
+#include "Engine/utilities/SpawnedProcess.h"
+#include "Engine/utilities/StdException.h"
+#include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/ThreadListener.h"
+#include "Engine/utilities/TraceFlags.h"
+
+#include "tests/processes/FailingCall.h"
+#include "tests/processes/SpawnedProcessSupport.h"
+#include "tests/support/TracedChild.h"
+
+using testing::ContainsRegex;
+
+namespace {
+
+// Thread calls that fail: after so many real ones, counted down by each; below 0 all are real.
+constinit std::atomic<int> threadsBeforeFailure = -1;
+constinit std::atomic<int> conditionsBeforeFailure = -1;
+
+bool isToFail(std::atomic<int>& before) { return before >= 0 && before.fetch_sub(1) == 0; }
+
+template <typename Function>
+Function* nextAfterThisProgram(const char* name) {
+  // The condition functions have an older version, too, which plain dlsym may give.
+#if !defined(__SANITIZE_THREAD__)
+  if (void* const function = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2"); function != nullptr) {
+    return reinterpret_cast<Function*>(function);
+  }
+#endif
+  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" int pthread_create(pthread_t* id, const pthread_attr_t* attributes,
+                              void* (*entry)(void*), void* argument) noexcept {
+  static auto* const next = nextAfterThisProgram<decltype(pthread_create)>("pthread_create");
+  return isToFail(threadsBeforeFailure) ? EAGAIN : next(id, attributes, entry, argument);
+}
+
+extern "C" int pthread_cond_init(pthread_cond_t* condition,
+                                 const pthread_condattr_t* attributes) noexcept {
+  static auto* const next = nextAfterThisProgram<decltype(pthread_cond_init)>("pthread_cond_init");
+  return isToFail(conditionsBeforeFailure) ? ENOMEM : next(condition, attributes);
+}
+
+namespace {
+
+constexpr const char* constructorText =
+    "SpawnedProcess::SpawnedProcess(const EncodedString&, const EncodedString&, const "
+    "List<EncodedString*>&, int, int)";
+
+template <typename Operation>
+void expectFailure(Operation operation, unsigned line, const char* text) {
+  try {
+    operation();
+    ADD_FAILURE() << "nothing was thrown instead of " << text;
+  } catch (const StdException& e) {
+    EXPECT_STREQ(static_cast<const char*>(e.fileName), constructorText);
+    EXPECT_EQ(e.line, line);
+    EXPECT_STREQ(static_cast<const char*>(e.text), text);
+    EXPECT_EQ(e.status, -1);
+  }
+}
+
+void expectNotFound(const std::string& program, const std::string& path) {
+  const CallRecord record({LibcCall::fork});
+  expectFailure(
+      [&] {
+        const SpawnedProcess process(utf8(program), utf8(path), List<EncodedString*>(), silenced,
+                                     closed);
+      },
+      92, "File not found.");
+  EXPECT_EQ(record.count(LibcCall::fork), 0U);
+}
+
+// The trace has these errors and no others.
+void expectErrors(const std::string& trace, const std::vector<std::string>& texts) {
+  for (const std::string& text : texts) {
+    EXPECT_EQ(occurrences(trace, text), 1U) << text << "\n" << trace;
+  }
+  EXPECT_EQ(occurrences(trace, "**ERROR: "), texts.size()) << trace;
+}
+
+}  // namespace
+
+// No child
+
+TEST(SpawnedProcessFaults, RefusesAProgramThatIsNotOnThePath) {
+  const TemporaryFolder folder;
+  writeFile(folder.file("plain"), "no program");
+  std::filesystem::create_directory(folder.file("folder"));
+  expectNotFound("cul-no-such-program", "/bin:/usr/bin");
+  expectNotFound("plain", folder.path());
+  expectNotFound("folder", folder.path());
+  expectNotFound("sh", "");
+  expectNotFound("sh", folder.path());
+  expectNotFound("", "/bin");
+}
+
+CUL_CHILD(ForkFailsOnce) {
+  (void)isTraced(TraceType::error);  // The trace opens its file.
+  const std::vector<std::string> before = openDescriptors();
+  {
+    const FailingCall failing({.call = LibcCall::fork, .error = ENOMEM});
+    expectFailure([] { spawnShell("exit 0"); }, 189, "Fork failed.");
+  }
+  EXPECT_TRUE(hasNoChildren());
+  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(statusOf(spawnShell("exit 4")), 4 << 8);
+}
+
+TEST(SpawnedProcessFaults, ReportsAForkThatFails) {
+  const TracedChildResult r = runTracedChild("ForkFailsOnce");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  expectErrors(r.trace,
+               {"**ERROR: SpawnedProcess::SpawnedProcess(189): ::fork() failed with errno 12.\n"});
+}
+
+CUL_CHILD(ForkAtTheLimitOfProcesses) {
+  if (geteuid() == 0) {
+    // Root has no limit; some other user has no processes.
+    constexpr uid_t nobodyElse = 3000000000;
+    ASSERT_EQ(setresuid(nobodyElse, nobodyElse, nobodyElse), 0);
+  }
+  const rlimit one = {1, 1};
+  ASSERT_EQ(setrlimit(RLIMIT_NPROC, &one), 0);
+  expectFailure([] { spawnShell("exit 0"); }, 189, "Fork failed.");
+  EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(SpawnedProcessFaults, ReportsTheLimitOfProcesses) {
+  const ChildResult r = runChild("ForkAtTheLimitOfProcesses");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+// No program
+
+TEST(SpawnedProcessFaults, EndsTheChildWith1WhenThereIsNoProgramAtAnAbsolutePath) {
+  EXPECT_EQ(statusOf(spawn("/cul/no/such/program", {})), 256);
+  EXPECT_EQ(statusOf(spawn("/", {})), 256);
+}
+
+TEST(SpawnedProcessFaults, EndsTheChildWith1WhenTheFileIsNoProgram) {
+  const TemporaryFolder folder;
+  writeFile(folder.file("program"), "this is not a program\n");
+  ASSERT_EQ(chmod(folder.file("program").c_str(), 0755), 0);
+  const SpawnedProcess process(utf8("program"), utf8(folder.path()), List<EncodedString*>(),
+                               silenced, closed);
+  EXPECT_EQ(statusOf(process), 256);
+}
+
+TEST(SpawnedProcessFaults, EndsTheChildWith1WhenExecvFails) {
+  FailingCall failing({.call = LibcCall::execv, .error = ENOMEM, .path = "/bin/true"});
+  EXPECT_EQ(statusOf(spawn("/bin/true", {})), 256);
+  failing.dismiss();
+  EXPECT_EQ(statusOf(spawn("/bin/true", {})), 0);
+}
+
+CUL_CHILD(FailToExecuteWithOutputWaiting) {
+  printf("written once");
+  FailingCall failing({.call = LibcCall::execv});
+  EXPECT_EQ(statusOf(spawn("/bin/true", {}, shared)), 256);
+  failing.dismiss();
+}
+
+TEST(SpawnedProcessFaults, EndsTheChildWithoutItsParentsLeavings) {
+  const ChildResult r = runChild("FailToExecuteWithOutputWaiting");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(r.out, "written once");
+}
+
+// Streams and descriptors
+
+namespace {
+
+// How many descriptors above 2 a program finds, and how many streams lead to "/dev/null".
+void expectSilencedAndClosed(unsigned streams = 3) {
+  const TemporaryFolder folder;
+  EXPECT_EQ(
+      statusOf(spawnShell("(ls -l /proc/$$/fd > \"$0\" 2>&1); exit 0", {folder.file("list")})), 0);
+  const std::string list = contentsOf(folder.file("list"));
+  EXPECT_EQ(occurrences(list, " -> /dev/null\n"), streams) << list;
+  EXPECT_EQ(occurrences(list, " -> "), streams) << list;
+}
+
+class LowLimit {
+ public:
+  explicit LowLimit(rlim_t descriptors) {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    rlimit low = before_;
+    low.rlim_cur = descriptors;
+    setrlimit(RLIMIT_NOFILE, &low);
+  }
+  LowLimit(const LowLimit&) = delete;
+  LowLimit& operator=(const LowLimit&) = delete;
+  ~LowLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+ private:
+  rlimit before_;
+};
+
+}  // namespace
+
+CUL_CHILD(CloseRangeFails) {
+  const LowLimit limit(300);
+  for (const int fd : {3, 100, 298, 299}) {
+    ASSERT_EQ(dup2(0, fd), fd);
+  }
+  FailingCall failing({.call = LibcCall::close_range,
+                       .error = ENOSYS,
+                       .first = 3,
+                       .argument = static_cast<long>(~0U)});
+  expectSilencedAndClosed();
+  failing.dismiss();
+  // The limit counts, not what is open.
+  FailingCall failingAgain({.call = LibcCall::close_range, .error = ENOSYS});
+  FailingCall size({.call = LibcCall::getdtablesize, .result = 299});
+  const TemporaryFolder folder;
+  EXPECT_EQ(statusOf(spawnShell("(ls /proc/$$/fd > \"$0\"); exit 0", {folder.file("list")})), 0);
+  EXPECT_EQ(contentsOf(folder.file("list")), "0\n1\n2\n299\n");
+  failingAgain.dismiss();
+  size.dismiss();
+}
+
+TEST(SpawnedProcessFaults, ClosesTheDescriptorsOneByOneWhenTheyCannotBeClosedAtOnce) {
+  const ChildResult r = runChild("CloseRangeFails");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(StreamsFail) {
+  {
+    // A stream whose close fails is left alone.
+    FailingCall failing({.call = LibcCall::close, .error = EIO, .first = 1});
+    const TemporaryFolder folder;
+    const SpawnedProcess process =
+        spawnShell("(ls -l /proc/$$/fd > \"$0\"); echo still there", {folder.file("list")});
+    EXPECT_EQ(statusOf(process), 0);
+    EXPECT_EQ(occurrences(contentsOf(folder.file("list")), " -> /dev/null\n"), 2U);
+    failing.dismiss();
+  }
+  {
+    FailingCall failing(
+        {.call = LibcCall::fcntl, .error = EMFILE, .first = {}, .argument = F_DUPFD});
+    expectSilencedAndClosed(2);
+    failing.dismiss();
+  }
+  {
+    // The second attempt succeeds.
+    FailingCall failing({.call = LibcCall::open, .error = ENFILE, .path = "/dev/null"});
+    expectSilencedAndClosed();
+    failing.dismiss();
+  }
+  {
+    FailingCall failing({.call = LibcCall::open,
+                         .error = ENOENT,
+                         .path = "/dev/null",
+                         .times = CallFailure::always});
+    expectSilencedAndClosed(0);
+    failing.dismiss();
+  }
+}
+
+TEST(SpawnedProcessFaults, SilencesWhatItCan) {
+  const ChildResult r = runChild("StreamsFail");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  EXPECT_EQ(r.out, "still there\n");
+}
+
+CUL_CHILD(OpenFailsOnceWithoutStandardInput) {
+  const int saved = fcntl(0, F_DUPFD_CLOEXEC, 3);
+  close(0);
+  FailingCall failing({.call = LibcCall::open, .error = ENFILE, .path = "/dev/null"});
+  expectSilencedAndClosed(2);
+  failing.dismiss();
+  dup2(saved, 0);
+}
+
+TEST(SpawnedProcessFaults, LeavesAClosedStreamClosedAlsoAtTheSecondAttempt) {
+  const ChildResult r = runChild("OpenFailsOnceWithoutStandardInput");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+// No waiter
+
+namespace {
+
+// Spawns a program that would run for ever, expects a failure after it was forked off, and
+// looks for what is left of it.
+template <typename Exception>
+void expectKilledChild(std::atomic<int>& before, int count, int status) {
+  const TemporaryFolder folder;
+  const std::vector<std::string> descriptors = openDescriptors();
+  const size_t threads = threadCount();
+  const CallRecord record({LibcCall::fork});
+  before = count;
+  try {
+    spawnShell("while :; do sleep 1; done");
+    ADD_FAILURE() << "nothing was thrown";
+  } catch (const Exception& e) {
+    EXPECT_EQ(e.status, status);
+  }
+  EXPECT_EQ(before, -1) << "the call that was to fail never came";
+  EXPECT_EQ(record.count(LibcCall::fork), 1U);
+  EXPECT_TRUE(hasNoChildren());
+  EXPECT_EQ(openDescriptors(), descriptors);
+  EXPECT_LE(threadCount(), threads + 1);
+}
+
+}  // namespace
+
+CUL_CHILD(ThreadsFail) {
+  // The timer is the first thread.
+  expectKilledChild<StdException>(threadsBeforeFailure, 0, -1);
+  EXPECT_EQ(statusOf(spawnShell("exit 3")), 3 << 8);
+  expectKilledChild<StdException>(threadsBeforeFailure, 0, -1);
+  expectKilledChild<StdException>(conditionsBeforeFailure, 0, ENOMEM);
+  EXPECT_EQ(statusOf(spawnShell("exit 4")), 4 << 8);
+}
+
+TEST(SpawnedProcessFaults, KillsAndReapsAChildThatNobodyWouldWaitFor) {
+  const ChildResult r = runChild("ThreadsFail");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+// Waiting
+
+CUL_CHILD(WaitIsInterrupted) {
+  const FailingCall failing({.call = LibcCall::waitpid, .error = EINTR, .times = 5});
+  EXPECT_EQ(statusOf(spawnShell("exit 3")), 3 << 8);
+  EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(SpawnedProcessFaults, WaitsOnAfterAnInterruption) {
+  const TracedChildResult r = runTracedChild("WaitIsInterrupted");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  expectErrors(r.trace, {});
+}
+
+CUL_CHILD(InterruptTheWaitForReal) {
+  struct sigaction handled = {};
+  handled.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &handled, nullptr);
+  const pid_t process = fork();
+  if (process == 0) {
+    pause();
+    _exit(6);
+  }
+  std::atomic<int> result = -2;
+  std::thread waiting([&] { result = ProcessWaiter(process).work(); });
+  for (int i = 0; i < 50; ++i) {
+    pthread_kill(waiting.native_handle(), SIGUSR1);
+    usleep(1000);
+  }
+  EXPECT_EQ(result, -2);
+  // Not one that the child may have inherited a handler for.
+  kill(process, SIGKILL);
+  waiting.join();
+  EXPECT_EQ(result, SIGKILL);
+}
+
+TEST(SpawnedProcessFaults, WaitsOnAfterRealInterruptions) {
+  const ChildResult r = runChild("InterruptTheWaitForReal");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(WaitFails) {
+  {
+    const FailingCall failing({.call = LibcCall::waitpid, .error = ECHILD});
+    EXPECT_EQ(statusOf(spawnShell("exit 3")), -1);
+  }
+  // The one that was not reaped above.
+  int status = -1;
+  EXPECT_GT(waitpid(-1, &status, 0), 0);
+  EXPECT_EQ(status, 3 << 8);
+  EXPECT_FALSE(WIFEXITED(-1) || WIFSIGNALED(-1));
+}
+
+TEST(SpawnedProcessFaults, ReportsAWaitThatFails) {
+  const TracedChildResult r = runTracedChild("WaitFails");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  EXPECT_THAT(r.trace, ContainsRegex("[(]ThrdList[)][*][*]ERROR: virtual int "
+                                     "ProcessWaiter::work[(][0-9]+[)]: ::waitpid[(][0-9]+[)] "
+                                     "failed with errno 10[.]\n"));
+  EXPECT_EQ(occurrences(r.trace, "**ERROR: "), 1U) << r.trace;
+}
+
+CUL_CHILD(ReapedBySomebodyElse) {
+  const pid_t process = fork();
+  if (process == 0) {
+    _exit(6);
+  }
+  EXPECT_EQ(waitpid(process, nullptr, 0), process);
+  EXPECT_EQ(ProcessWaiter(process).work(), -1);
+  EXPECT_EQ(ProcessWaiter(getpid()).work(), -1);
+}
+
+CUL_CHILD(ReapedByTheSystem) {
+  signal(SIGCHLD, SIG_IGN);
+  HeldProgram program;
+  const SpawnedProcess process = program.start();
+  EXPECT_FALSE(process.done());
+  program.release();
+  EXPECT_EQ(statusOf(process), -1);
+  EXPECT_TRUE(program.cameToItsEnd());
+}
+
+TEST(SpawnedProcessFaults, TellsThatSomebodyElseHasReapedTheChild) {
+  for (const char* name : {"ReapedBySomebodyElse", "ReapedByTheSystem"}) {
+    const ChildResult r = runChild(name);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+  }
+}
+
+namespace {
+
+class WaiterThread : public StdThread {
+ public:
+  WaiterThread(pid_t process, std::atomic<int>& status, Termination& end)
+      : StdThread("Waiter", 0, &end), process_(process), status_(status) {}
+  void run() override { status_ = ProcessWaiter(process_).work(); }
+
+ private:
+  pid_t process_;
+  std::atomic<int>& status_;
+};
+
+}  // namespace
+
+CUL_CHILD(AskTheWaiterToEnd) {
+  int gate[2];
+  ASSERT_EQ(pipe2(gate, O_CLOEXEC), 0);
+  const pid_t process = fork();
+  if (process == 0) {
+    close(gate[1]);
+    char byte;
+    _exit(read(gate[0], &byte, 1) == 1 ? 6 : 1);
+  }
+  std::atomic<int> status = -2;
+  StdThread::Termination end;
+  const CallRecord record({LibcCall::waitpid});
+  auto* const waiter = new WaiterThread(process, status, end);
+  waiter->start_thread(0);
+  ASSERT_TRUE(waitUntil([&] { return record.count(LibcCall::waitpid) > 0; }));
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_EQ(waiter->requestTerminate(), 0);
+    usleep(1000);
+  }
+  EXPECT_EQ(status, -2);
+  EXPECT_EQ(write(gate[1], "x", 1), 1);
+  EXPECT_EQ(end.wait(0), 0);
+  EXPECT_EQ(status, 6 << 8);
+  EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(SpawnedProcessFaults, ReapsTheChildAlsoWhenTheWaiterIsAskedToEnd) {
+  const ChildResult r = runChild("AskTheWaiterToEnd");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+// Many
+
+CUL_CHILD(SpawnFiveHundred) {
+  EXPECT_EQ(statusOf(spawnShell("exit 0")), 0);
+  const std::vector<std::string> descriptors = openDescriptors();
+  constexpr size_t mainAndTimer = 2;
+  EXPECT_TRUE(waitUntil([] { return threadCount() == mainAndTimer; }));
+  std::vector<std::thread> spawning;
+  std::atomic<unsigned> ended = 0;
+  for (int thread = 0; thread < 10; ++thread) {
+    spawning.emplace_back([thread, &ended] {
+      for (int i = 0; i < 50; ++i) {
+        const int code = (thread * 50 + i) % 256;
+        ended += statusOf(spawnShell("exit $0", {std::to_string(code)})) == code << 8 ? 1 : 0;
+      }
+    });
+  }
+  for (std::thread& thread : spawning) {
+    thread.join();
+  }
+  EXPECT_EQ(ended, 500U);
+  EXPECT_TRUE(hasNoChildren());
+  int status = 0;
+  EXPECT_EQ(waitpid(-1, &status, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+  EXPECT_EQ(openDescriptors(), descriptors);
+  EXPECT_TRUE(waitUntil([] { return threadCount() == mainAndTimer; })) << threadCount();
+}
+
+TEST(SpawnedProcessFaults, LeavesNothingBehindAfterFiveHundredChildren) {
+  const ChildResult r = runChild("SpawnFiveHundred");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(SpawnManyAtOnceAndDropThem) {
+  std::vector<SpawnedProcess> processes;
+  HeldProgram program;
+  processes.push_back(program.start());
+  for (int i = 0; i < 20; ++i) {
+    processes.push_back(spawnShell("read line < \"$0/gate\"; exit 7", {program.folder()}));
+  }
+  for (const SpawnedProcess& process : processes) {
+    EXPECT_FALSE(process.done());
+  }
+  processes.clear();
+  const int gate = open((program.folder() + "/gate").c_str(), O_RDWR | O_CLOEXEC);
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(write(gate, "\n", 1), 1);
+  }
+  program.release();
+  EXPECT_TRUE(waitUntil(hasNoChildren));
+  close(gate);
+}
+
+TEST(SpawnedProcessFaults, ReapsChildrenThatAreForgotten) {
+  const ChildResult r = runChild("SpawnManyAtOnceAndDropThem");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(SpawnWhileOthersAllocateAndTrace) {
+  EXPECT_EQ(statusOf(spawnShell("exit 0")), 0);
+  std::atomic<bool> isOver = false;
+  std::vector<std::thread> others;
+  for (int thread = 0; thread < 3; ++thread) {
+    others.emplace_back([&isOver] {
+      while (!isOver) {
+        EncodedString text = utf8("some text");
+        for (int i = 0; i < 20; ++i) {
+          text += text.subString(1, static_cast<unsigned>(i), L' ');
+        }
+        const std::string other(1000, 'x');
+        CUL_TRACE(TraceType::error, "void others()", 1, "%s", other.c_str());
+      }
+    });
+  }
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ(statusOf(spawnShell("exit 3")), 3 << 8);
+  }
+  isOver = true;
+  for (std::thread& other : others) {
+    other.join();
+  }
+  EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(SpawnedProcessFaults, StartsProgramsWhileOtherThreadsHoldLocks) {
+  const TemporaryFolder folder;
+  const ChildResult r =
+      runChild("SpawnWhileOthersAllocateAndTrace",
+               {.environment = {{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", folder.file("trace")}}});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
