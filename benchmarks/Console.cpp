@@ -6,6 +6,7 @@
 #include <memory>
 #include <poll.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -35,7 +36,7 @@ class Descriptor {
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
   ~Descriptor() { close(fd_); }
-  operator int() const { return fd_; }
+  [[nodiscard]] int get() const { return fd_; }
 
  private:
   int fd_;
@@ -64,11 +65,11 @@ int openUnlockedMaster() {
 class OnTerminal {
  public:
   OnTerminal()
-      : master_(openUnlockedMaster(), "master"), slave_(openSlave(master_, false), "slave") {
+      : master_(openUnlockedMaster(), "master"), slave_(openSlave(master_.get(), false), "slave") {
     std::fflush(nullptr);
     for (int stream = 0; stream < 3; ++stream) {
       former_[stream] = fcntl(stream, F_DUPFD_CLOEXEC, 3);
-      check(former_[stream] >= 0 && dup2(slave_, stream) == stream, "dup2");
+      check(former_[stream] >= 0 && dup2(slave_.get(), stream) == stream, "dup2");
     }
   }
   OnTerminal(const OnTerminal&) = delete;
@@ -104,9 +105,9 @@ struct OurConsole {
 
 struct BareTerminal {
   BareTerminal()
-      : opened(openUnlockedMaster(), "master"), slave(openSlave(opened, true), "slave") {}
+      : opened(openUnlockedMaster(), "master"), slave(openSlave(opened.get(), true), "slave") {}
 
-  [[nodiscard]] int master() const { return opened; }
+  [[nodiscard]] int master() const { return opened.get(); }
 
   Descriptor opened;
   Descriptor slave;
@@ -176,7 +177,7 @@ void compareTransfer() {
   addPeer(
       handle, "ours",
       [ours](benchmark::State& state) {
-        transfer(state, ours->slave, [&](char* buffer, unsigned maximum) {
+        transfer(state, ours->slave.get(), [&](char* buffer, unsigned maximum) {
           return readByHandle(ours->master(), buffer, maximum);
         });
       },
@@ -184,7 +185,7 @@ void compareTransfer() {
   addPeer(
       handle, "bare pseudo-terminal",
       [bare](benchmark::State& state) {
-        transfer(state, bare->slave, [&](char* buffer, unsigned maximum) {
+        transfer(state, bare->slave.get(), [&](char* buffer, unsigned maximum) {
           return readByHandle(bare->master(), buffer, maximum);
         });
       },
@@ -193,7 +194,7 @@ void compareTransfer() {
   addPeer(
       polled, "ours",
       [ours](benchmark::State& state) {
-        transfer(state, ours->slave, [&](char* buffer, unsigned maximum) {
+        transfer(state, ours->slave.get(), [&](char* buffer, unsigned maximum) {
           waitForOutput(ours->master());
           return static_cast<unsigned>(
               ours->console->StdioPipes::read(StdioPipes::StdOutput, buffer, maximum));
@@ -203,31 +204,51 @@ void compareTransfer() {
   addPeer(
       polled, "bare pseudo-terminal",
       [bare](benchmark::State& state) {
-        transfer(state, bare->slave, [&](char* buffer, unsigned maximum) {
+        transfer(state, bare->slave.get(), [&](char* buffer, unsigned maximum) {
           return pollAndRead(bare->master(), buffer, maximum);
         });
       },
       2);
 }
 
+/// Asks the terminal what a console asks it.
+void inspectStreams() {
+  for (int stream = 0; stream < 3; ++stream) {
+    check(isatty(stream) == 1, "isatty");
+  }
+  termios modes;
+  winsize window;
+  check(tcgetattr(0, &modes) == 0 && ioctl(0, TIOCGWINSZ, &window) == 0, "terminal");
+  benchmark::DoNotOptimize(modes);
+  benchmark::DoNotOptimize(window);
+}
+
+/// A console does more than its first peer, which only opens, and as much as its second.
 void compareConstruction() {
-  compare(
-      "console: open and close",
-      [](benchmark::State& state) {
-        const OnTerminal terminal;
-        for (auto _ : state) {
-          const UNIXStdioPipes console;
-          benchmark::DoNotOptimize(&console);
-        }
-      },
-      "posix_openpt...ptsname",
-      [](benchmark::State& state) {
-        const OnTerminal terminal;
-        for (auto _ : state) {
-          const Descriptor master(openUnlockedMaster(), "master");
-          benchmark::DoNotOptimize(ptsname(master));
-        }
-      });
+  const std::string what = "console: open and close";
+  addPeer(what, "ours", [](benchmark::State& state) {
+    const OnTerminal terminal;
+    for (auto _ : state) {
+      const UNIXStdioPipes console;
+      benchmark::DoNotOptimize(&console);
+    }
+  });
+  addPeer(what, "posix_openpt...ptsname", [](benchmark::State& state) {
+    const OnTerminal terminal;
+    for (auto _ : state) {
+      const Descriptor master(openUnlockedMaster(), "master");
+      benchmark::DoNotOptimize(ptsname(master.get()));
+    }
+  });
+  addPeer(what, "all its system calls", [](benchmark::State& state) {
+    const OnTerminal terminal;
+    for (auto _ : state) {
+      inspectStreams();
+      const Descriptor master(openUnlockedMaster(), "master");
+      benchmark::DoNotOptimize(ptsname(master.get()));
+      tcflush(master.get(), TCIOFLUSH);
+    }
+  });
 }
 
 }  // namespace

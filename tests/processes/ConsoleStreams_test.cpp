@@ -32,8 +32,8 @@ void openTrace() { (void)isTraced(TraceType::error); }
 class RawSlave {
  public:
   explicit RawSlave(const UNIXStdioPipes& console)
-      : fd_(open(ptsname(console.readHandle(StdioPipes::StdError)),
-                 O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+      : RawSlave(console.readHandle(StdioPipes::StdError)) {}
+  explicit RawSlave(int master) : fd_(open(ptsname(master), O_RDWR | O_NOCTTY | O_CLOEXEC)) {
     EXPECT_GE(fd_, 0);
     termios modes = {};
     EXPECT_EQ(tcgetattr(fd_, &modes), 0);
@@ -237,10 +237,12 @@ CUL_CHILD(ConsoleReadAfterTheEnd) {
   EXPECT_EQ(console.read(StdioPipes::StdOutput, out, 10), 0) << "nobody has the slave";
   EXPECT_EQ(out.length(), 0U);
   console.closePipes();
+  const CallRecord record({LibcCall::poll, LibcCall::read, LibcCall::write});
   out = ByteString("old");
   EXPECT_EQ(console.read(StdioPipes::StdOutput, out, 10), 0);
   EXPECT_EQ(out.length(), 0U);
   EXPECT_EQ(console.write("x", 1), 0);
+  EXPECT_EQ(record.calls().size(), 0U);
 }
 
 TEST(ConsoleStreams, ReadNothingAfterTheEnd) { expectSuccess("ConsoleReadAfterTheEnd"); }
@@ -432,6 +434,41 @@ TEST(ConsoleStreams, KeepDuplicatesOfRedirectedStreamsUntilTheEnd) {
   EXPECT_EQ(contentsOf(folder.file("out")), "") << run.shown;
   close(in);
   close(out);
+}
+
+CUL_CHILD(ConsoleErrorCopy) {
+  openTrace();
+  const std::set<int> before = openDescriptors();
+  {
+    UNIXStdioPipes console;
+    const int master = console.writeHandle();
+    EXPECT_EQ(console.readHandle(StdioPipes::StdOutput), master);
+    EXPECT_EQ(console.readHandle(StdioPipes::StdError), -1) << "no copy yet";
+    const int error = console.childWriteHandle(StdioPipes::StdError);
+    EXPECT_EQ(console.readHandle(StdioPipes::StdError), error);
+    EXPECT_EQ(lseek(error, 0, SEEK_END), 0) << "emptied";
+    std::set<int> with = before;
+    with.insert({master, error});
+    EXPECT_EQ(openDescriptors(), with);
+    EXPECT_TRUE(isClosedOnExec(error));
+    const RawSlave slave(master);
+    slave.print("output");
+    EXPECT_EQ(readAll(console, StdioPipes::StdOutput, 1), "o");
+    ByteString bytes("old");
+    EXPECT_EQ(console.read(StdioPipes::StdError, bytes, 10), 0) << "what goes to a file";
+    EXPECT_EQ(bytes.length(), 0U);
+    EXPECT_EQ(readAll(console, StdioPipes::StdOutput, 5), "utput");
+  }
+  EXPECT_EQ(openDescriptors(), before);
+}
+
+TEST(ConsoleStreams, KeepADuplicateOfARedirectedErrorUntilTheEnd) {
+  const TemporaryFolder folder;
+  writeFile(folder.file("error"), "former contents");
+  const int error = open(folder.file("error").c_str(), O_RDWR | O_CLOEXEC);
+  expectSuccess("ConsoleErrorCopy", {.error = error});
+  EXPECT_EQ(contentsOf(folder.file("error")), "");
+  close(error);
 }
 
 // What a started debuggee finds.

@@ -208,9 +208,6 @@ CUL_STAND_BEFORE(int, close_range, (unsigned first, unsigned last, int flags), n
                  flags)
 CUL_STAND_BEFORE(int, getdtablesize, (), noexcept, (LibcCall::getdtablesize, nullptr, 0, 0))
 
-// The C library's other name for `sysconf`, for which none stands before it.
-extern "C" long __sysconf(int name) noexcept;  // NOLINT(bugprone-reserved-identifier)
-
 static constinit bool hasStarted = false;
 __attribute__((constructor)) static void noteStart() { hasStarted = true; }
 
@@ -222,7 +219,7 @@ extern "C" __attribute__((no_sanitize("thread"))) long sysconf(int name) noexcep
       return answer<long>(*failure);
     }
   }
-  return __sysconf(name);
+  return __sysconf(name);  // The C library's other name for it.
 }
 
 static constinit Next<int(pollfd*, nfds_t, int)> nextPoll("poll");
