@@ -1,92 +1,116 @@
 #include "Debuggee.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
-#include <memory>
-#include <signal.h>
-#include <spawn.h>
+#include <fcntl.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include "Engine/utilities/StdException.h"
+#include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/TraceFlags.h"
+
+#include "HostEvents.h"
 
 namespace {
 
-class Reaper : public StdThread {
+// How a child tells why there is no program: it is closed without a word when there is one.
+class ReasonPipe {
  public:
-  Reaper(pid_t process, int& rawStatus, Termination& end)
-      : StdThread("Reaper", 0, &end), process_(process), rawStatus_(rawStatus) {}
+  ReasonPipe() {
+    if (pipe2(ends_, O_CLOEXEC) != 0) {
+      StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(errno), errno);
+    }
+  }
+  ReasonPipe(const ReasonPipe&) = delete;
+  ReasonPipe& operator=(const ReasonPipe&) = delete;
+  ~ReasonPipe() {
+    close(ends_[0]);
+    close(ends_[1]);
+  }
 
-  void run() override {
-    while (waitpid(process_, &rawStatus_, 0) < 0 && errno == EINTR) {
+  void tell(int error) const noexcept { static_cast<void>(!write(ends_[1], &error, sizeof error)); }
+
+  /// \return an `errno` value, 0 when the program runs.
+  int hear() noexcept {
+    close(ends_[1]);
+    ends_[1] = -1;
+    int error = 0;
+    while (read(ends_[0], &error, sizeof error) < 0 && errno == EINTR) {
     }
-    if (WIFSIGNALED(rawStatus_)) {
-      CUL_TRACE(TraceType::active, "void Reaper::run()", __LINE__,
-                "Process %d was killed by signal %d.", process_, WTERMSIG(rawStatus_));
-    } else {
-      CUL_TRACE(TraceType::active, "void Reaper::run()", __LINE__,
-                "Process %d ended with status %d.", process_, WEXITSTATUS(rawStatus_));
-    }
+    return error;
   }
 
  private:
-  pid_t process_;
-  int& rawStatus_;
+  int ends_[2] = {-1, -1};
 };
 
-// What a child gets: the pipe as its output streams, and the signals that the library
-// ignores in this process with their default action.
-class SpawnPlan {
- public:
-  explicit SpawnPlan(int output) {
-    posix_spawn_file_actions_init(&actions_);
-    posix_spawn_file_actions_adddup2(&actions_, output, STDOUT_FILENO);
-    posix_spawn_file_actions_adddup2(&actions_, output, STDERR_FILENO);
-    posix_spawn_file_actions_addclose(&actions_, output);
-    posix_spawnattr_init(&attributes_);
-    sigset_t ignored;
-    sigemptyset(&ignored);
-    sigaddset(&ignored, SIGPIPE);
-    sigaddset(&ignored, SIGTTIN);
-    posix_spawnattr_setsigdefault(&attributes_, &ignored);
-    posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF);
-  }
-  SpawnPlan(const SpawnPlan&) = delete;
-  SpawnPlan& operator=(const SpawnPlan&) = delete;
-  ~SpawnPlan() {
-    posix_spawn_file_actions_destroy(&actions_);
-    posix_spawnattr_destroy(&attributes_);
-  }
+// Everything from here to execv() runs in the child.
 
-  [[nodiscard]] int start(pid_t& id, const char* path, char* const* arguments) const {
-    return posix_spawn(&id, path, &actions_, &attributes_, arguments, environ);
+void echo(int terminal) {
+  termios modes;
+  if (tcgetattr(terminal, &modes) == 0) {
+    modes.c_lflag |= ECHO;
+    tcsetattr(terminal, TCSANOW, &modes);
   }
+}
 
- private:
-  posix_spawn_file_actions_t actions_;
-  posix_spawnattr_t attributes_;
-};
+bool putOnConsole(const DebuggeeStreams& streams) {
+  const int input = streams.console->childReadHandle();
+  if (input == STDIN_FILENO) {
+    // The console could not be set up.
+    return false;
+  }
+  if (streams.consoleEchoes) {
+    echo(input);
+  }
+  dup2(input, STDIN_FILENO);
+  dup2(input, STDOUT_FILENO);
+  // What the user has redirected is left as it is, with its position.
+  if (isatty(STDERR_FILENO)) {
+    dup2(input, STDERR_FILENO);
+  }
+  close(input);
+  return true;
+}
+
+[[noreturn]] void becomeProgram(const char* path, char* const* arguments,
+                                const DebuggeeStreams& streams, const ReasonPipe& reason) {
+  // The program gets the signals it would have without a host; handlers end with execv().
+  std::signal(SIGPIPE, SIG_DFL);
+  std::signal(SIGTTIN, SIG_DFL);
+  errno = 0;
+  if (streams.console == nullptr || putOnConsole(streams)) {
+    execv(path, arguments);
+  }
+  reason.tell(errno != 0 ? errno : EIO);
+  _exit(1);
+}
 
 }  // namespace
 
-Debuggee::Debuggee(const EncodedString& path, char* const* arguments, StdPipe& output) {
-  const SpawnPlan plan(output.childWriteHandle());
-  if (const int error = plan.start(id_, path, arguments); error != 0) {
+Debuggee::Debuggee(const EncodedString& path, char* const* arguments,
+                   const DebuggeeStreams& streams)
+    : reaper_(*this) {
+  const char* const file = path;
+  ReasonPipe reason;
+  // Before the first thread, so that the child may do more than system calls.
+  id_ = fork();
+  if (id_ == 0) {
+    becomeProgram(file, arguments, streams, reason);
+  }
+  if (id_ < 0) {
+    StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(errno), errno);
+  }
+  if (const int error = reason.hear(); error != 0) {
+    waitpid(id_, &rawStatus_, 0);
     StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(error), error);
   }
-  output.closeWriteHandle();
-  const char* const file = path;
   CUL_TRACE(TraceType::active, __PRETTY_FUNCTION__, __LINE__, "Process %d started: %s", id_, file);
-  startReaper();
-}
-
-void Debuggee::startReaper() {
   try {
-    auto reaper = std::make_unique<Reaper>(id_, rawStatus_, reaper_);
-    reaper->start_thread(0);
-    // A started thread object deletes itself.
-    static_cast<void>(reaper.release());
+    threads_.start(reaper_);
   } catch (const StdException&) {
     kill(id_, SIGKILL);
     waitpid(id_, &rawStatus_, 0);
@@ -97,10 +121,20 @@ void Debuggee::startReaper() {
 Debuggee::~Debuggee() { wait(); }
 
 int Debuggee::wait() {
-  // A thread can be joined only once.
-  if (!isReaped_) {
-    reaper_.wait(0);
-    isReaped_ = true;
-  }
+  threads_.allEnded().wait();
   return WIFSIGNALED(rawStatus_) ? 128 + WTERMSIG(rawStatus_) : WEXITSTATUS(rawStatus_);
+}
+
+int Debuggee::Reaper::work() {
+  debuggee_.rawStatus_ = ProcessWaiter(debuggee_.id_).work();
+  const int status = debuggee_.rawStatus_;
+  if (WIFSIGNALED(status)) {
+    CUL_TRACE(TraceType::active, "int Debuggee::Reaper::work()", __LINE__,
+              "Process %d was killed by signal %d.", debuggee_.id_, WTERMSIG(status));
+  } else {
+    CUL_TRACE(TraceType::active, "int Debuggee::Reaper::work()", __LINE__,
+              "Process %d ended with status %d.", debuggee_.id_, WEXITSTATUS(status));
+  }
+  HostEvents::post(HostEvents::debuggeeEnded);
+  return status;
 }

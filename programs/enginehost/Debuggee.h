@@ -3,20 +3,31 @@
 #include <sys/types.h>
 
 #include "Engine/utilities/EncodedString.h"
-#include "Engine/utilities/StdPipe.h"
-#include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/ProcessWaiter.h"
+#include "Engine/utilities/Runnable.h"
+#include "Engine/utilities/ThreadManager.h"
+
+class StdioPipes;
 
 /// \file
 /// The program that the host runs.
 
-/// A running program. Its standard output and error are the write end of a pipe, its
-/// standard input is the host's. A thread reaps it.
+/// Where a program gets its standard streams from.
+struct DebuggeeStreams {
+  /// The console on which those of the host's streams that are terminals are replaced; null:
+  /// the program has the host's streams and is in the host's process group.
+  StdioPipes* console = nullptr;
+  /// Whether the console echoes what is typed.
+  bool consoleEchoes = false;
+};
+
+/// A running program, reaped by a worker thread, which posts HostEvents::debuggeeEnded.
 class Debuggee {
  public:
-  /// Starts the program in the file `path` and closes the pipe's write end on this side.
+  /// Starts the program in the file `path`.
   /// \param arguments null-terminated, with the program's name first.
   /// \throws StdException with the reason as its text and an `errno` value as its status.
-  Debuggee(const EncodedString& path, char* const* arguments, StdPipe& output);
+  Debuggee(const EncodedString& path, char* const* arguments, const DebuggeeStreams& streams);
   Debuggee(const Debuggee&) = delete;
   Debuggee& operator=(const Debuggee&) = delete;
   /// Waits for the end of the program.
@@ -29,10 +40,18 @@ class Debuggee {
   int wait();
 
  private:
-  void startReaper();
+  // Reaps the program and tells the host.
+  class Reaper : public Runnable {
+   public:
+    explicit Reaper(Debuggee& debuggee) : debuggee_(debuggee) {}
+    int work() override;
+
+   private:
+    Debuggee& debuggee_;
+  };
 
   pid_t id_ = 0;
   int rawStatus_ = 0;
-  bool isReaped_ = false;
-  StdThread::Termination reaper_;
+  Reaper reaper_;
+  ThreadManager threads_;
 };

@@ -1,4 +1,5 @@
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
@@ -6,10 +7,13 @@
 
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/StdException.h"
+#include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/TraceFlags.h"
 
+#include "ConsoleSession.h"
 #include "Debuggee.h"
-#include "Relay.h"
+#include "HostEvents.h"
+#include "UserTerminal.h"
 
 namespace {
 
@@ -35,19 +39,51 @@ EncodedString findProgram(const char* name) {
                                 : searchPath(text, EncodedString(".", EncodedString::utf8));
 }
 
+// The program has the streams of the host and gets the keys of the terminal as the host does.
+int runInPlace(const EncodedString& path, char** command) {
+  const HostEvents events({SIGHUP, SIGTERM, SIGINT, SIGQUIT});
+  Debuggee debuggee(path, command, {});
+  for (int event = events.next(); event != HostEvents::debuggeeEnded; event = events.next()) {
+    if ((event & HostEvents::toGroup) == 0) {
+      kill(debuggee.id(), event);
+    }
+  }
+  return debuggee.wait();
+}
+
+int runOnConsole(const EncodedString& path, char** command, StdioPipes& console) {
+  const HostEvents events({SIGHUP, SIGTERM, SIGINT, SIGQUIT, SIGTSTP, SIGCONT, SIGWINCH});
+  UserTerminal terminal(STDIN_FILENO);
+  Debuggee debuggee(path, command, {&console, terminal.echoes()});
+  ConsoleSession session(console, terminal, events);
+  const int signal = session.run();
+  terminal.restore();
+  CUL_TRACE(TraceType::active, "int runOnConsole()", __LINE__, "Relayed %lu bytes of process %d.",
+            session.relayed(), debuggee.id());
+  if (signal != 0) {
+    // With the host gone nobody holds the console: the system hangs up on the program.
+    endBySignal(signal);
+  }
+  return debuggee.wait();
+}
+
+int runProgram(const EncodedString& path, char** command) {
+  if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
+    return runInPlace(path, command);
+  }
+  StdioPipes& console = *StdioPipes::instance();
+  const bool hasConsole = console.readHandle(StdioPipes::StdOutput) >= 0;
+  return hasConsole ? runOnConsole(path, command, console) : runInPlace(path, command);
+}
+
 int hostProgram(char** command) {
   const EncodedString path = findProgram(command[0]);
   if (path.length() == 0) {
     std::fprintf(stderr, "enginehost: %s: not found\n", command[0]);
     return statusNotFound;
   }
-  StdPipe output;
   try {
-    Debuggee debuggee(path, command, output);
-    const unsigned long relayed = relay(output, STDOUT_FILENO);
-    CUL_TRACE(TraceType::active, "int hostProgram(char**)", __LINE__,
-              "Relayed %lu bytes of process %d.", relayed, debuggee.id());
-    return debuggee.wait();
+    return runProgram(path, command);
   } catch (const StdException& e) {
     e.trace("int hostProgram(char**)", __LINE__);
     if (e.status <= 0) {

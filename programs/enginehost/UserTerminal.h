@@ -1,0 +1,35 @@
+#pragma once
+
+#include <termios.h>
+
+/// \file
+/// The terminal at which the user sits.
+
+/// The modes of the terminal on a descriptor. Made raw, every key is handed on as it is
+/// typed; the original modes are put back by the destructor, and also when the process
+/// ends by exit(). One at a time.
+class UserTerminal {
+ public:
+  /// Reads the modes that restore() puts back.
+  explicit UserTerminal(int handle);
+  UserTerminal(const UserTerminal&) = delete;
+  UserTerminal& operator=(const UserTerminal&) = delete;
+  ~UserTerminal();
+
+  /// In the background the process is stopped here until it comes to the foreground.
+  void makeRaw();
+
+  /// Does nothing in the background: the terminal is somebody else's then.
+  void restore() noexcept;
+
+  /// Whether another process group has the terminal.
+  [[nodiscard]] bool isInBackground() const noexcept;
+
+  /// Whether the terminal echoes, in its original modes.
+  [[nodiscard]] bool echoes() const noexcept { return (original_.c_lflag & ECHO) != 0; }
+
+ private:
+  int handle_;
+  bool isRaw_ = false;
+  termios original_ = {};
+};
