@@ -179,8 +179,9 @@ TEST(UNIX_Event_Semaphore, ErrorsAreTracedWithTheirObject) {
                                   "virtual void UNIX_Event_Semaphore::wait(80)",
                                   "virtual bool UNIX_Event_Semaphore::wait(137)",
                                   "virtual bool UNIX_Event_Semaphore::wait(143)"}) {
-    EXPECT_EQ(child.count("**ERROR: " + place + ": Error on object " + event), 1) << place << "\n"
-                                                                                  << child.all();
+    std::string line = "**ERROR: " + place;
+    line += ": Error on object " + event;
+    EXPECT_EQ(child.count(line), 1) << line << child.all();
   }
   EXPECT_EQ(child.count("**ERROR: void UNIX_Event_Semaphore::WaitInstance::expire(286): Error on "
                         "object " +

@@ -89,6 +89,7 @@ CUL_CHILD(FirstCallsOfManyThreads) {
   std::atomic<int> ready = 0;
   std::vector<MillisecondTimer*> timers(8);
   std::vector<std::thread> threads;
+  threads.reserve(timers.size());
   for (MillisecondTimer*& timer : timers) {
     threads.emplace_back([&ready, &timer] {
       ++ready;

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <pthread.h>
 
@@ -84,14 +83,19 @@ class CUL_EXPORT UNIX_Event_Semaphore : public CUL_Event_Semaphore {
 };
 
 /// A point in time: milliseconds of wall time since the epoch.
-class UNIX_Event_Semaphore::MsecTime {
+class CUL_EXPORT UNIX_Event_Semaphore::MsecTime {
  public:
   /// Now and `offset` milliseconds. Fractions of a millisecond of the clock are cut off.
   explicit MsecTime(unsigned int offset) noexcept;
 
   [[nodiscard]] std::uint64_t milliseconds() const noexcept { return milliseconds_; }
 
-  [[nodiscard]] auto operator<=>(const MsecTime&) const noexcept = default;
+  [[nodiscard]] bool operator<(const MsecTime& other) const noexcept {
+    return milliseconds_ < other.milliseconds_;
+  }
+  [[nodiscard]] bool operator<=(const MsecTime& other) const noexcept {
+    return milliseconds_ <= other.milliseconds_;
+  }
 
  private:
   std::uint64_t milliseconds_;
