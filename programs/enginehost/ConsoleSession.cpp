@@ -116,6 +116,7 @@ int ConsoleSession::handle(int signal) {
 }
 
 void ConsoleSession::comeBack() {
+  wasStopped_ = false;
   terminal_.makeRaw();
   resize();
 }
@@ -135,9 +136,10 @@ bool ConsoleSession::takeInput() {
     giveInput();
     return true;
   }
-  if (length < 0 && terminal_.isInBackground()) {
+  if (length < 0 && terminal_.isInBackground() && !wasStopped_) {
     // The library ignores the signal that would have stopped a reader in the background.
-    std::raise(SIGSTOP);
+    wasStopped_ = true;
+    UserTerminal::stopInBackground();
     return true;
   }
   return length < 0 && (errno == EINTR || errno == EAGAIN);

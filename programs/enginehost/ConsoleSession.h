@@ -42,6 +42,7 @@ class ConsoleSession {
   const HostEvents& events_;
   int master_;
   int slave_;
-  ByteString typed_;  // not yet taken by the console
+  ByteString typed_;         // not yet taken by the console
+  bool wasStopped_ = false;  // in the background, and not continued since
   unsigned long relayed_ = 0;
 };

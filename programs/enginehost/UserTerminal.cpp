@@ -1,6 +1,7 @@
 #include "UserTerminal.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <unistd.h>
 
@@ -23,6 +24,9 @@ void setModes(int handle, const termios& modes) {
 }  // namespace
 
 UserTerminal::UserTerminal(int handle) : handle_(handle) {
+  if (isInBackground()) {
+    stopInBackground();
+  }
   tcgetattr(handle_, &original_);
   static const int registered = std::atexit(restoreAtExit);
   static_cast<void>(registered);
@@ -47,6 +51,8 @@ void UserTerminal::restore() noexcept {
     setModes(handle_, original_);
   }
 }
+
+void UserTerminal::stopInBackground() noexcept { std::raise(SIGTTOU); }
 
 bool UserTerminal::isInBackground() const noexcept {
   // No group: it is not the terminal that controls this process, and no job control applies.

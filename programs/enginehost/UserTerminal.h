@@ -10,7 +10,8 @@
 /// ends by exit(). One at a time.
 class UserTerminal {
  public:
-  /// Reads the modes that restore() puts back.
+  /// Reads the modes that restore() puts back. In the background they are the shell's own:
+  /// there the process is stopped first until it comes to the foreground.
   explicit UserTerminal(int handle);
   UserTerminal(const UserTerminal&) = delete;
   UserTerminal& operator=(const UserTerminal&) = delete;
@@ -21,6 +22,10 @@ class UserTerminal {
 
   /// Does nothing in the background: the terminal is somebody else's then.
   void restore() noexcept;
+
+  /// Stops the process, as the system does with one that changes a terminal from the
+  /// background. Returns at once when nobody could continue it.
+  static void stopInBackground() noexcept;
 
   /// Whether another process group has the terminal.
   [[nodiscard]] bool isInBackground() const noexcept;

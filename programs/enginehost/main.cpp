@@ -51,9 +51,9 @@ int runInPlace(const EncodedString& path, char** command) {
   return debuggee.wait();
 }
 
-int runOnConsole(const EncodedString& path, char** command, StdioPipes& console) {
+int runOnConsole(const EncodedString& path, char** command, StdioPipes& console,
+                 UserTerminal& terminal) {
   const HostEvents events({SIGHUP, SIGTERM, SIGINT, SIGQUIT, SIGTSTP, SIGCONT, SIGWINCH});
-  UserTerminal terminal(STDIN_FILENO);
   Debuggee debuggee(path, command, {&console, terminal.echoes()});
   ConsoleSession session(console, terminal, events);
   const int signal = session.run();
@@ -71,9 +71,11 @@ int runProgram(const EncodedString& path, char** command) {
   if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
     return runInPlace(path, command);
   }
+  // Before the console, which takes over the modes of the terminal.
+  UserTerminal terminal(STDIN_FILENO);
   StdioPipes& console = *StdioPipes::instance();
   const bool hasConsole = console.readHandle(StdioPipes::StdOutput) >= 0;
-  return hasConsole ? runOnConsole(path, command, console) : runInPlace(path, command);
+  return hasConsole ? runOnConsole(path, command, console, terminal) : runInPlace(path, command);
 }
 
 int hostProgram(char** command) {

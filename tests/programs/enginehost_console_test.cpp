@@ -303,6 +303,41 @@ TEST(EngineHostConsole, StopsAndComesBackOnRequest) {
   terminal.readUntil("<back>");
 }
 
+TEST(EngineHostConsole, ObeysTheShellsJobControl) {
+  Terminal terminal;
+  terminal.startProgram(
+      {"/bin/bash", "--norc", "--noprofile", "-i"},
+      {.environment = {{"PS1", "prompt> "}, {"HISTFILE", ""}, {"TERM", "xterm"}}});
+  terminal.readUntil("prompt> ");
+  // Started in the background, it waits for the terminal, and then has its right modes.
+  terminal.type(std::string(host) + " cat &\n");
+  terminal.readUntil("prompt> ");
+  terminal.type("until jobs | grep Stopped; do sleep 0.01; done; echo in''active\n");
+  terminal.readUntil("inactive");
+  terminal.readUntil("prompt> ");
+  terminal.type("fg\n");
+  EXPECT_TRUE(waitUntil([&] { return isRaw(terminal); }));
+  terminal.type("line\n");
+  terminal.readUntil("line\r\nline\r\n");
+  // Stopped from outside and sent to the background, it stops when it reads.
+  kill(terminal.foregroundGroup(), SIGSTOP);
+  terminal.readUntil("prompt> ");
+  terminal.type("bg\n");
+  terminal.readUntil("prompt> ");
+  terminal.type("until jobs | grep Stopped; do sleep 0.01; done; echo in''active\n");
+  terminal.readUntil("inactive");
+  terminal.readUntil("prompt> ");
+  terminal.type("fg\n");
+  terminal.readUntil(" cat\r\n");
+  EXPECT_TRUE(waitUntil([&] { return isRaw(terminal); }));
+  terminal.type("again\n");
+  terminal.readUntil("again\r\nagain\r\n");
+  terminal.type("\x04");
+  terminal.readUntil("prompt> ");
+  terminal.type("exit 0\n");
+  EXPECT_EQ(terminal.wait(), 0);
+}
+
 TEST(EngineHostConsole, DoesNotWaitForProcessesThatTheProgramLeavesBehind) {
   const TemporaryFolder folder;
   Terminal terminal;
