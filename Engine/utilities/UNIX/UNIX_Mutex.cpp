@@ -12,18 +12,6 @@ UNIX_Mutex::UNIX_Mutex() {
 
 UNIX_Mutex::~UNIX_Mutex() { pthread_mutex_destroy(&mutex_); }
 
-void UNIX_Mutex::request(const char* file, unsigned int line) {
-  if (pthread_mutex_lock(&mutex_) != 0) {
-    warn("pthread_mutex_lock", file, line);
-  }
-}
-
-void UNIX_Mutex::release(const char* file, unsigned int line) {
-  if (pthread_mutex_unlock(&mutex_) != 0) {
-    warn("pthread_mutex_unlock", file, line);
-  }
-}
-
 void UNIX_Mutex::warn(const char* call, const char* file, unsigned int line) noexcept {
   const int error = errno;
   CUL_TRACE(TraceType::warning, file, line, "%s failed - error = %d", call, error);
