@@ -366,31 +366,16 @@ TEST(ThreadListener, AThousandRunsThatEndAtOnceKnowTheirIds) {
 
 TEST(ThreadListener, AWorkerAskedToEndInItsWorkNeverTellsAndHoldsNoLock) {
   std::atomic<int> gone = 0;
-  static std::atomic<int> unwound = 0;
-  struct Here {
-    ~Here() { ++unwound; }
-  };
-  class Endless : public Runnable {
-   public:
-    int work() override {
-      const Here here;
-      isWorking = true;
-      never.wait();
-      return 1;
-    }
-    std::atomic<bool> isWorking = false;
-    UNIX_Event_Semaphore never;
-  };
-  static Endless endless;
-  unwound = 0;
+  EndlessRunnable endless;
   {
     const Reference<ThreadListener> listener = tracked(endless, gone);
     const pthread_t id = listener->start();
     StdThread* const worker = RunningThreads::instance().find(id);
     ASSERT_NE(worker, nullptr);
-    EXPECT_TRUE(waitUntil([] { return endless.isWorking.load(); }));
+    EXPECT_TRUE(waitUntil([&endless] { return endless.isWorking.load(); }));
     EXPECT_EQ(worker->requestTerminate(), 0);
-    EXPECT_TRUE(waitUntil([worker] { return worker->threadId() == 0 && unwound == 1; }));
+    EXPECT_TRUE(waitUntil([worker] { return worker->threadId() == 0; }));
+    EXPECT_TRUE(endless.isUnwound);
     EXPECT_TRUE(listener->semaphore().wait(100, CUL_Event_Semaphore::Milliseconds, false));
     EXPECT_EQ(listener->threadId(), id);
     EXPECT_EQ(listener->start(), 0U);

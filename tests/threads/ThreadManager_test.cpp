@@ -520,12 +520,12 @@ TEST(ThreadManager, ManyThreadsStartOnOneManager) {
 }
 
 TEST(ThreadManager, ARunAskedToEndInItsWorkStaysListedAndLeavesTheManagerUsable) {
-  static GatedRunnable endless;
+  EndlessRunnable endless;
   ThreadManager manager;
   const pthread_t id = manager.start(endless);
   StdThread* const worker = RunningThreads::instance().find(id);
   ASSERT_NE(worker, nullptr);
-  EXPECT_TRUE(waitUntil([] { return endless.worker != 0; }));
+  EXPECT_TRUE(waitUntil([&endless] { return endless.isWorking.load(); }));
   EXPECT_EQ(worker->requestTerminate(), 0);
   EXPECT_TRUE(waitUntil([worker] { return worker->threadId() == 0; }));
   EXPECT_EQ(idsOf(manager), Ids{id});

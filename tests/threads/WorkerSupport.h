@@ -5,6 +5,7 @@
 #include <memory>
 #include <pthread.h>
 #include <string>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -56,6 +57,33 @@ class GatedRunnable : public FunctionRunnable {
 
   std::atomic<pthread_t> worker = 0;  ///< The thread once it works.
   UNIX_Event_Semaphore gate;
+};
+
+/// Works until its thread is asked to end.
+class EndlessRunnable : public Runnable {
+ public:
+  int work() override {
+    const Unwound here(*this);
+    isWorking = true;
+    for (;;) {
+      usleep(1000000);
+    }
+  }
+
+  std::atomic<bool> isWorking = false;
+  std::atomic<bool> isUnwound = false;
+
+ private:
+  class Unwound {
+   public:
+    explicit Unwound(EndlessRunnable& runnable) : runnable_(runnable) {}
+    Unwound(const Unwound&) = delete;
+    Unwound& operator=(const Unwound&) = delete;
+    ~Unwound() { runnable_.isUnwound = true; }
+
+   private:
+    EndlessRunnable& runnable_;
+  };
 };
 
 /// The worker made last that is not started; null if there is none.
