@@ -106,6 +106,7 @@ int ConsoleSession::handle(int signal) {
     case SIGTSTP:
       terminal_.restore();
       std::raise(SIGSTOP);
+      comeBack();
       return 0;
     case SIGCONT:
       comeBack();

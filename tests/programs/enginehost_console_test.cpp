@@ -218,7 +218,7 @@ TEST(EngineHostConsole, RestoresTheTerminalWhenTheHostCrashes) {
   startHostedShell(terminal, answering);
   terminal.readUntil("ready");
   EXPECT_TRUE(waitUntil([&] { return isRaw(terminal); }));
-  terminal.send(SIGFPE);
+  terminal.send(SIGABRT);
   EXPECT_EQ(terminal.wait(), 99);
   EXPECT_TRUE(hasModesOf(terminal, before));
 }
