@@ -1,0 +1,27 @@
+#pragma once
+
+#include "Engine/utilities/DebuggerNumericSetting.h"
+#include "Engine/utilities/Export.h"
+
+/// A setting whose value is a decimal number within a range.
+///
+/// The number is read as `sscanf` reads "%d%c", where only the number may be found: a sign
+/// may stand in front ("+5"), nothing behind ("5x", "0x10", "1 2"). White space around it
+/// does not count; what remains is kept as the value, leading zeros and sign included. A
+/// number that does not fit the type is refused as out of range, it never wraps.
+class CUL_EXPORT DebuggerIntegerSetting : public DebuggerNumericSetting {
+ public:
+  /// \param minimum least and
+  /// \param maximum greatest number permitted.
+  DebuggerIntegerSetting(const EncodedString& name, SettingControl control, int group,
+                         int identifier, int minimum, int maximum);
+
+  /// As in "1 - 8".
+  [[nodiscard]] EncodedString getPermittedValues() const override;
+  [[nodiscard]] DebuggerIntegerSetting* asIntegerSetting() override;
+  bool setValue(const EncodedString& text) override;
+
+ private:
+  int minimum_;
+  int maximum_;
+};

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "Engine/utilities/DebuggerNumericSetting.h"
+#include "Engine/utilities/Export.h"
+
+/// A setting whose value is a decimal number of 0 or more within a range.
+///
+/// It is read as that of a DebuggerIntegerSetting. A negative number is below every
+/// minimum: it is refused, where `sscanf` with "%u" would make a great one of it.
+class CUL_EXPORT DebuggerUnsignedSetting : public DebuggerNumericSetting {
+ public:
+  /// \param minimum least and
+  /// \param maximum greatest number permitted.
+  DebuggerUnsignedSetting(const EncodedString& name, SettingControl control, int group,
+                          int identifier, unsigned minimum, unsigned maximum);
+
+  /// As in "1 - 8".
+  [[nodiscard]] EncodedString getPermittedValues() const override;
+  [[nodiscard]] DebuggerUnsignedSetting* asUnsignedSetting() override;
+  bool setValue(const EncodedString& text) override;
+
+ private:
+  unsigned minimum_;
+  unsigned maximum_;
+};

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <memory>
+
+#include "Engine/utilities/List.h"
+
+/// \file
+/// A list of objects that belong to it, for the lists that an object keeps as its own.
+/// Indices are 0-based and unchecked. Internal to the library.
+
+template <typename T>
+class OwningList {
+ public:
+  OwningList() = default;
+  OwningList(const OwningList&) = delete;
+  OwningList& operator=(const OwningList&) = delete;
+  ~OwningList() { removeAll(); }
+
+  /// Appends an object.
+  void add(std::unique_ptr<T> object) {
+    objects_.add(object.get());
+    static_cast<void>(object.release());
+  }
+
+  /// Deletes all objects.
+  void removeAll() noexcept {
+    for (T* object : objects_) {
+      delete object;
+    }
+    objects_.removeAll();
+  }
+
+  [[nodiscard]] const List<T*>& list() const noexcept { return objects_; }
+  [[nodiscard]] const T& operator[](unsigned int index) const { return *objects_[index]; }
+  [[nodiscard]] unsigned int count() const noexcept { return objects_.count(); }
+
+ private:
+  List<T*> objects_;
+};
