@@ -3,7 +3,7 @@ string(TIMESTAMP date_and_time "%Y-%m-%d %H:%M:%S" UTC)
 string(TIMESTAMP stamp "%Y%m%d%H%M%S" UTC)
 file(WRITE ${OUTPUT} "#include \"Engine/utilities/ProductData.h\"
 
-const ProductData& productData() noexcept {
+const ProductData& ownProductData() noexcept {
   static constexpr ProductData data = {
       \"Debugger Engine\",
       \"${VERSION}\",

@@ -4,8 +4,11 @@
 
 /// \file
 /// What the library says of itself: the product-data block, written by the build.
+///
+/// The block is compiled once per build and linked into the library and into its
+/// configuration module, so that each can be asked which build it comes from.
 
-/// Name, version and build time of this library. The texts live as long as the process.
+/// Name, version and build time of a build. The texts live as long as the process.
 struct ProductData {
   const char* name;              ///< Product name.
   const char* version;           ///< Three numbers separated by points.
@@ -13,5 +16,9 @@ struct ProductData {
   const char* buildStamp;        ///< The same moment as 14 digits.
 };
 
-/// The block of this library.
+/// The block of the library.
 CUL_EXPORT const ProductData& productData() noexcept;
+
+/// The block of the binary that the caller is linked into. Internal to the library and its
+/// configuration module.
+const ProductData& ownProductData() noexcept;

@@ -1,0 +1,19 @@
+#include "Engine/utilities/DebuggerConfiguration.h"
+#include "Engine/utilities/ProductData.h"
+
+namespace {
+
+class Configuration final : public DebuggerConfiguration {
+ public:
+  [[nodiscard]] const char* buildStamp() const override { return ownProductData().buildStamp; }
+  [[nodiscard]] const char* sourceFilterDefault() const override { return "SOURCE"; }
+};
+
+}  // namespace
+
+extern "C" CUL_EXPORT DebuggerConfiguration* configInstance();
+
+DebuggerConfiguration* configInstance() {
+  static Configuration configuration;
+  return &configuration;
+}

@@ -1,0 +1,47 @@
+#include "Engine/utilities/DebuggerConfiguration.h"
+
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+#include "Engine/utilities/ProductData.h"
+#include "Engine/utilities/SharedEntry.h"
+
+namespace {
+
+using Entry = DebuggerConfiguration* (*)();
+
+DebuggerConfiguration* load() {
+  const char* error = nullptr;
+  // The error text is on standard error already.
+  void* const entry = loadSharedEntry("wobnConfig", "libConfig.a", "configInstance", &error);
+  if (entry == nullptr) {
+    std::abort();
+  }
+  DebuggerConfiguration* const configuration = reinterpret_cast<Entry>(entry)();
+  if (configuration == nullptr) {
+    std::fputs("libwobnConfig.so: configInstance gives no configuration object\n", stderr);
+    std::abort();
+  }
+  const char* const theirs = configuration->buildStamp();
+  const char* const ours = productData().buildStamp;
+  if (theirs == nullptr || std::string_view(theirs) != ours) {
+    std::fprintf(stderr, "libwobnConfig.so: its build stamp %s is not %s, that of the library\n",
+                 theirs == nullptr ? "(none)" : theirs, ours);
+    std::abort();
+  }
+  return configuration;
+}
+
+}  // namespace
+
+DebuggerConfiguration* DebuggerConfiguration::instance() {
+  static std::atomic<DebuggerConfiguration*> kept = nullptr;
+  DebuggerConfiguration* configuration = kept.load(std::memory_order_acquire);
+  if (configuration == nullptr) {
+    configuration = load();
+    kept.store(configuration, std::memory_order_release);
+  }
+  return configuration;
+}

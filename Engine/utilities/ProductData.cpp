@@ -1,0 +1,3 @@
+#include "Engine/utilities/ProductData.h"
+
+const ProductData& productData() noexcept { return ownProductData(); }
