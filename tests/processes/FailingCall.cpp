@@ -24,6 +24,7 @@ constinit std::atomic<FailingCall*> failures[mostFailures] = {};
 constinit std::atomic<unsigned> recordedKinds = 0;  // A bit for each LibcCall; 0: no record.
 constinit std::atomic<unsigned> recorded = 0;
 constinit CallMade records[mostRecords] = {};
+constinit std::atomic<bool> isWritten[mostRecords] = {};
 
 unsigned bitOf(LibcCall call) { return 1U << static_cast<unsigned>(call); }
 
@@ -46,6 +47,7 @@ struct CallDesk {
       const unsigned at = recorded.fetch_add(1);
       if (at < mostRecords) {
         records[at] = describe(call, path, first, argument, more);
+        isWritten[at].store(true, std::memory_order_release);
       }
     }
     for (std::atomic<FailingCall*>& slot : failures) {
@@ -107,6 +109,9 @@ void FailingCall::dismiss() {
 CallRecord::CallRecord(std::initializer_list<LibcCall> kinds) {
   EXPECT_EQ(recordedKinds.load(), 0U) << "there is a record already";
   recorded = 0;
+  for (std::atomic<bool>& written : isWritten) {
+    written = false;
+  }
   unsigned bits = 0;
   for (const LibcCall kind : kinds) {
     bits |= bitOf(kind);
@@ -119,7 +124,14 @@ CallRecord::~CallRecord() { recordedKinds = 0; }
 std::vector<CallMade> CallRecord::calls() const {
   const unsigned n = recorded.load();
   EXPECT_LE(n, mostRecords);
-  return {records, records + (n < mostRecords ? n : mostRecords)};
+  std::vector<CallMade> result;
+  for (unsigned i = 0; i < n && i < mostRecords; ++i) {
+    // Another thread may be about to write its call down.
+    if (isWritten[i].load(std::memory_order_acquire)) {
+      result.push_back(records[i]);
+    }
+  }
+  return result;
 }
 
 unsigned CallRecord::count(LibcCall kind) const {

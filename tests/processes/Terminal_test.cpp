@@ -12,13 +12,6 @@
 
 using testing::HasSubstr;
 
-namespace {
-
-volatile sig_atomic_t sizesSeen = 0;
-void noteSize(int) { sizesSeen = sizesSeen + 1; }
-
-}  // namespace
-
 CUL_CHILD(TerminalOfItsOwn) {
   EXPECT_EQ(getsid(0), getpid());
   EXPECT_EQ(tcgetpgrp(0), getpid());
@@ -65,12 +58,14 @@ TEST(Terminal, GivesSingleStreamsAway) {
 }
 
 CUL_CHILD(TerminalResized) {
-  signal(SIGWINCH, noteSize);
+  sigset_t newSize;
+  sigemptyset(&newSize);
+  sigaddset(&newSize, SIGWINCH);
+  sigprocmask(SIG_BLOCK, &newSize, nullptr);
   std::printf("ready\n");
   std::fflush(stdout);
-  while (sizesSeen == 0) {
-    usleep(1000);
-  }
+  int signal = 0;
+  EXPECT_EQ(sigwait(&newSize, &signal), 0);
   winsize size = {};
   EXPECT_EQ(ioctl(0, TIOCGWINSZ, &size), 0);
   EXPECT_EQ(size.ws_row, 5);
