@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -126,6 +127,10 @@ int Debuggee::wait() {
 }
 
 int Debuggee::Reaper::work() {
+  // The host's signals are for the thread that waits for its events.
+  sigset_t all;
+  sigfillset(&all);
+  pthread_sigmask(SIG_SETMASK, &all, nullptr);
   debuggee_.rawStatus_ = ProcessWaiter(debuggee_.id_).work();
   const int status = debuggee_.rawStatus_;
   if (WIFSIGNALED(status)) {
