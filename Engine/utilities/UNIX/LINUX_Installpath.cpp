@@ -1,0 +1,9 @@
+#include "Engine/utilities/UNIX/LINUX_Installpath.h"
+
+#include <string>
+#include <unistd.h>
+
+#include "Engine/utilities/Texts.h"
+
+LINUX_Installpath::LINUX_Installpath()
+    : UNIX_Installpath(textOf("/proc/" + std::to_string(getpid()) + "/exe")) {}

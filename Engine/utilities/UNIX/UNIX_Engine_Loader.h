@@ -1,0 +1,40 @@
+#pragma once
+
+#include "Engine/utilities/Engine_Loader.h"
+#include "Engine/utilities/Export.h"
+#include "Engine/utilities/FileName.h"
+#include "Engine/utilities/List.h"
+
+/// \file
+/// Loads engine modules with the dynamic loader and keeps them by their names.
+///
+/// A module is asked for by the name between "lib" and ".so", or else by a name or path as
+/// the dynamic loader takes it. All its symbols are bound at once and seen by nobody else.
+/// Modules are never unloaded, not even by the destructor. Failures throw nothing: they are
+/// traced, give null and are not remembered, so that the next request tries again.
+///
+/// Not thread-safe: the cache has no lock.
+
+class CUL_EXPORT UNIX_Engine_Loader : public Engine_Loader {
+ public:
+  UNIX_Engine_Loader() = default;
+  ~UNIX_Engine_Loader() override;
+
+  /// Finds a module, loading it on first use. Names are compared as file names are: a module
+  /// known as "x.so" is also found as "x.so.1".
+  /// \param name in UTF-8, given to the system in its native code page. An empty name is the
+  ///   program itself, as the dynamic loader has it.
+  /// \return the dynamic loader's handle, null on failure.
+  [[nodiscard]] void* get_korv_module(const FileName& name) const;
+
+  [[nodiscard]] void* get_procedure_entry(const FileName& module,
+                                          const EncodedString& entry) const override;
+
+ private:
+  struct Module {
+    void* handle;
+    FileName* name;  // As it was asked for; owned.
+  };
+
+  mutable List<Module> modules_{20, nullptr, 8};
+};
