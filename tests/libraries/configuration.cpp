@@ -1,0 +1,23 @@
+#include <cstdlib>
+
+#include "Engine/utilities/DebuggerConfiguration.h"
+
+// A configuration module of another build: its stamp comes from the environment. Without one
+// it has none, and it can be told to give no object at all.
+
+namespace {
+
+class Configuration final : public DebuggerConfiguration {
+ public:
+  [[nodiscard]] const char* buildStamp() const override { return std::getenv("MODULE_STAMP"); }
+  [[nodiscard]] const char* sourceFilterDefault() const override { return "OTHER"; }
+};
+
+}  // namespace
+
+extern "C" CUL_EXPORT DebuggerConfiguration* configInstance();
+
+DebuggerConfiguration* configInstance() {
+  static Configuration configuration;
+  return std::getenv("MODULE_HAS_NO_OBJECT") != nullptr ? nullptr : &configuration;
+}

@@ -1,0 +1,139 @@
+#include "Engine/utilities/DebuggerConfiguration.h"
+
+#include <algorithm>
+#include <cctype>
+#include <string>
+
+#include <gmock/gmock.h>
+
+#include "Engine/utilities/ProductData.h"
+
+#include "tests/support/Child.h"
+#include "tests/support/ProgramTree.h"
+
+namespace {
+
+using testing::EndsWith;
+
+// What a process ends with after abort(): the library's handler for the signal.
+constexpr int aborted = 99;
+
+const std::string libraries = CUL_TEST_LIBRARIES;
+
+// Runs the launcher from a tree with this file as the configuration module.
+ChildResult runWithModule(const std::string& module, const ChildOptions& options = {}) {
+  const ProgramTree tree;
+  if (!module.empty()) {
+    tree.add(module, "lib/libwobnConfig.so");
+  }
+  return runProgram({tree.launcher(), "configuration"}, options);
+}
+
+ChildResult runWithForeignModule(const std::map<std::string, std::string>& environment) {
+  return runWithModule(libraries + "/libconfiguration.so", {.environment = environment});
+}
+
+std::string stampOfTheLibrary() { return productData().buildStamp; }
+
+std::string refusalOf(const std::string& stamp) {
+  return "libwobnConfig.so: its build stamp " + stamp + " is not " + stampOfTheLibrary() +
+         ", that of the library\n";
+}
+
+CUL_CHILD(Configuration) {
+  const DebuggerConfiguration* const configuration = DebuggerConfiguration::instance();
+  ASSERT_NE(configuration, nullptr);
+  EXPECT_EQ(DebuggerConfiguration::instance(), configuration);
+  EXPECT_STREQ(configuration->sourceFilterDefault(), "SOURCE");
+  const std::string stamp = configuration->buildStamp();
+  EXPECT_EQ(stamp, stampOfTheLibrary());
+  EXPECT_EQ(stamp.size(), 14U);
+  EXPECT_TRUE(std::all_of(stamp.begin(), stamp.end(), [](unsigned char c) { return isdigit(c); }))
+      << stamp;
+}
+
+TEST(DebuggerConfiguration, IsLoadedOnceFromTheModuleOfTheSameBuild) {
+  const ChildResult r = runChild("Configuration");
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.err, "");
+}
+
+TEST(DebuggerConfiguration, IsFoundBesideTheLibraryWithoutAnyEnvironment) {
+  const ProgramTree tree;
+  tree.add(CUL_CONFIGURATION_MODULE, "lib/libwobnConfig.so");
+  const ChildResult r =
+      runProgram({"/usr/bin/env", "-i", tree.launcher(), "configuration"}, {.directory = "/"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, stampOfTheLibrary() + "\nSOURCE\nsame\n");
+  EXPECT_EQ(r.err, "");
+}
+
+TEST(DebuggerConfiguration, WorksBeforeMain) {
+  const ProgramTree tree;
+  tree.add(CUL_CONFIGURATION_MODULE, "lib/libwobnConfig.so");
+  const std::string once = stampOfTheLibrary() + "\nSOURCE\nsame\n";
+  const ChildResult r = runProgram({tree.launcher(), "configuration"},
+                                   {.environment = {{"LAUNCHER_STARTS_EARLY", "1"}}});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, tree.path() + "\n" + once + once);
+  EXPECT_EQ(r.err, "");
+}
+
+TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleIsMissing) {
+  const ChildResult r = runWithModule("");
+  EXPECT_EQ(r.status, aborted);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err,
+            "libwobnConfig.so: cannot open shared object file: No such file or directory\n");
+}
+
+TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleIsNoLibrary) {
+  const ProgramTree tree;
+  writeFile(tree.file("lib/libwobnConfig.so"), "no library");
+  const ChildResult r = runProgram({tree.launcher(), "configuration"});
+  EXPECT_EQ(r.status, aborted);
+  EXPECT_EQ(r.out, "");
+  EXPECT_THAT(r.err, testing::HasSubstr("/lib/libwobnConfig.so: "));
+  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+}
+
+TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleHasNoEntry) {
+  const ChildResult r = runWithModule(libraries + "/libentries.so");
+  EXPECT_EQ(r.status, aborted);
+  EXPECT_EQ(r.out, "");
+  EXPECT_THAT(r.err, EndsWith("/libwobnConfig.so: undefined symbol: configInstance\n"));
+}
+
+TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleGivesNoObject) {
+  const ChildResult r =
+      runWithForeignModule({{"MODULE_HAS_NO_OBJECT", ""}, {"MODULE_STAMP", stampOfTheLibrary()}});
+  EXPECT_EQ(r.status, aborted);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "libwobnConfig.so: configInstance gives no configuration object\n");
+}
+
+TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleIsOfAnotherBuild) {
+  const std::string ours = stampOfTheLibrary();
+  for (const std::string& stamp :
+       {std::string("20000101000000"), ours.substr(0, 13), ours + "0", std::string()}) {
+    const ChildResult r = runWithForeignModule({{"MODULE_STAMP", stamp}});
+    EXPECT_EQ(r.status, aborted) << stamp;
+    EXPECT_EQ(r.out, "");
+    EXPECT_EQ(r.err, refusalOf(stamp));
+  }
+}
+
+TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleHasNoStamp) {
+  const ChildResult r = runWithForeignModule({});
+  EXPECT_EQ(r.status, aborted);
+  EXPECT_EQ(r.err, refusalOf("(none)"));
+}
+
+TEST(DebuggerConfiguration, TakesAnyModuleWithTheStampOfTheLibrary) {
+  const ChildResult r = runWithForeignModule({{"MODULE_STAMP", stampOfTheLibrary()}});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, stampOfTheLibrary() + "\nOTHER\nsame\n");
+  EXPECT_EQ(r.err, "");
+}
+
+}  // namespace
