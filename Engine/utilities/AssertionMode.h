@@ -3,13 +3,11 @@
 #include "Engine/utilities/Export.h"
 
 /// \file
-/// What a failed assertion does beyond leaving a line in the trace. The user chooses it
-/// with the environment variable "QVX_DBG_ASSERTION": words separated by "," or blanks, in
-/// upper case, each changing what the words before it have set. "EXCEPTION" and
-/// "NOEXCEPTION" switch throwing on and off, "POPUP" and "NOPOPUP" printing. A value with
-/// any other word is refused as a whole. Without the variable both are off.
+/// What a failed assertion does beyond leaving a line in the trace: the setting "ASSERTION"
+/// (see DebuggerSettings) says it. "EXCEPTION" and "NOEXCEPTION" switch throwing on and off,
+/// "POPUP" and "NOPOPUP" printing; both are off unless the user has chosen otherwise.
 ///
-/// It stands low so that every floor can assert, and asserts nothing itself.
+/// Declared low so that every floor can assert.
 
 /// Bit of assertionMode(): a failed assertion throws.
 inline constexpr int assertionThrows = 1;
@@ -17,7 +15,7 @@ inline constexpr int assertionThrows = 1;
 /// Bit of assertionMode(): a failed assertion prints itself on standard error.
 inline constexpr int assertionPrints = 2;
 
-/// The user's choice, a set of the two bits. The variable is read by the first call and the
-/// answer kept, so that an assertion is judged alike for the life of the process. Any
-/// thread.
-[[nodiscard]] CUL_EXPORT int assertionMode() noexcept;
+/// The present number of the setting "ASSERTION", a set of the two bits. The first call builds
+/// the registry of settings if nobody has; 0 while it is being built and has no such setting
+/// yet. Any thread, once the registry is built.
+[[nodiscard]] CUL_EXPORT int assertionMode();

@@ -41,8 +41,8 @@ class CUL_EXPORT DebuggerSettings {
   explicit DebuggerSettings(unsigned slots);
   DebuggerSettings(const DebuggerSettings&) = delete;
   DebuggerSettings& operator=(const DebuggerSettings&) = delete;
-  /// Deletes the settings. Not virtual: it is called for the object's own class.
-  ~DebuggerSettings();
+  /// Deletes the settings. Not virtual: a registry is destroyed as what it was made.
+  ~DebuggerSettings();  // NOLINT(cppcoreguidelines-virtual-class-destructor): the slots are fixed.
 
   /// Makes the common settings, then those of the platform. Identifiers for which there is
   /// no slot are left out.
@@ -97,8 +97,6 @@ class CUL_EXPORT DebuggerSettings {
  private:
   // The setting in a slot; null for an empty slot and for one that does not exist.
   [[nodiscard]] DebuggerSetting* slot(unsigned index) const noexcept;
-  // The number of the setting in a slot; 0 when there is none.
-  [[nodiscard]] unsigned numberInSlot(unsigned index) const;
 
   List<Notification*> listeners_;
   List<DebuggerSetting*> settings_;

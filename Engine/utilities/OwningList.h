@@ -22,6 +22,9 @@ class OwningList {
     static_cast<void>(object.release());
   }
 
+  /// Makes room for `n` more objects at once.
+  void reserve(unsigned int n) { objects_.extend(n); }
+
   /// Deletes all objects.
   void removeAll() noexcept {
     for (T* object : objects_) {

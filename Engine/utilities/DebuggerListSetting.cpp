@@ -1,0 +1,116 @@
+#include "Engine/utilities/DebuggerListSetting.h"
+
+#include <algorithm>
+#include <memory>
+#include <string>
+
+#include "Engine/utilities/SettingTexts.h"
+#include "Engine/utilities/Texts.h"
+
+namespace {
+
+constexpr unsigned allBits = 0xFFFFFFFF;
+
+// Takes the next token off the front of `text`; empty when there is none.
+std::string_view nextToken(std::string_view& text) {
+  constexpr std::string_view separators = ", ";
+  text.remove_prefix(std::min(text.find_first_not_of(separators), text.size()));
+  const std::string_view token = text.substr(0, text.find_first_of(separators));
+  text.remove_prefix(token.size());
+  return token;
+}
+
+bool hasTokens(std::string_view text) { return !nextToken(text).empty(); }
+
+// The tokens joined by ",".
+EncodedString tokensOf(std::string_view text) {
+  std::string result;
+  for (std::string_view token = nextToken(text); !token.empty(); token = nextToken(text)) {
+    result.append(result.empty() ? "" : ",").append(token);
+  }
+  return textOf(result);
+}
+
+}  // namespace
+
+DebuggerListSetting::DebuggerListSetting(const EncodedString& name, SettingControl control,
+                                         const ListSettingItem* items, int group, int identifier,
+                                         int acceptsAllAndNone)
+    : DebuggerNumericSetting(name, control, group, identifier, List),
+      acceptsAllAndNone_(acceptsAllAndNone != 0) {
+  for (; items != nullptr && items->name != nullptr; ++items) {
+    names_.add(std::make_unique<EncodedString>(items->name));
+    masks_.add(items->mask);
+    setFlags_.add(items->sets);
+  }
+  takeFirstValue();
+}
+
+EncodedString DebuggerListSetting::getPermittedValues() const { return joined(names_); }
+
+DebuggerListSetting* DebuggerListSetting::asListSetting() { return this; }
+
+bool DebuggerListSetting::setValue(const EncodedString& text) {
+  const std::string_view given = viewOf(text);
+  if (!hasTokens(given)) {
+    // A default without tokens stands for nothing, least of all for itself.
+    return hasTokens(viewOf(getDefault())) && takeDefault();
+  }
+  unsigned bits = 0;
+  if (!parse(given, bits)) {
+    return false;
+  }
+  const EncodedString canonical = canonicalText(bits);
+  unsigned bitsReadBack = 0;
+  const bool readsBack = hasTokens(viewOf(canonical)) && parse(viewOf(canonical), bitsReadBack) &&
+                         bitsReadBack == bits;
+  store(readsBack ? canonical : tokensOf(given), bits);
+  return true;
+}
+
+// Changes the bits as one token says; false for an unknown one.
+bool DebuggerListSetting::apply(std::string_view token, unsigned& bits) const {
+  for (unsigned i = names_.count(); i-- > 0;) {
+    if (token == viewOf(names_[i])) {
+      bits = setFlags_[i] ? bits | masks_[i] : bits & ~masks_[i];
+      return true;
+    }
+  }
+  if (!acceptsAllAndNone_ || (token != "ALL" && token != "NONE")) {
+    return false;
+  }
+  bits = token == "ALL" ? allBits : 0;
+  return true;
+}
+
+bool DebuggerListSetting::parse(std::string_view text, unsigned& bits) const {
+  for (std::string_view token = nextToken(text); !token.empty(); token = nextToken(text)) {
+    if (!apply(token, bits)) {
+      return false;
+    }
+  }
+  return true;
+}
+
+bool DebuggerListSetting::isCovered(unsigned index, unsigned bits) const {
+  const unsigned mask = masks_[index];
+  if (!setFlags_[index]) {
+    return (bits & mask) == 0;
+  }
+  return mask == 0 ? bits == 0 : (bits & mask) == mask;
+}
+
+EncodedString DebuggerListSetting::canonicalText(unsigned bits) const {
+  const EncodedString separator(L",");
+  EncodedString result;
+  for (unsigned i = 0; i < names_.count(); ++i) {
+    if (!isCovered(i, bits)) {
+      continue;
+    }
+    if (setFlags_[i] && masks_[i] == allBits) {
+      return names_[i];
+    }
+    appendTo(result, separator, names_[i]);
+  }
+  return result;
+}

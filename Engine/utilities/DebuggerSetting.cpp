@@ -1,0 +1,71 @@
+#include "Engine/utilities/DebuggerSetting.h"
+
+#include <cstdlib>
+
+#include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/DebuggerSettings.h"
+#include "Engine/utilities/SettingNames.h"
+#include "Engine/utilities/SettingTexts.h"
+#include "Engine/utilities/Texts.h"
+
+namespace {
+
+// The value of a setting's environment variable; null when it is not set.
+const char* environmentOf(const EncodedString& name) {
+  const ByteString variable = (getEnvnamePrefix() + name).convertToNative();
+  return std::getenv(charsOf(variable));
+}
+
+}  // namespace
+
+DebuggerSetting::DebuggerSetting(const EncodedString& name, SettingControl control, int group,
+                                 int identifier, SettingType type)
+    : name_(name), group_(group), identifier_(identifier), type_(type), control_(control) {}
+
+EncodedString DebuggerSetting::getPermittedValues() const { return {}; }
+
+EncodedString DebuggerSetting::getEnvValue() const {
+  const EncodedString text(environmentOf(name_), EncodedString::native);
+  return textOf(withoutBlanks(viewOf(text)));
+}
+
+DebuggerStringSetting* DebuggerSetting::asStringSetting() { return nullptr; }
+DebuggerPathSetting* DebuggerSetting::asPathSetting() { return nullptr; }
+DebuggerNumericSetting* DebuggerSetting::asNumericSetting() { return nullptr; }
+DebuggerIntegerSetting* DebuggerSetting::asIntegerSetting() { return nullptr; }
+DebuggerUnsignedSetting* DebuggerSetting::asUnsignedSetting() { return nullptr; }
+DebuggerBooleanSetting* DebuggerSetting::asBooleanSetting() { return nullptr; }
+DebuggerEnumSetting* DebuggerSetting::asEnumSetting() { return nullptr; }
+DebuggerListSetting* DebuggerSetting::asListSetting() { return nullptr; }
+
+EncodedString DebuggerSetting::getDefault() const {
+  return {DebuggerSettings::instance()->defaultSetting(static_cast<unsigned>(identifier_))};
+}
+
+void DebuggerSetting::takeFirstValue() {
+  if (environmentOf(name_) != nullptr) {
+    const EncodedString given = getEnvValue();
+    if (setValue(given)) {
+      // A list setting may have found nothing in it and taken the default instead.
+      if (origin_ == Changed) {
+        origin_ = Environment;
+      }
+      return;
+    }
+    envValueRefused_ = given.length() != 0;
+  }
+  takeDefault();
+}
+
+bool DebuggerSetting::takeDefault() {
+  if (!setValue(getDefault())) {
+    return false;
+  }
+  origin_ = Default;
+  return true;
+}
+
+void DebuggerSetting::store(const EncodedString& canonical) {
+  value_ = canonical;
+  origin_ = Changed;
+}

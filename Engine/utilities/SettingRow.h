@@ -1,0 +1,77 @@
+#pragma once
+
+#include "Engine/utilities/DebuggerEnumSetting.h"
+#include "Engine/utilities/DebuggerListSetting.h"
+#include "Engine/utilities/DebuggerSetting.h"
+#include "Engine/utilities/DebuggerStringSetting.h"
+
+/// \file
+/// The rows of the registry's tables of settings. Internal to the library.
+
+/// What makes a setting. What a type has no use for stays 0 or null.
+struct SettingRow {
+  const wchar_t* name;
+  DebuggerSetting::SettingType type;
+  int control;
+  int group;
+  int identifier;
+  const wchar_t* defaultText;  ///< Null: the configuration module knows it.
+  unsigned minimum = 0;        ///< Of the number, or of the length.
+  unsigned maximum = 0;
+  const DebuggerEnumSetting::EnumSettingItem* enumItems = nullptr;
+  const DebuggerListSetting::ListSettingItem* listItems = nullptr;
+  bool acceptsAllAndNone = false;
+};
+
+/// \name One row of each type
+/// @{
+constexpr SettingRow stringRow(const wchar_t* name, int control, int group, int identifier,
+                               const wchar_t* defaultText, unsigned minLength = 0,
+                               unsigned maxLength = DebuggerStringSetting::noLimit) {
+  return {name,     DebuggerSetting::String, control, group, identifier, defaultText, minLength,
+          maxLength};
+}
+
+constexpr SettingRow pathRow(const wchar_t* name, int control, int group, int identifier,
+                             const wchar_t* defaultText, unsigned minLength, unsigned maxLength) {
+  return {name,       DebuggerSetting::Path, control,   group,
+          identifier, defaultText,           minLength, maxLength};
+}
+
+constexpr SettingRow unsignedRow(const wchar_t* name, int control, int group, int identifier,
+                                 const wchar_t* defaultText, unsigned minimum, unsigned maximum) {
+  return {name,   DebuggerSetting::Unsigned, control, group, identifier, defaultText, minimum,
+          maximum};
+}
+
+constexpr SettingRow booleanRow(const wchar_t* name, int control, int group, int identifier,
+                                const wchar_t* defaultText) {
+  return {name, DebuggerSetting::Boolean, control, group, identifier, defaultText};
+}
+
+constexpr SettingRow enumRow(const wchar_t* name, int control, int group, int identifier,
+                             const wchar_t* defaultText,
+                             const DebuggerEnumSetting::EnumSettingItem* items) {
+  return {.name = name,
+          .type = DebuggerSetting::Enum,
+          .control = control,
+          .group = group,
+          .identifier = identifier,
+          .defaultText = defaultText,
+          .enumItems = items};
+}
+
+constexpr SettingRow listRow(const wchar_t* name, int control, int group, int identifier,
+                             const wchar_t* defaultText,
+                             const DebuggerListSetting::ListSettingItem* items,
+                             bool acceptsAllAndNone) {
+  return {.name = name,
+          .type = DebuggerSetting::List,
+          .control = control,
+          .group = group,
+          .identifier = identifier,
+          .defaultText = defaultText,
+          .listItems = items,
+          .acceptsAllAndNone = acceptsAllAndNone};
+}
+/// @}
