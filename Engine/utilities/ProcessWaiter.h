@@ -10,6 +10,7 @@
 /// A child is waited for once, by one waiter. While it waits, its thread cannot be asked to
 /// end (see StdThread::BlockTermination): the child would stay behind as a zombie.
 
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, nobody derives from it.
 class CUL_EXPORT ProcessWaiter final : public Runnable {
  public:
   /// \param process id of a child of this process.

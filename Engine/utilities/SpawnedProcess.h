@@ -37,8 +37,9 @@ class CUL_EXPORT SpawnedProcess {
   /// \param inheritsFileDescriptors nonzero: descriptors above 2 stay open in the program.
   /// \throws StdException "File not found.", status -1: no such program, no child was made.
   /// \throws StdException "Fork failed.", status -1, with the error in the trace.
-  /// \throws StdException status -1 when there can be no worker thread. The child, which may
-  ///   have begun its work, is killed and reaped then; so it is when memory runs out here.
+  /// \throws StdException status -1 when there can be no worker thread (or, at the first start
+  ///   of the process, no timer thread), CUL_SemaphoreError when there can be no event. The
+  ///   child, which may have begun its work, is killed and reaped before.
   ///
   /// A program that cannot be executed is not an error here: its child ends with exit code 1.
   SpawnedProcess(const EncodedString& program, const EncodedString& path,

@@ -208,26 +208,10 @@ void expectSilencedAndClosed(unsigned streams = 3) {
   EXPECT_EQ(occurrences(list, " -> "), streams) << list;
 }
 
-class LowLimit {
- public:
-  explicit LowLimit(rlim_t descriptors) {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    rlimit low = before_;
-    low.rlim_cur = descriptors;
-    setrlimit(RLIMIT_NOFILE, &low);
-  }
-  LowLimit(const LowLimit&) = delete;
-  LowLimit& operator=(const LowLimit&) = delete;
-  ~LowLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_;
-};
-
 }  // namespace
 
 CUL_CHILD(CloseRangeFails) {
-  const LowLimit limit(300);
+  const DescriptorLimit limit(300);
   for (const int fd : {3, 100, 298, 299}) {
     ASSERT_EQ(dup2(0, fd), fd);
   }
@@ -494,6 +478,7 @@ CUL_CHILD(SpawnFiveHundred) {
 #endif
   EXPECT_TRUE(waitUntil([] { return threadCount() == mainAndTimer; }));
   std::vector<std::thread> spawning;
+  spawning.reserve(10);
   std::atomic<unsigned> ended = 0;
   for (int thread = 0; thread < 10; ++thread) {
     spawning.emplace_back([thread, &ended] {
@@ -549,6 +534,7 @@ CUL_CHILD(SpawnWhileOthersAllocateAndTrace) {
   EXPECT_EQ(statusOf(spawnShell("exit 0")), 0);
   std::atomic<bool> isOver = false;
   std::vector<std::thread> others;
+  others.reserve(3);
   for (int thread = 0; thread < 3; ++thread) {
     others.emplace_back([&isOver] {
       while (!isOver) {

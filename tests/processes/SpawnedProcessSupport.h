@@ -1,11 +1,13 @@
 #pragma once
 
+#include <algorithm>
 #include <csignal>
 #include <cstddef>
 #include <deque>
 #include <fcntl.h>
 #include <initializer_list>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -83,6 +85,27 @@ std::vector<std::string> openDescriptors();
 
 /// The number of threads of this process.
 size_t threadCount();
+
+/// Limits the descriptors of this process until the end of the scope, as far as it may.
+class DescriptorLimit {
+ public:
+  explicit DescriptorLimit(rlim_t most) {
+    getrlimit(RLIMIT_NOFILE, &before_);
+    rlimit limit = before_;
+    limit.rlim_cur = std::min(most, before_.rlim_max);
+    limit_ = static_cast<int>(limit.rlim_cur);
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  }
+  DescriptorLimit(const DescriptorLimit&) = delete;
+  DescriptorLimit& operator=(const DescriptorLimit&) = delete;
+  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
+
+  [[nodiscard]] int limit() const { return limit_; }
+
+ private:
+  rlimit before_;
+  int limit_ = 0;
+};
 
 /// A program that runs until it is released, which the destructor does as well.
 class HeldProgram {

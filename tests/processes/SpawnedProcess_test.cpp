@@ -11,7 +11,6 @@
 #include <pthread.h>
 #include <set>
 #include <string>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
 #include <type_traits>
@@ -92,12 +91,10 @@ TEST(SpawnedProcess, TakesAnAbsolutePathAsItIs) {
 
 TEST(SpawnedProcess, GivesTheProgramItsArgumentsAsTheyAreStored) {
   vectorSeenBy(utf8("/bin/sh"), utf8(""), {});
-  vectorSeenBy(
-      utf8("/bin/sh"), utf8(""),
-      {"", "two words", " ", "", "*", "$HOME", "'quoted' \"too\"", "a\\b", "-x", "line\nbreak",
-       "Gr\xC3\xBC\xC3\x9F"
-       "e \xE2\x82\xAC \xF0\x9F\x90\x9E",
-       "\xFF\xFE no UTF-8", ""});
+  const std::string letters = "Gr\xC3\xBC\xC3\x9F, \xE2\x82\xAC, \xF0\x9F\x90\x9E";
+  vectorSeenBy(utf8("/bin/sh"), utf8(""),
+               {"", "two words", " ", "", "*", "$HOME", "'quoted' \"too\"", "a\\b", "-x",
+                "line\nbreak", letters, "\xFF\xFE no UTF-8", ""});
 }
 
 TEST(SpawnedProcess, GivesTheProgramAThousandArguments) {
@@ -267,38 +264,33 @@ class StreamsClosed {
   int saved_[3];
 };
 
-// Occupies all descriptors up to a low limit, until the end of the scope.
+int anyOpen() {
+  int fd = 0;
+  while (fcntl(fd, F_GETFD) == -1) {
+    ++fd;
+  }
+  return fd;
+}
+
+// Occupies all descriptors below a number until the end of the scope. Standard streams that
+// are closed stay so.
 class DescriptorsUsedUp {
  public:
-  // Standard streams that are closed stay so.
-  DescriptorsUsedUp() {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    rlimit few = before_;
-    few.rlim_cur = 64;
-    for (int fd; (fd = fcntl(anyOpen(), F_DUPFD_CLOEXEC, 3)) < 64 && fd >= 0;) {
+  DescriptorsUsedUp(int end, int duplicate) {
+    const int any = anyOpen();
+    for (int fd = 0; fd + 1 < end && (fd = fcntl(any, duplicate, 3)) >= 0;) {
       used_.push_back(fd);
     }
-    setrlimit(RLIMIT_NOFILE, &few);
   }
   DescriptorsUsedUp(const DescriptorsUsedUp&) = delete;
   DescriptorsUsedUp& operator=(const DescriptorsUsedUp&) = delete;
   ~DescriptorsUsedUp() {
-    setrlimit(RLIMIT_NOFILE, &before_);
     for (const int fd : used_) {
       close(fd);
     }
   }
 
  private:
-  static int anyOpen() {
-    int fd = 0;
-    while (fcntl(fd, F_GETFD) == -1) {
-      ++fd;
-    }
-    return fd;
-  }
-
-  rlimit before_;
   std::vector<int> used_;
 };
 
@@ -404,7 +396,9 @@ CUL_CHILD(SpawnWithoutAFreeDescriptor) {
       int status = -1;
       {
         const StreamsClosed streams(mask);
-        const DescriptorsUsedUp usedUp;
+        const DescriptorLimit limit(64);
+        const DescriptorsUsedUp usedUp(64, F_DUPFD_CLOEXEC);
+        EXPECT_EQ(fcntl(anyOpen(), F_DUPFD_CLOEXEC, 3), -1);
         expected = streams.whenSilenced();
         status = statusOf(spawnShell(listDescriptors, {folder.file("list")}, silenced, inherits));
       }
@@ -422,20 +416,15 @@ TEST(SpawnedProcess, SilencesTheStreamsAlsoWhenNoDescriptorIsFree) {
 }
 
 CUL_CHILD(SpawnWithManyDescriptors) {
-  rlimit limit;
-  getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 10000);
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-  int last = 0;
-  for (int fd; (fd = dup(0)) != -1;) {
-    last = fd;
+  const DescriptorLimit limit(10000);
+  Descriptors seen;
+  {
+    const int end = limit.limit() - 10;
+    const DescriptorsUsedUp usedUp(end, F_DUPFD);
+    EXPECT_EQ(fcntl(end - 1, F_GETFD), 0) << "not open, or closed on exec";
+    seen = descriptorsSeen(silenced, closed);
   }
-  ASSERT_GT(last, 200);
-  // Room for the test itself.
-  close(last - 1);
-  close(last - 2);
-  close(last - 3);
-  EXPECT_EQ(descriptorsSeen(silenced, closed), allNull);
+  EXPECT_EQ(seen, allNull);
 }
 
 TEST(SpawnedProcess, ClosesThousandsOfDescriptors) {
@@ -658,7 +647,7 @@ TEST(SpawnedProcess, SharesItsWaiterWithCopies) {
   HeldProgram program;
   std::optional<SpawnedProcess> original(program.start());
   const SpawnedProcess copy(*original);
-  const SpawnedProcess copyOfCopy(copy);
+  const SpawnedProcess copyOfCopy(copy);  // NOLINT(performance-unnecessary-copy-initialization)
   EXPECT_EQ(&*copy.getWaiter(), &*original->getWaiter());
   EXPECT_EQ(&*copyOfCopy.getWaiter(), &*original->getWaiter());
   EXPECT_FALSE(copy.done());
@@ -672,7 +661,7 @@ TEST(SpawnedProcess, SharesItsWaiterWithCopies) {
 TEST(SpawnedProcess, ReportsTheSameThroughACopyAndTheOriginal) {
   const SpawnedProcess original = spawnShell("exit 9");
   EXPECT_EQ(statusOf(original), 9 << 8);
-  const SpawnedProcess copy(original);
+  const SpawnedProcess copy(original);  // NOLINT(performance-unnecessary-copy-initialization)
   EXPECT_TRUE(copy.done());
   EXPECT_EQ(copy.returnCode(), 9 << 8);
 }
@@ -692,7 +681,7 @@ TEST(SpawnedProcess, TellsItsFlags) {
       const SpawnedProcess process = spawn("true", {}, shares, inherits);
       EXPECT_EQ(process.sharesParentConsoleIO(), shares != 0);
       EXPECT_EQ(process.inheritsFileDescriptors(), inherits != 0);
-      const SpawnedProcess copy(process);
+      const SpawnedProcess copy(process);  // NOLINT(performance-unnecessary-copy-initialization)
       EXPECT_EQ(copy.sharesParentConsoleIO(), shares != 0);
       EXPECT_EQ(copy.inheritsFileDescriptors(), inherits != 0);
       EXPECT_EQ(statusOf(copy), 0);
