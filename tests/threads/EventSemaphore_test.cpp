@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <future>
 #include <memory>
 #include <optional>
@@ -275,6 +276,43 @@ TEST(UNIX_Event_Semaphore, WhoHasSeenItOpenMayDestroyItWhilePostIsStillAtWork) {
   destroyer = gettid();
   event.reset();  // asleep in here until the mutex is free
   poster.join();
+}
+
+// Checks that at `call` in `act` another thread does not get through with `request`.
+static void expectMutexHeld(PosixCall call, const std::function<void()>& act,
+                            const std::function<void()>& request) {
+  std::atomic<bool> isThrough = false;
+  std::atomic<pid_t> task = 0;
+  std::promise<void> end;
+  std::thread other;
+  {
+    const PosixMoment moment(call, [&] {
+      other = std::thread([&] {
+        task = gettid();
+        request();
+        isThrough = true;
+        end.get_future().wait();
+      });
+      waitUntilAsleep(task);
+      EXPECT_FALSE(isThrough);
+    });
+    act();
+  }
+  end.set_value();
+  other.join();
+}
+
+TEST(UNIX_Event_Semaphore, ChangesUnderTheMutexUntilAllAreWoken) {
+  UNIX_Event_Semaphore event;
+  const auto reset = [&event] { event.reset(); };
+  expectMutexHeld(
+      PosixCall::condBroadcast, [&event] { event.post(); }, reset);
+  WaitInstance wait(event, 65535000);
+  expectMutexHeld(
+      PosixCall::condBroadcast, [&wait] { wait.expire(); }, reset);
+  // Closed by the time the mutex is given back.
+  event.post();
+  expectMutexHeld(PosixCall::mutexUnlock, reset, [&event] { event.wait(0, milliseconds, false); });
 }
 
 TEST(UNIX_Event_Semaphore, OutlivesWaitersPostersAndItsOwnEndInAnyMixture) {
