@@ -194,6 +194,9 @@ CUL_CHILD(OwnHandlersAndActions) {
   // These two are ignored whatever was there.
   ASSERT_EQ(sigaction(SIGPIPE, &own, nullptr), 0);
   ASSERT_EQ(sigaction(SIGTTIN, &own, nullptr), 0);
+  // A process started in the background may begin with interrupts ignored.
+  signal(SIGINT, SIG_DFL);
+  signal(SIGBUS, SIG_DFL);
   registerErrorHandlers();
   for (const int number : handledSignals) {
     const struct sigaction action = actionOf(number);
