@@ -1,10 +1,12 @@
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "Engine/utilities/TraceFlags.h"
 
 // The entry that locates addresses, as the tests want it: its answer and its three texts come
-// from the environment.
+// from the environment, and whether it takes its time.
 
 namespace {
 
@@ -38,6 +40,11 @@ extern "C" __attribute__((visibility("default"))) int whereis(unsigned long addr
     fill(first, "WHEREIS_FIRST");
     fill(second, "WHEREIS_SECOND");
     fill(third, "WHEREIS_THIRD");
+  }
+  if (std::getenv("WHEREIS_DELAY") != nullptr) {
+    constexpr timespec delay = {0, 200000000};
+    nanosleep(&delay, nullptr);
+    std::puts("answered");
   }
   return std::atoi(std::getenv("WHEREIS_ANSWER"));
 }

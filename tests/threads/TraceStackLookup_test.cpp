@@ -1,7 +1,12 @@
+#include <atomic>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -110,12 +115,25 @@ TEST(TraceStack, ReadsTextsThatFillTheirBuffersWithoutATerminator) {
   EXPECT_EQ(locationFor({2, "", std::string(511, 'e') + "/", ""}), "");
 }
 
+// Leaves something where the next call has its variables.
+__attribute__((noinline)) static void useTheStack() {
+  char used[8192];
+  std::memset(used, 'x', sizeof used);
+  asm volatile("" : : "r"(used) : "memory");
+}
+
+CUL_CHILD(LocateOnAUsedStack) {
+  static_cast<void>(located(1));  // loads the library
+  useTheStack();
+  std::printf("%s", located(12).c_str());
+}
+
 TEST(TraceStack, FindsNothingInTextsThatTheLookUpDoesNotTouch) {
-  ChildOptions options = answering({.result = 0}, {"12"});
+  ChildOptions options = answering({.result = 0});
   for (const char* variable : {"WHEREIS_FIRST", "WHEREIS_SECOND", "WHEREIS_THIRD"}) {
     options.environment.erase(variable);
   }
-  const ChildResult child = runChild("Locate", options);
+  const ChildResult child = runChild("LocateOnAUsedStack", options);
   EXPECT_EQ(child.out, "::(0)");
 }
 
@@ -175,6 +193,31 @@ TEST(TraceStack, PausesTheTraceWhileItLooksAnAddressUp) {
   EXPECT_EQ(child.countContaining("after"), 1) << child.all();
   EXPECT_EQ(child.countContaining("while paused"), 0) << child.all();
   EXPECT_EQ(child.countContaining("at the end"), 1) << child.all();
+}
+
+CUL_CHILD(EndWhileLocating) {
+  std::atomic<pid_t> task = 0;
+  StdThread::Termination termination;
+  const StdThread* thread = startThread(
+      [&task] {
+        task = gettid();
+        static_cast<void>(located(1));
+        for (;;) {
+          pause();
+        }
+      },
+      &termination);
+  waitUntilAsleep(task);
+  EXPECT_EQ(thread->requestTerminate(), 0);
+  EXPECT_EQ(termination.wait(0), 0);
+}
+
+TEST(TraceStack, FinishesTheLookUpOfAThreadThatIsAskedToEnd) {
+  ChildOptions options = answering({});
+  options.environment["WHEREIS_DELAY"] = "";
+  const ChildResult child = runChild("EndWhileLocating", options);
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+  EXPECT_EQ(child.out, "answered\n");
 }
 
 CUL_CHILD(LocateOnTwoThreads) {

@@ -39,6 +39,7 @@ class CUL_EXPORT TraceStack {
   /// Where `address` lies in the source: "a", "a:b" or "a:b:c(line)", with as much as is
   /// known and each part without its folder; empty when nothing is. The first call of the
   /// process loads the library, and reports on standard error when it cannot.
+  /// A thread that is asked to end in here ends when the location is there.
   [[nodiscard]] ByteString sourceLoc(unsigned long address);
 
   /// Prints `frame` and the frames that called it, one per line, until the chain ends or
