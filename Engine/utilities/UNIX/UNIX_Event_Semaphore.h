@@ -141,7 +141,8 @@ class CUL_EXPORT UNIX_Event_Semaphore::MillisecondTimer final : public StdThread
   MillisecondTimer();
 
   /// Lists a wait, or moves it to its place when it is listed. Among waits with the same
-  /// deadline it goes behind the last of the list and before those in the middle.
+  /// deadline it goes behind the first and the last of the list and before those in the
+  /// middle.
   void add(WaitInstance& wait);
 
   /// Takes a wait off the list; nothing when it is not listed.
