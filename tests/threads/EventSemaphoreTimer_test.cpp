@@ -84,29 +84,27 @@ TEST(MillisecondTimer, IsOneThreadOfItsOwn) {
   EXPECT_EQ(state, PTHREAD_CREATE_DETACHED);
 }
 
-CUL_CHILD(FirstCallsOfManyThreads) {
-  static_cast<void>(StdThread::thread1());
-  std::atomic<int> ready = 0;
-  std::vector<MillisecondTimer*> timers(8);
-  std::vector<std::thread> threads;
-  threads.reserve(timers.size());
-  for (MillisecondTimer*& timer : timers) {
-    threads.emplace_back([&ready, &timer] {
-      ++ready;
-      while (ready < 8) {
-      }
-      timer = UNIX_Event_Semaphore::timerInstance();
+CUL_CHILD(FirstCallsOfTwoThreads) {
+  MillisecondTimer* others = nullptr;
+  std::thread other;
+  // While the first call starts the timer, there comes another.
+  const PosixMoment starting(PosixCall::create, [&] {
+    std::atomic<pid_t> task = 0;
+    other = std::thread([&] {
+      task = gettid();
+      others = UNIX_Event_Semaphore::timerInstance();
     });
-  }
-  for (std::thread& thread : threads) {
-    thread.join();
-  }
-  EXPECT_NE(timers[0], nullptr);
-  EXPECT_EQ(timers, std::vector<MillisecondTimer*>(8, timers[0]));
+    waitUntilAsleep(task);
+    EXPECT_EQ(others, nullptr);
+  });
+  MillisecondTimer* const timer = UNIX_Event_Semaphore::timerInstance();
+  EXPECT_NE(timer, nullptr);
+  other.join();
+  EXPECT_EQ(others, timer);
 }
 
-TEST(MillisecondTimer, IsMadeOnceWhenManyThreadsAskFirst) {
-  const ChildResult child = runChild("FirstCallsOfManyThreads");
+TEST(MillisecondTimer, IsMadeOnceWhenTwoThreadsAskFirst) {
+  const ChildResult child = runChild("FirstCallsOfTwoThreads");
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
