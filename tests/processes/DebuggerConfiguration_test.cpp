@@ -83,8 +83,7 @@ TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleIsMissing) {
   const ChildResult r = runWithModule("");
   EXPECT_EQ(r.status, aborted);
   EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err,
-            "libwobnConfig.so: cannot open shared object file: No such file or directory\n");
+  EXPECT_EQ(r.err, "libwobnConfig.so: cannot open shared object file: No such file or directory\n");
 }
 
 TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleIsNoLibrary) {
