@@ -220,7 +220,9 @@ class CUL_EXPORT DebuggerParameters {
   bool downloadForced_ = false;
 
  private:
-  [[nodiscard]] bool attachTo(const CharString& processId);
-  [[nodiscard]] bool use(const Option& option, const CharString& value);
+  unsigned int addOption(const Option& option, const CharString& arg, CharString& value,
+                         const CharString& next);
+  bool use(ParmType type, CharString& value);
+  bool attachTo(const CharString& processId);
   void addOtherArg(const CharString& arg);
 };
