@@ -1,8 +1,8 @@
 #pragma once
 
-#include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "Engine/utilities/CharString.h"
@@ -75,17 +75,13 @@ struct NoParameters : UNIXDebuggerParameters {
 };
 
 /// Parameters from the command line "/bin/debugger" and `arguments`.
-struct ParametersOf : UNIXDebuggerParameters {
-  explicit ParametersOf(const std::vector<std::string>& arguments)
-      : ParametersOf(std::make_unique<ArgumentVector>(withProgram(arguments))) {}
+struct ParametersOf : private ArgumentVector, UNIXDebuggerParameters {
+  explicit ParametersOf(std::vector<std::string> arguments)
+      : ArgumentVector(withProgram(std::move(arguments))), UNIXDebuggerParameters(argc(), argv()) {}
 
  private:
-  explicit ParametersOf(const std::unique_ptr<ArgumentVector>& vector)
-      : UNIXDebuggerParameters(vector->argc(), vector->argv()) {}
-
-  static std::vector<std::string> withProgram(const std::vector<std::string>& arguments) {
-    std::vector<std::string> all{"/bin/debugger"};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    return all;
+  static std::vector<std::string> withProgram(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), "/bin/debugger");
+    return arguments;
   }
 };
