@@ -163,11 +163,14 @@ DebuggerSettings* DebuggerSettings::instance() {
   DebuggerSettingsHKORV* made = registry.load(std::memory_order_acquire);
   if (made == nullptr) {
     HoldRequests hold;
-    made = new DebuggerSettingsHKORV;
+    auto own = std::make_unique<DebuggerSettingsHKORV>();
     // Stored before it is filled: the settings ask it for their defaults, and what else
-    // they call on their way may look for a setting.
-    registry.store(made, std::memory_order_release);
-    made->initialize();
+    // they call on their way may look for a setting. A failed assertion cannot choose its
+    // thread: of two that come at once one fills the registry.
+    if (registry.compare_exchange_strong(made, own.get(), std::memory_order_acq_rel)) {
+      made = own.release();
+      made->initialize();
+    }
   }
   return made;
 }

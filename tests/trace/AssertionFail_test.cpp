@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include "Engine/utilities/AssertionMode.h"
+#include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/StdException.h"
 
 #include "tests/support/Child.h"
@@ -160,14 +161,24 @@ TEST(AssertionMode, IsZeroWhenAnyWordIsUnknown) {
   EXPECT_EQ(modeOf("EXCEPTION\tPOPUP"), 0);
 }
 
-CUL_CHILD(AssertionModeKeepsItsFirstAnswer) {
-  EXPECT_EQ(assertionMode(), 1);
+CUL_CHILD(AssertionModeFollowsTheSetting) {
+  EXPECT_EQ(assertionMode(), assertionThrows);
   setenv("QVX_DBG_ASSERTION", "POPUP", 1);
-  EXPECT_EQ(assertionMode(), 1);
+  EXPECT_EQ(assertionMode(), assertionThrows);
+  DebuggerSetting* const setting = DebuggerSettings::instance()->getSetting(L"ASSERTION");
+  ASSERT_NE(setting, nullptr);
+  EXPECT_TRUE(setting->setValue(EncodedString(L"POPUP")));
+  EXPECT_EQ(assertionMode(), assertionPrints);
+  AssertionFail(0, "Engine/a.cpp", "void f(int)", 12, "!pthread_mutex_lock(&_mutex)");
+  EXPECT_FALSE(setting->setValue(EncodedString(L"BEEP")));
+  EXPECT_EQ(assertionMode(), assertionPrints);
+  EXPECT_TRUE(setting->setValue(EncodedString(L"NOPOPUP")));
+  EXPECT_EQ(assertionMode(), 0);
 }
 
-TEST(AssertionMode, IsDecidedOnceForTheLifeOfTheProcess) {
+TEST(AssertionMode, FollowsTheSettingAndNotTheEnvironment) {
   const ChildResult r =
-      runChild("AssertionModeKeepsItsFirstAnswer", childWith({{"QVX_DBG_ASSERTION", "EXCEPTION"}}));
+      runChild("AssertionModeFollowsTheSetting", childWith({{"QVX_DBG_ASSERTION", "EXCEPTION"}}));
   EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.err, printed);
 }
