@@ -22,6 +22,9 @@ class CUL_EXPORT ThreadHandle : public ThreadListener {
   /// \param manager  told when the run has ended; may be null.
   /// \param runnable not owned; must live until the run has ended.
   ThreadHandle(ThreadManager* manager, Runnable& runnable);
+  ThreadHandle(const ThreadHandle&) = delete;
+  ThreadHandle& operator=(const ThreadHandle&) = delete;
+  ~ThreadHandle() override;
 
   /// A new handle.
   [[nodiscard]] static Reference<ThreadHandle> instance(ThreadManager& manager, Runnable& runnable);
@@ -34,9 +37,6 @@ class CUL_EXPORT ThreadHandle : public ThreadListener {
 
   /// Who is told; null when nobody is, or when the manager is gone.
   [[nodiscard]] ThreadManager* manager() const;
-
- protected:
-  ~ThreadHandle() override;
 
  private:
   class NotifyGuard;

@@ -7,16 +7,14 @@
 #include "Engine/utilities/WorkerThread.h"
 
 ThreadListener::ThreadListener(Runnable& runnable) : runnable_(runnable) {
-  // Keeps the object from deleting itself when the temporary reference goes.
-  ReferenceCounted::addReference();
-  worker_ = new WorkerThread(Reference<ThreadListener>(this), runnable_);
-  static_cast<void>(removeReferenceOf(referenceCount()));
+  worker_ = new WorkerThread(*this, runnable_);
   semaphore_.reset();
 }
 
 ThreadListener::~ThreadListener() {
   if (worker_ != nullptr) {
-    // Not shared yet: the constructor of a derived class has failed.
+    // Nobody shares it: the constructor of a derived class has failed, say. What the worker
+    // gives back must not be the last reference of an object that is going already.
     ReferenceCounted::addReference();
     delete std::exchange(worker_, nullptr);
   }

@@ -45,6 +45,7 @@ class CUL_EXPORT ThreadListener : public ReferenceCounted {
   explicit ThreadListener(Runnable& runnable);
   ThreadListener(const ThreadListener&) = delete;
   ThreadListener& operator=(const ThreadListener&) = delete;
+  ~ThreadListener() override;
 
   /// A new listener.
   [[nodiscard]] static Reference<ThreadListener> instance(Runnable& runnable);
@@ -76,8 +77,6 @@ class CUL_EXPORT ThreadListener : public ReferenceCounted {
   }
 
  protected:
-  ~ThreadListener() override;
-
   /// What notify() does under the lock.
   void end(int result);
 

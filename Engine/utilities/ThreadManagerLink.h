@@ -17,6 +17,9 @@ class ThreadManager;
 class ThreadManagerLink final : public ReferenceCounted {
  public:
   explicit ThreadManagerLink(ThreadManager& manager) : manager_(&manager) {}
+  ThreadManagerLink(const ThreadManagerLink&) = delete;
+  ThreadManagerLink& operator=(const ThreadManagerLink&) = delete;
+  ~ThreadManagerLink() override = default;
 
   /// Tells the manager of the end of a run, if it still is there.
   void notify(pthread_t id, int result);
@@ -30,8 +33,6 @@ class ThreadManagerLink final : public ReferenceCounted {
   }
 
  private:
-  ~ThreadManagerLink() override = default;
-
   ThreadManager* manager_;  // written under the lock, atomically
   UNIX_Critical_Section lock_;
 };

@@ -4,9 +4,9 @@
 #include "Engine/utilities/ThreadListener.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
-WorkerThread::WorkerThread(const Reference<ThreadListener>& listener, Runnable& runnable)
+WorkerThread::WorkerThread(ThreadListener& listener, Runnable& runnable)
     : StdThread("ThrdListener", defaultStackSize(), nullptr),
-      listener_(listener),
+      listener_(&listener),
       runnable_(runnable) {}
 
 WorkerThread::~WorkerThread() = default;

@@ -24,7 +24,7 @@ class CUL_EXPORT WorkerThread : public StdThread {
   /// A thread that is not started yet.
   /// \param listener told when the run has ended; held until the thread object goes.
   /// \param runnable not owned; must live until the run has ended.
-  WorkerThread(const Reference<ThreadListener>& listener, Runnable& runnable);
+  WorkerThread(ThreadListener& listener, Runnable& runnable);
   ~WorkerThread() override;
 
   /// Starts the thread when its state is `created`, and notes its id. Called under the

@@ -62,7 +62,7 @@ TEST(ReferenceCounted, StartsWithoutAReferenceAndGoesWithItsLast) {
   EXPECT_EQ(gone, 1);
 }
 
-TEST(Reference, HoldsOnePointer) { EXPECT_EQ(sizeof(Reference<Base>), sizeof(Base*)); }
+TEST(Reference, HoldsOnePointer) { EXPECT_EQ(sizeof(Reference<Base>), sizeof(void*)); }
 
 TEST(Reference, MayHoldNothing) {
   const Reference<Base> nothing;
@@ -71,7 +71,9 @@ TEST(Reference, MayHoldNothing) {
   EXPECT_FALSE(null);
   EXPECT_EQ(nothing.get(), nullptr);
   EXPECT_TRUE(nothing == null);
-  const Reference<Base> copy(null);
+  Reference<Base> copy(null);
+  EXPECT_FALSE(copy);
+  copy = nothing;
   EXPECT_FALSE(copy);
 }
 
@@ -81,8 +83,8 @@ TEST(Reference, AddsAReferenceWhenCopiedAndRemovesItWhenDestroyed) {
     const Reference<Base> first(new Base(gone));
     EXPECT_EQ(first->referenceCount(), 1U);
     {
-      const Reference<Base> second(first);
-      const Reference<Base> third(second.get());
+      const std::vector<Reference<Base>> copies{first};
+      const Reference<Base> third(copies[0].get());
       EXPECT_EQ(first->referenceCount(), 3U);
     }
     EXPECT_EQ(first->referenceCount(), 1U);
@@ -174,11 +176,13 @@ TEST(Reference, IsCountedRightByManyThreadsAtOnce) {
   {
     const Reference<Base> shared(new Derived(gone));
     std::vector<std::thread> threads;
+    threads.reserve(8);
     for (int i = 0; i < 8; ++i) {
       threads.emplace_back([own = shared] {
         for (int n = 0; n < 5000; ++n) {
-          const Reference<Base> copy(own);
+          Reference<Base> copy(own);
           ASSERT_EQ(copy->number, 5);
+          copy = own;
         }
       });
     }
@@ -211,6 +215,7 @@ TEST(Reference, OfManyThreadsTheLastDeletesAfterAllOthersHaveWritten) {
     };
     Reference<Written> shared(new Written(gone, seen));
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
       threads.emplace_back([i, own = shared]() mutable {
         own->values[i] = i + 1;

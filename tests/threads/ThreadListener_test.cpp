@@ -28,7 +28,8 @@ class TrackedListener : public ThreadListener {
   TrackedListener(Runnable& runnable, std::atomic<int>& gone)
       : ThreadListener(runnable), gone_(gone) {}
 
- protected:
+  TrackedListener(const TrackedListener&) = delete;
+  TrackedListener& operator=(const TrackedListener&) = delete;
   ~TrackedListener() override { ++gone_; }
 
  private:
@@ -121,6 +122,7 @@ TEST(ThreadListener, IsStartedOnceByManyThreadsAtOnce) {
   const Reference<ThreadListener> listener = ThreadListener::instance(runnable);
   std::atomic<int> started = 0;
   std::vector<std::thread> threads;
+  threads.reserve(10);
   for (int i = 0; i < 10; ++i) {
     threads.emplace_back([&started, own = listener] {
       if (own->start() != 0) {
@@ -181,7 +183,7 @@ TEST(ThreadListener, GoesWithItsWorkerWhenItWasNeverStarted) {
   {
     const Reference<ThreadListener> listener = tracked(runnable, gone);
     EXPECT_NE(RunningThreads::instance().find(0), before);
-    const Reference<ThreadListener> another(listener);
+    const Reference<ThreadListener> another(listener.get());
     EXPECT_EQ(listener->referenceCount(), 3U);
   }
   EXPECT_EQ(gone, 1);
@@ -196,6 +198,7 @@ TEST(ThreadListener, NeverStartedGoesOnceWhenManyThreadsLetItGo) {
     Reference<ThreadListener> listener = tracked(runnable, gone);
     std::atomic<bool> go = false;
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
       threads.emplace_back([&go, own = listener]() mutable {
         while (!go) {
@@ -218,6 +221,7 @@ TEST(ThreadListener, SurvivesLettingGoWhileAnotherThreadStartsIt) {
   static constexpr int rounds = 100;
   std::vector<std::unique_ptr<QuickRunnable>> runnables;
   std::vector<std::thread> threads;
+  threads.reserve(rounds);
   for (int round = 0; round < rounds; ++round) {
     runnables.push_back(std::make_unique<QuickRunnable>());
     Reference<ThreadListener> listener = tracked(*runnables.back(), gone);
@@ -344,6 +348,7 @@ TEST(ThreadListener, AThousandRunsThatEndAtOnceKnowTheirIds) {
   static constexpr int runsEach = 20;
   std::atomic<int> gone = 0;
   std::vector<std::thread> threads;
+  threads.reserve(starters);
   for (int i = 0; i < starters; ++i) {
     threads.emplace_back([&gone] {
       for (int n = 0; n < runsEach; ++n) {

@@ -411,6 +411,7 @@ TEST(ThreadManager, GoesWhileItsRunsAreEnding) {
   static constexpr int rounds = 5;
   static constexpr int runs = 4;
   std::vector<std::thread> threads;
+  threads.reserve(testers);
   for (int i = 0; i < testers; ++i) {
     threads.emplace_back([] {
       for (int round = 0; round < rounds; ++round) {
@@ -443,6 +444,7 @@ TEST(ThreadManager, MayGoAsSoonAsItsRunsHaveEnded) {
   static constexpr int testers = 20;
   static constexpr int rounds = 10;
   std::vector<std::thread> threads;
+  threads.reserve(testers);
   for (int i = 0; i < testers; ++i) {
     threads.emplace_back([] {
       for (int round = 0; round < rounds; ++round) {
@@ -463,6 +465,7 @@ TEST(ThreadManager, AThousandRunsOnManyManagersAllEnd) {
   static constexpr int runsEach = 20;
   std::atomic<int> runs = 0;
   std::vector<std::thread> threads;
+  threads.reserve(managers);
   for (int i = 0; i < managers; ++i) {
     threads.emplace_back([&runs] {
       ThreadManager manager;
@@ -488,6 +491,7 @@ TEST(ThreadManager, ManyThreadsStartOnOneManager) {
   QuickRunnable runnable;
   std::atomic<bool> isDone = false;
   std::vector<std::thread> threads;
+  threads.reserve(starters);
   for (int i = 0; i < starters; ++i) {
     threads.emplace_back([&] {
       for (int n = 0; n < runsEach; ++n) {

@@ -28,6 +28,9 @@
 class FunctionRunnable : public Runnable {
  public:
   explicit FunctionRunnable(std::function<int()> body) : body_(std::move(body)) {}
+  FunctionRunnable(const FunctionRunnable&) = delete;
+  FunctionRunnable& operator=(const FunctionRunnable&) = delete;
+  virtual ~FunctionRunnable() = default;
   int work() override {
     ++runs;
     return body_();
@@ -40,13 +43,13 @@ class FunctionRunnable : public Runnable {
 };
 
 /// Gives a result at once.
-class QuickRunnable : public FunctionRunnable {
+class QuickRunnable final : public FunctionRunnable {
  public:
   explicit QuickRunnable(int result = 0) : FunctionRunnable([result] { return result; }) {}
 };
 
 /// Waits until it may go on, then gives its result.
-class GatedRunnable : public FunctionRunnable {
+class GatedRunnable final : public FunctionRunnable {
  public:
   explicit GatedRunnable(int result = 0)
       : FunctionRunnable([this, result] {
@@ -62,6 +65,11 @@ class GatedRunnable : public FunctionRunnable {
 /// Works until its thread is asked to end.
 class EndlessRunnable : public Runnable {
  public:
+  EndlessRunnable() = default;
+  EndlessRunnable(const EndlessRunnable&) = delete;
+  EndlessRunnable& operator=(const EndlessRunnable&) = delete;
+  virtual ~EndlessRunnable() = default;
+
   int work() override {
     const Unwound here(*this);
     isWorking = true;

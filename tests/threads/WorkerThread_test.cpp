@@ -122,7 +122,7 @@ TEST(WorkerThread, MayBeASecondOneOfAListener) {
   QuickRunnable unused;
   QuickRunnable runnable(72);
   const Reference<Recorder> recorder(new Recorder(unused));
-  (new WorkerThread(recorder, runnable))->start_thread(0);
+  (new WorkerThread(*recorder, runnable))->start_thread(0);
   recorder->told.wait();
   // No id was noted for it.
   EXPECT_EQ(recorder->toldId, 0U);
