@@ -159,20 +159,18 @@ std::unique_ptr<DebuggerSetting> makeSetting(const SettingRow& row) {
 }  // namespace
 
 DebuggerSettings* DebuggerSettings::instance() {
-  static std::atomic<DebuggerSettingsHKORV*> registry = nullptr;
-  DebuggerSettingsHKORV* made = registry.load(std::memory_order_acquire);
-  if (made == nullptr) {
+  static DebuggerSettingsHKORV* const registry = new DebuggerSettingsHKORV;
+  // The registry is there before it is filled: the settings ask it for their defaults, and
+  // what else they call on their way may look for a setting. A failed assertion cannot choose
+  // its thread: of two that come at once one fills the registry.
+  static std::atomic<bool> isBegun = false;
+  if (!isBegun.load(std::memory_order_acquire)) {
     HoldRequests hold;
-    auto own = std::make_unique<DebuggerSettingsHKORV>();
-    // Stored before it is filled: the settings ask it for their defaults, and what else
-    // they call on their way may look for a setting. A failed assertion cannot choose its
-    // thread: of two that come at once one fills the registry.
-    if (registry.compare_exchange_strong(made, own.get(), std::memory_order_acq_rel)) {
-      made = own.release();
-      made->initialize();
+    if (!isBegun.exchange(true)) {
+      registry->initialize();
     }
   }
-  return made;
+  return registry;
 }
 
 DebuggerSettings::DebuggerSettings(unsigned slots) : settings_(slots) {

@@ -1,5 +1,7 @@
 #include "Engine/utilities/DebuggerEnumSetting.h"
 
+#include <gtest/gtest.h>
+
 #include "tests/settings/SettingSupport.h"
 
 namespace {

@@ -4,6 +4,8 @@
 #include <clocale>
 #include <cstdio>
 
+#include <gtest/gtest.h>
+
 #include "tests/settings/SettingSupport.h"
 
 namespace {

@@ -2,6 +2,8 @@
 
 #include <memory>
 
+#include <gtest/gtest.h>
+
 #include "Engine/utilities/DebuggerBooleanSetting.h"
 #include "Engine/utilities/DebuggerEnumSetting.h"
 #include "Engine/utilities/DebuggerIntegerSetting.h"

@@ -1,5 +1,7 @@
 #include "Engine/utilities/DebuggerStringSetting.h"
 
+#include <gtest/gtest.h>
+
 #include "tests/settings/SettingSupport.h"
 #include "tests/support/EnvironmentGuard.h"
 

@@ -2,6 +2,8 @@
 
 #include <climits>
 
+#include <gtest/gtest.h>
+
 #include "tests/settings/SettingSupport.h"
 
 namespace {

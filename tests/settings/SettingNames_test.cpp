@@ -1,5 +1,7 @@
 #include "Engine/utilities/SettingNames.h"
 
+#include <gtest/gtest.h>
+
 #include "tests/settings/SettingSupport.h"
 
 TEST(SettingNames, HaveTwoPrefixesThatAreMadeOnce) {

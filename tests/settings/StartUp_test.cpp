@@ -1,6 +1,8 @@
 #include <cstdlib>
 #include <string>
 
+#include <gtest/gtest.h>
+
 #include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/TraceFlags.h"
