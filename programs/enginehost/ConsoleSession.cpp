@@ -2,17 +2,20 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/TraceFlags.h"
 
 namespace {
 
-// More than a pseudo-terminal holds.
+// More than a pseudo-terminal holds: what is shown of the output after the program's end. A
+// process that the program has left behind may go on printing for ever.
 constexpr unsigned long rest = 1 << 20;
 
 bool isReadable(int handle) {
@@ -20,26 +23,11 @@ bool isReadable(int handle) {
   return poll(&waited, 1, 0) > 0 && (waited.revents & POLLIN) != 0;
 }
 
-// A terminal that the host shares with others can be non-blocking.
-void waitForRoom(int target) {
-  pollfd room = {target, POLLOUT, 0};
-  poll(&room, 1, -1);
-}
-
-bool writeAll(int target, const char* next, ssize_t left) {
-  while (left > 0) {
-    const ssize_t written = write(target, next, static_cast<size_t>(left));
-    if (written < 0 && errno == EAGAIN) {
-      waitForRoom(target);
-    } else if (written < 0 && errno != EINTR) {
-      return false;
-    }
-    if (written > 0) {
-      next += written;
-      left -= written;
-    }
-  }
-  return true;
+// The user's terminal, without waiting for it where it can be opened again: the open
+// terminal is shared with others.
+int openScreen() {
+  const int again = open("/proc/self/fd/1", O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  return again >= 0 ? again : fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0);
 }
 
 }  // namespace
@@ -52,21 +40,40 @@ ConsoleSession::ConsoleSession(const StdioPipes& console, UserTerminal& terminal
       master_(console.readHandle(StdioPipes::StdOutput)),
       // With a terminal that stays open on this side, a program may close all its streams and
       // open them again later.
-      slave_(ioctl(master_, TIOCGPTPEER, O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+      slave_(ioctl(master_, TIOCGPTPEER, O_RDWR | O_NOCTTY | O_CLOEXEC)),
+      screen_(openScreen()) {
+  if (slave_ < 0 || screen_ < 0) {
+    const int error = errno;
+    close(slave_);
+    close(screen_);
+    StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(error), -1);
+  }
   // A program that does not read must not keep the user from seeing what it prints.
   fcntl(master_, F_SETFL, fcntl(master_, F_GETFL) | O_NONBLOCK);
 }
 
-ConsoleSession::~ConsoleSession() { close(slave_); }
+ConsoleSession::~ConsoleSession() {
+  close(slave_);
+  close(screen_);
+}
 
 int ConsoleSession::run() {
-  comeBack();
   for (;;) {
+    if (isAway_ && events_.isEmpty()) {
+      comeBack();
+    }
+    if (hasEnded_ && printed_.empty() &&
+        (relayed_ >= mostRelayed_ || !isReadable(master_) || !takeOutput())) {
+      return 0;
+    }
     const bool hasInput = typed_.length() > 0;
+    const bool hasOutput = !printed_.empty();
+    const int fromConsole = (hasOutput ? 0 : POLLIN) | (hasInput && !hasEnded_ ? POLLOUT : 0);
     pollfd waited[] = {
         {events_.handle(), POLLIN, 0},
-        {hasInput ? -1 : STDIN_FILENO, POLLIN, 0},
-        {master_, static_cast<short>(hasInput ? POLLIN | POLLOUT : POLLIN), 0},
+        {hasEnded_ ? -1 : STDIN_FILENO, static_cast<short>(hasInput ? 0 : POLLIN), 0},
+        {fromConsole == 0 ? -1 : master_, static_cast<short>(fromConsole), 0},
+        {hasOutput ? screen_ : -1, POLLOUT, 0},
     };
     if (poll(waited, std::size(waited), -1) < 0) {
       continue;
@@ -74,15 +81,17 @@ int ConsoleSession::run() {
     if (waited[0].revents != 0) {
       const int event = events_.next();
       if (event == HostEvents::debuggeeEnded) {
-        relayRest();
-        return 0;
-      }
-      if (const int signal = handle(event & ~HostEvents::toGroup); signal != 0) {
+        hasEnded_ = true;
+        mostRelayed_ = relayed_ + rest;
+      } else if (const int signal = handle(event & ~HostEvents::toGroup); signal != 0) {
         return signal;
       }
     }
-    if ((waited[1].revents != 0 && !takeInput()) ||
-        ((waited[2].revents & POLLIN) != 0 && !relayOutput())) {
+    if ((waited[2].revents & POLLIN) != 0) {
+      takeOutput();
+    }
+    // Asked for nothing, the terminal still tells that it has hung up.
+    if ((waited[1].revents != 0 && (hasInput || !takeInput())) || !showOutput()) {
       // The user's terminal has gone.
       return SIGHUP;
     }
@@ -106,10 +115,10 @@ int ConsoleSession::handle(int signal) {
     case SIGTSTP:
       terminal_.restore();
       std::raise(SIGSTOP);
-      comeBack();
+      isAway_ = true;
       return 0;
     case SIGCONT:
-      comeBack();
+      isAway_ = true;
       return 0;
     default:
       return signal;
@@ -117,6 +126,16 @@ int ConsoleSession::handle(int signal) {
 }
 
 void ConsoleSession::comeBack() {
+  isAway_ = false;
+  if (terminal_.isInBackground()) {
+    // Being continued is an event. In makeRaw() the system would stop the host again and again
+    // before it sees that it has been asked to end.
+    if (!hasEnded_) {
+      wasStopped_ = true;
+      UserTerminal::stopInBackground();
+    }
+    return;
+  }
   wasStopped_ = false;
   terminal_.makeRaw();
   resize();
@@ -137,13 +156,13 @@ bool ConsoleSession::takeInput() {
     giveInput();
     return true;
   }
-  if (length < 0 && terminal_.isInBackground() && !wasStopped_) {
+  const int error = errno;
+  if (length < 0 && terminal_.isInBackground() && (isAway_ || !wasStopped_)) {
     // The library ignores the signal that would have stopped a reader in the background.
-    wasStopped_ = true;
-    UserTerminal::stopInBackground();
+    isAway_ = true;
     return true;
   }
-  return length < 0 && (errno == EINTR || errno == EAGAIN);
+  return length < 0 && (error == EINTR || error == EAGAIN);
 }
 
 void ConsoleSession::giveInput() {
@@ -151,24 +170,32 @@ void ConsoleSession::giveInput() {
   typed_ = ByteString(typed_, taken + 1);
 }
 
-bool ConsoleSession::relayOutput() {
+bool ConsoleSession::takeOutput() {
   char buffer[65536];
   const ssize_t length = read(master_, buffer, sizeof buffer);
   if (length <= 0) {
-    return true;
+    return false;
   }
   relayed_ += static_cast<unsigned long>(length);
-  if (writeAll(STDOUT_FILENO, buffer, length)) {
-    return true;
-  }
-  CUL_TRACE(TraceType::error, "bool ConsoleSession::relayOutput()", __LINE__,
-            "write() failed with errno %d.", errno);
-  return false;
+  printed_.assign(buffer, static_cast<std::size_t>(length));
+  return true;
 }
 
-// A process that the program has left behind may go on printing for ever.
-void ConsoleSession::relayRest() {
-  const unsigned long end = relayed_ + rest;
-  while (relayed_ < end && isReadable(master_) && relayOutput()) {
+// False when nothing can be shown any more.
+bool ConsoleSession::showOutput() {
+  // Before the terminal is raw again it would translate what the console has translated.
+  if (isAway_ || printed_.empty()) {
+    return true;
   }
+  const ssize_t shown = write(screen_, printed_.data(), printed_.size());
+  if (shown >= 0) {
+    printed_.erase(0, static_cast<std::size_t>(shown));
+    return true;
+  }
+  if (errno == EAGAIN || errno == EINTR) {
+    return true;
+  }
+  CUL_TRACE(TraceType::error, "bool ConsoleSession::showOutput()", __LINE__,
+            "write() failed with errno %d.", errno);
+  return false;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "Engine/utilities/ByteString.h"
 
 #include "HostEvents.h"
@@ -15,13 +17,15 @@ class StdioPipes;
 /// on the program.
 class ConsoleSession {
  public:
-  /// The program has been started on the console.
+  /// Made before the program is started on the console.
+  /// \throws StdException when there is no descriptor left.
   ConsoleSession(const StdioPipes& console, UserTerminal& terminal, const HostEvents& events);
   ConsoleSession(const ConsoleSession&) = delete;
   ConsoleSession& operator=(const ConsoleSession&) = delete;
   ~ConsoleSession();
 
-  /// Goes on until the program has ended or the host has to.
+  /// Goes on until the program has ended, and what it has printed has been shown, or the
+  /// host has to end.
   /// \return 0, or the signal by which the host has to end.
   int run();
 
@@ -30,19 +34,24 @@ class ConsoleSession {
 
  private:
   int handle(int signal);
+  void comeBack();
+  void resize() const;
   bool takeInput();
   void giveInput();
-  bool relayOutput();
-  void relayRest();
-  void resize() const;
-  void comeBack();
+  bool takeOutput();
+  bool showOutput();
 
   const StdioPipes& console_;
   UserTerminal& terminal_;
   const HostEvents& events_;
   int master_;
   int slave_;
+  int screen_;
   ByteString typed_;         // not yet taken by the console
+  std::string printed_;      // not yet taken by the user's terminal
+  bool isAway_ = true;       // the terminal is still to be taken
   bool wasStopped_ = false;  // in the background, and not continued since
+  bool hasEnded_ = false;    // the program
   unsigned long relayed_ = 0;
+  unsigned long mostRelayed_ = ~0UL;
 };

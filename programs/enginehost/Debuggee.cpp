@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <optional>
 #include <pthread.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -14,6 +15,7 @@
 #include "Engine/utilities/TraceFlags.h"
 
 #include "HostEvents.h"
+#include "StartSignals.h"
 
 namespace {
 
@@ -78,12 +80,13 @@ bool putOnConsole(const DebuggeeStreams& streams) {
 }
 
 [[noreturn]] void becomeProgram(const char* path, char* const* arguments,
-                                const DebuggeeStreams& streams, const ReasonPipe& reason) {
-  // The program gets the signals it would have without a host; handlers end with execv().
-  std::signal(SIGPIPE, SIG_DFL);
-  std::signal(SIGTTIN, SIG_DFL);
+                                const DebuggeeStreams& streams, const ReasonPipe& reason,
+                                std::optional<SignalsBlocked>& blocked) {
   errno = 0;
   if (streams.console == nullptr || putOnConsole(streams)) {
+    // The program gets the signals it would have without a host.
+    setStartSignals();
+    blocked.reset();
     execv(path, arguments);
   }
   reason.tell(errno != 0 ? errno : EIO);
@@ -97,11 +100,14 @@ Debuggee::Debuggee(const EncodedString& path, char* const* arguments,
     : reaper_(*this) {
   const char* const file = path;
   ReasonPipe reason;
+  // What reaches the child before it is the program waits for the program.
+  std::optional<SignalsBlocked> blocked(std::in_place);
   // Before the first thread, so that the child may do more than system calls.
   id_ = fork();
   if (id_ == 0) {
-    becomeProgram(file, arguments, streams, reason);
+    becomeProgram(file, arguments, streams, reason, blocked);
   }
+  blocked.reset();
   if (id_ < 0) {
     StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(errno), errno);
   }

@@ -46,6 +46,11 @@ HostEvents::~HostEvents() {
   close(ends_[1]);
 }
 
+bool HostEvents::isEmpty() const {
+  pollfd waited = {ends_[0], POLLIN, 0};
+  return poll(&waited, 1, 0) <= 0;
+}
+
 int HostEvents::next() const {
   for (;;) {
     unsigned char event;

@@ -26,6 +26,9 @@ class HostEvents {
   /// A descriptor that is readable while there is an event.
   [[nodiscard]] int handle() const noexcept { return ends_[0]; }
 
+  /// Whether there is no event.
+  [[nodiscard]] bool isEmpty() const;
+
   /// The oldest event; waits for one.
   [[nodiscard]] int next() const;
 

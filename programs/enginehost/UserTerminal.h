@@ -7,7 +7,8 @@
 
 /// The modes of the terminal on a descriptor. Made raw, every key is handed on as it is
 /// typed; the original modes are put back by the destructor, and also when the process
-/// ends by exit(). One at a time.
+/// ends by exit() or by a signal that has its default action when the object is made.
+/// One at a time.
 class UserTerminal {
  public:
   /// Reads the modes that restore() puts back. In the background they are the shell's own:
@@ -17,7 +18,7 @@ class UserTerminal {
   UserTerminal& operator=(const UserTerminal&) = delete;
   ~UserTerminal();
 
-  /// In the background the process is stopped here until it comes to the foreground.
+  /// In the foreground only: in the background the process would be stopped here.
   void makeRaw();
 
   /// Does nothing in the background: the terminal is somebody else's then.

@@ -39,13 +39,20 @@ EncodedString findProgram(const char* name) {
                                 : searchPath(text, EncodedString(".", EncodedString::utf8));
 }
 
+// Whether an event has not reached the program by itself. A terminal that hangs up tells only
+// the leader of its session.
+bool isForProgram(int event) {
+  return (event & HostEvents::toGroup) == 0 ||
+         (event == (SIGHUP | HostEvents::toGroup) && getsid(0) == getpid());
+}
+
 // The program has the streams of the host and gets the keys of the terminal as the host does.
 int runInPlace(const EncodedString& path, char** command) {
   const HostEvents events({SIGHUP, SIGTERM, SIGINT, SIGQUIT});
   Debuggee debuggee(path, command, {});
   for (int event = events.next(); event != HostEvents::debuggeeEnded; event = events.next()) {
-    if ((event & HostEvents::toGroup) == 0) {
-      kill(debuggee.id(), event);
+    if (isForProgram(event)) {
+      kill(debuggee.id(), event & ~HostEvents::toGroup);
     }
   }
   return debuggee.wait();
@@ -54,8 +61,8 @@ int runInPlace(const EncodedString& path, char** command) {
 int runOnConsole(const EncodedString& path, char** command, StdioPipes& console,
                  UserTerminal& terminal) {
   const HostEvents events({SIGHUP, SIGTERM, SIGINT, SIGQUIT, SIGTSTP, SIGCONT, SIGWINCH});
-  Debuggee debuggee(path, command, {&console, terminal.echoes()});
   ConsoleSession session(console, terminal, events);
+  Debuggee debuggee(path, command, {&console, terminal.echoes()});
   const int signal = session.run();
   terminal.restore();
   CUL_TRACE(TraceType::active, "int runOnConsole()", __LINE__, "Relayed %lu bytes of process %d.",

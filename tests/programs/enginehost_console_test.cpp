@@ -6,6 +6,7 @@
 #include <termios.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -19,6 +20,7 @@
 namespace {
 
 using testing::AllOf;
+using testing::AnyOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -200,7 +202,8 @@ TEST(EngineHostConsole, MakesTheUsersTerminalRawAndRestoresIt) {
 }
 
 TEST(EngineHostConsole, RestoresTheTerminalWhenASignalEndsTheHost) {
-  for (const int signal : {SIGTERM, SIGHUP}) {
+  for (const int signal :
+       {SIGTERM, SIGHUP, SIGALRM, SIGUSR1, SIGXCPU, SIGSYS, SIGRTMIN, SIGRTMAX}) {
     Terminal terminal;
     const termios before = terminal.modes();
     startHostedShell(terminal, answering);
@@ -209,6 +212,52 @@ TEST(EngineHostConsole, RestoresTheTerminalWhenASignalEndsTheHost) {
     terminal.send(signal);
     EXPECT_EQ(terminal.wait(), 128 + signal);
     EXPECT_TRUE(hasModesOf(terminal, before)) << signal;
+  }
+}
+
+// What a process has written so far.
+unsigned long writtenBy(pid_t process) {
+  const std::string counts = contentsOf("/proc/" + std::to_string(process) + "/io");
+  const std::size_t at = counts.find("wchar: ");
+  return at == std::string::npos ? 0 : std::stoul(counts.substr(at + 7));
+}
+
+bool hasEnded(pid_t child) {
+  siginfo_t info = {};
+  return waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+         info.si_pid == child;
+}
+
+TEST(EngineHostConsole, EndsOnRequestWhileTheUsersTerminalTakesNothing) {
+  Terminal terminal;
+  const termios before = terminal.modes();
+  startHostedShell(terminal, "echo ready; exec yes");
+  terminal.readUntil("ready");
+  EXPECT_TRUE(waitUntil([&, last = 0UL]() mutable {
+    const unsigned long written = writtenBy(terminal.process());
+    usleep(50'000);
+    return std::exchange(last, written) == written && written > 8000;
+  }));
+  terminal.send(SIGTERM);
+  // Not by wait(), which reads what the terminal has.
+  EXPECT_TRUE(waitUntil([&] { return hasEnded(terminal.process()); }));
+  EXPECT_EQ(terminal.wait(), 128 + SIGTERM);
+  EXPECT_TRUE(hasModesOf(terminal, before));
+}
+
+TEST(EngineHostConsole, EndsWithAMessageOrRunsHoweverFewDescriptorsThereAre) {
+#ifdef __SANITIZE_ADDRESS__
+  constexpr int fewest = 14;  // The sanitizer needs some of its own to look at memory.
+#else
+  constexpr int fewest = 4;
+#endif
+  for (int most = fewest; most < 20; ++most) {
+    Terminal terminal;
+    const termios before = terminal.modes();
+    terminal.startProgram(
+        {"/bin/sh", "-c", "ulimit -n " + std::to_string(most) + "; exec " + host + " true"});
+    EXPECT_THAT(terminal.wait(), AnyOf(0, 125, 126, 127)) << most;
+    EXPECT_TRUE(hasModesOf(terminal, before)) << most;
   }
 }
 
@@ -256,6 +305,32 @@ TEST(EngineHostConsole, HangsUpOnTheProgramWhenTheUsersTerminalDoes) {
   EXPECT_TRUE(waitUntil([&] { return contentsOf(file) == "hangup\n"; }));
 }
 
+TEST(EngineHostConsole, NoticesThatATerminalHangsUpThatDoesNotControlItWhileMuchIsTyped) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("left");
+  Terminal terminal;
+  terminal.startProgram({"/usr/bin/setsid", "-w", host, "--", "sh", "-c",
+                         "stty raw -echo; trap 'echo hangup >" + file +
+                             "; exit' HUP; echo ready; while :; do sleep 0.05; done"});
+  terminal.readUntil("ready");
+  // More than the console holds, less than the console and the terminal do together.
+  terminal.type(std::string(28'000, 'x'));
+  terminal.hangUp();
+  EXPECT_TRUE(waitUntil([&] { return contentsOf(file) == "hangup\n"; }));
+}
+
+TEST(EngineHostConsole, HangsUpOnAProgramInAPipelineWhenTheHostAloneIsTold) {
+  // The system tells the leader of the session only.
+  const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
+  Terminal terminal;
+  startHostedShell(terminal, "trap 'exit 6' HUP; echo ready; while :; do sleep 0.05; done",
+                   {.in = null});
+  close(null);
+  terminal.readUntil("ready");
+  terminal.hangUp();
+  EXPECT_EQ(terminal.wait(), 6);
+}
+
 TEST(EngineHostConsole, LetsTheKeysActOnTheProgramAlone) {
   Terminal terminal;
   startHostedShell(
@@ -301,6 +376,51 @@ TEST(EngineHostConsole, StopsAndComesBackOnRequest) {
   EXPECT_TRUE(waitUntil([&] { return isRaw(terminal); }));
   terminal.type("back\n");
   terminal.readUntil("<back>");
+}
+
+// A shell with job control that runs the host.
+void startShell(Terminal& terminal) {
+  terminal.startProgram(
+      {"/bin/bash", "--norc", "--noprofile", "-i"},
+      {.environment = {{"PS1", "prompt> "}, {"HISTFILE", ""}, {"TERM", "xterm"}}});
+  terminal.readUntil("prompt> ");
+}
+
+void command(Terminal& terminal, const std::string& line) {
+  terminal.type(line + "\n");
+  terminal.readUntil("prompt> ");
+}
+
+constexpr const char* untilStopped = "until jobs | grep Stopped; do sleep 0.01; done";
+
+TEST(EngineHostConsole, WaitsForTheForegroundAlsoWhenItIsContinuedInTheBackground) {
+  Terminal terminal;
+  startShell(terminal);
+  // Where the shell edits its lines, its terminal is not canonical.
+  command(terminal, std::string(host) + " stty -a &");
+  command(terminal, untilStopped);
+  command(terminal, "bg");
+  command(terminal, untilStopped);
+  const std::size_t start = terminal.seen().size();
+  command(terminal, "fg");
+  const std::string shown = terminal.seen().substr(start);
+  EXPECT_THAT(shown, AllOf(HasSubstr(" icanon "), HasSubstr(" echo "), HasSubstr(" icrnl ")));
+}
+
+TEST(EngineHostConsole, EndsOnRequestInTheBackground) {
+  Terminal terminal;
+  startShell(terminal);
+  terminal.type(std::string(host) + " cat\n");
+  EXPECT_TRUE(waitUntil([&] { return terminal.foregroundGroup() != terminal.process(); }));
+  terminal.type("line\n");
+  terminal.readUntil("line\r\nline\r\n");
+  kill(terminal.foregroundGroup(), SIGSTOP);
+  terminal.readUntil("prompt> ");
+  command(terminal, "bg");
+  command(terminal, untilStopped);
+  command(terminal, "kill %1");
+  terminal.type("until [ -z \"$(jobs -r)$(jobs -s)\" ]; do sleep 0.01; done; echo g''one\n");
+  terminal.readUntil("gone");
 }
 
 TEST(EngineHostConsole, ObeysTheShellsJobControl) {

@@ -142,6 +142,16 @@ TEST(EngineHost, GivesTheProgramTheSignalsItWouldHaveWithoutAHost) {
   }
 }
 
+TEST(EngineHost, LeavesSignalsIgnoredThatItWasStartedWithSo) {
+  // As nohup does, and a shell without job control in the background.
+  const ChildResult r = runProgram({"/bin/sh", "-c",
+                                    std::string("trap '' HUP INT QUIT TERM PIPE USR1 USR2; exec ") +
+                                        host + " cat /proc/self/status"});
+  EXPECT_EQ(signalsOf(r.out, "SigIgn"),
+            signalsOf(runProgram({"/bin/cat", "/proc/self/status"}).out, "SigIgn") | 0x5A07)
+      << r.out;
+}
+
 TEST(EngineHost, GivesTheProgramNoDescriptorOfItsOwn) {
   const std::string script = "echo /proc/self/fd/*";
   const ChildResult plain = runProgram({"/bin/sh", "-c", script});
