@@ -162,6 +162,10 @@ class CUL_EXPORT DebuggerParameters {
     return debuggeeArguments_;
   }
 
+  /// The number of elements of the argument vector, its first one included, before the
+  /// debuggee's arguments: all when there are none.
+  [[nodiscard]] int argumentsUsed() const noexcept { return argumentsUsed_; }
+
   /// The absolute path of the debugger's own program; empty when it is not known.
   [[nodiscard]] const EncodedString& debuggerName() const noexcept { return debuggerName_; }
 
@@ -210,7 +214,8 @@ class CUL_EXPORT DebuggerParameters {
   EncodedString debuggeeName_;  // The process id when attaching.
   EncodedString debuggeeArguments_;
   List<EncodedString*> invalidArguments_;  // owned
-  EncodedString startupKey_;               // With its argument.
+  int argumentsUsed_ = 0;
+  EncodedString startupKey_;  // With its argument.
   bool quiet_ = false;
   bool helpRequested_ = false;
   bool attach_ = false;

@@ -17,6 +17,11 @@ class CUL_EXPORT DebuggerStringSetting : public DebuggerSetting {
   [[nodiscard]] DebuggerStringSetting* asStringSetting() override;
   bool setValue(const EncodedString& text) override;
 
+  /// The least length of a value, in characters.
+  [[nodiscard]] unsigned short getMinLength() const noexcept { return minLength_; }
+  /// The greatest length of a value, in characters, or noLimit.
+  [[nodiscard]] unsigned short getMaxLength() const noexcept { return maxLength_; }
+
  protected:
   /// The same for a class derived from this one.
   DebuggerStringSetting(const EncodedString& name, SettingControl control, int group,

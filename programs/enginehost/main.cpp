@@ -5,14 +5,22 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include "Engine/utilities/DebuggerNumericSetting.h"
+#include "Engine/utilities/DebuggerParameters.h"
+#include "Engine/utilities/DebuggerPathSetting.h"
+#include "Engine/utilities/DebuggerSettings.h"
+#include "Engine/utilities/FileName.h"
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/UNIX_Engine_Loader.h"
 
 #include "ConsoleSession.h"
 #include "Debuggee.h"
 #include "HostEvents.h"
+#include "SettingsListing.h"
+#include "Usage.h"
 #include "UserTerminal.h"
 
 namespace {
@@ -74,15 +82,29 @@ int runOnConsole(const EncodedString& path, char** command, StdioPipes& console,
   return debuggee.wait();
 }
 
+// What the setting "CONSOLE" can say.
+enum Console : unsigned { remoteConsole = 0, guiConsole = 1, localConsole = 2 };
+
+unsigned consoleSetting() {
+  return DebuggerSettings::instance()
+      ->getSetting(L"CONSOLE")
+      ->asNumericSetting()
+      ->getValueAsUnsigned();
+}
+
 int runProgram(const EncodedString& path, char** command) {
-  if (isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
+  const unsigned console = consoleSetting();
+  if (console == localConsole || isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) {
     return runInPlace(path, command);
+  }
+  if (console == guiConsole) {
+    std::fputs("enginehost: there are no windows here: the console is at this terminal\n", stderr);
   }
   // Before the console, which takes over the modes of the terminal.
   UserTerminal terminal(STDIN_FILENO);
-  StdioPipes& console = *StdioPipes::instance();
-  const bool hasConsole = console.readHandle(StdioPipes::StdOutput) >= 0;
-  return hasConsole ? runOnConsole(path, command, console, terminal) : runInPlace(path, command);
+  StdioPipes& pipes = *StdioPipes::instance();
+  const bool hasConsole = pipes.readHandle(StdioPipes::StdOutput) >= 0;
+  return hasConsole ? runOnConsole(path, command, pipes, terminal) : runInPlace(path, command);
 }
 
 int hostProgram(char** command) {
@@ -105,23 +127,80 @@ int hostProgram(char** command) {
   }
 }
 
+// False when one cannot be loaded, which is told.
+bool loadModules() {
+  const UNIX_Engine_Loader& loader = static_cast<UNIX_Engine_Loader&>(*Engine_Loader::instance());
+  DebuggerSetting* const modules = DebuggerSettings::instance()->getSetting(L"RUNTIME_MODULES");
+  for (const FileName* module : modules->asPathSetting()->getPaths()) {
+    if (loader.get_korv_module(*module) == nullptr) {
+      const EncodedString name = *module;
+      const char* const text = name;
+      std::fprintf(stderr, "enginehost: module %s cannot be loaded; the trace tells why\n", text);
+      return false;
+    }
+  }
+  return true;
+}
+
+// The program and its arguments; null, after one line that says why, when there are none.
+char** commandIn(const DebuggerParameters& parameters, int argc, char** argv) {
+  if (parameters.attach().length() > 0) {
+    std::fputs("enginehost: attaching is for the engine\n", stderr);
+    return nullptr;
+  }
+  if (!parameters.invalidArguments().isEmpty()) {
+    const char* const first = *parameters.invalidArguments()[0];
+    std::fprintf(stderr, "enginehost: %s: invalid option or value, see enginehost -?\n", first);
+    return nullptr;
+  }
+  const int used = parameters.argumentsUsed();
+  const bool hasName =
+      used > 1 && (parameters.debuggeeName().length() > 0 || *argv[used - 1] == '\0');
+  if (hasName || used < argc) {
+    // Behind "--" the name is the first of the arguments.
+    return argv + (hasName ? used - 1 : used);
+  }
+  printShortUsage();
+  return nullptr;
+}
+
+// "enginehost -settings" is a command of the host: no option and no program's name.
+bool isListing(int argc, char** argv) { return argc > 1 && std::strcmp(argv[1], "-settings") == 0; }
+
+int list(int argc, char** argv) {
+  const bool asJson = argc == 3 && std::strcmp(argv[2], "--json") == 0;
+  if (argc > 2 && !asJson) {
+    std::fprintf(stderr, "enginehost: -settings takes nothing but --json\n");
+    return statusUsage;
+  }
+  listSettings(asJson ? ListingForm::json : ListingForm::forPeople);
+  return 0;
+}
+
+// The parts of a debugger process, in their order: parameters, settings, trace, modules, and
+// then the program to be debugged.
+int start(int argc, char** argv) {
+  const DebuggerParameters& parameters = *DebuggerParameters::instance(argc, argv);
+  const DebuggerSettings& settings = *DebuggerSettings::instance();
+  parameters.diagnosticDump();
+  if (parameters.helpRequested()) {
+    printUsage();
+    return 0;
+  }
+  char** const command = commandIn(parameters, argc, argv);
+  if (command == nullptr) {
+    return statusUsage;
+  }
+  settings.debugDelay();
+  return loadModules() ? hostProgram(command) : statusHostFailed;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   openMissingStandardStreams();
-  int first = 1;
-  if (argc > 1 && std::strcmp(argv[1], "--") == 0) {
-    first = 2;
-  } else if (argc > 1 && argv[1][0] == '-') {
-    std::fprintf(stderr, "enginehost: %s: unknown option\n", argv[1]);
-    first = argc;
-  }
-  if (first >= argc) {
-    std::fputs("usage: enginehost [--] program [argument...]\n", stderr);
-    return statusUsage;
-  }
   try {
-    return hostProgram(argv + first);
+    return isListing(argc, argv) ? list(argc, argv) : start(argc, argv);
   } catch (const StdException& e) {
     const char* const reason = e.text;
     const char* const place = e.fileName;

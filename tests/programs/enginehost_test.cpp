@@ -105,16 +105,63 @@ TEST(EngineHost, TakesANameWithADashBehindTheDoubleDash) {
 TEST(EngineHost, RefusesAnUnknownOptionWithStatus2) {
   const ChildResult r = runHost({"-x", "true"});
   EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.err,
-            "enginehost: -x: unknown option\nusage: enginehost [--] program [argument...]\n");
+  EXPECT_EQ(r.err, "enginehost: -x: invalid option or value, see enginehost -?\n");
   EXPECT_THAT(r.out, IsEmpty());
+}
+
+TEST(EngineHost, RefusesABadValueOfAnOption) {
+  const ChildResult r = runHost({"-qdaemon=perhaps", "echo", "started"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err, "enginehost: -qdaemon=perhaps: invalid option or value, see enginehost -?\n");
+  EXPECT_THAT(r.out, IsEmpty());
+}
+
+TEST(EngineHost, LeavesAttachingToTheEngine) {
+  for (const std::vector<std::string>& words :
+       {std::vector<std::string>{"-qpid=1"}, {"-qpid", "1"}, {"-a1"}, {"-a1", "echo", "started"}}) {
+    const ChildResult r = runHost(words);
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err, "enginehost: attaching is for the engine\n");
+    EXPECT_THAT(r.out, IsEmpty());
+  }
+}
+
+TEST(EngineHost, TakesTheDebuggersOptionsInFrontOfTheProgram) {
+  const ChildResult r = runHost({"-qhost", "name", "-qquiet", "echo", "-qquiet", "started"});
+  EXPECT_EQ(r.out, "-qquiet started\n") << r.err;
+  EXPECT_EQ(r.status, 0);
+}
+
+TEST(EngineHost, TellsItsOptionsAndTheSettings) {
+  for (const char* option : {"-?", "-help", "-he"}) {
+    const ChildResult r = runHost({option, "echo", "started"});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_THAT(r.err, IsEmpty());
+    EXPECT_THAT(r.out, HasSubstr("usage: enginehost [options] [--] program [argument...]\n"));
+    EXPECT_THAT(r.out, HasSubstr("\n  -qdxpllevel=value\n"));
+    EXPECT_THAT(r.out, HasSubstr("\n  -qsocketfd=value               -\n"));
+    EXPECT_THAT(r.out, HasSubstr("\n  -qprobepid=value               -qp\n"));
+    EXPECT_THAT(r.out, HasSubstr("\n  -qhprotocol=value              -qhpr\n"));
+    EXPECT_THAT(r.out, testing::Not(HasSubstr("-qconsole")));
+    EXPECT_THAT(r.out, HasSubstr("\n  REPLY_TIMEOUT                  10 - 65535\n"));
+  }
+}
+
+TEST(EngineHost, TracesTheCommandLine) {
+  const TemporaryFolder folder;
+  const ChildResult r = runHost({"-qhrdmkey=opensesame", "true"},
+                                {.environment = {{"QVX_DBG_TRACE", folder.file("trace")}}});
+  EXPECT_EQ(r.status, 0);
+  const std::string trace = contentsOf(folder.file("trace"));
+  EXPECT_THAT(trace, HasSubstr("Debuggee Name: >true<"));
+  EXPECT_THAT(trace, testing::Not(HasSubstr("opensesame")));
 }
 
 TEST(EngineHost, PrintsItsUsageWhenNoProgramIsNamed) {
   for (const std::vector<std::string>& words : {std::vector<std::string>{}, {"--"}}) {
     const ChildResult r = runHost(words);
     EXPECT_EQ(r.status, 2);
-    EXPECT_EQ(r.err, "usage: enginehost [--] program [argument...]\n");
+    EXPECT_EQ(r.err, "usage: enginehost [options] [--] program [argument...]\n");
   }
 }
 

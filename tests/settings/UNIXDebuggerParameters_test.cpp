@@ -443,6 +443,15 @@ TEST(UNIXDebuggerParameters, TakeAnEmptyArgumentForAnEmptyName) {
   EXPECT_FALSE(parameters.quiet());
 }
 
+TEST(UNIXDebuggerParameters, TellWhereTheDebuggeesArgumentsBegin) {
+  EXPECT_EQ(ParametersOf({}).argumentsUsed(), 1);
+  EXPECT_EQ(ParametersOf({"-qquiet"}).argumentsUsed(), 2);
+  EXPECT_EQ(ParametersOf({"prog"}).argumentsUsed(), 2);
+  EXPECT_EQ(ParametersOf({"-qhost", "name", "prog", "a", "-b"}).argumentsUsed(), 4);
+  EXPECT_EQ(ParametersOf({"-qhost=name", "--", "prog", "a"}).argumentsUsed(), 3);
+  EXPECT_EQ(ParametersOf({"-x", "", "a"}).argumentsUsed(), 3);
+}
+
 TEST(UNIXDebuggerParameters, TakeNullArgumentsForEmptyOnes) {
   std::string option = "-qhost";
   std::string last = "last";

@@ -69,6 +69,7 @@ UNIXDebuggerParameters::UNIXDebuggerParameters(int argc, char** argv) {
       i += static_cast<int>(addDebuggerArg(arg, next));
     }
   }
+  argumentsUsed_ = i;
   // Gathered outside of the field, which would be copied for every argument.
   std::string gathered;
   for (int rest = i; rest < argc; ++rest) {

@@ -1,0 +1,256 @@
+#include "SettingsListing.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <numeric>
+#include <string>
+#include <string_view>
+#include <unistd.h>
+#include <vector>
+
+#include "Engine/utilities/DebuggerSetting.h"
+#include "Engine/utilities/DebuggerSettings.h"
+#include "Engine/utilities/DebuggerStringSetting.h"
+#include "Engine/utilities/SettingNames.h"
+
+namespace {
+
+// The library's own variables that have the prefix and are no settings.
+constexpr std::string_view otherVariables[] = {
+    "TRACE_ROOT", "TRACE_MIDDLE",    "TRACE_LEAF",        "TRACEHOST",
+    "CODEPAGE",   "LD_LIBRARY_PATH", "FRAME_ADD_DISABLE",
+};
+
+std::string textOf(const EncodedString& text) {
+  const char* const characters = text;
+  return {characters, text.length()};
+}
+
+std::string prefix() { return textOf(getEnvnamePrefix()); }
+
+struct Row {
+  std::string name;
+  std::string type;
+  std::string permitted;
+  std::string defaultText;
+  std::string value;
+  std::string from;
+  std::string refused;  // the environment's text
+  std::string reason;   // why it is refused; empty when it is not
+};
+
+// A setting that holds a key shows only whether there is one.
+std::string shown(const DebuggerSetting& setting, const EncodedString& value) {
+  const bool isSecret = textOf(setting.getName()) == "HRDM_KEY";
+  return isSecret && value.length() > 0 ? "********" : textOf(value);
+}
+
+std::string typeName(const DebuggerSetting& setting) {
+  switch (setting.getType()) {
+    case DebuggerSetting::String:
+      return "String";
+    case DebuggerSetting::Boolean:
+      return "Boolean";
+    case DebuggerSetting::Integer:
+      return "Integer";
+    case DebuggerSetting::Unsigned:
+      return "Unsigned";
+    case DebuggerSetting::Enum:
+      return "Enum";
+    case DebuggerSetting::List:
+      return "List";
+    case DebuggerSetting::Path:
+      return "Path";
+  }
+  return "";
+}
+
+std::string originName(const DebuggerSetting& setting) {
+  switch (setting.getOrigin()) {
+    case DebuggerSetting::Nowhere:
+      return "none";
+    case DebuggerSetting::Default:
+      return "default";
+    case DebuggerSetting::Environment:
+      return "environment";
+    case DebuggerSetting::Changed:
+      return "changed";
+  }
+  return "";
+}
+
+std::string reasonToRefuse(DebuggerSetting& setting) {
+  if (const DebuggerStringSetting* text = setting.asStringSetting(); text != nullptr) {
+    return "it is not " + std::to_string(text->getMinLength()) + " to " +
+           std::to_string(text->getMaxLength()) + " characters long";
+  }
+  const bool isRange =
+      (setting.getType() & (DebuggerSetting::Integer | DebuggerSetting::Unsigned)) != 0;
+  return (isRange ? "it is not within " : "it is none of ") + textOf(setting.getPermittedValues());
+}
+
+Row rowOf(DebuggerSetting& setting) {
+  Row row;
+  row.name = textOf(setting.getName());
+  row.type = typeName(setting);
+  row.permitted = textOf(setting.getPermittedValues());
+  row.defaultText = textOf(setting.getDefault());
+  row.value = shown(setting, setting.getValue());
+  row.from = originName(setting);
+  if (setting.isEnvValueRefused()) {
+    row.refused = shown(setting, setting.getEnvValue());
+    row.reason = reasonToRefuse(setting);
+  }
+  return row;
+}
+
+std::vector<Row> allRows() {
+  std::vector<Row> rows;
+  for (DebuggerSetting* setting : DebuggerSettings::instance()->getAllSettings()) {
+    rows.push_back(rowOf(*setting));
+  }
+  return rows;
+}
+
+// The number of single changes that lead from one text to the other.
+std::size_t distance(std::string_view from, std::string_view to) {
+  std::vector<std::size_t> row(to.size() + 1);
+  std::iota(row.begin(), row.end(), 0);
+  for (std::size_t i = 0; i < from.size(); ++i) {
+    std::size_t diagonal = row[0]++;
+    for (std::size_t j = 0; j < to.size(); ++j) {
+      const std::size_t replaced = diagonal + (from[i] == to[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({replaced, row[j] + 1, row[j + 1] + 1});
+    }
+  }
+  return row.back();
+}
+
+struct Stranger {
+  std::string variable;
+  std::string nearest;
+};
+
+// The variables of the environment that have the prefix and nobody reads.
+std::vector<Stranger> strangers(const std::vector<Row>& rows) {
+  std::vector<std::string> known(std::begin(otherVariables), std::end(otherVariables));
+  for (const Row& row : rows) {
+    known.push_back(row.name);
+  }
+  std::vector<Stranger> result;
+  for (char** variable = environ; *variable != nullptr; ++variable) {
+    const std::string_view text = *variable;
+    const std::string_view whole = text.substr(0, text.find('='));
+    if (!whole.starts_with(prefix())) {
+      continue;
+    }
+    const std::string_view name = whole.substr(prefix().size());
+    // Names too long to be a slip are not worth the comparison.
+    constexpr std::size_t longest = 64;
+    const std::string_view compared = name.substr(0, longest);
+    const auto nearest = std::min_element(known.begin(), known.end(),
+                                          [&](const std::string& a, const std::string& b) {
+                                            return distance(compared, a) < distance(compared, b);
+                                          });
+    if (*nearest != name) {
+      result.push_back({std::string(whole), prefix() + *nearest});
+    }
+  }
+  return result;
+}
+
+// Values come from the environment: what would upset a terminal or the columns is shown in
+// hexadecimal.
+std::string printable(std::string_view text) {
+  std::string result;
+  for (const char c : text) {
+    const unsigned code = static_cast<unsigned char>(c);
+    if (code < 0x20 || code == 0x7F) {
+      char escape[8];
+      std::snprintf(escape, sizeof escape, "\\x%02X", code);
+      result += escape;
+    } else {
+      result += c;
+    }
+  }
+  return result;
+}
+
+// Columns of UTF-8 text.
+std::size_t widthOf(std::string_view text) {
+  return static_cast<std::size_t>(
+      std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+// A column stays narrow enough for the next ones to be seen.
+constexpr std::size_t widest = 26;
+
+std::string cell(std::string_view text, std::size_t width) {
+  std::string result = printable(text);
+  const std::size_t used = widthOf(result);
+  result.append(used < width ? width - used : 0, ' ');
+  return result + "  ";
+}
+
+void printForPeople(const std::vector<Row>& rows, const std::vector<Stranger>& unknown) {
+  const Row head = {"NAME", "TYPE", "PERMITTED", "DEFAULT", "VALUE", "FROM", "", ""};
+  std::string Row::*const columns[] = {&Row::name, &Row::type, &Row::value, &Row::defaultText,
+                                       &Row::from};
+  std::vector<std::size_t> widths;
+  for (const auto column : columns) {
+    std::size_t width = (head.*column).size();
+    for (const Row& row : rows) {
+      width = std::max(width, std::min(widest, widthOf(printable(row.*column))));
+    }
+    widths.push_back(width);
+  }
+  const auto print = [&](const Row& row) {
+    std::string line;
+    for (std::size_t i = 0; i < std::size(columns); ++i) {
+      line += cell(row.*columns[i], widths[i]);
+    }
+    line += row.permitted;
+    line.erase(line.find_last_not_of(' ') + 1);
+    std::printf("%s\n", line.c_str());
+    if (!row.reason.empty()) {
+      std::printf("    %s%s=\"%s\" is refused: %s\n", prefix().c_str(), row.name.c_str(),
+                  printable(row.refused).c_str(), row.reason.c_str());
+    }
+  };
+  print(head);
+  std::for_each(rows.begin(), rows.end(), print);
+  for (const Stranger& stranger : unknown) {
+    std::printf("%s is no variable of the debugger; the nearest is %s\n",
+                printable(stranger.variable).c_str(), stranger.nearest.c_str());
+  }
+}
+
+void printJson(const std::vector<Row>& rows, const std::vector<Stranger>& unknown) {
+  nlohmann::ordered_json settings = nlohmann::ordered_json::array();
+  for (const Row& row : rows) {
+    nlohmann::ordered_json entry = {{"name", row.name},           {"type", row.type},
+                                    {"permitted", row.permitted}, {"default", row.defaultText},
+                                    {"value", row.value},         {"from", row.from}};
+    if (!row.reason.empty()) {
+      entry["refused"] = {{"value", row.refused}, {"reason", row.reason}};
+    }
+    settings.push_back(std::move(entry));
+  }
+  nlohmann::ordered_json variables = nlohmann::ordered_json::array();
+  for (const Stranger& stranger : unknown) {
+    variables.push_back({{"variable", stranger.variable}, {"nearest", stranger.nearest}});
+  }
+  const nlohmann::ordered_json all = {{"settings", settings}, {"unknown", variables}};
+  // Variables' names may be any bytes.
+  std::printf("%s\n", all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+}
+
+}  // namespace
+
+void listSettings(ListingForm form) {
+  const std::vector<Row> rows = allRows();
+  const std::vector<Stranger> unknown = strangers(rows);
+  form == ListingForm::json ? printJson(rows, unknown) : printForPeople(rows, unknown);
+}
