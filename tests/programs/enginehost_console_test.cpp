@@ -586,6 +586,26 @@ TEST(EngineHostConsole, LetsTheKeysActOnAPipelineAsAWhole) {
   EXPECT_EQ(terminal.wait(), 0);
 }
 
+TEST(EngineHostConsole, IsLeftOutWhenTheSettingSaysLocal) {
+  Terminal terminal;
+  const termios before = terminal.modes();
+  startHost(terminal, {"tty"}, {.environment = {{"QVX_DBG_CONSOLE", "local"}}});
+  EXPECT_EQ(terminal.wait(), 0);
+  EXPECT_EQ(terminal.readToTheEnd(), asShown(terminal.name() + "\n"));
+  EXPECT_TRUE(hasModesOf(terminal, before));
+}
+
+TEST(EngineHostConsole, TellsThatThereIsNoWindowForIt) {
+  Terminal terminal;
+  startHost(terminal, {"tty"}, {.environment = {{"QVX_DBG_CONSOLE", "gui"}}});
+  EXPECT_EQ(terminal.wait(), 0);
+  const std::string seen = terminal.readToTheEnd();
+  EXPECT_THAT(seen, testing::StartsWith(
+                        asShown("enginehost: there are no windows here: the console is at this "
+                                "terminal\n/dev/pts/")));
+  EXPECT_THAT(seen, Not(HasSubstr(terminal.name() + "\r")));
+}
+
 TEST(EngineHostConsole, ShowsTheConsoleInTheBundledSample) {
   Terminal terminal({.rows = 40, .columns = 132});
   startHost(terminal, {CUL_SOURCE_FOLDER "/programs/enginehost/sample"});
