@@ -7,6 +7,7 @@
 
 namespace {
 
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and never deleted.
 class Configuration final : public DebuggerConfiguration {
  public:
   [[nodiscard]] const char* buildStamp() const override { return std::getenv("MODULE_STAMP"); }

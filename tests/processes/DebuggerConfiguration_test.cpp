@@ -8,15 +8,13 @@
 
 #include "Engine/utilities/ProductData.h"
 
+#include "tests/processes/AbortedProcess.h"
 #include "tests/support/Child.h"
 #include "tests/support/ProgramTree.h"
 
 namespace {
 
 using testing::EndsWith;
-
-// What a process ends with after abort(): the library's handler for the signal.
-constexpr int aborted = 99;
 
 const std::string libraries = CUL_TEST_LIBRARIES;
 
@@ -26,7 +24,7 @@ ChildResult runWithModule(const std::string& module, const ChildOptions& options
   if (!module.empty()) {
     tree.add(module, "lib/libwobnConfig.so");
   }
-  return runProgram({tree.launcher(), "configuration"}, options);
+  return runProgram({tree.launcher(), "configuration"}, abortingWith(options));
 }
 
 ChildResult runWithForeignModule(const std::map<std::string, std::string>& environment) {
@@ -89,7 +87,7 @@ TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleIsMissing) {
 TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleIsNoLibrary) {
   const ProgramTree tree;
   writeFile(tree.file("lib/libwobnConfig.so"), "no library");
-  const ChildResult r = runProgram({tree.launcher(), "configuration"});
+  const ChildResult r = runProgram({tree.launcher(), "configuration"}, abortingWith());
   EXPECT_EQ(r.status, aborted);
   EXPECT_EQ(r.out, "");
   EXPECT_THAT(r.err, testing::HasSubstr("/lib/libwobnConfig.so: "));
@@ -104,28 +102,21 @@ TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleHasNoEntry) {
 }
 
 TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleGivesNoObject) {
-  const ChildResult r =
-      runWithForeignModule({{"MODULE_HAS_NO_OBJECT", ""}, {"MODULE_STAMP", stampOfTheLibrary()}});
-  EXPECT_EQ(r.status, aborted);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, "libwobnConfig.so: configInstance gives no configuration object\n");
+  expectAbort(
+      runWithForeignModule({{"MODULE_HAS_NO_OBJECT", ""}, {"MODULE_STAMP", stampOfTheLibrary()}}),
+      "libwobnConfig.so: configInstance gives no configuration object\n");
 }
 
 TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleIsOfAnotherBuild) {
   const std::string ours = stampOfTheLibrary();
   for (const std::string& stamp :
        {std::string("20000101000000"), ours.substr(0, 13), ours + "0", std::string()}) {
-    const ChildResult r = runWithForeignModule({{"MODULE_STAMP", stamp}});
-    EXPECT_EQ(r.status, aborted) << stamp;
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, refusalOf(stamp));
+    expectAbort(runWithForeignModule({{"MODULE_STAMP", stamp}}), refusalOf(stamp));
   }
 }
 
 TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleHasNoStamp) {
-  const ChildResult r = runWithForeignModule({});
-  EXPECT_EQ(r.status, aborted);
-  EXPECT_EQ(r.err, refusalOf("(none)"));
+  expectAbort(runWithForeignModule({}), refusalOf("(none)"));
 }
 
 TEST(DebuggerConfiguration, TakesAnyModuleWithTheStampOfTheLibrary) {

@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/processes/AbortedProcess.h"
 #include "tests/support/Child.h"
 #include "tests/support/ProgramTree.h"
 
@@ -17,21 +18,12 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::IsEmpty;
 
-// What a process ends with after abort(): the library's handler for the signal.
-constexpr int aborted = 99;
-
 const std::string entries = std::string(CUL_TEST_LIBRARIES) + "/libentries.so";
 
 // Prints what a program sees of its start.
 const std::string tell =
     "for word in \"$0\" \"$@\"; do echo \"$word\"; done\n"
     "echo \"$LD_LIBRARY_PATH\"\necho \"$QVX_DBG_LD_LIBRARY_PATH\"\n";
-
-void expectAbort(const ChildResult& r, const std::string& message) {
-  EXPECT_EQ(r.status, aborted);
-  EXPECT_EQ(r.out, "");
-  EXPECT_EQ(r.err, message);
-}
 
 TEST(LoadAndExecute, RunsAProgramFromTheFolderOfTheLauncherWithItsArguments) {
   const ProgramTree tree;
@@ -87,16 +79,19 @@ TEST(LoadAndExecute, DoesNotSearchElsewhere) {
   const ProgramTree tree;
   tree.addScript("lib/real", "echo wrong\n");
   expectAbort(runProgram({tree.launcher(), "execute", "real"},
-                         {.environment = {{"PATH", tree.file("lib")}}}),
+                         abortingWith({.environment = {{"PATH", tree.file("lib")}}})),
               "No such file or directory\n");
 }
 
 TEST(LoadAndExecute, EndsTheProcessWhenTheProgramCannotBeRun) {
   const ProgramTree tree;
   writeFile(tree.file("bin/plain"), "x");
-  expectAbort(runProgram({tree.launcher(), "execute", "absent"}), "No such file or directory\n");
-  expectAbort(runProgram({tree.launcher(), "execute", "plain"}), "Permission denied\n");
-  expectAbort(runProgram({tree.launcher(), "execute", "plain/x"}), "Not a directory\n");
+  expectAbort(runProgram({tree.launcher(), "execute", "absent"}, abortingWith()),
+              "No such file or directory\n");
+  expectAbort(runProgram({tree.launcher(), "execute", "plain"}, abortingWith()),
+              "Permission denied\n");
+  expectAbort(runProgram({tree.launcher(), "execute", "plain/x"}, abortingWith()),
+              "Not a directory\n");
 }
 
 CUL_CHILD(LaunchFromNowhere) {
@@ -110,7 +105,8 @@ TEST(LoadAndExecute, EndsTheProcessWhenTheLauncherIsNotFound) {
        {std::vector<std::string>{"no-such-launcher"}, {""}, {}}) {
     ChildOptions options;
     options.arguments = arguments;
-    expectAbort(runChild("LaunchFromNowhere", options), "No such file or directory\n");
+    expectAbort(runChild("LaunchFromNowhere", abortingWith(options)),
+                "No such file or directory\n");
   }
 }
 
@@ -135,10 +131,10 @@ TEST(LoadSharedLib, FindsALibraryInTheFolderOfTheLauncherThatStartedTheProgram) 
 
 TEST(LoadSharedLib, EndsTheProcessWhenTheLibraryOrItsEntryIsMissing) {
   const ProgramTree tree;
-  expectAbort(runProgram({tree.launcher(), "load", "entries", "entriesFunction"}),
+  expectAbort(runProgram({tree.launcher(), "load", "entries", "entriesFunction"}, abortingWith()),
               "libentries.so: cannot open shared object file: No such file or directory\n");
   tree.add(entries, "lib/libentries.so");
-  const ChildResult r = runProgram({tree.launcher(), "load", "entries", "absent"});
+  const ChildResult r = runProgram({tree.launcher(), "load", "entries", "absent"}, abortingWith());
   EXPECT_EQ(r.status, aborted);
   EXPECT_EQ(r.out, "");
   EXPECT_THAT(r.err, EndsWith("/libentries.so: undefined symbol: absent\n"));
@@ -149,9 +145,9 @@ CUL_CHILD(LoadFromNowhere) {
 }
 
 TEST(LoadSharedLib, EndsTheProcessWhenTheLauncherIsNotFound) {
-  expectAbort(
-      runChild("LoadFromNowhere", {.environment = {{"LD_LIBRARY_PATH", CUL_TEST_LIBRARIES}}}),
-      "No such file or directory\n");
+  expectAbort(runChild("LoadFromNowhere",
+                       abortingWith({.environment = {{"LD_LIBRARY_PATH", CUL_TEST_LIBRARIES}}})),
+              "No such file or directory\n");
 }
 
 CUL_CHILD(LoadSetsUp) {

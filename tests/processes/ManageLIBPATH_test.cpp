@@ -13,6 +13,7 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/processes/AbortedProcess.h"
 #include "tests/support/Child.h"
 #include "tests/support/EnvironmentGuard.h"
 #include "tests/support/LongFolder.h"
@@ -22,9 +23,6 @@
 namespace {
 
 using ManagedString = ManageLIBPATH::ManagedString;
-
-// What a process ends with after abort(): the library's handler for the signal.
-constexpr int aborted = 99;
 
 void makeTool(const std::string& file, mode_t mode = 0755) {
   if (const std::filesystem::path folder = std::filesystem::path(file).parent_path();
@@ -493,9 +491,7 @@ TEST(GetLibPath, EndsTheProcessWhenTheExecutableIsNotFound) {
        {std::vector<std::string>{"no-such-tool"}, {"./no-such-tool"}, {""}, {}}) {
     ChildOptions options;
     options.arguments = arguments;
-    const ChildResult r = runChild("GetLibPathOfNothing", options);
-    EXPECT_EQ(r.status, aborted);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "No such file or directory\n");
+    expectAbort(runChild("GetLibPathOfNothing", abortingWith(options)),
+                "No such file or directory\n");
   }
 }
