@@ -14,7 +14,7 @@
 /// the debuggee (the program to be debugged) and the debuggee's arguments:
 /// \code
 ///   debugger [options] name [arguments]     starts the debuggee
-///   debugger [options] -- [arguments]       everything behind "--" is arguments
+///   debugger [options] -- [arguments]       everything behind "--" (or "-s") is arguments
 ///   debugger [options] -qpid=1234           attaches to a running process
 /// \endcode
 ///
