@@ -184,9 +184,10 @@ SpawnedProcess::SpawnedProcess(const EncodedString& program, const EncodedString
   if (resolved.length() == 0) {
     StdException::throwException(constructorText, 92, "File not found.", -1);
   }
+  const Program file(resolved, arguments);
   // A thread that ended between the fork and the start of the worker would leave a zombie.
   const HoldRequests hold;
-  const pid_t process = forkProgram(Program(resolved, arguments), *this);
+  const pid_t process = forkProgram(file, *this);
   if (process == -1) {
     failSystemCall(constructorText, 189, 189, "Fork failed.", "::fork() failed with errno %d.",
                    errno);
