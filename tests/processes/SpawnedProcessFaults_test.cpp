@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -463,6 +464,46 @@ CUL_CHILD(AskTheWaiterToEnd) {
 
 TEST(SpawnedProcessFaults, ReapsTheChildAlsoWhenTheWaiterIsAskedToEnd) {
   const ChildResult r = runChild("AskTheWaiterToEnd");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+namespace {
+
+// Starts a program and stays.
+class StarterThread : public StdThread {
+ public:
+  StarterThread(std::string folder, Termination& end)
+      : StdThread("Starter", 0, &end), folder_(std::move(folder)) {}
+  void run() override {
+    const SpawnedProcess process = spawnShell(HeldProgram::command(), {folder_});
+    for (;;) {
+      pause();
+    }
+  }
+
+ private:
+  std::string folder_;
+};
+
+}  // namespace
+
+CUL_CHILD(AskTheStarterToEnd) {
+  // From the second start on, a pass of the timer takes much longer than a start.
+  EXPECT_EQ(statusOf(spawnShell("exit 0")), 0);
+  HeldProgram program;
+  StdThread::Termination end;
+  (new StarterThread(program.folder(), end))->start_thread(0);
+  program.awaitStart();
+  EXPECT_EQ(pthread_kill(end.threadId(), SIGUSR2), 0);
+  EXPECT_EQ(end.wait(0), 0);
+  EXPECT_TRUE(isRunning(program.process()));
+  program.release();
+  EXPECT_TRUE(waitUntil(hasNoChildren));
+  EXPECT_TRUE(program.cameToItsEnd());
+}
+
+TEST(SpawnedProcessFaults, WatchesTheChildOfAThreadThatIsAskedToEndDuringTheStart) {
+  const ChildResult r = runChild("AskTheStarterToEnd");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 

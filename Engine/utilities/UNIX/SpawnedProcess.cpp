@@ -185,7 +185,7 @@ SpawnedProcess::SpawnedProcess(const EncodedString& program, const EncodedString
     StdException::throwException(constructorText, 92, "File not found.", -1);
   }
   const Program file(resolved, arguments);
-  // A thread that ended between the fork and the start of the worker would leave a zombie.
+  // A thread that is asked to end meanwhile does so when its child is watched.
   const HoldRequests hold;
   const pid_t process = forkProgram(file, *this);
   if (process == -1) {
