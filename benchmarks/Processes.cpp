@@ -147,6 +147,10 @@ void measureStart(benchmark::State& state, Start start, End end) {
   const OutputPipe output;
   for (auto _ : state) {
     state.PauseTiming();
+    // Ours sleeps while the timer passes, and then finds what others have left in the caches.
+    // So that the peers do, too, all sleep as long before they start.
+    constexpr useconds_t pass = 50000;
+    usleep(pass);
     std::atomic<bool> isTime = false;
     std::thread starting([&] {
       isTime.wait(false);
