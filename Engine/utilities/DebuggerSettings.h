@@ -21,6 +21,7 @@
 
 struct SettingRow;
 
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): the virtual slots are fixed.
 class CUL_EXPORT DebuggerSettings {
  public:
   /// Someone who is told of changes. A listener may register and unregister listeners,
@@ -42,7 +43,7 @@ class CUL_EXPORT DebuggerSettings {
   DebuggerSettings(const DebuggerSettings&) = delete;
   DebuggerSettings& operator=(const DebuggerSettings&) = delete;
   /// Deletes the settings. Not virtual: a registry is destroyed as what it was made.
-  ~DebuggerSettings();  // NOLINT(cppcoreguidelines-virtual-class-destructor): the slots are fixed.
+  ~DebuggerSettings();
 
   /// Makes the common settings, then those of the platform. Identifiers for which there is
   /// no slot are left out.

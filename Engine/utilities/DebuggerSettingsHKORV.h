@@ -5,6 +5,7 @@
 
 /// The settings of a debugger whose host is a remote system: the common ones, with some
 /// defaults of their own, and those of the connection to the host.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): the virtual slots are fixed.
 class CUL_EXPORT DebuggerSettingsHKORV : public DebuggerSettings {
  public:
   /// Number of slots, one for each identifier from 0 on.
