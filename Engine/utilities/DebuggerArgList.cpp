@@ -29,7 +29,7 @@ void DebuggerArgList::addArg(const EncodedString& name, const EncodedString& val
 }
 
 bool DebuggerArgList::removeArg(const EncodedString& name) {
-  // By copies: the name may be one of the list's own.
+  // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): it may be the list's own.
   const EncodedString wanted = name;
   bool removed = false;
   for (unsigned int position = indexByName(wanted); position != 0; position = indexByName(wanted)) {

@@ -95,6 +95,7 @@ DebuggerParameters* makeOnceFrom(int argc, Byte** argv) {
     return makeOnce(0, nullptr);
   }
   std::vector<char*> texts;
+  texts.reserve(static_cast<size_t>(std::max(argc, 0)));
   for (int i = 0; i < argc; ++i) {
     texts.push_back(reinterpret_cast<char*>(argv[i]));
   }
