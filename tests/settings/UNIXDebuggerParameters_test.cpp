@@ -51,8 +51,9 @@ std::string foldedByCutting(std::string path) {
       return {};
     }
     const size_t before = path.rfind('/', at - 1);
-    const std::string kept = before == std::string::npos ? "" : path.substr(0, before + 1);
-    path = kept + path.substr(at + 4);
+    std::string kept = before == std::string::npos ? "" : path.substr(0, before + 1);
+    kept += path.substr(at + 4);
+    path = kept;
   }
 }
 

@@ -21,8 +21,8 @@ Outcome check(std::string_view arg, const wchar_t* name, unsigned minimum, int c
               const wchar_t* separators) {
   CharString first = wide(arg);
   CharString second = wide(arg);
-  const Outcome result{checkParameter(first, CharString(name), minimum, caseMode, separators),
-                       plain(first)};
+  Outcome result{checkParameter(first, CharString(name), minimum, caseMode, separators),
+                 plain(first)};
   const Outcome other{checkParameter(second, name, minimum, caseMode, separators), plain(second)};
   EXPECT_EQ(result, other);
   return result;
