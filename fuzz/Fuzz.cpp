@@ -1,0 +1,144 @@
+#include "fuzz/Fuzz.h"
+
+#include <csignal>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+
+void fuzzCheckFailed(const char* condition, const char* file, int line) {
+  // Not through `stderr`, which a fuzzer may have turned elsewhere.
+  dprintf(2, "%s:%d: does not hold: %s\n", file, line, condition);
+  std::abort();
+}
+
+unsigned char FuzzInput::byte() {
+  if (rest_.empty()) {
+    return 0;
+  }
+  const auto result = static_cast<unsigned char>(rest_.front());
+  rest_.remove_prefix(1);
+  return result;
+}
+
+unsigned FuzzInput::choice(unsigned count) {
+  const unsigned value = byte();
+  return (value >= '0' ? value - '0' : value) % count;
+}
+
+unsigned FuzzInput::word() {
+  unsigned result = 0;
+  for (int i = 0; i < 4; ++i) {
+    result = result << 8 | byte();
+  }
+  return result;
+}
+
+std::string FuzzInput::text(char separator) {
+  const size_t end = rest_.find(separator);
+  std::string result(rest_.substr(0, end));
+  rest_.remove_prefix(end == std::string_view::npos ? rest_.size() : end + 1);
+  return result;
+}
+
+std::string FuzzInput::rest() {
+  std::string result(rest_);
+  rest_ = {};
+  return result;
+}
+
+ExactBytes::ExactBytes(std::string_view bytes)
+    : data_(new char[bytes.size()]), size_(static_cast<unsigned>(bytes.size())) {
+  std::memcpy(data_.get(), bytes.data(), bytes.size());
+}
+
+std::string bytesOf(const EncodedString& text) {
+  const char* const chars = text;
+  return {chars, text.length()};
+}
+
+std::string bytesOf(const ByteString& bytes) {
+  const unsigned char* const first = bytes;
+  return {reinterpret_cast<const char*>(first), bytes.length()};
+}
+
+std::string bytesOf(const CharString& text) { return bytesOf(text.encoded()); }
+
+EncodedString utf8Text(std::string_view bytes) {
+  const ExactBytes exact(bytes);
+  return {exact.data(), exact.size(), EncodedString::utf8};
+}
+
+std::string upToZero(std::string_view bytes) {
+  return std::string(bytes.substr(0, bytes.find('\0')));
+}
+
+CharString wideText(std::string_view bytes) {
+  CharString result;
+  const ExactBytes exact(bytes);
+  if (utf8Text(bytes).isValid()) {
+    result.loadFrom(exact.data(), exact.size(), EncodedString::utf8);
+    return result;
+  }
+  result.makeBuffer(exact.size());
+  for (unsigned i = 1; i <= exact.size(); ++i) {
+    result[i] = static_cast<unsigned char>(bytes[i - 1]);
+  }
+  return result;
+}
+
+FuzzVariable::FuzzVariable(const char* name, const std::string& value) : name_(name) {
+  setenv(name, value.c_str(), 1);
+}
+
+FuzzVariable::~FuzzVariable() { unsetenv(name_); }
+
+const std::string& fuzzFolder() {
+  static const std::string& folder = []() -> const std::string& {
+    std::string pattern = std::filesystem::temp_directory_path() / "fuzz.XXXXXX";
+    if (mkdtemp(pattern.data()) == nullptr) {
+      std::perror("mkdtemp");
+      std::exit(1);
+    }
+    const auto* const made = new std::string(pattern);
+    std::atexit([] {
+      std::error_code ignored;
+      std::filesystem::remove_all(fuzzFolder(), ignored);
+    });
+    return *made;
+  }();
+  return folder;
+}
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
+
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+  // The library has taken the fatal signals when it was loaded; the fuzzer, which wants to
+  // save the input that raised one, only takes what is free.
+  for (const int signal :
+       {SIGABRT, SIGBUS, SIGFPE, SIGHUP, SIGILL, SIGINT, SIGSEGV, SIGTERM, SIGTRAP}) {
+    std::signal(signal, SIG_DFL);
+  }
+  // The environment of the caller has no say.
+  for (char* const* variable = environ; *variable != nullptr;) {
+    const std::string_view text = *variable;
+    if (text.starts_with("QVX_DBG_") || text.starts_with("WZ4_DBG_") ||
+        text.starts_with("GDIA_ID=")) {
+      unsetenv(std::string(text.substr(0, text.find('='))).c_str());
+    } else {
+      ++variable;
+    }
+  }
+  setenv("QVX_DBG_CODEPAGE", "UTF-8", 1);
+  setUpFuzzing();
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  FuzzInput input({reinterpret_cast<const char*>(data), size});
+  fuzz(input);
+  return 0;
+}
