@@ -83,3 +83,6 @@ void compareEvents();
 void compareTrace();
 void compareConsole();
 void compareProcesses();
+void compareFiles();
+void compareSettings();
+void compareStartup();

@@ -9,6 +9,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "Engine/utilities/DebuggerSettings.h"
+
 #include "benchmarks/Comparison.h"
 
 /// \file
@@ -62,6 +64,8 @@ void compareAlone() {
 }
 
 void compareInCompany() {
+  // The settings are made before there is a second thread.
+  DebuggerSettings::instance();
   std::thread([] {
     for (;;) {
       pause();
@@ -78,6 +82,9 @@ void compareInCompany() {
   compareTrace();
   compareConsole();
   compareProcesses();
+  compareFiles();
+  compareSettings();
+  compareStartup();
 }
 
 }  // namespace

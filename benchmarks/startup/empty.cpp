@@ -1,0 +1,4 @@
+/// \file
+/// A process of a C++ program that does nothing.
+
+int main() { return 0; }
