@@ -16,7 +16,12 @@ namespace {
 
 constexpr unsigned workingDirectoryRoom = 4096;
 
-FileName named(std::string_view bytes) { return FileName(textOf(bytes)); }
+FileName named(std::string_view bytes) {
+  FileName name;
+  name.EncodedString::operator=(textOf(bytes));
+  name.validate();
+  return name;
+}
 
 const EncodedString* newText(const char* text) {
   return new EncodedString(text, EncodedString::utf8);
@@ -126,8 +131,8 @@ std::string_view FileName::extensionView() const noexcept {
 
 bool FileName::hasNumericExtension() const noexcept {
   const std::string_view extensionText = extensionView();
-  return extensionText.size() > 1 &&
-         extensionText.find_first_not_of("0123456789", 1) == std::string_view::npos;
+  return extensionText.size() > 1 && std::all_of(extensionText.begin() + 1, extensionText.end(),
+                                                 [](char c) { return c >= '0' && c <= '9'; });
 }
 
 bool FileName::isAbsolute() const noexcept { return isValidName() && *buffer == '/'; }
@@ -299,6 +304,9 @@ unsigned FileName::computeHash() {
 }
 
 bool FileName::operator==(const FileName& other) const {
+  if (view() == other.view()) {
+    return true;
+  }
   if (hasTrailingWhiteSpace() || other.hasTrailingWhiteSpace()) {
     EncodedString mine = textOf(view());
     EncodedString theirs = textOf(other.view());
@@ -316,7 +324,7 @@ bool FileName::operator==(const FileName& other) const {
       return library.view() == plain.view();
     }
   }
-  return view() == other.view();
+  return false;
 }
 
 const EncodedString& FileName::PathSepString() {
