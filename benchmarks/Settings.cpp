@@ -45,15 +45,19 @@ std::shared_ptr<PeersSettings> peersSettings() {
   return result;
 }
 
+// As for ours, the caller has a name, not a key of the map.
+auto findPeers(const PeersSettings& peers, const wchar_t* name) { return peers.find(name); }
+
 void compareFinding(const std::string& what, const std::wstring& name,
                     const std::shared_ptr<PeersSettings>& peers) {
   const DebuggerSettings* const ours = DebuggerSettings::instance();
-  require((ours->getSetting(name.c_str()) != nullptr) == (peers->count(name.c_str()) == 1),
+  require((ours->getSetting(name.c_str()) != nullptr) == (peers->count(name) == 1),
           "settings by name");
   compare(
       "settings: find " + what + " by name",
       [ours, name] { benchmark::DoNotOptimize(ours->getSetting(name.c_str())); },
-      "std::unordered_map", [peers, name] { benchmark::DoNotOptimize(peers->find(name.c_str())); });
+      "std::unordered_map",
+      [peers, name] { benchmark::DoNotOptimize(findPeers(*peers, name.c_str())); });
 }
 
 void compareNumber(const std::string& what, const std::wstring& name,
@@ -66,7 +70,9 @@ void compareNumber(const std::string& what, const std::wstring& name,
             ours->getSetting(name.c_str())->asNumericSetting()->getValueAsUnsigned());
       },
       "std::unordered_map",
-      [peers, name] { benchmark::DoNotOptimize(peers->find(name.c_str())->second.number.load()); });
+      [peers, name] {
+        benchmark::DoNotOptimize(findPeers(*peers, name.c_str())->second.number.load());
+      });
 }
 
 void compareLookups() {
