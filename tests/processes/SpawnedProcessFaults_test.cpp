@@ -514,7 +514,7 @@ TEST(SpawnedProcessFaults, WatchesTheChildOfAThreadThatIsAskedToEndDuringTheStar
 
 // Many
 
-CUL_CHILD(SpawnTwoHundred) {
+CUL_CHILD(SpawnFiveHundred) {
   EXPECT_EQ(statusOf(spawnShell("exit 0")), 0);
   const std::vector<std::string> descriptors = openDescriptors();
 #if defined(__SANITIZE_THREAD__)
@@ -529,9 +529,9 @@ CUL_CHILD(SpawnTwoHundred) {
   std::atomic<unsigned> ended = 0;
   for (int thread = 0; thread < threads; ++thread) {
     spawning.emplace_back([thread, &ended] {
-      constexpr int each = 10;
+      constexpr int each = 25;
       for (int i = 0; i < each; ++i) {
-        const int code = thread * each + i;
+        const int code = (thread * each + i) % 256;
         ended += statusOf(spawnShell("exit $0", {std::to_string(code)})) == code << 8 ? 1 : 0;
       }
     });
@@ -539,7 +539,7 @@ CUL_CHILD(SpawnTwoHundred) {
   for (std::thread& thread : spawning) {
     thread.join();
   }
-  EXPECT_EQ(ended, 200U);
+  EXPECT_EQ(ended, 500U);
   EXPECT_TRUE(hasNoChildren());
   int status = 0;
   EXPECT_EQ(waitpid(-1, &status, WNOHANG), -1);
@@ -548,8 +548,8 @@ CUL_CHILD(SpawnTwoHundred) {
   EXPECT_TRUE(waitUntil([] { return threadCount() == mainAndTimer; })) << threadCount();
 }
 
-TEST(SpawnedProcessFaults, LeavesNothingBehindAfterTwoHundredChildren) {
-  const ChildResult r = runChild("SpawnTwoHundred");
+TEST(SpawnedProcessFaults, LeavesNothingBehindAfterFiveHundredChildren) {
+  const ChildResult r = runChild("SpawnFiveHundred");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
