@@ -13,9 +13,11 @@ constexpr unsigned allBits = 0xFFFFFFFF;
 
 // Takes the next token off the front of `text`; empty when there is none.
 std::string_view nextToken(std::string_view& text) {
-  constexpr std::string_view separators = ", ";
-  text.remove_prefix(std::min(text.find_first_not_of(separators), text.size()));
-  const std::string_view token = text.substr(0, text.find_first_of(separators));
+  const auto isSeparator = [](char c) { return c == ',' || c == ' '; };
+  const auto* const first = std::find_if_not(text.begin(), text.end(), isSeparator);
+  const auto* const last = std::find_if(first, text.end(), isSeparator);
+  const std::string_view token(first, static_cast<std::size_t>(last - first));
+  text.remove_prefix(static_cast<std::size_t>(first - text.begin()));
   text.remove_prefix(token.size());
   return token;
 }
@@ -101,8 +103,7 @@ bool DebuggerListSetting::isCovered(unsigned index, unsigned bits) const {
 }
 
 EncodedString DebuggerListSetting::canonicalText(unsigned bits) const {
-  const EncodedString separator(L",");
-  EncodedString result;
+  std::string result;
   for (unsigned i = 0; i < names_.count(); ++i) {
     if (!isCovered(i, bits)) {
       continue;
@@ -110,7 +111,7 @@ EncodedString DebuggerListSetting::canonicalText(unsigned bits) const {
     if (setFlags_[i] && masks_[i] == allBits) {
       return names_[i];
     }
-    appendTo(result, separator, names_[i]);
+    result.append(result.empty() ? "" : ",").append(viewOf(names_[i]));
   }
-  return result;
+  return textOf(result);
 }

@@ -215,8 +215,8 @@ unsigned int DebuggerParameters::addDebuggerArg(const CharString& arg, const Cha
     debuggerArguments_.addArg(pidName, processId);
     return 1;
   }
+  CharString value = arg;
   for (const Option& option : optionTable) {
-    CharString value = arg;
     if (option.isRecognised() && checkParameter(value, option.name, option.minimum, withItsCase,
                                                 option.valueWithEquals ? L"=" : L" ")) {
       return addOption(option, arg, value, next);

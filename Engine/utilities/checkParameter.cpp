@@ -1,5 +1,6 @@
 #include "Engine/utilities/checkParameter.h"
 
+#include <cwchar>
 #include <string_view>
 
 #include "Engine/utilities/CharString.h"
@@ -27,5 +28,9 @@ bool checkParameter(CharString& arg, const CharString& name, unsigned minimum, i
 
 bool checkParameter(CharString& arg, const wchar_t* name, unsigned minimum, int caseMode,
                     const wchar_t* separators) {
+  // Of a table of names most differ at once: no text is made for those.
+  if (caseMode != 0 && name != nullptr && std::wcsncmp(arg, name, minimum) != 0) {
+    return false;
+  }
   return checkParameter(arg, CharString(name), minimum, caseMode, separators);
 }
