@@ -4,6 +4,7 @@
 #include <iconv.h>
 #include <memory>
 #include <stddef.h>
+#include <string.h>
 
 #include "Engine/utilities/Export.h"
 #include "Engine/utilities/KeepErrno.h"
@@ -29,8 +30,16 @@ inline const iconv_t invalidIconv = std::bit_cast<iconv_t>(~size_t{0});
 /// A descriptor that is closed with its object.
 class IconvDescriptor {
  public:
-  /// Keeps `errno`.
+  /// Longest name of a code page in bytes. No real one comes near it, and the C library
+  /// takes seconds to find out that it does not know one of 100 kB.
+  static constexpr size_t longestName = 256;
+
+  /// Not open when the C library does not convert between the two code pages, or a name is
+  /// too long. Keeps `errno`.
   IconvDescriptor(const char* to, const char* from) noexcept {
+    if (isTooLong(to) || isTooLong(from)) {
+      return;
+    }
     const KeepErrno keepErrno;
     value_ = iconv_open(to, from);
   }
@@ -53,7 +62,11 @@ class IconvDescriptor {
   }
 
  private:
-  iconv_t value_;
+  [[nodiscard]] static bool isTooLong(const char* name) noexcept {
+    return strnlen(name, longestName + 1) > longestName;
+  }
+
+  iconv_t value_ = invalidIconv;
 };
 
 /// The result of a conversion: the output up to its first zero byte.

@@ -8,9 +8,9 @@
 /// Conversion between UTF-8 and the native code page of the process.
 ///
 /// The native code page is the one that the environment variable "QVX_DBG_CODEPAGE" names
-/// or, when that is unset, empty or unknown to iconv, the one of the locale that the
-/// environment chooses. It is fixed by the first conversion. Without a usable converter
-/// only ASCII survives. Nothing is reported: what cannot be converted becomes "?".
+/// or, when that is unset, empty, unknown to iconv or longer than 256 bytes, the one of the
+/// locale that the environment chooses. It is fixed by the first conversion. Without a usable
+/// converter only ASCII survives. Nothing is reported: what cannot be converted becomes "?".
 ///
 /// First use belongs on the main thread before a second thread exists; afterwards any
 /// thread may convert. Nothing throws, but for a failed allocation.

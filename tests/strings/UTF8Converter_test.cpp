@@ -1,5 +1,6 @@
 #include "Engine/utilities/UTF8Converter.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <barrier>
@@ -210,6 +211,66 @@ CUL_CHILD(ErrnoIsKept) {
 TEST(UTF8Converter, KeepsErrnoWhateverItHasToTry) {
   expectSuccess("ErrnoIsKept", {{"QVX_DBG_CODEPAGE", "NO-SUCH-CODE-PAGE"}, {"LC_ALL", "no_SUCH"}});
   expectSuccess("ErrnoIsKept", {{"LC_ALL", "C.UTF-8"}});
+}
+
+namespace {
+
+unsigned longestNameOpened = 0;
+
+void noteNames() {
+  isRefused = [](std::string_view to, std::string_view from) {
+    longestNameOpened =
+        std::max(longestNameOpened, static_cast<unsigned>(std::max(to.size(), from.size())));
+    return false;
+  };
+}
+
+// A name of UTF-8 that the C library takes whatever its length.
+std::string utf8OfLength(size_t length) { return std::string("UTF-8//").append(length - 7, 'X'); }
+
+}  // namespace
+
+CUL_CHILD(LongCodepage) {
+  noteNames();
+  EXPECT_STREQ(codepage(), "UTF-8");  // of the locale
+  EXPECT_EQ(longestNameOpened, 5U);
+}
+
+// The C library works for seconds on a name of 100 kB.
+TEST(UTF8Converter, TakesACodePageWithTooLongANameForUnknownWithoutAskingTheCLibrary) {
+  for (const size_t length : {257, 100000}) {
+    expectSuccess("LongCodepage",
+                  {{"QVX_DBG_CODEPAGE", utf8OfLength(length)}, {"LC_ALL", "C.UTF-8"}});
+  }
+}
+
+CUL_CHILD(CodepageWithALongName) {
+  EXPECT_STREQ(codepage(), utf8OfLength(256).c_str());
+  EXPECT_EQ(in("\xC3\xA9"), "\xC3\xA9");
+}
+
+TEST(UTF8Converter, TakesACodePageWithTheLongestName) {
+  expectSuccess("CodepageWithALongName", {{"QVX_DBG_CODEPAGE", utf8OfLength(256)}});
+}
+
+CUL_CHILD(LongNamesGiven) {
+  static_cast<void>(codepage());
+  noteNames();
+  for (const size_t length : {257, 100000}) {
+    const std::string name = utf8OfLength(length);
+    errno = 4711;
+    EXPECT_FALSE(IconvDescriptor("UTF-8", name.c_str()).isOpen());
+    EXPECT_FALSE(IconvDescriptor(name.c_str(), "UTF-8").isOpen());
+    EXPECT_EQ(errno, 4711);
+    EXPECT_EQ(in("a\xC3\xA9", name.c_str()), "a??");
+  }
+  EXPECT_EQ(longestNameOpened, 0U);
+  EXPECT_TRUE(IconvDescriptor(utf8OfLength(256).c_str(), utf8OfLength(256).c_str()).isOpen());
+  EXPECT_EQ(longestNameOpened, 256U);
+}
+
+TEST(UTF8Converter, RefusesTooLongNamesInEachCallAndKeepsErrno) {
+  expectSuccess("LongNamesGiven", {});
 }
 
 // Converters that cannot be had.
