@@ -1,9 +1,6 @@
 #include "Engine/utilities/DebuggerIntegerSetting.h"
 
-#include <optional>
-
 #include "Engine/utilities/SettingTexts.h"
-#include "Engine/utilities/Texts.h"
 
 DebuggerIntegerSetting::DebuggerIntegerSetting(const EncodedString& name, SettingControl control,
                                                int group, int identifier, int minimum, int maximum)
@@ -20,12 +17,5 @@ EncodedString DebuggerIntegerSetting::getPermittedValues() const {
 DebuggerIntegerSetting* DebuggerIntegerSetting::asIntegerSetting() { return this; }
 
 bool DebuggerIntegerSetting::setValue(const EncodedString& text) {
-  EncodedString stripped(text);
-  stripped.stripWhiteSpace();
-  const std::optional<long long> number = wholeNumber(viewOf(stripped));
-  if (!number || *number < minimum_ || *number > maximum_) {
-    return false;
-  }
-  store(stripped, static_cast<unsigned>(*number));
-  return true;
+  return takeNumber(text, minimum_, maximum_);
 }

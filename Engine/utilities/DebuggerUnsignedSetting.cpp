@@ -1,9 +1,6 @@
 #include "Engine/utilities/DebuggerUnsignedSetting.h"
 
-#include <optional>
-
 #include "Engine/utilities/SettingTexts.h"
-#include "Engine/utilities/Texts.h"
 
 DebuggerUnsignedSetting::DebuggerUnsignedSetting(const EncodedString& name, SettingControl control,
                                                  int group, int identifier, unsigned minimum,
@@ -21,12 +18,5 @@ EncodedString DebuggerUnsignedSetting::getPermittedValues() const {
 DebuggerUnsignedSetting* DebuggerUnsignedSetting::asUnsignedSetting() { return this; }
 
 bool DebuggerUnsignedSetting::setValue(const EncodedString& text) {
-  EncodedString stripped(text);
-  stripped.stripWhiteSpace();
-  const std::optional<long long> number = wholeNumber(viewOf(stripped));
-  if (!number || *number < minimum_ || *number > maximum_) {
-    return false;
-  }
-  store(stripped, static_cast<unsigned>(*number));
-  return true;
+  return takeNumber(text, minimum_, maximum_);
 }
