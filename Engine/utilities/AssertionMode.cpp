@@ -1,10 +1,52 @@
 #include "Engine/utilities/AssertionMode.h"
 
+#include <atomic>
+#include <memory>
+
 #include "Engine/utilities/DebuggerNumericSetting.h"
 #include "Engine/utilities/DebuggerSettings.h"
+#include "Engine/utilities/SettingRow.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+
+namespace {
+
+constinit thread_local bool isMaking = false;
+
+// While it lives, the calling thread is making the early setting.
+class Making {
+ public:
+  Making() noexcept { isMaking = true; }
+  Making(const Making&) = delete;
+  Making& operator=(const Making&) = delete;
+  ~Making() { isMaking = false; }
+
+ private:
+  HoldRequests hold_;
+};
+
+// A setting of the same row that stands in until the registry has its own. An assertion must
+// not build the registry itself: that loads the configuration module, and ends the process
+// where there is none. Null for an assertion that fails while this thread makes it.
+DebuggerSetting* earlySetting() {
+  static constinit std::atomic<DebuggerSetting*> kept = nullptr;
+  DebuggerSetting* setting = kept.load(std::memory_order_acquire);
+  if (setting == nullptr && !isMaking) {
+    const Making making;
+    std::unique_ptr<DebuggerSetting> made = makeSetting(assertionRow);
+    if (kept.compare_exchange_strong(setting, made.get(), std::memory_order_acq_rel)) {
+      setting = made.release();
+    }
+  }
+  return setting;
+}
+
+}  // namespace
 
 int assertionMode() {
-  DebuggerSetting* const setting = DebuggerSettings::instance()->getSetting(L"ASSERTION");
+  DebuggerSetting* setting = DebuggerSettings::present()->getSetting(assertionRow.name);
+  if (setting == nullptr) {
+    setting = earlySetting();
+  }
   const DebuggerNumericSetting* const mode =
       setting == nullptr ? nullptr : setting->asNumericSetting();
   return mode == nullptr ? 0 : mode->getValueAsInt();

@@ -15,7 +15,8 @@ inline constexpr int assertionThrows = 1;
 /// Bit of assertionMode(): a failed assertion prints itself on standard error.
 inline constexpr int assertionPrints = 2;
 
-/// The present number of the setting "ASSERTION", a set of the two bits. The first call builds
-/// the registry of settings if nobody has; 0 while it is being built and has no such setting
-/// yet. Any thread, once the registry is built.
+/// The present number of the setting "ASSERTION", a set of the two bits. Until the registry of
+/// settings has been built it is the one that the environment gave at the first such call:
+/// asking builds no registry and loads no module. 0 for an assertion that fails on the way of
+/// that first call. Any thread.
 [[nodiscard]] CUL_EXPORT int assertionMode();

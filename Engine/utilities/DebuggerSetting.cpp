@@ -39,7 +39,7 @@ DebuggerEnumSetting* DebuggerSetting::asEnumSetting() { return nullptr; }
 DebuggerListSetting* DebuggerSetting::asListSetting() { return nullptr; }
 
 EncodedString DebuggerSetting::getDefault() const {
-  return {DebuggerSettings::instance()->defaultSetting(static_cast<unsigned>(identifier_))};
+  return {DebuggerSettings::present()->defaultSetting(static_cast<unsigned>(identifier_))};
 }
 
 void DebuggerSetting::takeFirstValue() {

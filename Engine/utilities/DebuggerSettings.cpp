@@ -61,6 +61,13 @@ constexpr EnumItem execModes[] = {{L"STOP", 0}, {L"RUN", 1}, {nullptr, 0}};
 
 constexpr const wchar_t* askConfiguration = nullptr;
 
+}  // namespace
+
+constexpr SettingRow assertionRow =
+    listRow(L"ASSERTION", 17, 20, 1, L"NOEXCEPTION,NOPOPUP", assertionItems, false);
+
+namespace {
+
 constexpr SettingRow commonSettings[] = {
     stringRow(L"FILE_CACHE", 65, 16, 21, L""),
     stringRow(L"ADDR", 17, 1, 0, L""),
@@ -70,7 +77,7 @@ constexpr SettingRow commonSettings[] = {
     stringRow(L"SIGSTOP", 17, 20, 36, L""),
     listRow(L"SOURCESTEP", 67, 5, 40, L"COBOL,PLI,X10,FORTRAN,RPG", languagesSteppedInto, true),
     listRow(L"STEP_DEBUG", 67, 8, 41, L"INCLUDE,SHALLOW", stepItems, false),
-    listRow(L"ASSERTION", 17, 20, 1, L"NOEXCEPTION,NOPOPUP", assertionItems, false),
+    assertionRow,
     listRow(L"SOURCE_CHECK", 17, 9, 39, L"NODATE,NOCONTENT", sourceCheckItems, true),
     booleanRow(L"AUTOMATED_TEST_MODE", 71, 20, 2, L"FALSE"),
     booleanRow(L"ASYNC_MODE", 21, 10, 9, L"FALSE"),
@@ -125,6 +132,13 @@ const wchar_t* sourceFilterDefault() {
   return text;
 }
 
+DebuggerSettingsHKORV& settingsOfTheProcess() {
+  static DebuggerSettingsHKORV& registry = *new DebuggerSettingsHKORV;
+  return registry;
+}
+
+}  // namespace
+
 std::unique_ptr<DebuggerSetting> makeSetting(const SettingRow& row) {
   const EncodedString name(row.name);
   const auto control = static_cast<DebuggerSetting::SettingControl>(row.control);
@@ -156,22 +170,21 @@ std::unique_ptr<DebuggerSetting> makeSetting(const SettingRow& row) {
   return nullptr;
 }
 
-}  // namespace
-
 DebuggerSettings* DebuggerSettings::instance() {
-  static DebuggerSettingsHKORV* const registry = new DebuggerSettingsHKORV;
-  // The registry is there before it is filled: the settings ask it for their defaults, and
-  // what else they call on their way may look for a setting. A failed assertion cannot choose
-  // its thread: of two that come at once one fills the registry.
+  // Whatever the settings call while they are made may come here again, and finds what is
+  // there already.
   static std::atomic<bool> isBegun = false;
+  DebuggerSettingsHKORV& registry = settingsOfTheProcess();
   if (!isBegun.load(std::memory_order_acquire)) {
     HoldRequests hold;
     if (!isBegun.exchange(true)) {
-      registry->initialize();
+      registry.initialize();
     }
   }
-  return registry;
+  return &registry;
 }
+
+DebuggerSettings* DebuggerSettings::present() { return &settingsOfTheProcess(); }
 
 DebuggerSettings::DebuggerSettings(unsigned slots) : settings_(slots) {
   for (unsigned i = 0; i < slots; ++i) {

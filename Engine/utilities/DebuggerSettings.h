@@ -38,6 +38,11 @@ class CUL_EXPORT DebuggerSettings {
   /// module for a default (see DebuggerConfiguration).
   static DebuggerSettings* instance();
 
+  /// The same object with the settings that it has so far, perhaps none: the call makes none
+  /// and asks no module. For those who cannot know whether the program has come to
+  /// instance() yet. Any thread.
+  static DebuggerSettings* present();
+
   /// No listeners and a table of `slots` slots, all empty.
   explicit DebuggerSettings(unsigned slots);
   DebuggerSettings(const DebuggerSettings&) = delete;

@@ -1,12 +1,15 @@
 #pragma once
 
+#include <memory>
+
 #include "Engine/utilities/DebuggerEnumSetting.h"
 #include "Engine/utilities/DebuggerListSetting.h"
 #include "Engine/utilities/DebuggerSetting.h"
 #include "Engine/utilities/DebuggerStringSetting.h"
 
 /// \file
-/// The rows of the registry's tables of settings. Internal to the library.
+/// The rows of the registry's tables of settings, and how a row becomes a setting. Internal
+/// to the library.
 
 /// What makes a setting. What a type has no use for stays 0 or null.
 struct SettingRow {
@@ -22,6 +25,12 @@ struct SettingRow {
   const DebuggerListSetting::ListSettingItem* listItems = nullptr;
   bool acceptsAllAndNone = false;
 };
+
+/// Makes the setting that a row describes.
+[[nodiscard]] std::unique_ptr<DebuggerSetting> makeSetting(const SettingRow& row);
+
+/// The row of "ASSERTION", a setting that is needed before there is a registry, too.
+extern const SettingRow assertionRow;
 
 /// \name One row of each type
 /// @{

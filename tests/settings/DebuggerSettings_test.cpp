@@ -545,10 +545,26 @@ TEST(DebuggerSettings, SurvivesAssertionsThatFailWhileItIsBuilt) {
   expectGood(r.child);
   EXPECT_THAT(r.trace, HasSubstr(": QVX_DBG_FILE_CACHE\n"));
   EXPECT_THAT(r.trace, HasSubstr(": QVX_DBG_PROBE_TIMEOUT\n"));
-  // Mode 0 until the setting is there, the user's choice from then on.
-  EXPECT_THAT(r.child.err, testing::Not(HasSubstr("QVX_DBG_ASSERTION")));
+  // The user's choice holds also before the setting is there.
+  EXPECT_THAT(r.child.err, HasSubstr(": QVX_DBG_FILE_CACHE\n"));
   EXPECT_THAT(r.child.err, HasSubstr(": QVX_DBG_SOURCE_CHECK\n"));
   EXPECT_THAT(r.child.err, HasSubstr(": QVX_DBG_PROBE_TIMEOUT\n"));
+}
+
+CUL_CHILD(AssertionThatFailsWhileTheModeIsFound) {
+  environmentRead = failAnAssertion;
+  EXPECT_EQ(assertionMode(), 2);
+  environmentRead = nullptr;
+  EXPECT_GE(assertionsFailed, 1U);
+}
+
+TEST(AssertionMode, IsZeroForAnAssertionThatFailsWhileItIsFound) {
+  ChildOptions options;
+  options.environment = {{"QVX_DBG_ASSERTION", "POPUP"}};
+  const TracedChildResult r = runTracedChild("AssertionThatFailsWhileTheModeIsFound", options);
+  expectGood(r.child);
+  EXPECT_THAT(r.trace, HasSubstr(": QVX_DBG_ASSERTION\n"));
+  EXPECT_EQ(r.child.err, "");
 }
 
 TEST(DebuggerSettings, HasNumbersThatAnyThreadMayReadWhileTheyChange) {

@@ -2,13 +2,17 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <dlfcn.h>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <gmock/gmock.h>
 
 #include "Engine/utilities/AssertionMode.h"
 #include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/StdException.h"
+#include "Engine/utilities/UTF8Converter.h"
 
 #include "tests/support/Child.h"
 #include "tests/trace/TraceOutput.h"
@@ -162,6 +166,7 @@ TEST(AssertionMode, IsZeroWhenAnyWordIsUnknown) {
 }
 
 CUL_CHILD(AssertionModeFollowsTheSetting) {
+  DebuggerSettings::instance();
   EXPECT_EQ(assertionMode(), assertionThrows);
   setenv("QVX_DBG_ASSERTION", "POPUP", 1);
   EXPECT_EQ(assertionMode(), assertionThrows);
@@ -181,4 +186,68 @@ TEST(AssertionMode, FollowsTheSettingAndNotTheEnvironment) {
       runChild("AssertionModeFollowsTheSetting", childWith({{"QVX_DBG_ASSERTION", "EXCEPTION"}}));
   EXPECT_EQ(r.status, 0) << r.out;
   EXPECT_EQ(r.err, printed);
+}
+
+namespace {
+
+bool isConfigurationLoaded() {
+  void* const module = dlopen("libwobnConfig.so", RTLD_LAZY | RTLD_NOLOAD);
+  if (module != nullptr) {
+    dlclose(module);
+  }
+  return module != nullptr;
+}
+
+}  // namespace
+
+CUL_CHILD(AssertionBeforeTheRegistry) {
+  EXPECT_EQ(assertionMode(), assertionPrints);
+  AssertionFail(0, "Engine/a.cpp", "void f(int)", 12, "!pthread_mutex_lock(&_mutex)");
+  setenv("QVX_DBG_ASSERTION", "EXCEPTION", 1);
+  EXPECT_EQ(assertionMode(), assertionPrints);
+  EXPECT_FALSE(isConfigurationLoaded());
+  DebuggerSettings::instance();
+  EXPECT_TRUE(isConfigurationLoaded());
+  EXPECT_EQ(assertionMode(), assertionThrows);
+}
+
+// The module that the registry needs may be missing, and an assertion must not end the process.
+TEST(AssertionMode, IsTheUsersBeforeThereIsARegistryAndLoadsNoModule) {
+  const ChildResult r =
+      runChild("AssertionBeforeTheRegistry", childWith({{"QVX_DBG_ASSERTION", "POPUP"}}));
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.err, printed);
+}
+
+CUL_CHILD(AssertionByDefaultBeforeTheRegistry) {
+  AssertionFail(0, "Engine/a.cpp", "void f(int)", 12, "!pthread_mutex_lock(&_mutex)");
+  EXPECT_EQ(assertionMode(), 0);
+  EXPECT_FALSE(isConfigurationLoaded());
+}
+
+TEST(AssertionMode, LoadsNoModuleForTheDefaultEither) {
+  EXPECT_EQ(runChild("AssertionByDefaultBeforeTheRegistry").status, 0);
+  EXPECT_EQ(
+      runChild("AssertionByDefaultBeforeTheRegistry", childWith({{"QVX_DBG_ASSERTION", "POPUPS"}}))
+          .status,
+      0);
+}
+
+CUL_CHILD(AssertionsOfManyThreadsBeforeTheRegistry) {
+  UTF8Converter::instance();  // Its first use belongs before a second thread exists.
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([] { EXPECT_EQ(assertionMode(), assertionPrints); });
+  }
+  DebuggerSettings::instance();
+  EXPECT_EQ(assertionMode(), assertionPrints);
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+TEST(AssertionMode, IsTheUsersOnEachThreadWhileTheRegistryIsBuilt) {
+  const ChildResult r = runChild("AssertionsOfManyThreadsBeforeTheRegistry",
+                                 childWith({{"QVX_DBG_ASSERTION", "POPUP"}}));
+  EXPECT_EQ(r.status, 0) << r.out;
 }
