@@ -8,18 +8,12 @@
 #include "tests/support/TemporaryFolder.h"
 
 /// \file
-/// The launcher of the tests in a tree of its own. For tests that are built with
-/// CUL_TEST_LAUNCHER, CUL_LIBRARY and CUL_CONFIGURATION_MODULE.
+/// The launcher of the tests in a tree of its own. For tests that depend on it in the build.
 
 /// A folder with the launcher in "bin" and a copy of the library in "lib".
 class ProgramTree {
  public:
-  ProgramTree() : path_(std::filesystem::canonical(folder_.path()).string()) {
-    std::filesystem::create_directory(file("bin"));
-    std::filesystem::create_directory(file("lib"));
-    std::filesystem::copy_file(CUL_TEST_LAUNCHER, launcher());
-    std::filesystem::copy_file(CUL_LIBRARY, file("lib/libcul.so.1"));
-  }
+  ProgramTree();
 
   /// Without symbolic links.
   const std::string& path() const { return path_; }
