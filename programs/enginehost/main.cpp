@@ -142,6 +142,9 @@ bool loadModules() {
   return true;
 }
 
+// Whether the parameters see an empty text, which can be no option: they take quotes off.
+bool isEmptyName(const char* argument) { return argument[std::strspn(argument, "\"")] == '\0'; }
+
 // The program and its arguments; null, after one line that says why, when there are none.
 char** commandIn(const DebuggerParameters& parameters, int argc, char** argv) {
   if (parameters.attach().length() > 0) {
@@ -155,7 +158,7 @@ char** commandIn(const DebuggerParameters& parameters, int argc, char** argv) {
   }
   const int used = parameters.argumentsUsed();
   const bool hasName =
-      used > 1 && (parameters.debuggeeName().length() > 0 || *argv[used - 1] == '\0');
+      used > 1 && (parameters.debuggeeName().length() > 0 || isEmptyName(argv[used - 1]));
   if (hasName || used < argc) {
     // Behind "--" the name is the first of the arguments.
     return argv + (hasName ? used - 1 : used);

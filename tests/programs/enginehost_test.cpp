@@ -65,6 +65,15 @@ TEST(EngineHost, ReportsAProgramThatIsNotFoundInOneLineWithStatus127) {
   EXPECT_EQ(runHost({""}).status, 127);
 }
 
+TEST(EngineHost, StartsNoArgumentInThePlaceOfAnEmptyName) {
+  for (const char* name : {"", "\"\"", "\"\"\"\""}) {
+    const ChildResult r = runHost({"-qquiet", name, "echo", "started"});
+    EXPECT_EQ(r.status, 127) << name;
+    EXPECT_EQ(r.err, "enginehost: " + std::string(name) + ": not found\n");
+    EXPECT_THAT(r.out, IsEmpty());
+  }
+}
+
 TEST(EngineHost, ReportsAFileThatCannotBeExecutedWithStatus126) {
   const TemporaryFolder folder;
   const ChildResult r = runHost({folder.path()});
