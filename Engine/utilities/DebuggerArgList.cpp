@@ -2,11 +2,9 @@
 
 #include <memory>
 
+// Delegates so that the destructor runs when a copy of a text fails.
 DebuggerArgList::DebuggerArgList(const DebuggerArgList& other) : DebuggerArgList() {
-  pairs_.extend(other.count());
-  for (const Pair* pair : other.pairs_) {
-    addArg(pair->name, pair->value);
-  }
+  *this = other;
 }
 
 DebuggerArgList& DebuggerArgList::operator=(const DebuggerArgList& other) {
