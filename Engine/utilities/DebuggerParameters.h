@@ -110,7 +110,8 @@ class CUL_EXPORT DebuggerParameters {
   static DebuggerParameters* instance(int argc, unsigned char** argv);
   /// @}
 
-  /// The object made before; null, after a failed assertion, when there is none.
+  /// The object made before. When there is none: null, after a failed assertion, which may
+  /// throw, see AssertionFail().
   [[nodiscard]] static DebuggerParameters* instance();
 
   /// The object made before, or null.
