@@ -127,8 +127,8 @@ std::string withoutSecret(std::string_view text) {
 }
 
 void dumpText(const char* label, std::string_view text) {
-  CUL_TRACE(TraceType::active, dumpSignature, 0, "%s>%s<", label,
-            text.empty() ? noText : std::string(text).c_str());
+  const std::string shown = text.empty() ? noText : withoutSecret(text);
+  CUL_TRACE(TraceType::active, dumpSignature, 0, "%s>%s<", label, shown.c_str());
 }
 
 void dumpLine(const char* line) { CUL_TRACE(TraceType::active, dumpSignature, 0, "%s", line); }
@@ -371,12 +371,12 @@ void DebuggerParameters::diagnosticDump() const {
   dumpText("Start up Key: ", viewOf(startupKey()));
   dumpText("Start up Key Arg: ", viewOf(startupKeyArg()));
   dumpText("Debuggee Name: ", viewOf(debuggeeName_));
-  dumpText("Debuggee Args: ", withoutSecret(viewOf(debuggeeArguments_)));
+  dumpText("Debuggee Args: ", viewOf(debuggeeArguments_));
   dumpLine("Invalid Args:");
   if (invalidArguments_.isEmpty()) {
     dumpText("\t", {});
   }
   for (const EncodedString* text : invalidArguments_) {
-    dumpText("\t", withoutSecret(viewOf(*text)));
+    dumpText("\t", viewOf(*text));
   }
 }

@@ -757,6 +757,10 @@ TEST(DebuggerParameters, NeverDumpsASecret) {
       {"/d", "-qKeyStorePass=SECRET"},
       {"/d", "-qkeystorepassword=SECRET"},
       {"/d", "-qhrdmk=SECRET", "-qhrdmkeys=SECRET"},
+      {"/d", " -qhrdmkey=SECRET"},
+      {"/d", "-qlang=-qkeystorepass=SECRET"},
+      {"/d", "-startupKey", "KEY -qhrdmkey=SECRET"},
+      {"/d", "-a-qhrdmkey=SECRET"},
       {"/d", "-qpid=1", "x", "-qhrdmkey", "SECRET", "-qkeystorepass=SECRET"},
       {"/d", "prog", "-qkeystorepass=SECRET", "-qhrdmkey", "SECRET"}};
   for (const std::vector<std::string>& commandLine : commandLines) {
