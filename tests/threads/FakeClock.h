@@ -17,6 +17,16 @@ class StillClock {
   ~StillClock();
 };
 
+/// Shortens each sleep of the timer thread to a tenth, for tests of many short timed waits.
+/// One at a time.
+class QuickTimer {
+ public:
+  QuickTimer();
+  QuickTimer(const QuickTimer&) = delete;
+  QuickTimer& operator=(const QuickTimer&) = delete;
+  ~QuickTimer();
+};
+
 /// Drives the timer thread step by step. The wall clock of the whole process stands still
 /// meanwhile, except for what StillClock says. For child cases; one at a time.
 class TimerInHand {

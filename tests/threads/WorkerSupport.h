@@ -18,6 +18,7 @@
 #include "Engine/utilities/UNIX/UNIX_Event_Semaphore.h"
 #include "Engine/utilities/WorkerThread.h"
 
+#include "tests/threads/FakeClock.h"
 #include "tests/threads/PosixFailure.h"
 #include "tests/threads/ThreadSupport.h"
 
