@@ -61,8 +61,8 @@ pthread_t ThreadListener::start() {
   const HoldRequests hold;
   const LockGuard guard(lock_, "pthread_t ThreadListener::start()", __LINE__);
   WorkerThread* const worker = __atomic_load_n(&worker_, __ATOMIC_ACQUIRE);
-  if (worker == nullptr || threadId() != 0) {
-    return 0;
+  if (worker == nullptr) {
+    return 0;  // started before
   }
   const pthread_t id = worker->start();
   __atomic_store_n(&threadId_, id, __ATOMIC_RELEASE);
