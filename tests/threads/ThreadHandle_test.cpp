@@ -5,6 +5,7 @@
 #include <future>
 #include <memory>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -115,13 +116,104 @@ TEST(ThreadHandle, ReleasesItsLockBeforeItTakesItsManagers) {
   EXPECT_TRUE(wasFree);
 }
 
+TEST(ThreadHandle, SetManagerWaitsForANotifyThatIsUnderWay) {
+  QuickRunnable runnable;
+  ThreadManager manager;
+  Reference<ThreadHandle> handle = ThreadHandle::instance(manager, runnable);
+  manager.append(handle);
+  std::atomic<pid_t> task = 0;
+  std::atomic<bool> isSet = false;
+  UNIX_Event_Semaphore gate;
+  std::thread setter;
+  {
+    // The result is stored, the event is not open yet.
+    const BeforeLocks locks([&] {
+      if (handle->result() != 44) {
+        return false;
+      }
+      setter = std::thread([&] {
+        task = gettid();
+        handle->setManager(nullptr);
+        isSet = true;
+        gate.wait();
+      });
+      waitUntilAsleep(task);
+      EXPECT_FALSE(isSet);
+      return true;
+    });
+    handle->notify(0, 44);
+  }
+  gate.post();
+  setter.join();
+  EXPECT_EQ(manager.findThread(handle), -1);
+  EXPECT_EQ(handle->manager(), nullptr);
+}
+
+// The manager goes after the handle has seen it and before it is told.
+TEST(ThreadHandle, DoesNotTellAManagerThatHasGoneMeanwhile) {
+  QuickRunnable runnable;
+  auto manager = std::make_unique<ThreadManager>();
+  Reference<ThreadHandle> handle = ThreadHandle::instance(*manager, runnable);
+  manager->append(handle);
+  {
+    const BeforeLocks locks([&] {
+      if (handle->result() != 45 || !isOpen(handle->semaphore())) {
+        return false;
+      }
+      manager.reset();
+      return true;
+    });
+    handle->notify(0, 45);
+  }
+  EXPECT_EQ(manager, nullptr);
+  EXPECT_EQ(handle->manager(), nullptr);
+}
+
+TEST(ThreadHandle, AManagerDoesNotGoWhileItIsTold) {
+  QuickRunnable runnable;
+  auto manager = std::make_unique<ThreadManager>();
+  Reference<ThreadHandle> handle = ThreadHandle::instance(*manager, runnable);
+  manager->append(handle);
+  unsigned locks = 0;
+  std::atomic<pid_t> task = 0;
+  std::atomic<bool> hasGone = false;
+  UNIX_Event_Semaphore gate;
+  std::thread destroyer;
+  {
+    const BeforeLocks beforeLocks([&] {
+      if (handle->result() != 46 || !isOpen(handle->semaphore())) {
+        return false;
+      }
+      ++locks;
+      if (locks < 2) {
+        return false;  // the one that keeps the manager
+      }
+      destroyer = std::thread([&] {
+        task = gettid();
+        manager.reset();
+        hasGone = true;
+        gate.wait();
+      });
+      waitUntilAsleep(task);
+      EXPECT_FALSE(hasGone);
+      return true;
+    });
+    handle->notify(0, 46);
+  }
+  gate.post();
+  destroyer.join();
+  EXPECT_TRUE(hasGone);
+}
+
 TEST(ThreadHandle, HasNoManagerOnceThatIsGone) {
   QuickRunnable runnable;
   auto manager = std::make_unique<ThreadManager>();
   Reference<ThreadHandle> listed = ThreadHandle::instance(*manager, runnable);
   const Reference<ThreadHandle> unlisted = ThreadHandle::instance(*manager, runnable);
   manager->append(listed);
+  EXPECT_EQ(listed->referenceCount(), 3U);
   manager.reset();
+  EXPECT_EQ(listed->referenceCount(), 2U);
   EXPECT_EQ(listed->manager(), nullptr);
   EXPECT_EQ(unlisted->manager(), nullptr);
   listed->notify(0, 4);

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <cstdlib>
 #include <dirent.h>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -95,6 +97,7 @@ TEST(ThreadListener, RunsTheWorkOnceOnAThreadOfItsOwn) {
 }
 
 TEST(ThreadListener, KeepsAllBitsOfTheResult) {
+  const QuickTimer timer;
   for (const int result : {-2147483647 - 1, -1, 0, 1, 0x7F00, 2147483647}) {
     QuickRunnable runnable(result);
     const Reference<ThreadListener> listener = ThreadListener::instance(runnable);
@@ -160,6 +163,51 @@ TEST(ThreadListener, NotifyStoresTheResultAndOpensTheEvent) {
   EXPECT_FALSE(listener->semaphore().wait(0, CUL_Event_Semaphore::Seconds, false));
   EXPECT_EQ(listener->result(), 33);
   EXPECT_EQ(listener->threadId(), 0U);
+}
+
+// The starter is stopped right before it makes the thread.
+TEST(ThreadListener, NotifyWaitsForAStartThatIsUnderWay) {
+  QuickRunnable runnable(4);
+  const Reference<ThreadListener> listener = ThreadListener::instance(runnable);
+  EXPECT_TRUE(listener->semaphore().wait(0, CUL_Event_Semaphore::Seconds, false));
+  std::thread notifier;
+  {
+    const PosixMoment creation(PosixCall::create, [&listener, &notifier] {
+      std::atomic<pid_t> task = 0;
+      notifier = std::thread([&listener, &task] {
+        task = gettid();
+        listener->notify(0, 33);
+      });
+      waitUntilAsleep(task);
+      EXPECT_EQ(listener->result(), 0);
+    });
+    EXPECT_NE(listener->start(), 0U);
+  }
+  notifier.join();
+  EXPECT_TRUE(waitUntil([&listener] { return listener->referenceCount() == 1; }));
+  EXPECT_EQ(runnable.runs, 1);
+}
+
+// The timer does not look before the event is open.
+CUL_CHILD(NotifyDuringTheLook) {
+  const TimerInHand timer(1000000);
+  QuickRunnable runnable;
+  const Reference<ThreadListener> listener = ThreadListener::instance(runnable);
+  std::thread notifier;
+  {
+    const PosixMoment look(PosixCall::condWait, [&listener, &notifier] {
+      notifier = std::thread([&listener] { listener->notify(0, 33); });
+    });
+    EXPECT_EQ(listener->start(), 0U);
+  }
+  notifier.join();
+  EXPECT_EQ(listener->result(), 33);
+  EXPECT_EQ(runnable.runs, 0);
+}
+
+TEST(ThreadListener, MayBeNotifiedWhileStartLooksAtTheEvent) {
+  const ChildResult child = runChild("NotifyDuringTheLook");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
 TEST(ThreadListener, DoesNotStartARunThatCountsAsEnded) {
@@ -296,13 +344,15 @@ TEST(ThreadListener, GoesWithItsWorkerWhenItCouldNotBeStarted) {
   EXPECT_EQ(gone, 1);
 }
 
-// The starter is stopped after it has made the thread and before it has written down the
-// thread's id in the listener.
+// The starter is stopped after it has made the thread: before it has written down the thread's
+// id in the listener, and before it gives the listener's lock back.
 TEST(ThreadListener, WorkWaitsUntilItsThreadIdIsKnown) {
   std::atomic<pthread_t> known = 0;
   const Reference<ThreadListener>* listening = nullptr;
-  FunctionRunnable runnable([&known, &listening] {
+  UNIX_Event_Semaphore gate;
+  FunctionRunnable runnable([&known, &listening, &gate] {
     known = (*listening)->threadId();
+    gate.wait();
     return 0;
   });
   const Reference<ThreadListener> listener = ThreadListener::instance(runnable);
@@ -310,8 +360,10 @@ TEST(ThreadListener, WorkWaitsUntilItsThreadIdIsKnown) {
   EXPECT_TRUE(listener->semaphore().wait(0, CUL_Event_Semaphore::Seconds, false));
 
   std::set<pid_t> before;
+  std::atomic<pid_t> worker = 0;
   std::unique_ptr<PosixMoment> afterCreation;
   std::unique_ptr<PosixMoment> beforeIdIsKnown;
+  std::unique_ptr<PosixMoment> beforeLockIsFree;
   bool wasStopped = false;
   pthread_t id = 0;
   {
@@ -319,7 +371,6 @@ TEST(ThreadListener, WorkWaitsUntilItsThreadIdIsKnown) {
       before = tasks();
       afterCreation = std::make_unique<PosixMoment>(PosixCall::mutexUnlock, [&] {
         beforeIdIsKnown = std::make_unique<PosixMoment>(PosixCall::mutexUnlock, [&] {
-          std::atomic<pid_t> worker = 0;
           for (const pid_t task : tasks()) {
             if (before.count(task) == 0) {
               worker = task;
@@ -329,14 +380,21 @@ TEST(ThreadListener, WorkWaitsUntilItsThreadIdIsKnown) {
           waitUntilAsleep(worker);
           EXPECT_EQ(listener->threadId(), 0U);
           EXPECT_EQ(runnable.runs, 0);
-          wasStopped = true;
+          beforeLockIsFree = std::make_unique<PosixMoment>(PosixCall::mutexUnlock, [&] {
+            EXPECT_NE(listener->threadId(), 0U);
+            waitUntilAsleep(worker);
+            EXPECT_EQ(runnable.runs, 0);
+            wasStopped = true;
+          });
         });
       });
     });
     id = listener->start();
+    beforeLockIsFree.reset();
     beforeIdIsKnown.reset();
     afterCreation.reset();
   }
+  gate.post();
   listener->semaphore().wait();
   EXPECT_TRUE(wasStopped);
   EXPECT_NE(id, 0U);
@@ -344,6 +402,7 @@ TEST(ThreadListener, WorkWaitsUntilItsThreadIdIsKnown) {
 }
 
 TEST(ThreadListener, AThousandRunsThatEndAtOnceKnowTheirIds) {
+  const QuickTimer timer;
   static constexpr int starters = 50;
   static constexpr int runsEach = 20;
   std::atomic<int> gone = 0;
@@ -391,6 +450,25 @@ TEST(ThreadListener, AWorkerAskedToEndInItsWorkNeverTellsAndHoldsNoLock) {
     EXPECT_EQ(listener->result(), 9);
   }
   EXPECT_EQ(gone, 0);
+}
+
+TEST(ThreadListener, AWorkerAskedToEndAfterItsWorkTellsAllTheSame) {
+  class AskedToEnd : public ThreadListener {
+   public:
+    using ThreadListener::ThreadListener;
+    void notify(pthread_t id, int result) override {
+      EXPECT_EQ(pthread_kill(pthread_self(), SIGUSR2), 0);
+      // The request comes again and again meanwhile.
+      usleep(50000);
+      ThreadListener::notify(id, result);
+    }
+  };
+  QuickRunnable runnable(6);
+  const Reference<ThreadListener> listener(new AskedToEnd(runnable));
+  EXPECT_NE(listener->start(), 0U);
+  EXPECT_FALSE(listener->semaphore().wait(10, CUL_Event_Semaphore::Seconds, false));
+  EXPECT_EQ(listener->result(), 6);
+  EXPECT_TRUE(waitUntil([&listener] { return listener->referenceCount() == 1; }));
 }
 
 CUL_CHILD(WorkThatThrows) {

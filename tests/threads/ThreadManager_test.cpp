@@ -133,6 +133,34 @@ TEST(ThreadManager, TheEventOpensWithTheLastEndAndClosesWithTheNextStart) {
   manager.allEnded().wait();
 }
 
+TEST(ThreadManager, StartClosesTheEventBeforeItLooksAtTheTimer) {
+  ThreadManager manager;
+  EXPECT_FALSE(isOpen(manager.allEnded()));  // the timer is to be there already
+  manager.orphanThreads();
+  EXPECT_TRUE(isOpen(manager.allEnded()));
+  QuickRunnable runnable;
+  unsigned locks = 0;
+  bool wasOpen = true;
+  {
+    const BeforeLocks beforeLocks([&] {
+      const WorkerThread* worker = unstartedWorker();
+      // Held by its worker, the starter and the list.
+      if (worker == nullptr || worker->listener()->referenceCount() != 3) {
+        return false;
+      }
+      ++locks;
+      if (locks < 2) {
+        return false;  // the event's own
+      }
+      wasOpen = isOpen(manager.allEnded());
+      return true;
+    });
+    EXPECT_NE(manager.start(runnable), 0U);
+  }
+  EXPECT_FALSE(wasOpen);
+  manager.allEnded().wait();
+}
+
 TEST(ThreadManager, WorkMayUseItsManager) {
   ThreadManager manager;
   QuickRunnable inner;
@@ -407,6 +435,7 @@ TEST(ThreadManager, RunsOutliveTheirManager) {
 }
 
 TEST(ThreadManager, GoesWhileItsRunsAreEnding) {
+  const QuickTimer timer;
   static constexpr int testers = 10;
   static constexpr int rounds = 5;
   static constexpr int runs = 4;
@@ -441,6 +470,7 @@ TEST(ThreadManager, GoesWhileItsRunsAreEnding) {
 }
 
 TEST(ThreadManager, MayGoAsSoonAsItsRunsHaveEnded) {
+  const QuickTimer timer;
   static constexpr int testers = 20;
   static constexpr int rounds = 10;
   std::vector<std::thread> threads;
@@ -461,6 +491,7 @@ TEST(ThreadManager, MayGoAsSoonAsItsRunsHaveEnded) {
 }
 
 TEST(ThreadManager, AThousandRunsOnManyManagersAllEnd) {
+  const QuickTimer timer;
   static constexpr int managers = 50;
   static constexpr int runsEach = 20;
   std::atomic<int> runs = 0;
@@ -485,6 +516,7 @@ TEST(ThreadManager, AThousandRunsOnManyManagersAllEnd) {
 }
 
 TEST(ThreadManager, ManyThreadsStartOnOneManager) {
+  const QuickTimer timer;
   static constexpr int starters = 8;
   static constexpr int runsEach = 10;
   ThreadManager manager;

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <pthread.h>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -23,12 +25,18 @@ class Recorder : public ThreadListener {
     toldId = id;
     toldResult = result;
     toldOn = pthread_self();
+    if (const auto* worker = dynamic_cast<WorkerThread*>(StdThread::currentThread())) {
+      finished = worker->state() == WorkerThread::finished;
+      workersResult = worker->result();
+    }
     told.post();
   }
 
   std::atomic<pthread_t> toldId = 1;
   std::atomic<int> toldResult = 0;
   std::atomic<pthread_t> toldOn = 0;
+  std::atomic<bool> finished = false;
+  std::atomic<unsigned> workersResult = 0;
   UNIX_Event_Semaphore told;
 };
 
@@ -38,6 +46,13 @@ std::string nameOf(const StdThread& thread) {
 }
 
 }  // namespace
+
+TEST(WorkerThread, AndItsRunnableHaveOneOperationEach) {
+  EXPECT_EQ(virtualSlot(&Runnable::work), 0U);
+  EXPECT_EQ(sizeof(Runnable), sizeof(void*));
+  EXPECT_FALSE(std::has_virtual_destructor_v<Runnable>);
+  EXPECT_EQ(virtualSlot(&WorkerThread::run), 2U);
+}
 
 TEST(WorkerThread, IsNamedThrdListenerWithTheDefaultStack) {
   QuickRunnable runnable;
@@ -92,10 +107,16 @@ TEST(WorkerThread, PassesFromCreatedToRunningToFinished) {
 }
 
 TEST(WorkerThread, OnlyACreatedOneIsStarted) {
-  QuickRunnable runnable;
+  const WorkerThread* working = nullptr;
+  std::vector<WorkerThread::State> inWork;
+  FunctionRunnable runnable([&working, &inWork] {
+    inWork.push_back(working->state());
+    return 0;
+  });
   const Reference<ThreadListener> listener = ThreadListener::instance(runnable);
   WorkerThread* worker = unstartedWorker();
   ASSERT_NE(worker, nullptr);
+  working = worker;
   worker->run();
   EXPECT_EQ(worker->start(), 0U);
   listener->semaphore().reset();
@@ -103,7 +124,7 @@ TEST(WorkerThread, OnlyACreatedOneIsStarted) {
   EXPECT_EQ(listener->threadId(), 0U);
   worker->run();  // does the work again, but stays finished
   EXPECT_EQ(worker->state(), WorkerThread::finished);
-  EXPECT_EQ(runnable.runs, 2);
+  EXPECT_EQ(inWork, (std::vector{WorkerThread::running, WorkerThread::finished}));
 }
 
 TEST(WorkerThread, TellsItsListenerOnItsOwnThreadAndLetsItGo) {
@@ -114,6 +135,8 @@ TEST(WorkerThread, TellsItsListenerOnItsOwnThreadAndLetsItGo) {
   EXPECT_EQ(recorder->toldId, id);
   EXPECT_EQ(recorder->toldOn, id);
   EXPECT_EQ(recorder->toldResult, 71);
+  EXPECT_TRUE(recorder->finished);
+  EXPECT_EQ(recorder->workersResult, 71U);
   EXPECT_TRUE(waitUntil([&recorder] { return recorder->referenceCount() == 1; }));
   EXPECT_EQ(RunningThreads::instance().find(id), nullptr);
 }
