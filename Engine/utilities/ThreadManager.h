@@ -25,8 +25,13 @@ class ThreadManagerLink;
 /// \endcode
 /// The event allEnded() is closed when the manager is made and by each start(); it opens when
 /// the last handle leaves the list because its run has ended or could not start, and with
-/// orphanThreads(). Taking handles off by hand does not open it. A run whose thread is asked
-/// to end inside Runnable::work() never ends here: its handle stays listed.
+/// orphanThreads(). Whoever waits for a manager that never started anything waits for ever.
+/// Taking handles off by hand does not open it. A run whose thread is asked to end inside
+/// Runnable::work() never ends here: its handle stays listed.
+///
+/// **Ids.** The threads are detached, so the system gives the id of a thread that has ended
+/// to a later one. An id is good for the operations here while its handle is listed, and not
+/// for pthread_join() or pthread_kill().
 ///
 /// **Threads.** Every operation may be called on any thread. The manager has one recursive
 /// lock that each operation holds throughout; start() holds it also while it looks at the
@@ -57,6 +62,7 @@ class CUL_EXPORT ThreadManager {
   pthread_t start(Runnable& runnable);
 
   /// Lists a handle at the end.
+  /// \param handle not an empty reference.
   /// \return THREADMANAGER_FAILED when it is listed already.
   THREADMANAGER_RC append(Reference<ThreadHandle>& handle);
 
