@@ -220,6 +220,22 @@ TEST(List, LeavesItsMemoryInThePoolItIsGiven) {
   EXPECT_EQ(pool.first->used, 40U + 72U + 104U);
 }
 
+TEST(List, ReturnedByAFunctionGrowsInItsPoolAsBefore) {
+  Pool pool(10000, 100, "lists");
+  List<short> source(2, &pool, 3);
+  source.add(7);
+  source.add(8);
+  List<short> taken = [&source] { return std::move(source); }();
+  const auto used = pool.first->used;
+  taken.add(9);
+  EXPECT_EQ(itemsOf(taken), (std::vector<short>{7, 8, 9}));
+  EXPECT_EQ(taken.capacity(), 5U);
+  EXPECT_GT(pool.first->used, used);
+  // NOLINTNEXTLINE(bugprone-use-after-move): what is left is an empty list to go on with.
+  source.add(1);
+  EXPECT_EQ(source.capacity(), 3U);
+}
+
 TEST(List, HoldsPointersInAPool) {
   Pool pool(10000, 100, "pointers");
   const int numbers[20] = {};
