@@ -13,6 +13,7 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/EnvironmentGuard.h"
+#include "tests/support/LongFolder.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
@@ -204,22 +205,9 @@ TEST(SearchPath, GoesOnWithoutAWorkingDirectory) {
 
 namespace {
 
-// Enters new folders until the path of the working directory, `start` now, has so many
-// bytes.
-void enterFolders(const std::string& start, size_t length) {
-  for (size_t now = start.size(); now < length;) {
-    const size_t left = length - now - 1;
-    const size_t step = left <= 200 ? left : left <= 201 ? left - 2 : 200;
-    const std::string name(step, 'd');
-    ASSERT_EQ(mkdir(name.c_str(), 0755), 0);
-    ASSERT_EQ(chdir(name.c_str()), 0);
-    now += step + 1;
-  }
-}
-
 void searchFromLongPath(size_t length, bool isKnown) {
   const std::string start = childArguments().at(0);
-  enterFolders(start, length);
+  ASSERT_NO_FATAL_FAILURE(enterFolders(start, length));
   makeTool("tool");
   const std::string current = std::filesystem::current_path().string();
   ASSERT_EQ(current.size(), length);
