@@ -8,11 +8,12 @@
 /// The library is opened with all its symbols bound at once and visible to libraries loaded
 /// later, and is never closed, not even when it lacks the entry. Failures are reported on
 /// standard error, as the dynamic loader words them, because this serves programs that
-/// have nothing else as yet. Any thread may call.
+/// have nothing else as yet. An entry without an address is a failure too, one that the
+/// loader has no words for and this has. Any thread may call.
 
 /// Opens the library `path` and looks up `entry`.
 /// \param path  as for dlopen(): without a "/" it is searched for.
-/// \param error may be null. Set to an empty text, or on failure to the loader's, which is
+/// \param error may be null. Set to an empty text, or on failure to the text reported, which is
 ///   valid until the calling thread's next use of the dynamic loader.
 /// \return the entry's address; null on failure.
 CUL_EXPORT void* loadSharedEntry(const char* path, const char* entry, const char** error);

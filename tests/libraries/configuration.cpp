@@ -3,7 +3,7 @@
 #include "Engine/utilities/DebuggerConfiguration.h"
 
 // A configuration module of another build: its stamp comes from the environment. Without one
-// it has none, and it can be told to give no object at all.
+// it has none. It gives another object at each call, and can be told to give none at all.
 
 namespace {
 
@@ -19,6 +19,7 @@ class Configuration final : public DebuggerConfiguration {
 extern "C" CUL_EXPORT DebuggerConfiguration* configInstance();
 
 DebuggerConfiguration* configInstance() {
-  static Configuration configuration;
-  return std::getenv("MODULE_HAS_NO_OBJECT") != nullptr ? nullptr : &configuration;
+  static Configuration configurations[2];
+  static unsigned calls = 0;
+  return std::getenv("MODULE_HAS_NO_OBJECT") != nullptr ? nullptr : &configurations[calls++ % 2];
 }

@@ -101,6 +101,11 @@ TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleHasNoEntry) {
   EXPECT_THAT(r.err, EndsWith("/libwobnConfig.so: undefined symbol: configInstance\n"));
 }
 
+TEST(DebuggerConfiguration, EndsTheProcessWhenTheEntryOfTheModuleHasNoAddress) {
+  expectAbort(runWithModule(libraries + "/libconfigurationWithoutAddress.so"),
+              "libwobnConfig.so: configInstance is there, but has no address\n");
+}
+
 TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleGivesNoObject) {
   expectAbort(
       runWithForeignModule({{"MODULE_HAS_NO_OBJECT", ""}, {"MODULE_STAMP", stampOfTheLibrary()}}),
@@ -119,7 +124,7 @@ TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleHasNoStamp) {
   expectAbort(runWithForeignModule({}), refusalOf("(none)"));
 }
 
-TEST(DebuggerConfiguration, TakesAnyModuleWithTheStampOfTheLibrary) {
+TEST(DebuggerConfiguration, TakesAnyModuleWithTheStampOfTheLibraryAndKeepsItsObject) {
   const ChildResult r = runWithForeignModule({{"MODULE_STAMP", stampOfTheLibrary()}});
   EXPECT_EQ(r.status, 0);
   EXPECT_EQ(r.out, stampOfTheLibrary() + "\nOTHER\nsame\n");

@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <filesystem>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -15,6 +16,7 @@
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/TracedChild.h"
+#include "tests/threads/ThreadSupport.h"
 
 namespace {
 
@@ -293,8 +295,9 @@ TEST(Engine_Loader, TakesNamesOfAnyLength) {
 
 CUL_CHILD(LoadByForeignName) {
   const UNIX_Engine_Loader loader;
-  const std::string folderOfIt = childArguments().at(0);
-  EXPECT_NE(loader.get_korv_module(named(folderOfIt + "/\xC3\xA9")), nullptr);
+  const std::string module = childArguments().at(0) + "/\xC3\xA9";
+  EXPECT_NE(loader.get_korv_module(named(module)), nullptr);
+  EXPECT_EQ(loader.get_procedure_entry(named(module), encoded("\xC3\xA8")), nullptr);
 }
 
 TEST(Engine_Loader, GivesNamesToTheSystemInItsNativeCodePage) {
@@ -303,8 +306,11 @@ TEST(Engine_Loader, GivesNamesToTheSystemInItsNativeCodePage) {
   ChildOptions options;
   options.environment["QVX_DBG_CODEPAGE"] = "ISO8859-1";
   options.arguments = {copies.path()};
-  const ChildResult r = runChild("LoadByForeignName", options);
-  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  const TracedChildResult r = runTracedChild("LoadByForeignName", options);
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  const std::vector<std::string> lines = linesOfTheLoader(r.trace);
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[2], noEntry(copies.file("\xE9"), "\xE8"));
 }
 
 CUL_CHILD(LoadTheProgram) {
@@ -365,6 +371,32 @@ CUL_CHILD(FindInAbsentModule) {
 
 TEST(Engine_Loader, TracesNoEntryForAnAbsentModule) {
   EXPECT_EQ(tracedBy("FindInAbsentModule", folder), absence("absent", folder));
+}
+
+CUL_CHILD(EndWhileFindingAnEntryOfAModule) {
+  const UNIX_Engine_Loader loader;
+  runOnThread([&] {
+    static_cast<void>(
+        loader.get_procedure_entry(named("endsItsUser"), encoded("endsItsUserEntry")));
+    for (;;) {
+      pause();
+    }
+  });
+  // The dynamic loader is free for others, and the module is kept.
+  EXPECT_NE(loader.get_procedure_entry(named("entries"), encoded("entriesFunction")), nullptr);
+  EXPECT_NE(loader.get_korv_module(named("endsItsUser")), nullptr);
+}
+
+TEST(Engine_Loader, IsNotCutShortByARequestToEndTheThread) {
+  for (const char* moment : {"loaded", "looked up"}) {
+    const TracedChildResult r = runTracedChild(
+        "EndWhileFindingAnEntryOfAModule",
+        {.environment = {{"LD_LIBRARY_PATH", folder}, {"MODULE_ENDS_ITS_USER", moment}}});
+    EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+    EXPECT_THAT(linesOfTheLoader(r.trace),
+                ElementsAre(getModule(69, "Debugger engine module libendsItsUser.so loaded"),
+                            getModule(69, "Debugger engine module libentries.so loaded")));
+  }
 }
 
 // Made before main in the child case that asks for it.

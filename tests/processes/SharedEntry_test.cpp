@@ -3,10 +3,12 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <string>
+#include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include "tests/support/Child.h"
+#include "tests/threads/ThreadSupport.h"
 
 namespace {
 
@@ -123,13 +125,13 @@ TEST(loadSharedEntry, ReportsAMissingEntryAndLeavesTheLibraryOpen) {
 CUL_CHILD(NullEntry) {
   const char* error = unset;
   EXPECT_EQ(loadSharedEntry(entries.c_str(), "entriesNothing", &error), nullptr);
-  EXPECT_STREQ(error, "");
+  EXPECT_EQ(error, entries + ": entriesNothing is there, but has no address");
 }
 
-TEST(loadSharedEntry, ReportsAnEntryWithoutAnAddressThoughTheLoaderHasNoTextForIt) {
+TEST(loadSharedEntry, ReportsAnEntryWithoutAnAddressInWordsThatTheLoaderLacks) {
   const ChildResult child = runChild("NullEntry");
   EXPECT_EQ(child.status, 0) << child.out;
-  EXPECT_EQ(child.err, "\n");
+  EXPECT_EQ(child.err, entries + ": entriesNothing is there, but has no address\n");
 }
 
 CUL_CHILD(LibraryThatNeedsAnother) {
@@ -150,4 +152,23 @@ TEST(loadSharedEntry, BindsAllSymbolsAtOnceAndShowsThemToLibrariesLoadedLater) {
   const ChildResult child = runWithLibraries("LibraryThatNeedsAnother");
   EXPECT_EQ(child.status, 0) << child.out;
   EXPECT_EQ(child.err, folder + "/libneedsEntries.so: undefined symbol: entriesFunction\n");
+}
+
+CUL_CHILD(EndWhileFindingAnEntry) {
+  runOnThread([] {
+    static_cast<void>(loadSharedEntry("endsItsUser", "", "endsItsUserEntry", nullptr));
+    for (;;) {
+      pause();
+    }
+  });
+  // The dynamic loader is free for others.
+  EXPECT_NE(loadSharedEntry("entries", "", "entriesFunction", nullptr), nullptr);
+}
+
+TEST(loadSharedEntry, IsNotCutShortByARequestToEndTheThread) {
+  for (const char* moment : {"loaded", "looked up"}) {
+    expectSuccess(
+        runChild("EndWhileFindingAnEntry",
+                 {.environment = {{"LD_LIBRARY_PATH", folder}, {"MODULE_ENDS_ITS_USER", moment}}}));
+  }
 }

@@ -4,13 +4,18 @@
 #include <dlfcn.h>
 #include <string>
 
+#include "Engine/utilities/UNIX/HoldRequests.h"
+
 namespace {
 
-void* fail(const char** error) {
+void* fail(const char* path, const char* entry, const char** error) {
   const char* text = dlerror();
   if (text == nullptr) {
-    // The entry is there, but its address is null.
-    text = "";
+    // No failure for the loader. The words live as long as its own would.
+    static thread_local std::string noAddress;
+    noAddress = std::string(path == nullptr ? "this program" : path) + ": " + entry +
+                " is there, but has no address";
+    text = noAddress.c_str();
   }
   std::fprintf(stderr, "%s\n", text);
   if (error != nullptr) {
@@ -25,12 +30,14 @@ void* loadSharedEntry(const char* path, const char* entry, const char** error) {
   if (error != nullptr) {
     *error = "";
   }
+  // A thread that ended within the loader would leave it locked for all others.
+  const HoldRequests hold;
   void* library = dlopen(path, RTLD_NOW | RTLD_GLOBAL);
   if (library == nullptr) {
-    return fail(error);
+    return fail(path, entry, error);
   }
   void* address = dlsym(library, entry);
-  return address != nullptr ? address : fail(error);
+  return address != nullptr ? address : fail(path, entry, error);
 }
 
 void* loadSharedEntry(const char* name, const char* /*member*/, const char* entry,
