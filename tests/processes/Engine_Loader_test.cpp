@@ -13,6 +13,7 @@
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/UNIX/UNIX_Engine_Loader.h"
 
+#include "tests/processes/AbortedProcess.h"
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/TracedChild.h"
@@ -391,7 +392,8 @@ TEST(Engine_Loader, IsNotCutShortByARequestToEndTheThread) {
   for (const char* moment : {"loaded", "looked up"}) {
     const TracedChildResult r = runTracedChild(
         "EndWhileFindingAnEntryOfAModule",
-        {.environment = {{"LD_LIBRARY_PATH", folder}, {"MODULE_ENDS_ITS_USER", moment}}});
+        endingInHandlerWith(
+            {.environment = {{"LD_LIBRARY_PATH", folder}, {"MODULE_ENDS_ITS_USER", moment}}}));
     EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
     EXPECT_THAT(linesOfTheLoader(r.trace),
                 ElementsAre(getModule(69, "Debugger engine module libendsItsUser.so loaded"),

@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/processes/AbortedProcess.h"
 #include "tests/support/Child.h"
 #include "tests/threads/ThreadSupport.h"
 
@@ -167,8 +168,9 @@ CUL_CHILD(EndWhileFindingAnEntry) {
 
 TEST(loadSharedEntry, IsNotCutShortByARequestToEndTheThread) {
   for (const char* moment : {"loaded", "looked up"}) {
-    expectSuccess(
-        runChild("EndWhileFindingAnEntry",
-                 {.environment = {{"LD_LIBRARY_PATH", folder}, {"MODULE_ENDS_ITS_USER", moment}}}));
+    expectSuccess(runChild(
+        "EndWhileFindingAnEntry",
+        endingInHandlerWith(
+            {.environment = {{"LD_LIBRARY_PATH", folder}, {"MODULE_ENDS_ITS_USER", moment}}})));
   }
 }
