@@ -305,20 +305,6 @@ TEST(EngineHostConsole, HangsUpOnTheProgramWhenTheUsersTerminalDoes) {
   EXPECT_TRUE(waitUntil([&] { return contentsOf(file) == "hangup\n"; }));
 }
 
-TEST(EngineHostConsole, NoticesThatATerminalHangsUpThatDoesNotControlItWhileMuchIsTyped) {
-  const TemporaryFolder folder;
-  const std::string file = folder.file("left");
-  Terminal terminal;
-  terminal.startProgram({"/usr/bin/setsid", "-w", host, "--", "sh", "-c",
-                         "stty raw -echo; trap 'echo hangup >" + file +
-                             "; exit' HUP; echo ready; while :; do sleep 0.05; done"});
-  terminal.readUntil("ready");
-  // More than the console holds, less than the console and the terminal do together.
-  terminal.type(std::string(28'000, 'x'));
-  terminal.hangUp();
-  EXPECT_TRUE(waitUntil([&] { return contentsOf(file) == "hangup\n"; }));
-}
-
 TEST(EngineHostConsole, HangsUpOnAProgramInAPipelineWhenTheHostAloneIsTold) {
   // The system tells the leader of the session only.
   const int null = open("/dev/null", O_RDONLY | O_CLOEXEC);
