@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 #include <nlohmann/json.hpp>
 #include <numeric>
 #include <string>
@@ -13,6 +14,8 @@
 #include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/DebuggerStringSetting.h"
 #include "Engine/utilities/SettingNames.h"
+
+#include "Statuses.h"
 
 namespace {
 
@@ -249,8 +252,14 @@ void printJson(const std::vector<Row>& rows, const std::vector<Stranger>& unknow
 
 }  // namespace
 
-void listSettings(ListingForm form) {
+int settingsCommand(std::span<char* const> arguments) {
+  const bool asJson = arguments.size() == 1 && std::strcmp(arguments[0], "--json") == 0;
+  if (!arguments.empty() && !asJson) {
+    std::fprintf(stderr, "enginehost: -settings takes nothing but --json\n");
+    return statusUsage;
+  }
   const std::vector<Row> rows = allRows();
   const std::vector<Stranger> unknown = strangers(rows);
-  form == ListingForm::json ? printJson(rows, unknown) : printForPeople(rows, unknown);
+  asJson ? printJson(rows, unknown) : printForPeople(rows, unknown);
+  return 0;
 }

@@ -11,6 +11,8 @@
 #include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/SettingNames.h"
 
+#include "Commands.h"
+
 namespace {
 
 constexpr const char* shortUsage = "usage: enginehost [options] [--] program [argument...]\n";
@@ -63,7 +65,9 @@ void printShortUsage() { std::fputs(shortUsage, stderr); }
 
 void printUsage() {
   std::printf("%s", shortUsage);
-  std::puts("       enginehost -settings [--json]");
+  for (const Command& command : commands()) {
+    std::printf("       enginehost %s %s\n", command.name, command.arguments);
+  }
   std::puts("Runs a program, on a console of its own when called at a terminal.\n");
   std::puts("Options, each with its shortest form:");
   const std::span<const Option> options = DebuggerParameters::options();

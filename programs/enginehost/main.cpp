@@ -16,20 +16,15 @@
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/UNIX_Engine_Loader.h"
 
+#include "Commands.h"
 #include "ConsoleSession.h"
 #include "Debuggee.h"
 #include "HostEvents.h"
-#include "SettingsListing.h"
+#include "Statuses.h"
 #include "Usage.h"
 #include "UserTerminal.h"
 
 namespace {
-
-// Exit statuses of the host's own, as shells use them.
-constexpr int statusUsage = 2;
-constexpr int statusHostFailed = 125;
-constexpr int statusNotStarted = 126;
-constexpr int statusNotFound = 127;
 
 // A descriptor opened later must not take the place of a standard stream.
 void openMissingStandardStreams() {
@@ -167,19 +162,6 @@ char** commandIn(const DebuggerParameters& parameters, int argc, char** argv) {
   return nullptr;
 }
 
-// "enginehost -settings" is a command of the host: no option and no program's name.
-bool isListing(int argc, char** argv) { return argc > 1 && std::strcmp(argv[1], "-settings") == 0; }
-
-int list(int argc, char** argv) {
-  const bool asJson = argc == 3 && std::strcmp(argv[2], "--json") == 0;
-  if (argc > 2 && !asJson) {
-    std::fprintf(stderr, "enginehost: -settings takes nothing but --json\n");
-    return statusUsage;
-  }
-  listSettings(asJson ? ListingForm::json : ListingForm::forPeople);
-  return 0;
-}
-
 // The parts of a debugger process, in their order: parameters, settings, trace, modules, and
 // then the program to be debugged.
 int start(int argc, char** argv) {
@@ -203,7 +185,8 @@ int start(int argc, char** argv) {
 int main(int argc, char** argv) {
   openMissingStandardStreams();
   try {
-    return isListing(argc, argv) ? list(argc, argv) : start(argc, argv);
+    const Command* const command = argc > 1 ? findCommand(argv[1]) : nullptr;
+    return command != nullptr ? command->run({argv + 2, argv + argc}) : start(argc, argv);
   } catch (const StdException& e) {
     const char* const reason = e.text;
     const char* const place = e.fileName;

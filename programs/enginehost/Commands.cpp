@@ -1,0 +1,23 @@
+#include "Commands.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "SettingsListing.h"
+
+namespace {
+
+constexpr Command table[] = {
+    {"-settings", "[--json]", settingsCommand},
+};
+
+}  // namespace
+
+std::span<const Command> commands() { return table; }
+
+const Command* findCommand(const char* name) {
+  const auto found = std::find_if(std::begin(table), std::end(table), [&](const Command& command) {
+    return std::strcmp(command.name, name) == 0;
+  });
+  return found != std::end(table) ? found : nullptr;
+}
