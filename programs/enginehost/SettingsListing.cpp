@@ -15,6 +15,7 @@
 #include "Engine/utilities/DebuggerStringSetting.h"
 #include "Engine/utilities/SettingNames.h"
 
+#include "Printable.h"
 #include "Statuses.h"
 
 namespace {
@@ -159,23 +160,6 @@ std::vector<Stranger> strangers(const std::vector<Row>& rows) {
                                           });
     if (*nearest != name) {
       result.push_back({std::string(whole), prefix() + *nearest});
-    }
-  }
-  return result;
-}
-
-// Values come from the environment: what would upset a terminal or the columns is shown in
-// hexadecimal.
-std::string printable(std::string_view text) {
-  std::string result;
-  for (const char c : text) {
-    const unsigned code = static_cast<unsigned char>(c);
-    if (code < 0x20 || code == 0x7F) {
-      char escape[8];
-      std::snprintf(escape, sizeof escape, "\\x%02X", code);
-      result += escape;
-    } else {
-      result += c;
     }
   }
   return result;

@@ -1,0 +1,11 @@
+#pragma once
+
+/// \file
+/// How the host shows texts that others wrote.
+
+#include <string>
+#include <string_view>
+
+/// The text with each control character in hexadecimal, as in "\x1B", so that nothing in it can
+/// upset a terminal or a table. Bytes above 0x7F stay as they are.
+std::string printable(std::string_view text);
