@@ -1,0 +1,81 @@
+#include "Engine/utilities/msgserv/LibraryMessageServer.h"
+
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "Engine/utilities/ASCII.h"
+#include "Engine/utilities/AssertionFail.h"
+#include "Engine/utilities/SharedEntry.h"
+#include "Engine/utilities/Texts.h"
+#include "Engine/utilities/TraceFlags.h"
+
+namespace {
+
+constexpr const char* file = "Engine/utilities/msgserv/LibraryMessageServer";
+constexpr const char* constructorText =
+    "LibraryMessageServer::LibraryMessageServer(const ByteString&, const char*)";
+
+using LanguageSetter = int (*)(const char*);
+
+constexpr const char* locales[] = {"en_US", "de_DE", "es_ES", "fr_FR", "it_IT",
+                                   "ja_JP", "ko_KR", "pt_BR", "zh_TW", "zh_CN"};
+
+// Taken only when asked for in full, and for Hong Kong on purpose.
+constexpr std::string_view taiwan = "zh_TW";
+constexpr std::string_view hongKong = "zh_HK";
+
+constexpr std::size_t languageSize = 2;
+
+const char* chooseLocale(const char* requested) {
+  std::string name = requested == nullptr ? "" : requested;
+  if (name.size() < languageSize) {
+    return locales[0];
+  }
+  for (std::size_t i = 0; i < languageSize; ++i) {
+    name[i] = static_cast<char>(ASCII::toLower(static_cast<unsigned char>(name[i])));
+  }
+  for (const std::string_view locale : locales) {
+    const bool isLanguage = name.compare(0, languageSize, locale, 0, languageSize) == 0;
+    if (isLanguage &&
+        (locale != taiwan || name.starts_with(taiwan) || name.starts_with(hongKong))) {
+      return locale.data();
+    }
+  }
+  return locales[0];
+}
+
+void* catalogEntry(const ByteString& catalog, const char* entry) {
+  return loadSharedEntry(charsOf(catalog), "libkdebug.a", entry, nullptr);
+}
+
+}  // namespace
+
+LibraryMessageServer::LibraryMessageServer(const ByteString& catalog, const char* language) {
+  const auto setMessageLanguage =
+      reinterpret_cast<LanguageSetter>(catalogEntry(catalog, "setMessageLang"));
+  AssertionFail(setMessageLanguage != nullptr ? 1 : 0, file, constructorText, __LINE__,
+                "!!setMessageLanguage");
+  const char* const locale = language == nullptr ? getMessageLocale() : chooseLocale(language);
+  const bool isSet = setMessageLanguage != nullptr && setMessageLanguage(locale) != 0;
+  CUL_TRACE(TraceType::active, constructorText, __LINE__,
+            "catalog=%s; requested=%s, actual=%s; success=%d", charsOf(catalog),
+            language == nullptr ? "NULL" : language, locale, isSet ? 1 : 0);
+  messageRetriever = reinterpret_cast<MessageRetriever>(catalogEntry(catalog, "getMessage"));
+  AssertionFail(messageRetriever != nullptr ? 1 : 0, file, constructorText, __LINE__,
+                "!!_messageRetriever");
+}
+
+const char* LibraryMessageServer::find(int a, int b) const {
+  return messageRetriever == nullptr ? nullptr : messageRetriever(a, b);
+}
+
+EncodedString LibraryMessageServer::getMessage(int a, int b) const {
+  return {find(a, b), EncodedString::utf8};
+}
+
+ByteString LibraryMessageServer::getRawMessage(int a, int b) const {
+  return ByteString(find(a, b));
+}
+
+const char* LibraryMessageServer::getMessageLocale() { return chooseLocale(std::getenv("LANG")); }
