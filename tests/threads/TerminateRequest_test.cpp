@@ -9,6 +9,7 @@
 #include <optional>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -339,6 +340,32 @@ TEST(TerminateRequest, CannotEndTheProcessRightAfterTheStart) {
     EXPECT_EQ(termination.wait(0), 0);
   }
   useTheLibrary();
+}
+
+CUL_CHILD(RequestsRightAfterTheStartInsideAGuard) {
+  // On one processor the new thread runs when this one waits, so the request comes first.
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(sched_getcpu(), &one);
+  EXPECT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+  const StdThread::BlockTermination block;
+  for (int i = 0; i < 100; ++i) {
+    StdThread::Termination termination;
+    const auto sleep = [] {
+      for (;;) {
+        usleep(1000);
+      }
+    };
+    EXPECT_EQ(startThread(sleep, &termination)->requestTerminate(), 0);
+    EXPECT_EQ(termination.wait(0), 0);
+  }
+}
+
+TEST(TerminateRequest, RightAfterTheStartIsNotTakenForARequestToTheStarter) {
+  ChildOptions options;
+  options.limitInSeconds = 30;
+  const ChildResult child = runChild("RequestsRightAfterTheStartInsideAGuard", options);
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
 TEST(TerminateRequest, WaitsUntilANoexceptFunctionIsLeft) {

@@ -116,6 +116,11 @@ pthread_t StdThreadRun::start(StdThread* thread) {
     pthread_attr_setstacksize(attributes.get(), thread->stackSize_);
   }
   pthread_attr_setscope(attributes.get(), PTHREAD_SCOPE_SYSTEM);
+  // A request that is there before the entry function has said whose thread it runs on would
+  // be taken for one to "main". The entry function unblocks all signals.
+  sigset_t all;
+  sigfillset(&all);
+  pthread_attr_setsigmask_np(attributes.get(), &all);
   if (thread->termination_ == nullptr) {
     pthread_attr_setdetachstate(attributes.get(), PTHREAD_CREATE_DETACHED);
   }
