@@ -117,7 +117,8 @@ class CUL_EXPORT StdThread {
   ///   unstarted.
   void start_thread(unsigned int stackSize);
 
-  /// Asks the thread to end.
+  /// Asks the thread to end. What answers is installed by the first start of a thread: before
+  /// that, asking "main" ends the process.
   /// \return the result of pthread_kill(); ESRCH when the thread is not started or has
   ///   ended by a request.
   int requestTerminate() const;
@@ -133,6 +134,9 @@ class CUL_EXPORT StdThread {
 
   /// Disarms the recovery point.
   void clearjmp() noexcept { recoveryArmed_ = 0; }
+
+  /// Whether longjmp() would resume at the recovery point.
+  [[nodiscard]] bool isRecoveryArmed() const noexcept { return recoveryArmed_ != 0; }
 
   /// The object's named slot, made with the value null when absent.
   /// \param key compared as a whole.

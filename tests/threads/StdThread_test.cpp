@@ -418,10 +418,13 @@ TEST(StdThread_Slots, BelongToTheThreadObject) {
 
 TEST(StdThread_Recovery, LongjmpReturnsWhenNothingIsArmed) {
   IdleThread thread;
+  EXPECT_FALSE(thread.isRecoveryArmed());
   thread.longjmp(1, 0);
   volatile int passes = 0;
   if (thread._setjmp() == 0) {
+    EXPECT_TRUE(thread.isRecoveryArmed());
     thread.clearjmp();
+    EXPECT_FALSE(thread.isRecoveryArmed());
     thread.longjmp(1, 0);
     passes = passes + 1;
   } else {
@@ -458,6 +461,7 @@ TEST(StdThread_Recovery, StaysArmedWhenAskedTo) {
   volatile int jumps = 0;
   const int value = thread._setjmp();
   EXPECT_EQ(value, jumps);
+  EXPECT_EQ(thread.isRecoveryArmed(), jumps < 5);
   if (jumps < 5) {
     jumps = jumps + 1;
     thread.longjmp(jumps, jumps < 5 ? 7 : 0);

@@ -443,6 +443,24 @@ TEST(CUL_SignalHandler, LeavesARecoveredThreadThatCanBeAskedToEnd) {
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
+CUL_CHILD(SecondSigtermWhileTheFirstIsHandled) {
+  std::atexit([] { std::printf("ended in order"); });
+  // As while the handler of a first signal runs.
+  sigset_t term;
+  sigemptyset(&term);
+  sigaddset(&term, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &term, nullptr);
+  raise(SIGTERM);
+  siginfo_t info = {};
+  CUL_SignalHandler(SIGTERM, &info, nullptr);
+}
+
+TEST(CUL_SignalHandler, KeepsASecondSignalOffWhileTheProcessEnds) {
+  const ChildResult child = untracedChild("SecondSigtermWhileTheFirstIsHandled");
+  EXPECT_EQ(child.status, 99) << child.err;
+  EXPECT_EQ(child.out, "ended in order");
+}
+
 CUL_CHILD(RecoverOnlyOwnThread) {
   static_cast<void>(StdThread::thread1());
   StdThread::Termination termination;

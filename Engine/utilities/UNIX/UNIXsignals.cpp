@@ -69,7 +69,10 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
   StdThread* thread = StdThread::currentThread();
   if (thread != nullptr) {
     CUL_TRACE(TraceType::error, sourceFile, 71, "Attempting longjmp recovery");
-    unblock(signal, context);
+    // Without a recovery a second signal must not disturb the end of the process.
+    if (thread->isRecoveryArmed()) {
+      unblock(signal, context);
+    }
     thread->longjmp(signal, 0);
     CUL_TRACE(TraceType::error, sourceFile, 73, "No recovery possible");
   } else {
