@@ -25,6 +25,12 @@ class OwningList {
   /// Makes room for `n` more objects at once.
   void reserve(unsigned int n) { objects_.extend(n); }
 
+  /// Takes an object off the list, then deletes it.
+  void removeAt(unsigned int index) {
+    const std::unique_ptr<T> object(objects_[index]);
+    objects_.removeAt(index);
+  }
+
   /// Deletes all objects.
   void removeAll() noexcept {
     for (T* object : objects_) {

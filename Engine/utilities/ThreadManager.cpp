@@ -57,9 +57,7 @@ ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>& h
   if (findThread(handle) >= 0) {
     return THREADMANAGER_FAILED;
   }
-  auto holder = std::make_unique<Reference<ThreadHandle>>(handle);
-  handles_.add(holder.get());
-  static_cast<void>(holder.release());  // now the list's
+  handles_.add(std::make_unique<Reference<ThreadHandle>>(handle));
   return THREADMANAGER_OK;
 }
 
@@ -79,7 +77,7 @@ ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t id) {
   if (index < 0) {
     return THREADMANAGER_FAILED;
   }
-  ThreadHandle& handle = **handles_[static_cast<unsigned int>(index)];
+  ThreadHandle& handle = *handles_[static_cast<unsigned int>(index)];
   if (handle.semaphore().wait(0, CUL_Event_Semaphore::Seconds, false)) {
     handle.setManager(nullptr);
   }
@@ -93,7 +91,6 @@ ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int index) {
   if (index >= handles_.count()) {
     return THREADMANAGER_FAILED;
   }
-  const std::unique_ptr<Reference<ThreadHandle>> holder(handles_[index]);
   handles_.removeAt(index);
   return THREADMANAGER_OK;
 }
@@ -109,7 +106,7 @@ int ThreadManager::findThread(Reference<ThreadHandle>& handle) {
   const HoldRequests hold;
   const LockGuard guard(lock_, "int ThreadManager::findThread(Reference<ThreadHandle>&)", 124);
   for (unsigned int i = 0; i < handles_.count(); ++i) {
-    if (*handles_[i] == handle) {
+    if (handles_[i] == handle) {
       return static_cast<int>(i);
     }
   }
@@ -120,7 +117,7 @@ int ThreadManager::findThread(pthread_t id) const {
   const HoldRequests hold;
   const LockGuard guard(lock_, "int ThreadManager::findThread(pthread_t) const", 104);
   for (unsigned int i = 0; i < handles_.count(); ++i) {
-    if ((*handles_[i])->threadId() == id) {
+    if (handles_[i]->threadId() == id) {
       return static_cast<int>(i);
     }
   }
@@ -137,14 +134,14 @@ const Reference<ThreadListener> ThreadManager::getThread(pthread_t id) const {
   if (index < 0) {
     throw StdException(function, 80, "Thread not found.", -1);
   }
-  return *handles_[static_cast<unsigned int>(index)];
+  return handles_[static_cast<unsigned int>(index)];
 }
 
 List<unsigned long> ThreadManager::getThreadIds() {
   const HoldRequests hold;
   const LockGuard guard(lock_, "List<long unsigned int> ThreadManager::getThreadIds()", 46);
   List<unsigned long> ids;
-  for (const Reference<ThreadHandle>* holder : handles_) {
+  for (const Reference<ThreadHandle>* holder : handles_.list()) {
     ids.add((*holder)->threadId());
   }
   return ids;
@@ -153,15 +150,15 @@ List<unsigned long> ThreadManager::getThreadIds() {
 void ThreadManager::orphanThreads() {
   const HoldRequests hold;
   const LockGuard guard(lock_, "void ThreadManager::orphanThreads()", 86);
-  while (!handles_.isEmpty()) {
-    Reference<ThreadHandle> handle = *handles_[0];
+  while (handles_.count() != 0) {
+    Reference<ThreadHandle> handle = handles_[0];
     remove(handle);
   }
   allEnded_.post();
 }
 
 void ThreadManager::postIfEmpty() {
-  if (handles_.isEmpty()) {
+  if (handles_.count() == 0) {
     allEnded_.post();
   }
 }

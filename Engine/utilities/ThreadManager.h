@@ -4,6 +4,7 @@
 
 #include "Engine/utilities/Export.h"
 #include "Engine/utilities/List.h"
+#include "Engine/utilities/OwningList.h"
 #include "Engine/utilities/Reference.h"
 #include "Engine/utilities/Runnable.h"
 #include "Engine/utilities/ThreadHandle.h"
@@ -113,7 +114,7 @@ class CUL_EXPORT ThreadManager {
 
   void postIfEmpty();
 
-  List<Reference<ThreadHandle>*> handles_;  // holders, owned
+  OwningList<Reference<ThreadHandle>> handles_;
   UNIX_Event_Semaphore allEnded_;
   mutable UNIX_Critical_Section lock_;  // guards everything
   Reference<ThreadManagerLink> link_;   // how handles find the manager

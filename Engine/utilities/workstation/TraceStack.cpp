@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Engine/utilities/SharedEntry.h"
+#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/TraceImplementation.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
@@ -153,11 +154,10 @@ void TraceStack::print(unsigned line, const char* text) const {
 
 void TraceStack::printFrame(const FRAME& frame) {
   const ByteString location = sourceLoc(frame.address);
-  const unsigned char* text = location;
   char line[4 * textSize];
   if (location.length() != 0) {
     std::snprintf(line, sizeof line, "0x%*.*lx (%s)", addressDigits, addressDigits, frame.address,
-                  reinterpret_cast<const char*>(text));
+                  charsOf(location));
   } else {
     std::snprintf(line, sizeof line, "0x%*.*lx ", addressDigits, addressDigits, frame.address);
   }
