@@ -1,0 +1,571 @@
+#include "Engine/utilities/ProcessTable.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <thread>
+#include <type_traits>
+#include <unistd.h>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "Engine/utilities/TraceFlags.h"
+
+#include "tests/processes/FailingCall.h"
+#include "tests/processes/PlayedFolder.h"
+#include "tests/support/ChildMain.h"
+#include "tests/support/TracedChild.h"
+#include "tests/support/WaitUntil.h"
+
+// Whether the stream that was opened last is closed when a program is started.
+static std::atomic<bool> isLastStreamClosedOnExec = false;
+
+extern "C" FILE* fopen(const char* path, const char* mode) {
+  static auto* const real =
+      reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
+  FILE* const stream = real(path, mode);
+  if (stream != nullptr && std::strncmp(path, "/proc/", 6) == 0) {
+    isLastStreamClosedOnExec = (fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC) != 0;
+  }
+  return stream;
+}
+
+namespace {
+
+using namespace std::string_view_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+const std::string getprocs = "int getprocs64(";
+const std::string getargsText = "int getargs(";
+
+// A started program that waits until it is told to end.
+class Waiting {
+ public:
+  // `arguments` are the last ones of a shell that waits for its input to end.
+  explicit Waiting(std::vector<std::string> arguments) {
+    int gate[2];
+    int ready[2];
+    EXPECT_EQ(pipe2(gate, O_CLOEXEC), 0);
+    EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
+    arguments.insert(arguments.begin(), {"waiter", "-c", "read -r line || :", "name"});
+    std::vector<char*> words = pointersTo(arguments);
+    id_ = fork();
+    if (id_ == 0) {
+      dup2(gate[0], STDIN_FILENO);
+      execv("/bin/sh", words.data());
+      _exit(127);
+    }
+    close(gate[0]);
+    close(ready[1]);
+    // The other end is closed when the program has started.
+    char byte;
+    EXPECT_EQ(read(ready[0], &byte, 1), 0);
+    close(ready[0]);
+    gate_ = gate[1];
+    for (const std::string& argument : arguments) {
+      list_.append(argument).push_back('\0');
+    }
+  }
+  Waiting(const Waiting&) = delete;
+  Waiting& operator=(const Waiting&) = delete;
+  ~Waiting() {
+    close(gate_);
+    if (!isReaped_) {
+      reap();
+    }
+  }
+
+  pid_t id() const { return id_; }
+
+  // All arguments, each with its zero byte.
+  const std::string& list() const { return list_; }
+
+  // Ends it and waits until it is a zombie.
+  void end() {
+    kill(id_, SIGKILL);
+    siginfo_t info;
+    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(id_), &info, WEXITED | WNOWAIT), 0);
+  }
+
+  void reap() {
+    EXPECT_EQ(waitpid(id_, nullptr, 0), id_);
+    isReaped_ = true;
+  }
+
+ private:
+  pid_t id_ = 0;
+  int gate_ = -1;
+  bool isReaped_ = false;
+  std::string list_;
+};
+
+std::set<pid_t> processesInFolder() {
+  std::set<pid_t> result;
+  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+    const std::string name = entry.path().filename();
+    if (name.find_first_not_of("0123456789") == std::string::npos) {
+      result.insert(std::stoi(name));
+    }
+  }
+  return result;
+}
+
+std::vector<pid_t> walkFrom(pid_t index, std::size_t most = SIZE_MAX) {
+  std::vector<pid_t> result;
+  procentry64 entry;
+  while (result.size() < most && getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1) == 1) {
+    result.push_back(entry.processId);
+  }
+  return result;
+}
+
+// A call of getargs() with bytes behind the buffer that must stay.
+struct Arguments {
+  int result;
+  std::string bytes;  // up to `length`
+  bool keptWhatIsBehind;
+};
+
+Arguments argumentsOf(pid_t process, int length) {
+  constexpr std::size_t behind = 16;
+  const auto size = static_cast<std::size_t>(length);
+  std::vector<char> buffer(size + behind, '~');
+  procentry64 entry = {process};
+  const int result = getargs(&entry, sizeof entry, buffer.data(), length);
+  const auto end = buffer.begin() + length;
+  const bool isKept = std::all_of(end, buffer.end(), [](char c) { return c == '~'; });
+  return {result, std::string(buffer.begin(), end), isKept};
+}
+
+// What a buffer of `length` holds after these bytes and a zero byte were stored.
+std::string filled(std::string bytes, std::size_t length) {
+  bytes.push_back('\0');
+  bytes.resize(length, '~');
+  return bytes;
+}
+
+int lowestFreeDescriptor() {
+  const int fd = dup(0);
+  close(fd);
+  return fd;
+}
+
+// --- The walk ---
+
+TEST(ProcessTable, HasItsFunctionsUnderPlainNames) {
+  EXPECT_EQ(dlsym(RTLD_DEFAULT, "getprocs64"), reinterpret_cast<void*>(&getprocs64));
+  EXPECT_EQ(dlsym(RTLD_DEFAULT, "getargs"), reinterpret_cast<void*>(&getargs));
+}
+
+TEST(ProcessTable, HoldsTheIdentifierInFirstPlaceWith32Bits) {
+  static_assert(std::is_standard_layout_v<procentry64>);
+  static_assert(std::is_same_v<decltype(procentry64::processId), pid_t> && sizeof(pid_t) == 4);
+  EXPECT_EQ(offsetof(procentry64, processId), 0U);
+}
+
+TEST(ProcessTable, WalkFindsEveryProcessOfTheMachine) {
+  const Waiting first({});
+  const Waiting second({});
+  // Others start and end meanwhile, and a walk stops at one that has ended: an undisturbed one
+  // comes soon.
+  std::set<pid_t> found;
+  EXPECT_TRUE(waitUntil([&] {
+    const std::set<pid_t> before = processesInFolder();
+    const std::vector<pid_t> walk = walkFrom(0);
+    const std::set<pid_t> after = processesInFolder();
+    found = {walk.begin(), walk.end()};
+    return before == after && found == after && walk.size() == after.size();
+  }));
+  EXPECT_TRUE(found.contains(getpid()));
+  EXPECT_TRUE(found.contains(first.id()));
+  EXPECT_TRUE(found.contains(second.id()));
+}
+
+TEST(ProcessTable, WalkHasTheProcessesInTheOrderOfTheFolder) {
+  const PlayedFolder folder("/proc", {".", "..", "self", "70", "7", "3000", "12"});
+  EXPECT_THAT(walkFrom(0), ElementsAre(70, 7, 3000, 12));
+}
+
+TEST(ProcessTable, IndexZeroFindsTheFirstProcessAndGoesToTheNext) {
+  const PlayedFolder folder("/proc", {"fs", "uptime", "5", "9", "11"});
+  procentry64 entry;
+  pid_t index = 0;
+  ASSERT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), 1);
+  EXPECT_EQ(entry.processId, 5);
+  EXPECT_EQ(index, 9);
+  EXPECT_EQ(folder.opened(), 1U);
+  EXPECT_EQ(folder.closed(), 1U);
+}
+
+TEST(ProcessTable, IndexBehindTheLastProcessIsItsIdentifierPlusOne) {
+  const PlayedFolder folder("/proc", {"5", "9"});
+  procentry64 entry;
+  pid_t index = 9;
+  ASSERT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), 1);
+  EXPECT_EQ(entry.processId, 9);
+  EXPECT_EQ(index, 10);
+  EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), -1);
+  EXPECT_EQ(index, 10);
+  EXPECT_EQ(entry.processId, 9);
+  EXPECT_EQ(folder.closed(), 2U);
+}
+
+TEST(ProcessTable, WalkEndsEarlyWhereSomethingElseFollowsAProcess) {
+  const PlayedFolder folder("/proc", {"5", "9", "self", "11", "12"});
+  EXPECT_THAT(walkFrom(0), ElementsAre(5, 9));
+  EXPECT_THAT(walkFrom(11), ElementsAre(11, 12));
+}
+
+TEST(ProcessTable, WalkGoesOnWhenTheIdentifierPlusOneIsAProcessFurtherBehind) {
+  const PlayedFolder folder("/proc", {"5", "self", "6", "8"});
+  EXPECT_THAT(walkFrom(0), ElementsAre(5, 6, 8));
+}
+
+TEST(ProcessTable, WalkCanStartAtAnyProcess) {
+  const PlayedFolder folder("/proc", {"fs", "5", "9", "11"});
+  EXPECT_THAT(walkFrom(9), ElementsAre(9, 11));
+  EXPECT_THAT(walkFrom(11), ElementsAre(11));
+}
+
+TEST(ProcessTable, IndexOfNoProcessFindsNone) {
+  const PlayedFolder folder("/proc", {"fs", "5", "9", "self"});
+  procentry64 entry = {-77};
+  for (const pid_t wanted : {4, 6, 10, -5, INT_MAX, INT_MIN}) {
+    pid_t index = wanted;
+    EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), -1);
+    EXPECT_EQ(index, wanted);
+    EXPECT_EQ(entry.processId, -77);
+  }
+  EXPECT_EQ(folder.closed(), folder.opened());
+}
+
+TEST(ProcessTable, FolderWithoutProcessesHasNone) {
+  for (const std::vector<std::string>& names :
+       {std::vector<std::string>{}, {"."}, {"self", "thread-self"}}) {
+    const PlayedFolder folder("/proc", names);
+    procentry64 entry = {-77};
+    pid_t index = 0;
+    EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), -1);
+    EXPECT_EQ(index, 0);
+    EXPECT_EQ(entry.processId, -77);
+    EXPECT_EQ(folder.closed(), 1U);
+  }
+}
+
+TEST(ProcessTable, OnlyNamesThatAreANumberAndNothingElseAreProcesses) {
+  for (const std::string name :
+       {"12",  "012",  "0012", "+12", "-12",  " 12",  "\t12", "2147483647", "-2147483648",
+        "12a", "a12",  "12 ",  "1 2", "12.",  "0x12", "",     " ",          "+",
+        "-",   "--12", "+-12", "1,2", "12\n", "١٢",   "1e3",  "self",       "thread-self"}) {
+    const PlayedFolder folder("/proc", {name});
+    int scanned = 0;
+    char more;
+    const bool isProcess = std::sscanf(name.c_str(), "%d%c", &scanned, &more) == 1;
+    procentry64 entry = {-77};
+    pid_t index = 0;
+    EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), isProcess ? 1 : -1)
+        << "\"" << name << "\"";
+    EXPECT_EQ(entry.processId, isProcess ? scanned : -77) << "\"" << name << "\"";
+  }
+}
+
+TEST(ProcessTable, NumbersThatNoIdentifierHoldsAreNoProcesses) {
+  const PlayedFolder folder(
+      "/proc", {"2147483648", "4294967297", "-2147483649", "9223372036854775807",
+                "99999999999999999999999999", "-99999999999999999999999999", "7", "4294967304"});
+  EXPECT_THAT(walkFrom(0), ElementsAre(7));
+  EXPECT_THAT(walkFrom(1), IsEmpty());
+}
+
+TEST(ProcessTable, WalkEndsBehindTheLargestIdentifier) {
+  const PlayedFolder folder("/proc", {"2147483646", "2147483647"});
+  EXPECT_THAT(walkFrom(0, 10), ElementsAre(INT_MAX - 1, INT_MAX));
+}
+
+TEST(ProcessTable, OneProcessIsStoredWhateverTheCount) {
+  const PlayedFolder folder("/proc", {"5", "9", "11"});
+  for (const int count : {INT_MIN, -1, 0, 1, 2, INT_MAX}) {
+    procentry64 entries[3] = {{-1}, {-2}, {-3}};
+    fdsinfo files[3];
+    pid_t index = 0;
+    EXPECT_EQ(getprocs64(entries, sizeof *entries, files, sizeof *files, &index, count), 1);
+    EXPECT_EQ(entries[0].processId, 5);
+    EXPECT_EQ(entries[1].processId, -2);
+    EXPECT_EQ(entries[2].processId, -3);
+    EXPECT_EQ(index, 9);
+  }
+}
+
+TEST(ProcessTable, IndexOfAProcessThatHasEndedFindsNone) {
+  Waiting child({});
+  EXPECT_THAT(walkFrom(child.id(), 1), ElementsAre(child.id()));
+  child.end();
+  // A zombie is still in the table.
+  EXPECT_THAT(walkFrom(child.id(), 1), ElementsAre(child.id()));
+  child.reap();
+  EXPECT_THAT(walkFrom(child.id(), 1), IsEmpty());
+}
+
+TEST(ProcessTable, NullArgumentsFindNothing) {
+  const PlayedFolder folder("/proc", {"5", "9"});
+  procentry64 entry = {-77};
+  pid_t index = 0;
+  EXPECT_EQ(getprocs64(nullptr, sizeof entry, nullptr, 0, &index, 1), -1);
+  EXPECT_EQ(index, 0);
+  EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, nullptr, 1), -1);
+  EXPECT_EQ(entry.processId, -77);
+  EXPECT_EQ(folder.opened(), 0U);
+}
+
+CUL_CHILD(ProcessTableWithoutDescriptors) {
+  static_cast<void>(isTraced(TraceType::error));  // The trace opens its file.
+  rlimit limit;
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = static_cast<rlim_t>(lowestFreeDescriptor());
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  procentry64 entry = {-77};
+  pid_t index = 0;
+  EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), -1);
+  EXPECT_EQ(index, 0);
+  EXPECT_EQ(entry.processId, -77);
+  EXPECT_EQ(argumentsOf(getpid(), 40).result, -1);
+  EXPECT_EQ(argumentsOf(getpid(), 40).bytes, std::string(40, '~'));
+  std::printf("%d\n", getpid());
+}
+
+TEST(ProcessTable, FolderThatCannotBeOpenedIsTracedAndHasNoProcess) {
+  const TracedChildResult r = runTracedChild("ProcessTableWithoutDescriptors");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  const std::string number = std::to_string(EMFILE);
+  const std::string id = std::to_string(std::atoi(r.child.out.c_str()));
+  EXPECT_EQ(occurrences(r.trace, "**ERROR: " + getprocs +
+                                     "39): opendir(/proc) failed errno = " + number + "\n"),
+            1U)
+      << r.trace;
+  EXPECT_EQ(occurrences(r.trace, "**ERROR: " + getargsText + "99): failed to open '/proc/" + id +
+                                     "/cmdline' errno = " + number + "\n"),
+            2U)
+      << r.trace;
+  EXPECT_EQ(occurrences(r.trace, "**ERROR"), 3U) << r.trace;
+}
+
+TEST(ProcessTable, LeavesNoDescriptorOpen) {
+  const int before = lowestFreeDescriptor();
+  EXPECT_FALSE(walkFrom(0, 5).empty());
+  EXPECT_EQ(argumentsOf(getpid(), 10).result, 0);
+  EXPECT_EQ(argumentsOf(-1, 10).result, -1);
+  EXPECT_EQ(lowestFreeDescriptor(), before);
+}
+
+TEST(ProcessTable, ProgramsThatAreStartedDoNotInheritWhatIsOpenMeanwhile) {
+  isLastStreamClosedOnExec = false;
+  EXPECT_EQ(argumentsOf(getpid(), 10).result, 0);
+  EXPECT_TRUE(isLastStreamClosedOnExec);
+  const PlayedFolder folder("/proc", {"5"});
+  EXPECT_THAT(walkFrom(0, 1), ElementsAre(5));
+  EXPECT_TRUE(folder.isClosedOnExec());
+}
+
+TEST(ProcessTable, ThreadsWalkIndependentlyOfEachOther) {
+  const Waiting child({"one", "two"});
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int n = 0; n < 50; ++n) {
+        EXPECT_THAT(walkFrom(child.id(), 1), ElementsAre(child.id()));
+        EXPECT_EQ(argumentsOf(child.id(), 200).bytes, filled(child.list(), 200));
+      }
+    });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+// --- The arguments ---
+
+TEST(ProcessTable, ArgumentsStayApartByZeroBytes) {
+  const Waiting child({"one", "", "with blank", "last\nline", "\xFF\x01"});
+  EXPECT_EQ(child.list(),
+            "waiter\0-c\0read -r line || :\0name\0one\0\0with blank\0last\nline\0\xFF\x01\0"sv);
+  const Arguments a = argumentsOf(child.id(), 100);
+  EXPECT_EQ(a.result, 0);
+  EXPECT_EQ(a.bytes, filled(child.list(), 100));
+  EXPECT_TRUE(a.keptWhatIsBehind);
+}
+
+TEST(ProcessTable, ArgumentsOfThisProcessAreThoseThatTheKernelGives) {
+  std::ifstream file("/proc/self/cmdline", std::ios::binary);
+  const std::string expected{std::istreambuf_iterator<char>(file), {}};
+  ASSERT_FALSE(expected.empty());
+  EXPECT_EQ(argumentsOf(getpid(), 8192).bytes, filled(expected, 8192));
+}
+
+// Longer than any buffer of a stream and than several pages.
+TEST(ProcessTable, LongArgumentListsAreWhole) {
+  const std::vector<std::string> many(3, std::string(50000, 'x'));
+  const Waiting child(many);
+  ASSERT_GT(child.list().size(), 150000U);
+  const Arguments a = argumentsOf(child.id(), 200000);
+  EXPECT_EQ(a.result, 0);
+  EXPECT_TRUE(a.bytes == filled(child.list(), 200000));
+}
+
+// The child case's own arguments: the length to try and the bytes that are there.
+CUL_CHILD(ProcessTableArgumentsWithLength) {
+  const int length = std::stoi(childArguments().at(0));
+  const Waiting child({"x"});
+  const auto room = static_cast<std::size_t>(length) - 1;
+  const Arguments a = argumentsOf(child.id(), length);
+  EXPECT_EQ(a.result, 0);
+  EXPECT_EQ(a.bytes, filled(child.list().substr(0, room), static_cast<std::size_t>(length)));
+  EXPECT_TRUE(a.keptWhatIsBehind);
+  std::printf("%d\n", child.id());
+}
+
+// How often the list of a child is called longer than a buffer of `length` bytes.
+unsigned warningsWithLength(int length) {
+  const TracedChildResult r =
+      runTracedChild("ProcessTableArgumentsWithLength", {.arguments = {std::to_string(length)}});
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  const std::string id = std::to_string(std::atoi(r.child.out.c_str()));
+  const unsigned all = occurrences(r.trace, "**WARNING: " + getargsText);
+  EXPECT_EQ(occurrences(r.trace, "**WARNING: " + getargsText + "105): '/proc/" + id +
+                                     "/cmdline' has arguments longer than " +
+                                     std::to_string(length) + " args buffer\n"),
+            all)
+      << r.trace;
+  EXPECT_EQ(occurrences(r.trace, "**ERROR"), 0U) << r.trace;
+  return all;
+}
+
+TEST(ProcessTable, ListThatDoesNotFitIsCutAndTraced) {
+  // waiter -c "read -r line || :" name x, with a zero byte each.
+  constexpr int size = 7 + 3 + 18 + 5 + 2;
+  EXPECT_EQ(warningsWithLength(2), 1U);
+  EXPECT_EQ(warningsWithLength(size - 1), 1U);
+  EXPECT_EQ(warningsWithLength(size), 1U);
+  // All bytes are stored, but the end behind them was not seen.
+  EXPECT_EQ(warningsWithLength(size + 1), 1U);
+  EXPECT_EQ(warningsWithLength(size + 2), 0U);
+  EXPECT_EQ(warningsWithLength(5000), 0U);
+}
+
+TEST(ProcessTable, BufferOfOneByteGetsAnEmptyTextAndTheWarning) {
+  EXPECT_EQ(warningsWithLength(1), 1U);
+}
+
+CUL_CHILD(ProcessTableWithoutArguments) {
+  Waiting child({"x"});
+  child.end();
+  for (const int length : {1, 2, 3, 4096}) {
+    const Arguments a = argumentsOf(child.id(), length);
+    EXPECT_EQ(a.result, 0);
+    EXPECT_EQ(a.bytes, filled("", static_cast<std::size_t>(length)));
+    EXPECT_TRUE(a.keptWhatIsBehind);
+  }
+}
+
+TEST(ProcessTable, ProcessWithoutArgumentsGivesAnEmptyTextWithoutWarning) {
+  const TracedChildResult r = runTracedChild("ProcessTableWithoutArguments");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  EXPECT_EQ(occurrences(r.trace, getargsText), 0U) << r.trace;
+}
+
+bool hasEmptyList(pid_t process) {
+  std::ifstream file("/proc/" + std::to_string(process) + "/cmdline");
+  return file && file.peek() == EOF;
+}
+
+// Every process with an empty list in the folder, which all threads of the kernel have.
+TEST(ProcessTable, EveryEmptyListOfTheMachineIsEmpty) {
+  unsigned seen = 0;
+  Waiting child({});
+  child.end();
+  for (const pid_t process : processesInFolder()) {
+    // A program that is just being started has none for a moment.
+    const bool wasEmpty = hasEmptyList(process);
+    const Arguments a = argumentsOf(process, 10);
+    if (wasEmpty && hasEmptyList(process)) {
+      EXPECT_EQ(a.result, 0) << process;
+      EXPECT_EQ(a.bytes, filled("", 10)) << process;
+      ++seen;
+    }
+  }
+  EXPECT_GE(seen, 1U);
+}
+
+CUL_CHILD(ProcessTableArgumentsOfNobody) {
+  Waiting child({"x"});
+  child.end();
+  child.reap();
+  for (const pid_t process : {child.id(), 0, -1, INT_MAX, INT_MIN}) {
+    const Arguments a = argumentsOf(process, 30);
+    EXPECT_EQ(a.result, -1);
+    EXPECT_EQ(a.bytes, std::string(30, '~'));
+  }
+  std::printf("%d\n", child.id());
+}
+
+TEST(ProcessTable, ArgumentsOfAProcessThatIsGoneCannotBeReadWhichIsTraced) {
+  const TracedChildResult r = runTracedChild("ProcessTableArgumentsOfNobody");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  const std::string id = std::to_string(std::atoi(r.child.out.c_str()));
+  for (const std::string& process : {id, std::string("0"), std::string("-1"),
+                                     std::string("2147483647"), std::string("-2147483648")}) {
+    EXPECT_EQ(
+        occurrences(r.trace, "**ERROR: " + getargsText + "99): failed to open '/proc/" + process +
+                                 "/cmdline' errno = " + std::to_string(ENOENT) + "\n"),
+        1U)
+        << r.trace;
+  }
+  EXPECT_EQ(occurrences(r.trace, getargsText), 5U) << r.trace;
+}
+
+CUL_CHILD(ProcessTableWithoutABuffer) {
+  procentry64 entry = {getpid()};
+  std::vector<char> buffer(20, '~');
+  for (const int length : {0, -1, -4096, INT_MIN}) {
+    EXPECT_EQ(getargs(&entry, sizeof entry, buffer.data(), length), -1);
+  }
+  EXPECT_EQ(getargs(nullptr, sizeof entry, buffer.data(), 20), -1);
+  EXPECT_EQ(getargs(&entry, sizeof entry, nullptr, 20), -1);
+  EXPECT_EQ(buffer, std::vector<char>(20, '~'));
+}
+
+TEST(ProcessTable, BufferWithoutRoomAndNullArgumentsReadAndTraceNothing) {
+  const TracedChildResult r = runTracedChild("ProcessTableWithoutABuffer");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  EXPECT_EQ(occurrences(r.trace, getargsText), 0U) << r.trace;
+}
+
+TEST(ProcessTable, SizesOfTheEntryAreNotLookedAt) {
+  const Waiting child({"x"});
+  for (const int size : {INT_MIN, -1, 0, 4, 4096}) {
+    procentry64 entry = {-77};
+    pid_t index = child.id();
+    EXPECT_EQ(getprocs64(&entry, size, nullptr, size, &index, 1), 1);
+    EXPECT_EQ(entry.processId, child.id());
+    char buffer[100];
+    EXPECT_EQ(getargs(&entry, size, buffer, sizeof buffer), 0);
+    EXPECT_STREQ(buffer, "waiter");
+  }
+}
+
+}  // namespace
