@@ -111,20 +111,11 @@ void ByteString::stripPointerWhiteSpace() {
 
 ByteString ByteString::firstToken(const char* delimiters) {
   const ElementSet<unsigned char> set(reinterpret_cast<const unsigned char*>(delimiters));
-  unsigned start = 0;
-  while (start < len && set.contains(buffer[start])) {
-    ++start;
-  }
-  unsigned end = start;
-  while (end < len && !set.contains(buffer[end])) {
-    ++end;
-  }
-  unsigned next = end;
-  while (next < len && set.contains(buffer[next])) {
-    ++next;
-  }
-  ByteString token(buffer + start, end - start);
-  remove(1, next);
+  const unsigned char* const end = buffer + len;
+  const unsigned char* const start = set.skip(buffer, end);
+  const unsigned char* const stop = set.seek(start, end);
+  ByteString token(start, static_cast<unsigned>(stop - start));
+  remove(1, static_cast<unsigned>(set.skip(stop, end) - buffer));
   return token;
 }
 

@@ -45,15 +45,6 @@ unsigned digitValue(wchar_t c) {
 
 constexpr bool needsBackslash(wchar_t c) { return c == L'"' || c == L'\\'; }
 
-// The first elements in [from, to) that are, or are not, in `set`.
-const wchar_t* skip(const wchar_t* from, const wchar_t* to, const WideSet& set) {
-  return std::find_if(from, to, [&](wchar_t c) { return !set.contains(c); });
-}
-
-const wchar_t* seek(const wchar_t* from, const wchar_t* to, const WideSet& set) {
-  return std::find_if(from, to, [&](wchar_t c) { return set.contains(c); });
-}
-
 // Whether the two values at `p` are a backslash and what it protects.
 bool isEscape(const wchar_t* p, const wchar_t* end) {
   return *p == L'\\' && end - p > 1 && needsBackslash(p[1]);
@@ -203,7 +194,7 @@ unsigned CharString::skipChars(unsigned pos, const wchar_t* set) const noexcept 
     return pos;
   }
   const wchar_t* const end = buffer + len;
-  return static_cast<unsigned>(skip(buffer + std::min(pos - 1, len), end, skipped) - buffer) + 1;
+  return static_cast<unsigned>(skipped.skip(buffer + std::min(pos - 1, len), end) - buffer) + 1;
 }
 
 CharString CharString::operator+(const CharString& s) const {
@@ -223,8 +214,8 @@ unsigned CharString::scanHex(unsigned& pos) const noexcept {
 CharString CharString::scanString(unsigned& pos, const wchar_t* delimiters) const {
   const WideSet set(delimiters);
   const wchar_t* const end = buffer + len;
-  const wchar_t* const start = skip(buffer + std::min(std::max(pos, 1U) - 1, len), end, set);
-  const wchar_t* const stop = seek(start, end, set);
+  const wchar_t* const start = set.skip(buffer + std::min(std::max(pos, 1U) - 1, len), end);
+  const wchar_t* const stop = set.seek(start, end);
   // Deliberate: a run that reaches the end leaves the position on its last value.
   const bool runReachesEnd = stop == end && start != end;
   pos = runReachesEnd ? len : static_cast<unsigned>(stop - buffer) + 1;
@@ -234,8 +225,8 @@ CharString CharString::scanString(unsigned& pos, const wchar_t* delimiters) cons
 CharString CharString::firstToken(const wchar_t* delimiters) {
   const WideSet set(delimiters);
   const wchar_t* const end = buffer + len;
-  const wchar_t* const start = skip(buffer, end, set);
-  const wchar_t* const stop = seek(start, end, set);
+  const wchar_t* const start = set.skip(buffer, end);
+  const wchar_t* const stop = set.seek(start, end);
   CharString token(start, static_cast<unsigned>(stop - start));
   remove(1, static_cast<unsigned>(stop - buffer));
   return token;
@@ -244,7 +235,7 @@ CharString CharString::firstToken(const wchar_t* delimiters) {
 CharString CharString::firstQuotedToken(const wchar_t* delimiters) {
   const WideSet set(delimiters);
   const wchar_t* const end = buffer + len;
-  const wchar_t* const start = skip(buffer, end, set);
+  const wchar_t* const start = set.skip(buffer, end);
   const wchar_t* stop = start;
   unsigned dropped = 0;
   for (bool quoted = false; stop != end && (quoted || !set.contains(*stop)); ++stop) {
@@ -284,7 +275,7 @@ CharString CharString::makeQuotedToken() const {
 
 CharString CharString::makeToken(const wchar_t* specials) const {
   const wchar_t* const end = buffer + len;
-  return seek(buffer, end, WideSet(specials)) == end ? *this : makeQuotedToken();
+  return WideSet(specials).seek(buffer, end) == end ? *this : makeQuotedToken();
 }
 
 CharString CharString::makeToken() const { return makeToken(L" \"'\\*?<>|"); }
@@ -305,7 +296,7 @@ bool CharString::readNumber(Integer& value) const {
     return false;
   }
   value = number;
-  return end == start + text.length();
+  return *end == 0;
 }
 
 bool CharString::asValue(int& value) const { return readNumber(value); }

@@ -139,10 +139,10 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   /// @}
 
   /// \name Numbers
-  /// The text read as `sscanf` reads "%d%c", "%u%c", "%lld%c" and "%llu%c": white space
-  /// and a sign may stand in front, and the result is true only when a number was read and
-  /// nothing follows it. When something does, `value` has changed all the same; otherwise
-  /// it keeps its value on false.
+  /// The text up to its first value of 0 read as `sscanf` reads "%d%c", "%u%c", "%lld%c" and
+  /// "%llu%c": white space and a sign may stand in front, and the result is true only when a
+  /// number was read and nothing follows it. When something does, `value` has changed all
+  /// the same; otherwise it keeps its value on false.
   /// @{
   [[nodiscard]] bool asValue(int& value) const;
   [[nodiscard]] bool asValue(unsigned int& value) const;

@@ -34,6 +34,22 @@ class ElementSet {
     return hasHigh_ && isHighElement(c);
   }
 
+  /// The first element in [from, to) that is not in the set; `to` when all are.
+  [[nodiscard]] const T* skip(const T* from, const T* to) const noexcept {
+    while (from != to && contains(*from)) {
+      ++from;
+    }
+    return from;
+  }
+
+  /// The first element in [from, to) that is in the set; `to` when none is.
+  [[nodiscard]] const T* seek(const T* from, const T* to) const noexcept {
+    while (from != to && !contains(*from)) {
+      ++from;
+    }
+    return from;
+  }
+
  private:
   using Value = std::make_unsigned_t<T>;
 

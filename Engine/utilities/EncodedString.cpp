@@ -13,6 +13,7 @@
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
+#include "Engine/utilities/ElementSet.h"
 #include "Engine/utilities/UTF8Converter.h"
 #include "Engine/utilities/UnicodeUtilities.h"
 
@@ -94,20 +95,6 @@ size_t writeEscape(unsigned value, char* escape) noexcept {
   }
   return digits + 2;
 }
-
-// Which bytes a zero-terminated list holds.
-class ByteSet {
- public:
-  explicit ByteSet(const char* bytes) noexcept {
-    for (; bytes != nullptr && *bytes != 0; ++bytes) {
-      holds_[static_cast<unsigned char>(*bytes)] = true;
-    }
-  }
-  bool operator[](char byte) const noexcept { return holds_[static_cast<unsigned char>(byte)]; }
-
- private:
-  bool holds_[UCHAR_MAX + 1] = {};
-};
 
 }  // namespace
 
@@ -365,18 +352,13 @@ EncodedString EncodedString::splitAt(unsigned char c) {
 }
 
 EncodedString EncodedString::firstToken(const char* delimiters) {
-  const ByteSet isDelimiter(delimiters);
-  const auto skip = [&](unsigned i, bool kind) {
-    while (i < len && isDelimiter[buffer[i]] == kind) {
-      ++i;
-    }
-    return i;
-  };
-  const unsigned start = skip(0, true);
-  const unsigned end = skip(start, false);
-  EncodedString result = piece(buffer + start, buffer + end);
-  remove(1, skip(end, true));
-  return result;
+  const ElementSet<char> set(delimiters);
+  const char* const end = buffer + len;
+  const char* const start = set.skip(buffer, end);
+  const char* const stop = set.seek(start, end);
+  EncodedString token = piece(start, stop);
+  remove(1, rest(buffer, set.skip(stop, end)));
+  return token;
 }
 
 void EncodedString::setWide(const wchar_t* text, unsigned count) {

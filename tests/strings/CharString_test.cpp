@@ -718,11 +718,6 @@ TEST(CharString, AsValueReadsWholeNumbersOnly) {
   EXPECT_FALSE(CharString(L"12 ").asValue(i));
   EXPECT_FALSE(CharString(L"0x12").asValue(i));
   EXPECT_FALSE(CharString(L"12\x00E9").asValue(i));
-  EXPECT_FALSE(CharString(L"12\0", 3U).asValue(i));
-  EXPECT_FALSE(CharString(L"1\0"
-                          L"2",
-                          3U)
-                   .asValue(i));
 }
 
 TEST(CharString, AsValueReadsTheWholeRangeOfEachType) {
@@ -742,6 +737,19 @@ TEST(CharString, AsValueReadsTheWholeRangeOfEachType) {
   EXPECT_EQ(l, LONG_MIN);
   EXPECT_TRUE(CharString(L"18446744073709551615").asValue(ul));
   EXPECT_EQ(ul, ULONG_MAX);
+}
+
+TEST(CharString, AsValueReadsUpToTheFirstValueOfZero) {
+  int value = 99;
+  EXPECT_TRUE(CharString(L"12\0a", 4U).asValue(value));
+  EXPECT_EQ(value, 12);
+  EXPECT_FALSE(CharString(L"34a\0", 4U).asValue(value));
+  EXPECT_EQ(value, 34);
+  EXPECT_FALSE(CharString(L"\0"
+                          L"56",
+                          3U)
+                   .asValue(value));
+  EXPECT_EQ(value, 34);
 }
 
 TEST(CharString, AsValueAgreesWithSscanf) {
