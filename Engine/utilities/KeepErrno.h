@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-/// Gives `errno` back the value it had, at the end of the scope.
+/// Gives `errno` back the value it had, at the end of the scope. Internal to the library.
 class KeepErrno {
  public:
   KeepErrno() noexcept : saved_(errno) {}

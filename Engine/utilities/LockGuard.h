@@ -3,7 +3,7 @@
 #include "Engine/utilities/CUL_Critical_Section.h"
 
 /// Holds a lock until the end of a scope, also when an exception or the end of the thread
-/// leaves it.
+/// leaves it. Internal to the library.
 /// \code
 ///   LockGuard guard(lock_, "void RunningThreads::append(StdThread*)", 24);
 /// \endcode

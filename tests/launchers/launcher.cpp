@@ -1,5 +1,6 @@
 // A program that starts others, and says what it knows of its place and its configuration.
-// It finds the library in the folder "lib" beside its own, wherever it is copied to.
+// It finds the library in the folder "lib" beside its own, wherever it is copied to, or where
+// the library is installed.
 
 #include <cstdio>
 #include <cstdlib>

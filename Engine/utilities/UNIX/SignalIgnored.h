@@ -7,7 +7,7 @@
 /// disposition back whole, unless that was "ignore" already. Keeps `errno`.
 ///
 /// Dispositions belong to the process: scopes on two threads that overlap for one signal
-/// may restore it under each other.
+/// may restore it under each other. Internal to the library.
 
 class SignalIgnored {
  public:

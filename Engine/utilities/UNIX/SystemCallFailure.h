@@ -2,7 +2,7 @@
 
 /// \file
 /// How the library reports a failing system call: one trace line under "ERROR" and one
-/// StdException with status -1.
+/// StdException with status -1. Internal to the library.
 
 /// Traces and throws. `errno`, where it is part of the message, is an argument of the format
 /// and so is read before anything can change it.

@@ -4,6 +4,7 @@
 
 /// \file
 /// The calling thread's id without a call, for locks that ask for it all the time.
+/// Internal to the library.
 
 /// What pthread_self() returns: on x86-64 Linux the thread's control block, which the thread
 /// pointer addresses.

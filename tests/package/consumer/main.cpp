@@ -1,0 +1,11 @@
+#include <cstdio>
+
+#include "Engine/utilities/DebuggerConfiguration.h"
+#include "Engine/utilities/EncodedString.h"
+
+int main() {
+  const EncodedString word("λόγος", EncodedString::utf8);
+  std::printf("%u characters in %u bytes\n", word.charCount(), word.length());
+  // Comes from the module that lies beside the library.
+  std::printf("%s\n", DebuggerConfiguration::instance()->sourceFilterDefault());
+}
