@@ -1,0 +1,316 @@
+#include "Engine/utilities/Properties.h"
+
+#include <cerrno>
+#include <climits>
+#include <map>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <type_traits>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Engine/utilities/FileName.h"
+#include "Engine/utilities/StdException.h"
+
+#include "tests/support/Child.h"
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+using Map = std::map<std::string, std::string>;
+
+EncodedString text(std::string_view s) {
+  return {s.data(), static_cast<unsigned>(s.size()), EncodedString::utf8};
+}
+
+FileName named(const std::string& path) { return {path.c_str(), EncodedString::utf8}; }
+
+std::string bytesOf(const EncodedString& s) {
+  const char* const characters = s;
+  return {characters, s.length()};
+}
+
+Map contentsOf(Properties& properties) {
+  Map contents;
+  Properties::TableCursor cursor = properties.cursor();
+  for (bool any = cursor.first(); any; any = cursor.next()) {
+    contents[bytesOf(cursor.element()->key)] = bytesOf(cursor.element()->value);
+  }
+  EXPECT_EQ(contents.size(), properties.numItems());
+  return contents;
+}
+
+// What a file of these bytes defines.
+Map read(std::string_view bytes) {
+  const TemporaryFolder folder;
+  const std::string path = folder.file("p");
+  writeFile(path, std::string(bytes));
+  const FileName file = named(path);
+  Properties properties(&file);
+  return contentsOf(properties);
+}
+
+constexpr const char* location = "int Properties::getInteger(const EncodedString&) const";
+
+void expectNoInteger(const Properties& properties, std::string_view key) {
+  try {
+    static_cast<void>(properties.getInteger(text(key)));
+    ADD_FAILURE() << key;
+  } catch (const StdException& e) {
+    EXPECT_EQ(bytesOf(e.text), "Invalid property format.");
+    EXPECT_EQ(bytesOf(e.fileName), location);
+    EXPECT_EQ(e.line, 139U);
+    EXPECT_EQ(e.status, -1);
+  }
+}
+
+}  // namespace
+
+TEST(Properties, AreEmptyWithoutAFile) {
+  Properties properties(nullptr);
+  EXPECT_TRUE(properties.isEmpty());
+  EXPECT_EQ(properties.numItems(), 0U);
+  EXPECT_FALSE(properties.doesContain(text("a")));
+  EXPECT_EQ(bytesOf(properties.getString(text("a"))), "");
+  EXPECT_FALSE(properties.cursor().first());
+}
+
+TEST(Properties, AreReadLineByLineWithoutCommentsAndTheLastLineWins) {
+  EXPECT_EQ(read("a = 1\n#comment\nb=2 # note\na=3\n"), (Map{{"a", "3"}, {"b", "2"}}));
+}
+
+TEST(Properties, NeedNoLineFeedAtTheEndOfTheFile) {
+  EXPECT_EQ(read("a=1\nb=2"), (Map{{"a", "1"}, {"b", "2"}}));
+  EXPECT_EQ(read("a"), (Map{{"a", ""}}));
+  EXPECT_EQ(read("a=1\n#"), (Map{{"a", "1"}}));
+  EXPECT_EQ(read(""), Map());
+}
+
+TEST(Properties, DefineNothingOnLinesWithoutAKey) {
+  EXPECT_EQ(read("\n   \n\t\r\n=1\n = 2\n==3\n=\n# a=1\n   # a=1\n#\n#a\n"), Map());
+}
+
+TEST(Properties, MayBeEmpty) {
+  EXPECT_EQ(read("a=\nb =\t \nc=# 1\n"), (Map{{"a", ""}, {"b", ""}, {"c", ""}}));
+}
+
+TEST(Properties, AreEmptyOnALineWithoutAnEqualsSign) {
+  EXPECT_EQ(read("verbose\n  two words \nwith#out\n"),
+            (Map{{"verbose", ""}, {"two words", ""}, {"with", ""}}));
+}
+
+TEST(Properties, AreSplitAtTheFirstRunOfEqualsSigns) {
+  EXPECT_EQ(read("a=b=c\nd==e\nf=== g=\nh= =i\n"),
+            (Map{{"a", "b=c"}, {"d", "e"}, {"f", "g="}, {"h", "=i"}}));
+}
+
+TEST(Properties, LoseTheWhiteSpaceAtTheirEndsOnly) {
+  EXPECT_EQ(read(" \t a  b\t = \t c  d \r\n"), (Map{{"a  b", "c  d"}}));
+  // Vertical tab and form feed are no white space.
+  EXPECT_EQ(read("\va\f=\vb\f\n"), (Map{{"\va\f", "\vb\f"}}));
+}
+
+TEST(Properties, HoldCarriageReturnsWhichEndNoLine) {
+  EXPECT_EQ(read("a=1\rb=2\nc\rd=3\r\n"), (Map{{"a", "1\rb=2"}, {"c\rd", "3"}}));
+}
+
+TEST(Properties, KnowNoQuotesEscapesOrContinuedLines) {
+  EXPECT_EQ(read("a=\"1 # 2\"\nb=1\\\nc=\\#\\n\n[section]\n"),
+            (Map{{"a", "\"1"}, {"b", "1\\"}, {"c", "\\"}, {"[section]", ""}}));
+}
+
+TEST(Properties, AreCaseSensitive) { EXPECT_EQ(read("a=1\nA=2\n"), (Map{{"a", "1"}, {"A", "2"}})); }
+
+TEST(Properties, HoldZeroBytes) {
+  const std::string_view bytes("a\0b=c\0d\n\0=\0\n", 12);
+  EXPECT_EQ(read(bytes), (Map{{std::string("a\0b", 3), std::string("c\0d", 3)},
+                              {std::string("\0", 1), std::string("\0", 1)}}));
+}
+
+TEST(Properties, MayBeMegabytesLong) {
+  const std::string key(3000000, 'k');
+  const std::string value(5000000, 'v');
+  std::string bytes = key;
+  bytes.append(" = ").append(value).append("#");
+  bytes.append(7000000, 'c').append("\nb=2");
+  EXPECT_TRUE(read(bytes) == (Map{{key, value}, {"b", "2"}}));
+}
+
+TEST(Properties, OutgrowTheirBlocksAndBuckets) {
+  std::string bytes;
+  Map expected;
+  for (int i = 0; i < 5000; ++i) {
+    const std::string key = "key." + std::to_string(i);
+    const std::string value = std::to_string(i * 7);
+    bytes.append(key).append("=").append(value).append("\n");
+    expected[key] = value;
+  }
+  EXPECT_EQ(read(bytes), expected);
+}
+
+CUL_CHILD(PropertiesCodePage) {
+  EXPECT_EQ(read("gr\xC3\xBC\xC3\x9F=\xE2\x82\xAC\n"),
+            (Map{{"gr\xC3\xBC\xC3\x9F", "\xE2\x82\xAC"}}));
+  EXPECT_EQ(read("gr\xFC\xDF=\xE4 1\n"), (Map{{"gr\xC3\xBC\xC3\x9F", "\xC3\xA4 1"}}));
+}
+
+TEST(Properties, AreUtf8OrElseInTheNativeCodePage) {
+  const ChildResult r =
+      runChild("PropertiesCodePage", {.environment = {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}}});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+TEST(Properties, ReadAFileOnTopOfWhatIsThere) {
+  const TemporaryFolder folder;
+  writeFile(folder.file("p"), "a=2\nb=2\n");
+  Properties properties(nullptr);
+  properties.setProperty(text("a"), text("1"));
+  properties.setProperty(text("z"), text("1"));
+  EXPECT_FALSE(properties.set(named(folder.file("p"))));
+  EXPECT_EQ(contentsOf(properties), (Map{{"a", "2"}, {"b", "2"}, {"z", "1"}}));
+}
+
+TEST(Properties, SayTrueForAFileThatCannotBeReadAndStayAsTheyWere) {
+  const TemporaryFolder folder;
+  writeFile(folder.file("p"), "a=2\n");
+  symlink("loop", folder.file("loop").c_str());
+  Properties properties(nullptr);
+  properties.setProperty(text("a"), text("1"));
+  const std::vector<std::pair<std::string, int>> cases = {
+      {folder.file("none"), ENOENT}, {"", ENOENT},
+      {folder.path(), EISDIR},       {folder.path() + "/", EISDIR},
+      {folder.file("p/"), ENOTDIR},  {folder.file("p/x"), ENOTDIR},
+      {folder.file("loop"), ELOOP},  {folder.file(std::string(300, 'n')), ENAMETOOLONG}};
+  for (const auto& [path, reason] : cases) {
+    errno = 0;
+    EXPECT_TRUE(properties.set(named(path))) << path;
+    EXPECT_EQ(errno, reason) << path;
+    const FileName file = named(path);
+    EXPECT_TRUE(Properties(&file).isEmpty()) << path;
+  }
+  EXPECT_EQ(contentsOf(properties), (Map{{"a", "1"}}));
+}
+
+TEST(Properties, SayTrueForAFileThatMayNotBeRead) {
+  if (geteuid() == 0) {
+    // Root may read every file; this one it cannot: its memory begins at an invalid address.
+    Properties properties(nullptr);
+    errno = 0;
+    EXPECT_TRUE(properties.set(named("/proc/self/mem")));
+    EXPECT_EQ(errno, EIO);
+    return;
+  }
+  const TemporaryFolder folder;
+  writeFile(folder.file("p"), "a=2\n");
+  ASSERT_EQ(chmod(folder.file("p").c_str(), 0), 0);
+  Properties properties(nullptr);
+  errno = 0;
+  EXPECT_TRUE(properties.set(named(folder.file("p"))));
+  EXPECT_EQ(errno, EACCES);
+  EXPECT_TRUE(properties.isEmpty());
+}
+
+TEST(Properties, LeaveNoDescriptorOpen) {
+  const TemporaryFolder folder;
+  writeFile(folder.file("p"), "a=1\n");
+  const int before = dup(0);
+  close(before);
+  Properties properties(nullptr);
+  EXPECT_FALSE(properties.set(named(folder.file("p"))));
+  EXPECT_TRUE(properties.set(named(folder.path())));
+  EXPECT_TRUE(properties.set(named(folder.file("none"))));
+  const int after = dup(0);
+  close(after);
+  EXPECT_EQ(before, after);
+}
+
+TEST(Properties, ReadFromWhatIsNoRegularFile) {
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  ASSERT_EQ(write(ends[1], "a=1\nb=2", 7), 7);
+  close(ends[1]);
+  Properties properties(nullptr);
+  EXPECT_FALSE(properties.set(named("/proc/self/fd/" + std::to_string(ends[0]))));
+  close(ends[0]);
+  EXPECT_EQ(contentsOf(properties), (Map{{"a", "1"}, {"b", "2"}}));
+}
+
+TEST(Properties, AreSetAndReplaced) {
+  Properties properties(nullptr);
+  properties.setProperty(text("a"), text("1"));
+  EXPECT_TRUE(properties.doesContain(text("a")));
+  EXPECT_FALSE(properties.doesContain(text("A")));
+  EXPECT_FALSE(properties.isEmpty());
+  properties.setProperty(text("a"), text("22"));
+  properties.setProperty(text("b"), text(""));
+  EXPECT_EQ(properties.numItems(), 2U);
+  EXPECT_EQ(bytesOf(properties.getString(text("a"))), "22");
+  EXPECT_TRUE(properties.doesContain(text("b")));
+  EXPECT_EQ(bytesOf(properties.getString(text("b"))), "");
+  // Nothing is stripped or taken for a comment here.
+  properties.setProperty(text(" # "), text(" = "));
+  EXPECT_EQ(bytesOf(properties.getString(text(" # "))), " = ");
+}
+
+TEST(Properties, TakeNoEmptyKey) {
+  Properties properties(nullptr);
+  properties.setProperty(text(""), text("1"));
+  EXPECT_TRUE(properties.isEmpty());
+  EXPECT_FALSE(properties.doesContain(text("")));
+}
+
+TEST(Properties, AreReplacedByTheirOwnValues) {
+  Properties properties(nullptr);
+  properties.setProperty(text("a"), text("1"));
+  Properties::TableCursor cursor = properties.cursor();
+  ASSERT_TRUE(cursor.first());
+  properties.setProperty(cursor.element()->key, cursor.element()->value);
+  properties.setProperty(cursor.element()->key, cursor.element()->key);
+  EXPECT_EQ(contentsOf(properties), (Map{{"a", "a"}}));
+}
+
+TEST(Properties, AreReadAsIntegers) {
+  Properties properties(nullptr);
+  const std::vector<std::pair<std::string, int>> cases = {{"0", 0},
+                                                          {"42", 42},
+                                                          {"-17", -17},
+                                                          {"+5", 5},
+                                                          {"007", 7},
+                                                          {"2147483647", INT_MAX},
+                                                          {"-2147483648", INT_MIN},
+                                                          {"  9", 9}};
+  for (const auto& [value, number] : cases) {
+    properties.setProperty(text("n"), text(value));
+    EXPECT_EQ(properties.getInteger(text("n")), number) << value;
+  }
+}
+
+TEST(Properties, ThrowForWhatIsNoInteger) {
+  Properties properties(nullptr);
+  expectNoInteger(properties, "absent");
+  for (const std::string_view value :
+       {"", "x", "12a", "12 ", "0x1F", "1.5", "-", "--1", "1 2", "\xC3\xA4", "\xFF"}) {
+    properties.setProperty(text("n"), text(value));
+    expectNoInteger(properties, "n");
+  }
+  properties.setProperty(text("n"), text(std::string_view("1\0", 2)));
+  expectNoInteger(properties, "n");
+}
+
+TEST(Properties, ThrowForAnEmptyValueOfAFile) {
+  const TemporaryFolder folder;
+  writeFile(folder.file("p"), "key=\n");
+  const FileName file = named(folder.file("p"));
+  const Properties properties(&file);
+  EXPECT_TRUE(properties.doesContain(text("key")));
+  EXPECT_EQ(bytesOf(properties.getString(text("key"))), "");
+  expectNoInteger(properties, "key");
+}
+
+TEST(Properties, AreNotCopied) {
+  static_assert(!std::is_copy_constructible_v<Properties>);
+  static_assert(!std::is_copy_assignable_v<Properties>);
+}
