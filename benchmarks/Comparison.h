@@ -76,6 +76,7 @@ void compareStringPool(Company company);
 void compareStrings(Company company);
 void compareUnicode();
 void compareEscapes();
+void compareEBCDIC();
 void compareChecksums();
 void compareMemory();
 void compareLocks(Company company);

@@ -75,6 +75,7 @@ void compareInCompany() {
   compareStrings(Company::idle);
   compareUnicode();
   compareEscapes();
+  compareEBCDIC();
   compareChecksums();
   compareMemory();
   compareLocks(Company::idle);
