@@ -132,6 +132,8 @@ int Debuggee::wait() {
   return WIFSIGNALED(rawStatus_) ? 128 + WTERMSIG(rawStatus_) : WEXITSTATUS(rawStatus_);
 }
 
+int Debuggee::killer() const noexcept { return WIFSIGNALED(rawStatus_) ? WTERMSIG(rawStatus_) : 0; }
+
 int Debuggee::Reaper::work() {
   // The host's signals are for the thread that waits for its events.
   sigset_t all;

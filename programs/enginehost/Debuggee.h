@@ -39,6 +39,9 @@ class Debuggee {
   /// \return its exit status, or 128 + the signal that killed it.
   int wait();
 
+  /// The signal that killed the program; 0 when it ended by itself. After wait().
+  [[nodiscard]] int killer() const noexcept;
+
  private:
   // Reaps the program and tells the host.
   class Reaper : public Runnable {

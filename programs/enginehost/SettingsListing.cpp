@@ -15,6 +15,7 @@
 #include "Engine/utilities/DebuggerStringSetting.h"
 #include "Engine/utilities/SettingNames.h"
 
+#include "Messages.h"
 #include "Printable.h"
 #include "Statuses.h"
 
@@ -84,17 +85,21 @@ std::string originName(const DebuggerSetting& setting) {
   return "";
 }
 
-std::string reasonToRefuse(DebuggerSetting& setting) {
+// In which language something is said.
+using Say = std::string (*)(Message, ...);
+
+std::string reasonToRefuse(DebuggerSetting& setting, Say say) {
   if (const DebuggerStringSetting* text = setting.asStringSetting(); text != nullptr) {
-    return "it is not " + std::to_string(text->getMinLength()) + " to " +
-           std::to_string(text->getMaxLength()) + " characters long";
+    return say(Message::wrongLength, text->getMinLength(), text->getMaxLength());
   }
   const bool isRange =
       (setting.getType() & (DebuggerSetting::Integer | DebuggerSetting::Unsigned)) != 0;
-  return (isRange ? "it is not within " : "it is none of ") + textOf(setting.getPermittedValues());
+  const EncodedString permitted = setting.getPermittedValues();
+  const char* const values = permitted;
+  return say(isRange ? Message::notWithin : Message::noneOf, values);
 }
 
-Row rowOf(DebuggerSetting& setting) {
+Row rowOf(DebuggerSetting& setting, Say say) {
   Row row;
   row.name = textOf(setting.getName());
   row.type = typeName(setting);
@@ -104,15 +109,15 @@ Row rowOf(DebuggerSetting& setting) {
   row.from = originName(setting);
   if (setting.isEnvValueRefused()) {
     row.refused = shown(setting, setting.getEnvValue());
-    row.reason = reasonToRefuse(setting);
+    row.reason = reasonToRefuse(setting, say);
   }
   return row;
 }
 
-std::vector<Row> allRows() {
+std::vector<Row> allRows(Say say) {
   std::vector<Row> rows;
   for (DebuggerSetting* setting : DebuggerSettings::instance()->getAllSettings()) {
-    rows.push_back(rowOf(*setting));
+    rows.push_back(rowOf(*setting, say));
   }
   return rows;
 }
@@ -165,31 +170,32 @@ std::vector<Stranger> strangers(const std::vector<Row>& rows) {
   return result;
 }
 
-// Columns of UTF-8 text.
-std::size_t widthOf(std::string_view text) {
-  return static_cast<std::size_t>(
-      std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
-}
-
 // A column stays narrow enough for the next ones to be seen.
 constexpr std::size_t widest = 26;
 
 std::string cell(std::string_view text, std::size_t width) {
   std::string result = printable(text);
-  const std::size_t used = widthOf(result);
+  const std::size_t used = columnsOf(result);
   result.append(used < width ? width - used : 0, ' ');
   return result + "  ";
 }
 
 void printForPeople(const std::vector<Row>& rows, const std::vector<Stranger>& unknown) {
-  const Row head = {"NAME", "TYPE", "PERMITTED", "DEFAULT", "VALUE", "FROM", "", ""};
+  const Row head = {messageText(Message::nameHead),
+                    messageText(Message::typeHead),
+                    messageText(Message::permittedHead),
+                    messageText(Message::defaultHead),
+                    messageText(Message::valueHead),
+                    messageText(Message::fromHead),
+                    "",
+                    ""};
   std::string Row::*const columns[] = {&Row::name, &Row::type, &Row::value, &Row::defaultText,
                                        &Row::from};
   std::vector<std::size_t> widths;
   for (const auto column : columns) {
-    std::size_t width = (head.*column).size();
+    std::size_t width = columnsOf(head.*column);
     for (const Row& row : rows) {
-      width = std::max(width, std::min(widest, widthOf(printable(row.*column))));
+      width = std::max(width, std::min(widest, columnsOf(printable(row.*column))));
     }
     widths.push_back(width);
   }
@@ -202,15 +208,18 @@ void printForPeople(const std::vector<Row>& rows, const std::vector<Stranger>& u
     line.erase(line.find_last_not_of(' ') + 1);
     std::printf("%s\n", line.c_str());
     if (!row.reason.empty()) {
-      std::printf("    %s%s=\"%s\" is refused: %s\n", prefix().c_str(), row.name.c_str(),
-                  printable(row.refused).c_str(), row.reason.c_str());
+      const std::string variable = prefix() + row.name;
+      const std::string refusal = messageText(Message::isRefused, variable.c_str(),
+                                              printable(row.refused).c_str(), row.reason.c_str());
+      std::printf("    %s\n", refusal.c_str());
     }
   };
   print(head);
   std::for_each(rows.begin(), rows.end(), print);
   for (const Stranger& stranger : unknown) {
-    std::printf("%s is no variable of the debugger; the nearest is %s\n",
-                printable(stranger.variable).c_str(), stranger.nearest.c_str());
+    const std::string text = messageText(Message::noVariable, printable(stranger.variable).c_str(),
+                                         stranger.nearest.c_str());
+    std::printf("%s\n", text.c_str());
   }
 }
 
@@ -239,10 +248,10 @@ void printJson(const std::vector<Row>& rows, const std::vector<Stranger>& unknow
 int settingsCommand(std::span<char* const> arguments) {
   const bool asJson = arguments.size() == 1 && std::strcmp(arguments[0], "--json") == 0;
   if (!arguments.empty() && !asJson) {
-    std::fprintf(stderr, "enginehost: -settings takes nothing but --json\n");
+    complain(Message::settingsTakeOnlyJson);
     return statusUsage;
   }
-  const std::vector<Row> rows = allRows();
+  const std::vector<Row> rows = allRows(asJson ? englishText : messageText);
   const std::vector<Stranger> unknown = strangers(rows);
   asJson ? printJson(rows, unknown) : printForPeople(rows, unknown);
   return 0;

@@ -12,10 +12,10 @@
 #include "Engine/utilities/SettingNames.h"
 
 #include "Commands.h"
+#include "Messages.h"
+#include "Printable.h"
 
 namespace {
-
-constexpr const char* shortUsage = "usage: enginehost [options] [--] program [argument...]\n";
 
 using Option = DebuggerParameters::Option;
 
@@ -61,15 +61,17 @@ void printSetting(const DebuggerSetting& setting) {
 
 }  // namespace
 
-void printShortUsage() { std::fputs(shortUsage, stderr); }
+void printShortUsage() { std::fprintf(stderr, "%s\n", messageText(Message::usage).c_str()); }
 
 void printUsage() {
-  std::printf("%s", shortUsage);
+  const std::string usage = messageText(Message::usage);
+  std::printf("%s\n", usage.c_str());
+  const std::string below(columnsOf(usage.substr(0, usage.find("enginehost"))), ' ');
   for (const Command& command : commands()) {
-    std::printf("       enginehost %s %s\n", command.name, command.arguments);
+    std::printf("%senginehost %s %s\n", below.c_str(), command.name, command.arguments);
   }
-  std::puts("Runs a program, on a console of its own when called at a terminal.\n");
-  std::puts("Options, each with its shortest form:");
+  std::printf("%s\n\n", messageText(Message::whatItDoes).c_str());
+  std::printf("%s\n", messageText(Message::options).c_str());
   const std::span<const Option> options = DebuggerParameters::options();
   for (std::size_t i = 0; i < options.size(); ++i) {
     if (options[i].isRecognised()) {
@@ -77,7 +79,7 @@ void printUsage() {
     }
   }
   const char* const prefix = getEnvnamePrefix();
-  std::printf("\nSettings, each given in the environment as %s and its name:\n", prefix);
+  std::printf("\n%s\n", messageText(Message::settings, prefix).c_str());
   for (const DebuggerSetting* setting : DebuggerSettings::instance()->getAllSettings()) {
     printSetting(*setting);
   }

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <string>
 #include <unistd.h>
 
 #include "Engine/utilities/DebuggerNumericSetting.h"
@@ -20,6 +21,7 @@
 #include "ConsoleSession.h"
 #include "Debuggee.h"
 #include "HostEvents.h"
+#include "Messages.h"
 #include "Statuses.h"
 #include "Usage.h"
 #include "UserTerminal.h"
@@ -49,6 +51,27 @@ bool isForProgram(int event) {
          (event == (SIGHUP | HostEvents::toGroup) && getsid(0) == getpid());
 }
 
+// As shells know it; real-time signals have numbers only.
+std::string nameOf(int signal) {
+  const char* const name = sigabbrev_np(signal);
+  return name != nullptr ? std::string("SIG") + name : std::to_string(signal);
+}
+
+// What the program ended with. It is told to who sits at a terminal; the output of scripts and
+// pipelines stays as it is.
+int statusOf(Debuggee& debuggee) {
+  const int status = debuggee.wait();
+  if (status == 0 || isatty(STDERR_FILENO) == 0) {
+    return status;
+  }
+  if (const int signal = debuggee.killer(); signal != 0) {
+    complain(Message::endedBySignal, nameOf(signal).c_str());
+  } else {
+    complain(Message::endedWithStatus, status);
+  }
+  return status;
+}
+
 // The program has the streams of the host and gets the keys of the terminal as the host does.
 int runInPlace(const EncodedString& path, char** command) {
   const HostEvents events({SIGHUP, SIGTERM, SIGINT, SIGQUIT});
@@ -58,7 +81,7 @@ int runInPlace(const EncodedString& path, char** command) {
       kill(debuggee.id(), event & ~HostEvents::toGroup);
     }
   }
-  return debuggee.wait();
+  return statusOf(debuggee);
 }
 
 int runOnConsole(const EncodedString& path, char** command, StdioPipes& console,
@@ -74,7 +97,7 @@ int runOnConsole(const EncodedString& path, char** command, StdioPipes& console,
     // With the host gone nobody holds the console: the system hangs up on the program.
     endBySignal(signal);
   }
-  return debuggee.wait();
+  return statusOf(debuggee);
 }
 
 // What the setting "CONSOLE" can say.
@@ -93,7 +116,7 @@ int runProgram(const EncodedString& path, char** command) {
     return runInPlace(path, command);
   }
   if (console == guiConsole) {
-    std::fputs("enginehost: there are no windows here: the console is at this terminal\n", stderr);
+    complain(Message::noWindows);
   }
   // Before the console, which takes over the modes of the terminal.
   UserTerminal terminal(STDIN_FILENO);
@@ -105,7 +128,7 @@ int runProgram(const EncodedString& path, char** command) {
 int hostProgram(char** command) {
   const EncodedString path = findProgram(command[0]);
   if (path.length() == 0) {
-    std::fprintf(stderr, "enginehost: %s: not found\n", command[0]);
+    complain(Message::notFound, command[0]);
     return statusNotFound;
   }
   try {
@@ -115,10 +138,13 @@ int hostProgram(char** command) {
     if (e.status <= 0) {
       throw;
     }
+    if (e.status == ENOENT) {
+      complain(Message::notFound, command[0]);
+      return statusNotFound;
+    }
     const char* const reason = e.text;
-    const bool found = e.status != ENOENT;
-    std::fprintf(stderr, "enginehost: %s: %s\n", command[0], found ? reason : "not found");
-    return found ? statusNotStarted : statusNotFound;
+    std::fprintf(stderr, "enginehost: %s: %s\n", command[0], reason);
+    return statusNotStarted;
   }
 }
 
@@ -130,7 +156,7 @@ bool loadModules() {
     if (loader.get_korv_module(*module) == nullptr) {
       const EncodedString name = *module;
       const char* const text = name;
-      std::fprintf(stderr, "enginehost: module %s cannot be loaded; the trace tells why\n", text);
+      complain(Message::moduleNotLoaded, text);
       return false;
     }
   }
@@ -143,12 +169,12 @@ bool isEmptyName(const char* argument) { return argument[std::strspn(argument, "
 // The program and its arguments; null, after one line that says why, when there are none.
 char** commandIn(const DebuggerParameters& parameters, int argc, char** argv) {
   if (parameters.attach().length() > 0) {
-    std::fputs("enginehost: attaching is for the engine\n", stderr);
+    complain(Message::attachIsForTheEngine);
     return nullptr;
   }
   if (!parameters.invalidArguments().isEmpty()) {
     const char* const first = *parameters.invalidArguments()[0];
-    std::fprintf(stderr, "enginehost: %s: invalid option or value, see enginehost -?\n", first);
+    complain(Message::invalidOption, first);
     return nullptr;
   }
   const int used = parameters.argumentsUsed();
@@ -190,8 +216,8 @@ int main(int argc, char** argv) {
   } catch (const StdException& e) {
     const char* const reason = e.text;
     const char* const place = e.fileName;
-    std::fprintf(stderr, "enginehost: %s at %s(%u)\n", *reason != '\0' ? reason : "failure", place,
-                 e.line);
+    const std::string failure = *reason != '\0' ? reason : messageText(Message::failure);
+    complain(Message::failedAt, failure.c_str(), place, e.line);
     return statusHostFailed;
   }
 }
