@@ -17,6 +17,7 @@
 #include "Engine/utilities/CharString.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/OrdinaryUser.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/TracedChild.h"
 
@@ -570,19 +571,8 @@ TEST(FileName, IsAccessibleWhenItIsAReadableRegularFile) {
   EXPECT_FALSE(name("/dev/null").isAccessible(false));
 }
 
-namespace {
-
-// Permissions do not stop the superuser.
-void becomeAnOrdinaryUser() {
-  if (geteuid() == 0) {
-    ASSERT_EQ(setuid(65534), 0);
-  }
-}
-
-}  // namespace
-
 CUL_CHILD(FileNameThatMayNotBeRead) {
-  becomeAnOrdinaryUser();
+  const OrdinaryUser user;
   const std::string folder = childArguments().at(0);
   EXPECT_FALSE(name(folder + "/unreadable").isAccessible(false));
   EXPECT_FALSE(name(folder + "/unreadable").isAccessible(true));
