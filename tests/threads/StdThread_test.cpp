@@ -204,6 +204,21 @@ TEST(StdThread, StartsWithNoSignalBlocked) {
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+TEST(StdThread, EachThreadInstallsTheHandlerOfRequestsItself) {
+  StdThread::Termination termination;
+  {
+    const PosixMoment changed(PosixCall::create, [] { signal(SIGUSR2, SIG_DFL); });
+    startThread(
+        [] {
+          struct sigaction action;
+          sigaction(SIGUSR2, nullptr, &action);
+          EXPECT_EQ(action.sa_handler, &sigUSR2handler);
+        },
+        &termination);
+  }
+  EXPECT_EQ(termination.wait(0), 0);
+}
+
 TEST(StdThread, AFailedCreationThrowsAndLeavesTheObjectUnstarted) {
   StdThread::Termination termination;
   std::atomic<bool> hasRun = false;

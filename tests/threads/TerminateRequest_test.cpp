@@ -3,6 +3,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <new>
@@ -11,6 +12,7 @@
 #include <pthread.h>
 #include <sched.h>
 #include <string>
+#include <sys/resource.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -78,6 +80,17 @@ void expectEnd(const std::function<void(std::atomic<pid_t>&)>& wait,
   EXPECT_EQ(RunningThreads::instance().find(0), thread);
   EXPECT_EQ(RunningThreads::instance().find(id), nullptr);
   useTheLibrary();
+}
+
+// Waits until no signal waits for the thread any more, or the thread has ended.
+void waitUntilSignalled(const std::atomic<pid_t>& task) {
+  waitUntil([&task] {
+    std::ifstream status("/proc/self/task/" + std::to_string(task) + "/status");
+    std::string word;
+    while (status >> word && word != "SigPnd:") {
+    }
+    return !(status >> word) || word == "0000000000000000";
+  });
 }
 
 bool isAsleep(const std::atomic<pid_t>& task) { return waitUntilAsleep(task); }
@@ -318,6 +331,8 @@ TEST(TerminateRequest, WaitsUntilALockOfTheCLibraryIsTaken) {
       &termination);
   waitUntilAsleep(task);
   EXPECT_EQ(thread->requestTerminate(), 0);
+  // Else the wait might end by the lock alone.
+  waitUntilSignalled(task);
   pthread_rwlock_unlock(&lock);
   EXPECT_EQ(termination.wait(0), 0);
   EXPECT_TRUE(isIn);
@@ -400,7 +415,7 @@ CUL_CHILD(RequestBehindACallOfNothing) {
   struct sigaction action = {};
   action.sa_handler = [](int) {
     raise(SIGUSR2);
-    _exit(7);
+    exit(7);
   };
   sigaction(SIGSEGV, &action, nullptr);
   runOnThread([] {
@@ -412,6 +427,119 @@ CUL_CHILD(RequestBehindACallOfNothing) {
 TEST(TerminateRequest, WaitsInAHandlerOfACallThroughANullPointer) {
   const ChildResult child = runChild("RequestBehindACallOfNothing");
   EXPECT_EQ(child.status, 7) << child.out << child.err;
+}
+
+namespace {
+
+// A noexcept function cannot be unwound, so a request is put off.
+void askWhereNothingCanEnd() noexcept {
+  const std::string local(100, 'x');  // something to clean up
+  raise(SIGUSR2);
+}
+
+// A thread object whose memory is still there when it is gone, filled with ones.
+class ThreadInAPlace : public StdThread {
+ public:
+  explicit ThreadInAPlace(Termination& termination) : StdThread("in a place", 0, &termination) {}
+  void run() override {}
+
+  static void* operator new(size_t) { return place; }
+  static void operator delete(void*) {
+    std::memset(place, 0xff, sizeof(ThreadInAPlace));
+    raise(SIGUSR2);
+  }
+
+  static unsigned char place[];
+};
+alignas(16) unsigned char ThreadInAPlace::place[sizeof(ThreadInAPlace)];
+
+}  // namespace
+
+TEST(TerminateRequest, DoesNotTouchAThreadObjectThatIsGone) {
+  StdThread::Termination termination;
+  (new ThreadInAPlace(termination))->start_thread(0);
+  EXPECT_EQ(termination.wait(0), 0);
+  for (const unsigned char byte : ThreadInAPlace::place) {
+    EXPECT_EQ(byte, 0xff);
+  }
+}
+
+CUL_CHILD(RequestBeforeAnEscapingException) {
+  std::atexit([] { StdThread::thread_yield(); });
+  runOnThread([] {
+    const auto askOnce = []() noexcept {
+      askWhereNothingCanEnd();
+      // The repetitions stay away.
+      sigset_t request;
+      sigemptyset(&request);
+      sigaddset(&request, SIGUSR2);
+      pthread_sigmask(SIG_BLOCK, &request, nullptr);
+    };
+    askOnce();
+    throw 42;
+  });
+}
+
+TEST(TerminateRequest, DoesNotEndAThreadThatEndsTheProcess) {
+  ChildOptions options;
+  options.limitInSeconds = 30;
+  const ChildResult child = runChild("RequestBeforeAnEscapingException", options);
+  EXPECT_EQ(child.status, 99) << child.out << child.err;
+}
+
+CUL_CHILD(ManyRequestsThatArePutOff) {
+  // Each timer counts as a signal that waits. The first number behind "SigQ:" tells how many
+  // there are of this user.
+  std::ifstream status("/proc/self/status");
+  std::string word;
+  while (status >> word && word != "SigQ:") {
+  }
+  rlim_t present = 0;
+  ASSERT_TRUE(status >> present);
+  constexpr unsigned timers = 100;
+  const rlimit limit = {present + timers, present + timers};
+  EXPECT_EQ(setrlimit(RLIMIT_SIGPENDING, &limit), 0);
+  const auto askAndWait = [](void*) -> void* {
+    askWhereNothingCanEnd();
+    for (;;) {
+      usleep(1000);
+    }
+  };
+  for (unsigned i = 0; i < 2 * timers; ++i) {
+    runOnThread(askWhereNothingCanEnd);
+    pthread_t foreign;
+    EXPECT_EQ(pthread_create(&foreign, nullptr, askAndWait, nullptr), 0);
+    EXPECT_EQ(pthread_join(foreign, nullptr), 0);
+  }
+}
+
+TEST(TerminateRequest, LeavesNoTimerBehind) {
+  ChildOptions options;
+  options.limitInSeconds = 60;
+  const ChildResult child = runChild("ManyRequestsThatArePutOff", options);
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+CUL_CHILD(RequestWithoutATimer) {
+  const rlimit none = {0, 0};
+  EXPECT_EQ(setrlimit(RLIMIT_SIGPENDING, &none), 0);
+  bool isAlive = false;
+  runOnThread([&isAlive] {
+    askWhereNothingCanEnd();
+    usleep(5000);
+    isAlive = true;
+    for (;;) {
+      StdThread::thread_yield();
+    }
+  });
+  EXPECT_TRUE(isAlive);
+}
+
+TEST(TerminateRequest, ThatCannotBeRepeatedActsWhenTheThreadYields) {
+  ChildOptions options;
+  options.limitInSeconds = 60;
+  const ChildResult child = runChild("RequestWithoutATimer", options);
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
 TEST(TerminateRequest, MayComeTwiceFromSeveralThreadsWhileTheThreadEnds) {
@@ -542,13 +670,8 @@ TEST(BlockTermination, AnUncountedEndWithoutARequestOnlyResetsTheCount) {
 TEST(BlockTermination, ARequestBeforeTheGuardIsNotLost) {
   std::atomic<bool> isAlive = false;
   runOnThread([&isAlive] {
-    // A noexcept function cannot be unwound, so the request is put off.
-    const auto ask = []() noexcept {
-      const std::string local(100, 'x');
-      raise(SIGUSR2);
-    };
-    const auto work = [&isAlive, &ask] {
-      ask();
+    const auto work = [&isAlive] {
+      askWhereNothingCanEnd();
       {
         const StdThread::BlockTermination block;
         usleep(5000);

@@ -460,6 +460,7 @@ TEST(ThreadListener, AWorkerAskedToEndAfterItsWorkTellsAllTheSame) {
       EXPECT_EQ(pthread_kill(pthread_self(), SIGUSR2), 0);
       // The request comes again and again meanwhile.
       usleep(50000);
+      StdThread::thread_yield();
       ThreadListener::notify(id, result);
     }
   };

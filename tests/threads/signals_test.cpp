@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <exception>
 #include <new>
 #include <string>
@@ -26,6 +27,8 @@
 #include "tests/threads/ThreadSupport.h"
 
 namespace {
+
+bool hasNoSymbols = false;
 
 constexpr int handledSignals[] = {SIGTRAP, SIGHUP, SIGTERM, SIGABRT, SIGFPE, SIGILL, SIGSEGV};
 
@@ -94,6 +97,13 @@ void expectCallChain(const TracedChild& child) {
 }
 
 }  // namespace
+
+// Stands before the C library's, also for calls from the library under test.
+extern "C" char** backtrace_symbols(void* const* addresses, int count) noexcept {
+  using Function = char** (*)(void* const*, int);
+  static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "backtrace_symbols"));
+  return hasNoSymbols ? nullptr : next(addresses, count);
+}
 
 TEST(SignalOccurred, NamesTheSignalsOfItsTable) {
   const struct {
@@ -443,6 +453,32 @@ TEST(CUL_SignalHandler, LeavesARecoveredThreadThatCanBeAskedToEnd) {
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
+CUL_CHILD(RecoveryWithoutAContext) {
+  // As while the handler runs, and another signal that has nothing to do with it.
+  sigset_t some;
+  sigemptyset(&some);
+  sigaddset(&some, SIGTERM);
+  sigaddset(&some, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &some, nullptr);
+  if (const int signal = StdThread::currentThread()->_setjmp(); signal == 0) {
+    siginfo_t info = {};
+    CUL_SignalHandler(SIGTERM, &info, nullptr);
+  } else {
+    EXPECT_EQ(signal, SIGTERM);
+    sigset_t now;
+    pthread_sigmask(SIG_SETMASK, nullptr, &now);
+    EXPECT_EQ(sigismember(&now, SIGTERM), 0);
+    EXPECT_EQ(sigismember(&now, SIGUSR1), 1);
+    std::printf("resumed");
+  }
+}
+
+TEST(CUL_SignalHandler, UnblocksOnlyItsSignalWhenItIsNotToldWhatWasBlocked) {
+  const ChildResult child = untracedChild("RecoveryWithoutAContext");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+  EXPECT_EQ(child.out, "resumed");
+}
+
 CUL_CHILD(SecondSigtermWhileTheFirstIsHandled) {
   std::atexit([] { std::printf("ended in order"); });
   // As while the handler of a first signal runs.
@@ -502,6 +538,17 @@ TEST(dumpModulesAndChain, WritesToStandardErrorWhenAskedTo) {
 }
 
 CUL_CHILD(DumpToTrace) { dumpModulesAndChain(false); }
+
+CUL_CHILD(DumpWithoutNames) {
+  hasNoSymbols = true;
+  dumpModulesAndChain(true);
+}
+
+TEST(dumpModulesAndChain, LeavesTheCallsOutWhenThereIsNoMemoryForTheirNames) {
+  const ChildResult child = runChild("DumpWithoutNames");
+  EXPECT_EQ(child.status, 0);
+  EXPECT_EQ(child.err, "---- Callback trace ----\n---- End callback trace ----\n");
+}
 
 TEST(dumpModulesAndChain, WritesToTheTraceOtherwise) {
   const TracedChild child("DumpToTrace");
