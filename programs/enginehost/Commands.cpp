@@ -3,11 +3,13 @@
 #include <algorithm>
 #include <cstring>
 
+#include "ProcessesCommand.h"
 #include "SettingsListing.h"
 
 namespace {
 
 constexpr Command table[] = {
+    {"-processes", "[--json]", processesCommand},
     {"-settings", "[--json]", settingsCommand},
 };
 

@@ -4,18 +4,14 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <set>
-#include <sys/prctl.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
 #include <thread>
 #include <type_traits>
 #include <unistd.h>
@@ -28,9 +24,9 @@
 
 #include "tests/processes/FailingCall.h"
 #include "tests/processes/PlayedFolder.h"
-#include "tests/support/ChildMain.h"
 #include "tests/support/TracedChild.h"
 #include "tests/support/WaitUntil.h"
+#include "tests/support/WaitingProgram.h"
 
 // Whether the stream that was opened last is closed when a program is started.
 static std::atomic<bool> isLastStreamClosedOnExec = false;
@@ -53,78 +49,6 @@ using testing::IsEmpty;
 
 const std::string getprocs = "int getprocs64(";
 const std::string getargsText = "int getargs(";
-
-// A started program that waits until it is told to end.
-class Waiting {
- public:
-  // `arguments` are the last ones of a shell that waits for its input to end.
-  explicit Waiting(std::vector<std::string> arguments) {
-    int gate[2];
-    int ready[2];
-    EXPECT_EQ(pipe2(gate, O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
-    arguments.insert(arguments.begin(), {"waiter", "-c", "read -r line || :", "name"});
-    std::vector<char*> words = pointersTo(arguments);
-    id_ = fork();
-    if (id_ == 0) {
-      dup2(gate[0], STDIN_FILENO);
-      execv("/bin/sh", words.data());
-      _exit(127);
-    }
-    close(gate[0]);
-    close(ready[1]);
-    // The other end is closed when the program has started.
-    char byte;
-    EXPECT_EQ(read(ready[0], &byte, 1), 0);
-    close(ready[0]);
-    gate_ = gate[1];
-    for (const std::string& argument : arguments) {
-      list_.append(argument).push_back('\0');
-    }
-  }
-  Waiting(const Waiting&) = delete;
-  Waiting& operator=(const Waiting&) = delete;
-  ~Waiting() {
-    close(gate_);
-    if (!isReaped_) {
-      reap();
-    }
-  }
-
-  pid_t id() const { return id_; }
-
-  // All arguments, each with its zero byte.
-  const std::string& list() const { return list_; }
-
-  // Ends it and waits until it is a zombie.
-  void end() {
-    kill(id_, SIGKILL);
-    siginfo_t info;
-    EXPECT_EQ(waitid(P_PID, static_cast<id_t>(id_), &info, WEXITED | WNOWAIT), 0);
-  }
-
-  void reap() {
-    EXPECT_EQ(waitpid(id_, nullptr, 0), id_);
-    isReaped_ = true;
-  }
-
- private:
-  pid_t id_ = 0;
-  int gate_ = -1;
-  bool isReaped_ = false;
-  std::string list_;
-};
-
-std::set<pid_t> processesInFolder() {
-  std::set<pid_t> result;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
-    const std::string name = entry.path().filename();
-    if (name.find_first_not_of("0123456789") == std::string::npos) {
-      result.insert(std::stoi(name));
-    }
-  }
-  return result;
-}
 
 std::vector<pid_t> walkFrom(pid_t index, std::size_t most = SIZE_MAX) {
   std::vector<pid_t> result;
@@ -180,17 +104,20 @@ TEST(ProcessTable, HoldsTheIdentifierInFirstPlaceWith32Bits) {
 }
 
 TEST(ProcessTable, WalkFindsEveryProcessOfTheMachine) {
-  const Waiting first({});
-  const Waiting second({});
-  // Others start and end meanwhile, and a walk stops at one that has ended: an undisturbed one
-  // comes soon.
+  const WaitingProgram first({});
+  const WaitingProgram second({});
+  // Others start and end meanwhile, and a walk stops at one that has ended: a whole one comes
+  // soon.
   std::set<pid_t> found;
   EXPECT_TRUE(waitUntil([&] {
-    const std::set<pid_t> before = processesInFolder();
+    const std::set<pid_t> before = processesInProc();
     const std::vector<pid_t> walk = walkFrom(0);
-    const std::set<pid_t> after = processesInFolder();
+    const std::set<pid_t> after = processesInProc();
     found = {walk.begin(), walk.end()};
-    return before == after && found == after && walk.size() == after.size();
+    EXPECT_EQ(found.size(), walk.size());
+    return std::all_of(before.begin(), before.end(), [&](pid_t process) {
+      return found.contains(process) || !after.contains(process);
+    });
   }));
   EXPECT_TRUE(found.contains(getpid()));
   EXPECT_TRUE(found.contains(first.id()));
@@ -313,7 +240,7 @@ TEST(ProcessTable, OneProcessIsStoredWhateverTheCount) {
 }
 
 TEST(ProcessTable, IndexOfAProcessThatHasEndedFindsNone) {
-  Waiting child({});
+  WaitingProgram child({});
   EXPECT_THAT(walkFrom(child.id(), 1), ElementsAre(child.id()));
   child.end();
   // A zombie is still in the table.
@@ -383,7 +310,7 @@ TEST(ProcessTable, ProgramsThatAreStartedDoNotInheritWhatIsOpenMeanwhile) {
 }
 
 TEST(ProcessTable, ThreadsWalkIndependentlyOfEachOther) {
-  const Waiting child({"one", "two"});
+  const WaitingProgram child({"one", "two"});
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
@@ -401,7 +328,7 @@ TEST(ProcessTable, ThreadsWalkIndependentlyOfEachOther) {
 // --- The arguments ---
 
 TEST(ProcessTable, ArgumentsStayApartByZeroBytes) {
-  const Waiting child({"one", "", "with blank", "last\nline", "\xFF\x01"});
+  const WaitingProgram child({"one", "", "with blank", "last\nline", "\xFF\x01"});
   EXPECT_EQ(child.list(),
             "waiter\0-c\0read -r line || :\0name\0one\0\0with blank\0last\nline\0\xFF\x01\0"sv);
   const Arguments a = argumentsOf(child.id(), 100);
@@ -420,7 +347,7 @@ TEST(ProcessTable, ArgumentsOfThisProcessAreThoseThatTheKernelGives) {
 // Longer than any buffer of a stream and than several pages.
 TEST(ProcessTable, LongArgumentListsAreWhole) {
   const std::vector<std::string> many(3, std::string(50000, 'x'));
-  const Waiting child(many);
+  const WaitingProgram child(many);
   ASSERT_GT(child.list().size(), 150000U);
   const Arguments a = argumentsOf(child.id(), 200000);
   EXPECT_EQ(a.result, 0);
@@ -430,7 +357,7 @@ TEST(ProcessTable, LongArgumentListsAreWhole) {
 // The child case's own arguments: the length to try and the bytes that are there.
 CUL_CHILD(ProcessTableArgumentsWithLength) {
   const int length = std::stoi(childArguments().at(0));
-  const Waiting child({"x"});
+  const WaitingProgram child({"x"});
   const auto room = static_cast<std::size_t>(length) - 1;
   const Arguments a = argumentsOf(child.id(), length);
   EXPECT_EQ(a.result, 0);
@@ -472,7 +399,7 @@ TEST(ProcessTable, BufferOfOneByteGetsAnEmptyTextAndTheWarning) {
 }
 
 CUL_CHILD(ProcessTableWithoutArguments) {
-  Waiting child({"x"});
+  WaitingProgram child({"x"});
   child.end();
   for (const int length : {1, 2, 3, 4096}) {
     const Arguments a = argumentsOf(child.id(), length);
@@ -496,9 +423,9 @@ bool hasEmptyList(pid_t process) {
 // Every process with an empty list in the folder, which all threads of the kernel have.
 TEST(ProcessTable, EveryEmptyListOfTheMachineIsEmpty) {
   unsigned seen = 0;
-  Waiting child({});
+  WaitingProgram child({});
   child.end();
-  for (const pid_t process : processesInFolder()) {
+  for (const pid_t process : processesInProc()) {
     // A program that is just being started has none for a moment.
     const bool wasEmpty = hasEmptyList(process);
     const Arguments a = argumentsOf(process, 10);
@@ -512,7 +439,7 @@ TEST(ProcessTable, EveryEmptyListOfTheMachineIsEmpty) {
 }
 
 CUL_CHILD(ProcessTableArgumentsOfNobody) {
-  Waiting child({"x"});
+  WaitingProgram child({"x"});
   child.end();
   child.reap();
   for (const pid_t process : {child.id(), 0, -1, INT_MAX, INT_MIN}) {
@@ -556,7 +483,7 @@ TEST(ProcessTable, BufferWithoutRoomAndNullArgumentsReadAndTraceNothing) {
 }
 
 TEST(ProcessTable, SizesOfTheEntryAreNotLookedAt) {
-  const Waiting child({"x"});
+  const WaitingProgram child({"x"});
   for (const int size : {INT_MIN, -1, 0, 4, 4096}) {
     procentry64 entry = {-77};
     pid_t index = child.id();

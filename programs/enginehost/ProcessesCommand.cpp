@@ -1,0 +1,93 @@
+#include "ProcessesCommand.h"
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <string>
+
+#include "Engine/utilities/ProcessTable.h"
+
+#include "ArgumentList.h"
+#include "Output.h"
+#include "Statuses.h"
+
+namespace {
+
+using Processes = std::map<pid_t, ArgumentList>;
+
+// One walk through the table.
+// \return the process it ends at, 0 when there is none.
+pid_t walk(std::set<pid_t>& found) {
+  procentry64 entry = {};
+  pid_t index = 0;
+  while (getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1) == 1) {
+    found.insert(entry.processId);
+  }
+  return entry.processId;
+}
+
+// A walk ends too early when the process that comes next ends before its turn, so that the table
+// is whole when two walks end at the same process. Where processes never cease to come and go
+// there is an end to the patience.
+std::set<pid_t> findProcesses() {
+  constexpr int mostWalks = 20;
+  std::set<pid_t> found;
+  pid_t last = walk(found);
+  for (int walks = 1; walks < mostWalks; ++walks) {
+    const pid_t previous = last;
+    last = walk(found);
+    if (last == previous) {
+      break;
+    }
+  }
+  return found;
+}
+
+Processes allProcesses() {
+  Processes result;
+  for (const pid_t process : findProcesses()) {
+    if (std::optional<ArgumentList> list = argumentsOf(process)) {
+      result.emplace(process, std::move(*list));
+    }
+  }
+  return result;
+}
+
+void printForPeople(const Processes& processes) {
+  std::printf("%7s  %s\n", "PROCESS", "ARGUMENTS");
+  for (const auto& [process, list] : processes) {
+    const std::string text = shown(list);
+    std::printf("%7d%s%s\n", process, text.empty() ? "" : "  ", text.c_str());
+  }
+}
+
+void printJson(const Processes& processes) {
+  nlohmann::ordered_json all = nlohmann::ordered_json::array();
+  for (const auto& [process, list] : processes) {
+    all.push_back({{"process", process}, {"arguments", list.arguments}, {"cut", list.isCut}});
+  }
+  const nlohmann::ordered_json document = {{"processes", all}};
+  // Arguments may be any bytes.
+  std::printf("%s\n",
+              document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+}
+
+}  // namespace
+
+int processesCommand(std::span<char* const> arguments) {
+  const bool asJson = arguments.size() == 1 && std::strcmp(arguments[0], "--json") == 0;
+  if (!arguments.empty() && !asJson) {
+    std::fprintf(stderr, "enginehost: -processes takes nothing but --json\n");
+    return statusUsage;
+  }
+  const Processes processes = allProcesses();
+  if (processes.empty()) {
+    // This one is missing at least.
+    std::fprintf(stderr, "enginehost: the processes cannot be read; the trace tells why\n");
+    return statusHostFailed;
+  }
+  asJson ? printJson(processes) : printForPeople(processes);
+  return finishOutput();
+}
