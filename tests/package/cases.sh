@@ -193,7 +193,8 @@ $file/$lib/cmake/cul/culConfigVersion.cmake
 $file/$lib/cmake/cul/culTargets-${configuration,,}.cmake
 $file/$lib/cmake/cul/culTargets.cmake
 $link/$lib/libcul.so->libcul.so.1
-$file/$lib/pkgconfig/cul.pc" "$(contents libcul-dev)"
+$file/$lib/pkgconfig/cul.pc
+$file/share/gdb/auto-load/usr/$lib/libcul.so.$VERSION-gdb.py" "$(contents libcul-dev)"
 }
 
 PackagesAreInstalledUsedAndPurged() {
