@@ -4,12 +4,14 @@
 #include <cstring>
 
 #include "ProcessesCommand.h"
+#include "PropertiesCommand.h"
 #include "SettingsListing.h"
 
 namespace {
 
 constexpr Command table[] = {
     {"-processes", "[--json]", processesCommand},
+    {"-properties", "file [key]", propertiesCommand},
     {"-settings", "[--json]", settingsCommand},
 };
 

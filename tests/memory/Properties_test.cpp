@@ -288,6 +288,12 @@ TEST(Properties, AreReadAsIntegers) {
   }
 }
 
+TEST(Properties, AreReadAsIntegersUpToTheirFirstZeroByte) {
+  Properties properties(nullptr);
+  properties.setProperty(text("n"), text(std::string_view("12\0x", 4)));
+  EXPECT_EQ(properties.getInteger(text("n")), 12);
+}
+
 TEST(Properties, ThrowForWhatIsNoInteger) {
   Properties properties(nullptr);
   expectNoInteger(properties, "absent");
@@ -296,7 +302,7 @@ TEST(Properties, ThrowForWhatIsNoInteger) {
     properties.setProperty(text("n"), text(value));
     expectNoInteger(properties, "n");
   }
-  properties.setProperty(text("n"), text(std::string_view("1\0", 2)));
+  properties.setProperty(text("n"), text(std::string_view("\0001", 2)));
   expectNoInteger(properties, "n");
 }
 

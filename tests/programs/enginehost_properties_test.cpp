@@ -1,0 +1,173 @@
+#include <map>
+#include <string>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "tests/support/Child.h"
+#include "tests/support/TemporaryFolder.h"
+
+/// The listing of a property file and the look-up of one key.
+
+namespace {
+
+constexpr const char* host = CUL_ENGINEHOST;
+
+ChildResult runProperties(std::vector<std::string> words,
+                          const std::map<std::string, std::string>& environment = {}) {
+  words.insert(words.begin(), {host, "-properties"});
+  return runProgram(words, {.environment = environment});
+}
+
+// A property file of the test's own.
+class File {
+ public:
+  explicit File(const std::string& bytes) : path(folder_.file("properties")) {
+    writeFile(path, bytes);
+  }
+
+ private:
+  TemporaryFolder folder_;
+
+ public:
+  const std::string path;
+};
+
+void expectOutput(const ChildResult& r, const std::string& out) {
+  EXPECT_EQ(r.out, out);
+  EXPECT_EQ(r.err, "");
+  EXPECT_EQ(r.status, 0);
+}
+
+void expectFailure(const ChildResult& r, const std::string& err, int status) {
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, err);
+  EXPECT_EQ(r.status, status);
+}
+
+constexpr const char* usage = "enginehost: -properties takes a file and at most one key\n";
+
+TEST(EngineHostProperties, AreListedInTheOrderOfTheirKeys) {
+  const File file("b = 2 # note\n# comment\nab=\nB=1\na=3\nverbose\nb=4\n\xC3\xA4=5\nz\n");
+  expectOutput(runProperties({file.path}), "B=1\na=3\nab=\nb=4\nverbose=\nz=\n\xC3\xA4=5\n");
+}
+
+TEST(EngineHostProperties, AreListedWithoutWhatUpsetsATerminal) {
+  const File file(std::string("\x1B[2J=a\rb\n\tk\x01=\x7F\xC3\xA4\\x\nzero=\0!\n", 27));
+  expectOutput(runProperties({file.path}),
+               "\\x1B[2J=a\\x0Db\nk\\x01=\\x7F\xC3\xA4\\x\nzero=\\x00!\n");
+}
+
+TEST(EngineHostProperties, OfAnEmptyFileAreNone) {
+  expectOutput(runProperties({File("").path}), "");
+  expectOutput(runProperties({File("# nothing\n\n=1\n").path}), "");
+  expectOutput(runProperties({"/dev/null"}), "");
+}
+
+TEST(EngineHostProperties, AreLookedUpByKey) {
+  const File file("a=1\nb= two words \nA=3\nempty=\n\xC3\xA4=\xE2\x82\xAC\n");
+  expectOutput(runProperties({file.path, "a"}), "1\n");
+  expectOutput(runProperties({file.path, "b"}), "two words\n");
+  expectOutput(runProperties({file.path, "A"}), "3\n");
+  expectOutput(runProperties({file.path, "empty"}), "\n");
+  expectOutput(runProperties({file.path, "\xC3\xA4"}), "\xE2\x82\xAC\n");
+}
+
+TEST(EngineHostProperties, AreLookedUpAsTheyStand) {
+  const File file(std::string("k=\x1B[1mbold\0\r.\x7F\nlong=", 20) + std::string(100000, 'v'));
+  expectOutput(runProperties({file.path, "k"}), std::string("\x1B[1mbold\0\r.\x7F\n", 13));
+  std::string expected(100000, 'v');
+  expected += '\n';
+  const ChildResult r = runProperties({file.path, "long"});
+  EXPECT_TRUE(r.out == expected);
+  EXPECT_EQ(r.status, 0);
+}
+
+TEST(EngineHostProperties, SayNothingOfAnAbsentKey) {
+  const File file("a=1\n=2\n");
+  for (const char* const key : {"b", "", "A", " a", "a=1", "2", "\xFF", "%s", "-settings"}) {
+    expectFailure(runProperties({file.path, key}), "", 1);
+  }
+}
+
+TEST(EngineHostProperties, AreReadInTheCodePageOfTheUser) {
+  const std::map<std::string, std::string> latin = {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}};
+  const File file("gr\xFC\xDF=\xE4\n");
+  expectOutput(runProperties({file.path}, latin), "gr\xC3\xBC\xC3\x9F=\xC3\xA4\n");
+  expectOutput(runProperties({file.path, "gr\xFC\xDF"}, latin), "\xC3\xA4\n");
+  expectOutput(runProperties({file.path, "gr\xC3\xBC\xC3\x9F"}, latin), "\xC3\xA4\n");
+}
+
+TEST(EngineHostProperties, NeedAFileThatCanBeRead) {
+  const TemporaryFolder folder;
+  writeFile(folder.file("p"), "a=1\n");
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {folder.file("none"), "No such file or directory"},
+      {"", "No such file or directory"},
+      {folder.path(), "Is a directory"},
+      {folder.file("p/"), "Not a directory"},
+      {folder.file(std::string(300, 'n')), "File name too long"}};
+  for (const auto& [path, reason] : cases) {
+    const std::string line = "enginehost: " + path + ": " + reason + "\n";
+    expectFailure(runProperties({path}), line, 125);
+    expectFailure(runProperties({path, "a"}), line, 125);
+  }
+  expectFailure(runProperties({"\x1B[2J\n"}),
+                "enginehost: \\x1B[2J\\x0A: No such file or directory\n", 125);
+  expectFailure(runProperties({"%s%n"}), "enginehost: %s%n: No such file or directory\n", 125);
+}
+
+TEST(EngineHostProperties, NeedAFileThatMayBeRead) {
+  if (geteuid() == 0) {
+    // Root may read every file; this one it cannot: its memory begins at an invalid address.
+    expectFailure(runProperties({"/proc/self/mem"}),
+                  "enginehost: /proc/self/mem: Input/output error\n", 125);
+    return;
+  }
+  const File file("a=1\n");
+  ASSERT_EQ(chmod(file.path.c_str(), 0), 0);
+  expectFailure(runProperties({file.path}), "enginehost: " + file.path + ": Permission denied\n",
+                125);
+}
+
+TEST(EngineHostProperties, AreFoundUnderAnyNameOfAFile) {
+  const TemporaryFolder folder;
+  for (const char* const name : {"\xFF\xFE", "gr\xC3\xBC\xC3\x9F", "a(b)", "#=", "-settings"}) {
+    writeFile(folder.file(name), "a=1\n");
+    expectOutput(runProperties({folder.file(name), "a"}), "1\n");
+  }
+}
+
+TEST(EngineHostProperties, AreReadFromStandardInput) {
+  const ChildResult r = runProgram({host, "-properties", "/dev/stdin"}, {.input = "b=2\na=1"});
+  expectOutput(r, "a=1\nb=2\n");
+}
+
+TEST(EngineHostProperties, FailWhenTheyCannotBeWritten) {
+  const File file("a=1\n");
+  const std::string command = std::string(host) + " -properties " + file.path;
+  for (const char* const rest : {" >/dev/full", " a >/dev/full"}) {
+    const ChildResult r = runProgram({"/bin/sh", "-c", command + rest});
+    EXPECT_EQ(r.status, 125);
+    EXPECT_THAT(r.err, testing::StartsWith("enginehost: "));
+  }
+}
+
+TEST(EngineHostProperties, TakeAFileAndAtMostOneKey) {
+  const File file("a=1\n");
+  expectFailure(runProperties({}), usage, 2);
+  expectFailure(runProperties({file.path, "a", "b"}), usage, 2);
+  expectFailure(runProperties({file.path, "a", ""}), usage, 2);
+}
+
+TEST(EngineHostProperties, SurviveAFileOfNonsense) {
+  const ChildResult r = runProperties({host});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, "");
+  EXPECT_THAT(r.out, testing::HasSubstr("=\n"));
+}
+
+}  // namespace
