@@ -86,7 +86,7 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
 
   /// Replaces the first occurrence of `from` at or behind `start` (0 counts as 1), and no
   /// other, by `to`. Both may be this object. Nothing happens when `start` is greater than
-  /// length().
+  /// length(). When memory is out the text may be left cut in front of the occurrence.
   void change(const CharString& from, const CharString& to, unsigned start = 1);
 
   /// The position of the first value at or behind `pos` (0 counts as 1) that is not in

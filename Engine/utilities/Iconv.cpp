@@ -29,8 +29,9 @@ size_t iconvDebug(iconv_t descriptor, const char* input, size_t inputLength, cha
     const std::lock_guard lock(iconvMutex);
     iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
     while (inputLength != 0) {
-      const bool failed = iconv(descriptor, &in, &inputLength, &out, &room) == ~size_t{0};
-      if (inputLength == 0 || room == 0 || (failed && errno == E2BIG)) {
+      // With input left it has failed.
+      iconv(descriptor, &in, &inputLength, &out, &room);
+      if (inputLength == 0 || room == 0 || errno == E2BIG) {
         break;
       }
       *out++ = '?';

@@ -32,12 +32,8 @@ constinit std::atomic<StringPoolManager*> StringPoolManager::theInstance_ = null
 
 StringPoolManager& StringPoolManager::makeInstance() {
   StringPoolManager* const made = new StringPoolManager;
-  StringPoolManager* present = nullptr;
-  if (theInstance_.compare_exchange_strong(present, made, std::memory_order_acq_rel)) {
-    return *made;
-  }
-  delete made;
-  return *present;
+  theInstance_.store(made, std::memory_order_release);
+  return *made;
 }
 
 StringPoolManager::SizeClass StringPoolManager::classOf(unsigned size) noexcept {

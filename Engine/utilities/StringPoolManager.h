@@ -54,7 +54,7 @@ class CUL_EXPORT StringPoolManager {
   static const ClassRule classRules[sizeClasses];
 
   StringPoolManager() = default;
-  ~StringPoolManager() = default;
+  ~StringPoolManager() = delete;
 
   static StringPoolManager& makeInstance();
   static SizeClass classOf(unsigned size) noexcept;

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <limits>
 
 #include "Engine/utilities/EncodedString.h"
@@ -14,19 +15,18 @@ constexpr time_t unreadable = -1;
 
 constexpr unsigned wordSize = 20;
 
+constexpr const char* monthNames[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+
 bool areSet(const TimeDateStamp& a, const TimeDateStamp& b) noexcept {
   return a.time != 0 && b.time != 0;
 }
 
 // The number of the month that ctime() calls `name`, or 0.
 unsigned monthNamed(const char* name) noexcept {
-  for (unsigned month = 1; month <= 12; ++month) {
-    const TimeDateStamp stamp(1999, month, 1, 1, 1, 1);
-    char text[26];
-    char word[wordSize];
-    if (ctime_r(&stamp.time, text) != nullptr && std::sscanf(text, "%*19s%19s", word) == 1 &&
-        std::strcmp(word, name) == 0) {
-      return month;
+  for (unsigned index = 0; index < std::size(monthNames); ++index) {
+    if (std::strcmp(monthNames[index], name) == 0) {
+      return index + 1;
     }
   }
   return 0;

@@ -51,7 +51,7 @@ class CUL_EXPORT UnicodeUtilities {
   /// \return bytes written, 1 to 6; 0, with nothing written, when `room` is too small.
   static unsigned unicodeToUTF8(unsigned cp, char* out, unsigned room) noexcept;
 
-  /// Encodes `count` values and puts a zero byte behind them.
+  /// Encodes `count` values and puts a zero byte behind them. A null `text` is the empty text.
   /// \return bytes written, the zero included; 0 when they do not fit into `room`.
   static unsigned unicodeToUTF8(const wchar_t* text, unsigned count, char* out,
                                 unsigned room) noexcept;

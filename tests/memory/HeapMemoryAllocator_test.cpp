@@ -48,6 +48,14 @@ TEST(HeapMemoryAllocator, GivesBackToTheScalarDelete) {
   allocator.conditionalPut(nullptr);
 }
 
+TEST(HeapMemoryAllocator, MayBeMadeBesideTheOneInstanceAndDestroyedThroughItsBase) {
+  MemoryAllocator* const other = new HeapMemoryAllocator;
+  void* const p = other->get(10);
+  EXPECT_NE(p, nullptr);
+  delete other;
+  HeapMemoryAllocator::instance()->put(p);
+}
+
 CUL_CHILD(HeapMemoryAfterExit) {
   static const struct Late {
     ~Late() {

@@ -57,6 +57,21 @@ class NoMemory final : public MemoryAllocator {
   int returned = 0;
 };
 
+// Pretends to have any number of bytes.
+class EndlessMemory final : public MemoryAllocator {
+ public:
+  void* get(unsigned int) override { return &memory_; }
+  void* get(unsigned int, const char*, unsigned int) override { return &memory_; }
+  void put(void*) override {}
+  void put(void*, const char*, unsigned int) override {}
+  void conditionalPut(void*) override {}
+  void conditionalPut(void*, const char*, unsigned int) override {}
+  bool putPermitted() const override { return true; }
+
+ private:
+  char memory_ = 0;
+};
+
 std::vector<unsigned int> upTo(unsigned int n) {
   std::vector<unsigned int> numbers(n);
   for (unsigned int i = 0; i < n; ++i) {
@@ -458,6 +473,20 @@ TEST(ListImplementation, RefusesABufferWhoseSizeDoesNotFitIn32BitsWithoutAsking)
   EXPECT_EQ(untyped.list.count, 0U);
   EXPECT_EQ(untyped.buffer, nullptr);
   untyped.list.allocator = HeapMemoryAllocator::instance();
+}
+
+TEST(ListImplementation, RefusesACapacityThatDoesNotFitIn32Bits) {
+  EndlessMemory allocator;
+  Untyped untyped(0, 1);
+  untyped.list.allocator = &allocator;
+  untyped.list.extend(UINT_MAX - 7, &untyped.buffer);
+  EXPECT_EQ(untyped.list.capacity, UINT_MAX - 7);
+  EXPECT_THROW(untyped.list.extend(UINT_MAX, &untyped.buffer), std::bad_alloc);
+  EXPECT_THROW(untyped.list.appendItems(&untyped.buffer, "", UINT_MAX), std::bad_alloc);
+  EXPECT_EQ(untyped.list.capacity, UINT_MAX - 7);
+  EXPECT_EQ(untyped.list.count, 0U);
+  untyped.list.extend(UINT_MAX - 7, &untyped.buffer);
+  EXPECT_EQ(untyped.list.capacity, UINT_MAX - 7);
 }
 
 TEST(ListImplementation, StaysAsItWasWhenThereIsNoMemoryToGrow) {

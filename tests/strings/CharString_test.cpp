@@ -488,6 +488,7 @@ TEST(CharString, SetsHoldAnyValueButZero) {
   const CharString s(L"\x20AC\x00FF\x1F600\0x", 5U);
   EXPECT_EQ(s.skipChars(1, L"\x1F600\x20AC\x00FF"), 4U);
   EXPECT_EQ(s.skipChars(1, L"\x1F600\x20AC"), 2U);
+  EXPECT_EQ(s.skipChars(1, L"\x1F600"), 1U);
 }
 
 TEST(CharString, ConcatenatesAndAppends) {

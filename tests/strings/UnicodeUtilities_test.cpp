@@ -430,6 +430,9 @@ TEST(UnicodeUtilities, EncodesAnEmptyTextAsTheTerminator) {
   EXPECT_EQ(out, '#');
   EXPECT_EQ(U::unicodeToUTF8(L"", 0U, &out, 1), 1U);
   EXPECT_EQ(out, '\0');
+  out = '#';
+  EXPECT_EQ(U::unicodeToUTF8(nullptr, 5U, &out, 1), 1U);
+  EXPECT_EQ(out, '\0');
 }
 
 TEST(UnicodeUtilities, EncodesEveryCodeValueAsIconvDoes) {
