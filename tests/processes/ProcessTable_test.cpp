@@ -264,8 +264,8 @@ CUL_CHILD(ProcessTableWithoutDescriptors) {
   static_cast<void>(isTraced(TraceType::error));  // The trace opens its file.
   rlimit limit;
   getrlimit(RLIMIT_NOFILE, &limit);
-  limit.rlim_cur = static_cast<rlim_t>(lowestFreeDescriptor());
-  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+  const rlimit none = {static_cast<rlim_t>(lowestFreeDescriptor()), limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
   procentry64 entry = {-77};
   pid_t index = 0;
   EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), -1);
@@ -273,6 +273,7 @@ CUL_CHILD(ProcessTableWithoutDescriptors) {
   EXPECT_EQ(entry.processId, -77);
   EXPECT_EQ(argumentsOf(getpid(), 40).result, -1);
   EXPECT_EQ(argumentsOf(getpid(), 40).bytes, std::string(40, '~'));
+  setrlimit(RLIMIT_NOFILE, &limit);  // The search for leaks opens files.
   std::printf("%d\n", getpid());
 }
 
