@@ -84,6 +84,7 @@ void compareEvents();
 void compareTrace();
 void compareConsole();
 void compareProcesses();
+void compareProcessTable();
 void compareFiles();
 void compareSettings();
 void compareStartup();

@@ -83,6 +83,7 @@ void compareInCompany() {
   compareTrace();
   compareConsole();
   compareProcesses();
+  compareProcessTable();
   compareFiles();
   compareSettings();
   compareStartup();

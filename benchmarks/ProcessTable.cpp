@@ -1,0 +1,136 @@
+#include "Engine/utilities/ProcessTable.h"
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <string>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#include "benchmarks/Comparison.h"
+
+/// \file
+/// All processes of the machine with their arguments, beside a program that reads /proc by
+/// itself: it opens the folder once for all processes and reads each list with one call. Our walk
+/// opens the folder again for each process and reads on to the place where it was, so that its
+/// cost grows with the square of the number of processes. The rows with more processes show it;
+/// the one of a single process shows what the arguments alone cost.
+
+namespace {
+
+constexpr int bufferSize = 4096;
+
+// Processes that sleep, until the end of the scope.
+class Sleepers {
+ public:
+  explicit Sleepers(unsigned count) {
+    const pid_t parent = getpid();
+    for (unsigned i = 0; i < count; ++i) {
+      const pid_t process = fork();
+      require(process != -1, "fork");
+      if (process == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        while (getppid() == parent) {
+          pause();
+        }
+        _exit(0);
+      }
+      processes_.push_back(process);
+    }
+  }
+  Sleepers(const Sleepers&) = delete;
+  Sleepers& operator=(const Sleepers&) = delete;
+  ~Sleepers() {
+    for (const pid_t process : processes_) {
+      kill(process, SIGKILL);
+    }
+    for (const pid_t process : processes_) {
+      waitpid(process, nullptr, 0);
+    }
+  }
+
+ private:
+  std::vector<pid_t> processes_;
+};
+
+// \return how many processes have arguments.
+unsigned listOurs() {
+  unsigned count = 0;
+  procentry64 entry;
+  pid_t index = 0;
+  char buffer[bufferSize];
+  while (getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1) == 1) {
+    count += getargs(&entry, sizeof entry, buffer, bufferSize) == 0 && buffer[0] != '\0' ? 1 : 0;
+  }
+  return count;
+}
+
+bool readArguments(pid_t process, char* buffer) {
+  const std::string path = "/proc/" + std::to_string(process) + "/cmdline";
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    return false;
+  }
+  const ssize_t n = read(fd, buffer, bufferSize - 1);
+  close(fd);
+  buffer[n < 0 ? 0 : n] = '\0';
+  return n >= 0;
+}
+
+unsigned listPeers() {
+  unsigned count = 0;
+  char buffer[bufferSize];
+  DIR* const folder = opendir("/proc");
+  while (const dirent* const entry = readdir(folder)) {
+    char* end = nullptr;
+    const long process = std::strtol(entry->d_name, &end, 10);
+    if (*end == '\0' && readArguments(static_cast<pid_t>(process), buffer)) {
+      count += buffer[0] != '\0' ? 1 : 0;
+    }
+  }
+  closedir(folder);
+  return count;
+}
+
+void addListing(const std::string& name, unsigned sleepers, unsigned (*list)()) {
+  benchmark::RegisterBenchmark(name.c_str(), [sleepers, list](benchmark::State& state) {
+    const Sleepers more(sleepers);
+    unsigned least = ~0U;
+    for (auto _ : state) {
+      least = std::min(least, list());
+    }
+    // A walk of ours ends early when a process of another program ends under it.
+    if (least < sleepers) {
+      state.SkipWithError("Other processes ended meanwhile.");
+    }
+  });
+}
+
+}  // namespace
+
+void compareProcessTable() {
+  for (const unsigned sleepers : {0U, 100U, 400U}) {
+    const std::string what =
+        "process table: all with arguments, " + std::to_string(sleepers) + " more processes";
+    addListing(what + "/ours", sleepers, listOurs);
+    addListing(what + "/opendir + read", sleepers, listPeers);
+  }
+  compare(
+      "process table: the arguments of one process",
+      [] {
+        procentry64 entry = {getpid()};
+        char buffer[bufferSize];
+        getargs(&entry, sizeof entry, buffer, bufferSize);
+        benchmark::DoNotOptimize(buffer);
+      },
+      "open + read",
+      [] {
+        char buffer[bufferSize];
+        readArguments(getpid(), buffer);
+        benchmark::DoNotOptimize(buffer);
+      });
+}
