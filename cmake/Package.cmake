@@ -8,6 +8,7 @@ install(EXPORT cul NAMESPACE cul:: FILE culTargets.cmake
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/culConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_SOURCE_DIR}/cmake/culConfig.cmake
+              ${PROJECT_SOURCE_DIR}/cmake/CulMessageCatalog.cmake
               ${PROJECT_BINARY_DIR}/culConfigVersion.cmake
   DESTINATION ${package_folder} COMPONENT development)
 
@@ -53,8 +54,8 @@ This package holds the library and its configuration module.")
 cul_package(development libcul-dev libdevel
   DEPENDS "libcul1 (= ${PROJECT_VERSION})"
   DESCRIPTION "common utility library of the debugger engine (development files)
-The headers of the library, each one its own manual, and what CMake and
-pkg-config find the library by.")
+The headers of the library, each one its own manual, what CMake and
+pkg-config find it by, and the compiler of message catalogs.")
 if(CUL_PROGRAMS)
   cul_package(program enginehost devel
     DEPENDS "libcul1 (= ${PROJECT_VERSION})"

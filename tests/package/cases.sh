@@ -31,15 +31,18 @@ install_and_move() {
 
 headers_of() { (cd "$1" && find Engine -name '*.h' | sort); }
 
+# expect_consumer_runs folder [library folder]: the program and its catalog in a folder; the
+# library where the program looks for it or in a folder named.
 expect_consumer_runs() {
-  expect_equal "the consumer's output" $'5 characters in 10 bytes\nSOURCE' "$(env -i "$@")"
+  expect_equal "the consumer's output" $'5 characters in 10 bytes\nSOURCE\nguten Tag' \
+    "$(env -i LANG=de_DE LD_LIBRARY_PATH="$1${2:+:$2}" "$1/consumer")"
 }
 
 FindPackageFindsAMovedTree() {
   install_and_move
   quietly "$CMAKE" -S "$consumer" -B "$folder/build" -G Ninja -DCMAKE_PREFIX_PATH="$prefix"
   quietly "$CMAKE" --build "$folder/build"
-  expect_consumer_runs "$folder/build/consumer"
+  expect_consumer_runs "$folder/build"
 }
 
 FindPackageRefusesAnotherMajorVersion() {
@@ -59,7 +62,10 @@ PkgConfigFindsAMovedTree() {
   local flags
   eval "flags=($(pkg-config --cflags --libs cul))"
   "$CXX" -std=c++20 "$consumer/main.cpp" -o "$folder/consumer" "${flags[@]}"
-  expect_consumer_runs LD_LIBRARY_PATH="$prefix/lib/$multiarch" "$folder/consumer"
+  "$prefix/bin/cul-message-compiler" -o "$folder/messages.cpp" \
+    en_US="$consumer/messages/en_US.msg" de_DE="$consumer/messages/de_DE.msg"
+  "$CXX" -std=c++20 -shared -fPIC "$folder/messages.cpp" -o "$folder/libwobnconsumer.so"
+  expect_consumer_runs "$folder" "$prefix/lib/$multiarch"
 }
 
 AddSubdirectoryOffersTheSameTarget() {
@@ -123,14 +129,16 @@ EachInstalledHeaderCompilesAlone() {
 
 # make_packages folder: the packages, in a folder of that name.
 make_packages() {
-  SOURCE_DATE_EPOCH=1700000000 quietly "$CPACK" -G DEB -B "$folder/$1" --config "$BUILD_FOLDER/CPackConfig.cmake"
+  SOURCE_DATE_EPOCH=1700000000 \
+    quietly "$CPACK" -G DEB -B "$folder/$1" --config "$BUILD_FOLDER/CPackConfig.cmake"
   rm -rf "${folder:?}/$1/_CPack_Packages"
 }
 
 PackagesOfOneBuildAreTheSameBytes() {
   make_packages once
   make_packages again
-  expect_equal packages "$(cd "$folder/once" && sha256sum ./*)" "$(cd "$folder/again" && sha256sum ./*)"
+  expect_equal packages "$(cd "$folder/once" && sha256sum ./*)" \
+    "$(cd "$folder/again" && sha256sum ./*)"
 }
 
 ThePackagesAreNamedDescribedAndConnected() {
@@ -142,8 +150,9 @@ libcul1_${VERSION}_amd64.deb" "$(ls)"
 
   # What is needed of the C and C++ libraries depends on where this is built.
   fields() {
-    dpkg-deb --showformat="\${Package} \${Version} \${Architecture} \${Section} \${Maintainer}\n\${Description}\n\${Depends}\n" \
-      --show "$1"_*.deb | sed 's/ (>= [^)]*)//g'
+    local format='${Package} ${Version} ${Architecture} ${Section} ${Maintainer}\n'
+    format+='${Description}\n${Depends}\n'
+    dpkg-deb --showformat="$format" --show "$1"_*.deb | sed 's/ (>= [^)]*)//g'
   }
   local maintainer="Debugger Engine developers <engine@debugger.invalid>"
   expect_equal libcul1 "libcul1 $VERSION amd64 libs $maintainer
@@ -156,9 +165,9 @@ common utility library of the debugger engine
 libc6, libgcc-s1, libstdc++6" "$(fields libcul1)"
   expect_equal libcul-dev "libcul-dev $VERSION amd64 libdevel $maintainer
 common utility library of the debugger engine (development files)
- The headers of the library, each one its own manual, and what CMake and
- pkg-config find the library by.
-libcul1 (= $VERSION)" "$(fields libcul-dev)"
+ The headers of the library, each one its own manual, what CMake and
+ pkg-config find it by, and the compiler of message catalogs.
+libcul1 (= $VERSION), libc6, libgcc-s1, libstdc++6" "$(fields libcul-dev)"
   expect_equal enginehost "enginehost $VERSION amd64 devel $maintainer
 runs a program under the debugger engine
  Starts as every process of the debugger does, runs a program on a console
@@ -182,12 +191,15 @@ EachPackageHoldsItsFiles() {
 $file/$lib/libcul.so.$VERSION
 $file/$lib/libwobnConfig.so" "$(contents libcul1)"
   expect_equal enginehost "$program/bin/enginehost
+$file/$lib/libwobnhost.so
 $file/share/man/man1/enginehost.1" "$(contents enginehost)"
 
   local configuration
   configuration=$(sed -n 's/^CMAKE_BUILD_TYPE:[A-Z]*=//p' "$BUILD_FOLDER/CMakeCache.txt")
   install_and_move
-  expect_equal libcul-dev "$(headers_of "$prefix/include" | sed "s|^|$file/include/|")
+  expect_equal libcul-dev "$program/bin/cul-message-compiler
+$(headers_of "$prefix/include" | sed "s|^|$file/include/|")
+$file/$lib/cmake/cul/CulMessageCatalog.cmake
 $file/$lib/cmake/cul/culConfig.cmake
 $file/$lib/cmake/cul/culConfigVersion.cmake
 $file/$lib/cmake/cul/culTargets-${configuration,,}.cmake
@@ -204,27 +216,36 @@ PackagesAreInstalledUsedAndPurged() {
   local root=$folder/root
   mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates" "$folder/bin"
   dpkg-query --status libc6 libgcc-s1 libstdc++6 >"$root/var/lib/dpkg/status"
-  printf '#!/bin/sh\necho "$DPKG_MAINTSCRIPT_NAME" >>"%s/ldconfig"\n' "$folder" >"$folder/bin/ldconfig"
+  cat >"$folder/bin/ldconfig" <<END
+#!/bin/sh
+echo "\$DPKG_MAINTSCRIPT_PACKAGE \$DPKG_MAINTSCRIPT_NAME" >>"$folder/ldconfig"
+END
   chmod +x "$folder/bin/ldconfig"
   dpkg_there() {
-    HOME=$folder PATH=$folder/bin:$PATH:/usr/sbin:/sbin quietly dpkg --root="$root" --log=/dev/null \
-      --force-not-root --force-script-chrootless "$@"
+    HOME=$folder PATH=$folder/bin:$PATH:/usr/sbin:/sbin quietly dpkg --root="$root" \
+      --log=/dev/null --force-not-root --force-script-chrootless "$@"
   }
   dpkg_there --install "$folder"/packages/*.deb
-  expect_equal "scripts that call ldconfig" postinst "$(cat "$folder/ldconfig")"
+  expect_equal "scripts that call ldconfig" $'libcul1 postinst\nenginehost postinst' \
+    "$(cat "$folder/ldconfig")"
 
   local status=0
   env -i "$root/usr/bin/enginehost" -- /bin/sh -c 'exit 7' || status=$?
   expect_equal status 7 $status
+  expect_equal "the host in French" "enginehost: /no/such/program : introuvable" \
+    "$(env -i LANG=fr_FR "$root/usr/bin/enginehost" -- /no/such/program 2>&1)"
   expect_equal "the library that the host loads" "$root/usr/lib/$multiarch/libcul.so.1" \
     "$(ldd "$root/usr/bin/enginehost" | awk '$1 == "libcul.so.1" { print $3 }' | xargs realpath -s)"
   quietly "$CMAKE" -S "$consumer" -B "$folder/build" -G Ninja -DCMAKE_PREFIX_PATH="$root/usr"
   quietly "$CMAKE" --build "$folder/build"
-  expect_consumer_runs "$folder/build/consumer"
+  expect_consumer_runs "$folder/build"
 
+  rm "$folder/ldconfig"
   dpkg_there --purge enginehost libcul-dev libcul1
-  expect_equal "scripts that call ldconfig" $'postinst\npostrm' "$(cat "$folder/ldconfig")"
-  expect_equal "what is left of the packages" "" "$(find "$root" -path "$root/var" -prune -o -type f -print)"
+  expect_equal "scripts that call ldconfig" $'enginehost postrm\nlibcul1 postrm' \
+    "$(cat "$folder/ldconfig")"
+  expect_equal "what is left of the packages" "" \
+    "$(find "$root" -path "$root/var" -prune -o -type f -print)"
 }
 
 TheLibraryNeedsTheStandardLibrariesAlone() {
