@@ -122,7 +122,7 @@ class Parser {
       return;
     }
     text.remove_prefix(1);
-    Message message = {textFrom(text), lineNumber_};
+    SourceMessage message = {textFrom(text), lineNumber_};
     const auto [entry, isNew] = messages_.try_emplace(id, std::move(message));
     if (!isNew) {
       fail("message " + std::to_string(id.number) + " of set " + std::to_string(id.set) +

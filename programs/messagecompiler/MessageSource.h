@@ -30,12 +30,12 @@ struct MessageId {
   auto operator<=>(const MessageId&) const = default;
 };
 
-struct Message {
+struct SourceMessage {
   std::string text;
   unsigned line;  ///< 1-based, its first one
 };
 
-using Messages = std::map<MessageId, Message>;
+using Messages = std::map<MessageId, SourceMessage>;
 
 /// Why there is no catalog: thrown.
 struct MessageError {

@@ -292,6 +292,25 @@ TEST(Installation, RunsFromWhereItIsInstalled) {
   EXPECT_EQ(configuration.err, "");
 }
 
+TEST(Installation, SpeaksItsUsersLanguageAndEnglishWithoutItsMessages) {
+  const Installation installation;
+  const auto errors = [&](const std::string& assertion) {
+    const ChildResult r =
+        runProgram({installation.program("enginehost"), "/no/such/file"},
+                   {.environment = {{"LANG", "de"}, {"QVX_DBG_ASSERTION", assertion}}});
+    EXPECT_EQ(r.status, 127);
+    return r.err;
+  };
+  EXPECT_EQ(errors(""), "enginehost: /no/such/file: nicht gefunden\n");
+  std::filesystem::remove(installation.library("libwobnhost.so"));
+  // What the library's loader says itself, for each entry that it is asked for.
+  const std::string absent =
+      "libwobnhost.so: cannot open shared object file: No such file or directory\n";
+  const std::string english = "enginehost: /no/such/file: not found\n";
+  EXPECT_EQ(errors(""), absent + absent + english);
+  EXPECT_EQ(errors("EXCEPTION"), absent + english);
+}
+
 TEST(Installation, UsesNothingOfTheBuildFolder) {
   const Installation installation;
   const std::string launcher = installation.program("launcher");
