@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "ConvertCommand.h"
 #include "ProcessesCommand.h"
 #include "PropertiesCommand.h"
 #include "SettingsListing.h"
@@ -10,6 +11,7 @@
 namespace {
 
 constexpr Command table[] = {
+    {"-convert", "FROM TO", convertCommand},
     {"-processes", "[--json]", processesCommand},
     {"-properties", "file [key]", propertiesCommand},
     {"-settings", "[--json]", settingsCommand},
