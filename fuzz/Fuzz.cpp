@@ -1,10 +1,10 @@
 #include "fuzz/Fuzz.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -51,7 +51,8 @@ std::string FuzzInput::rest() {
 
 ExactBytes::ExactBytes(std::string_view bytes)
     : data_(new char[bytes.size()]), size_(static_cast<unsigned>(bytes.size())) {
-  std::memcpy(data_.get(), bytes.data(), bytes.size());
+  // Of no bytes there may be a null pointer, which memcpy() does not take.
+  std::copy(bytes.begin(), bytes.end(), data_.get());
 }
 
 std::string bytesOf(const EncodedString& text) {
