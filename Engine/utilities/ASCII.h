@@ -33,13 +33,16 @@ class CUL_EXPORT ASCII {
   /// The classes of `c`; 0 for characters that belong to none.
   [[nodiscard]] static constexpr unsigned short type(unsigned char c) noexcept { return types[c]; }
 
-  /// The other case of one of the 26 letters; every other byte maps to itself.
+  /// \name Case
+  /// The lower or upper case of one of the 26 letters; every other byte maps to itself.
+  /// @{
   [[nodiscard]] static constexpr unsigned char toLower(unsigned char c) noexcept {
     return lower[c];
   }
   [[nodiscard]] static constexpr unsigned char toUpper(unsigned char c) noexcept {
     return upper[c];
   }
+  /// @}
 
  private:
   static constexpr std::string_view upperLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";

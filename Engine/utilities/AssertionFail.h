@@ -7,7 +7,8 @@
 /// inconsistency: a failed assertion is traced, then printed and/or thrown as the user has
 /// chosen (see assertionMode()), and never ends the process by itself. Any thread.
 
-/// Handles a failed assertion; does nothing at all when `condition` is nonzero.
+/// Handles a failed assertion.
+/// \param condition  the value of the assertion; nothing at all is done when it is nonzero.
 /// \param file       source path of the assertion.
 /// \param function   signature of the enclosing function.
 /// \param line       source line.

@@ -46,9 +46,11 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   /// A zero-terminated text, also a part of this one; null gives the empty text.
   CharString& operator=(const wchar_t* text);
 
-  /// Replaces the contents by the code values of `n` bytes; null counts as empty.
-  /// \param e how the bytes are to be read. With `utf8`, bytes that cannot open a sequence
-  ///          where one should start make the whole result empty.
+  /// Replaces the contents by the code values of some bytes.
+  /// \param bytes null counts as empty.
+  /// \param n     number of bytes.
+  /// \param e     how they are to be read. With `utf8`, bytes that cannot open a sequence
+  ///              where one should start make the whole result empty.
   void loadFrom(const char* bytes, unsigned n, EncodedString::Encoding e);
 
   /// The text as UTF-8.
@@ -60,9 +62,12 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   [[nodiscard]] static CharString getEnvVar(const wchar_t* name);
   [[nodiscard]] static CharString getEnvVar(const CharString& name);
 
-  /// Change the case of ASCII letters, in place.
+  /// \name Case
+  /// Changes the case of ASCII letters, in place.
+  /// @{
   void lower() noexcept;
   void upper() noexcept;
+  /// @}
 
   /// Removes the run of `c` at the start, within the block.
   void stripLeading(wchar_t c) noexcept;
@@ -80,7 +85,8 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   /// Whether the text ends with `s`; false for an empty `s`.
   [[nodiscard]] bool endsWith(const CharString& s) const noexcept;
 
-  /// Number of leading positions at which the two texts agree.
+  /// Number of leading positions at which two texts agree.
+  /// \param other the text to compare with.
   /// \param exact 0: ASCII letters that differ only in case agree too.
   [[nodiscard]] unsigned matchLength(const CharString& other, int exact) const noexcept;
 

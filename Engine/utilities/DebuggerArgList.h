@@ -35,10 +35,13 @@ class CUL_EXPORT DebuggerArgList {
   /// Removes all pairs.
   void deleteAll();
 
+  /// Pairs in the list.
   [[nodiscard]] unsigned int count() const noexcept { return pairs_.count(); }
+  /// Whether there is no pair.
   [[nodiscard]] bool isEmpty() const noexcept { return pairs_.isEmpty(); }
 
-  /// \name The pair at a position from 1 to count(). Valid until the pair is removed.
+  /// \name Pairs
+  /// A part of the pair at a position from 1 to count(), valid until the pair is removed.
   /// @{
   [[nodiscard]] const EncodedString& name(unsigned int position) const {
     return pairs_[position - 1]->name;

@@ -7,6 +7,7 @@
 /// the words was given, in whatever case and with blanks around it.
 class CUL_EXPORT DebuggerBooleanSetting : public DebuggerNumericSetting {
  public:
+  /// As for DebuggerSetting.
   DebuggerBooleanSetting(const EncodedString& name, SettingControl control, int group,
                          int identifier);
 

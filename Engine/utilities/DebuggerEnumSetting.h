@@ -12,11 +12,13 @@
 /// end, can be given by its number only.
 class CUL_EXPORT DebuggerEnumSetting : public DebuggerNumericSetting {
  public:
+  /// A name and the number that it stands for.
   struct EnumSettingItem {
     const wchar_t* name;  ///< Null behind the last item of an array.
-    unsigned number;
+    unsigned number;      ///< The number of the value.
   };
 
+  /// \param name,control,group,identifier as for DebuggerSetting.
   /// \param items copied; a null one counts as no items.
   DebuggerEnumSetting(const EncodedString& name, SettingControl control,
                       const EnumSettingItem* items, int group, int identifier);

@@ -11,7 +11,8 @@
 /// number that does not fit the type is refused as out of range, it never wraps.
 class CUL_EXPORT DebuggerIntegerSetting : public DebuggerNumericSetting {
  public:
-  /// \param minimum least and
+  /// \param name,control,group,identifier as for DebuggerSetting.
+  /// \param minimum least number permitted.
   /// \param maximum greatest number permitted.
   DebuggerIntegerSetting(const EncodedString& name, SettingControl control, int group,
                          int identifier, int minimum, int maximum);

@@ -22,12 +22,14 @@
 /// given. Either way the value reads back to the same bits.
 class CUL_EXPORT DebuggerListSetting : public DebuggerNumericSetting {
  public:
+  /// A name and what it does to the bits of the value.
   struct ListSettingItem {
     const wchar_t* name;  ///< Null behind the last item of an array.
-    unsigned mask;
-    bool sets;  ///< Whether the item sets the bits of its mask or clears them.
+    unsigned mask;        ///< The bits that are set or cleared.
+    bool sets;            ///< Whether the item sets the bits of its mask or clears them.
   };
 
+  /// \param name,control,group,identifier as for DebuggerSetting.
   /// \param items             copied; a null one counts as no items.
   /// \param acceptsAllAndNone whether "ALL" and "NONE" are accepted; 0: no.
   DebuggerListSetting(const EncodedString& name, SettingControl control,

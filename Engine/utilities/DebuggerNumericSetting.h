@@ -9,12 +9,15 @@ class CUL_EXPORT DebuggerNumericSetting : public DebuggerSetting {
  public:
   [[nodiscard]] DebuggerNumericSetting* asNumericSetting() override;
 
+  /// The number as it is.
   [[nodiscard]] virtual unsigned getValueAsUnsigned() const;
+  /// The number; one of 2^31 or more is negative.
   [[nodiscard]] virtual int getValueAsInt() const;
   /// Whether the number is not 0.
   [[nodiscard]] virtual bool getValueAsBool() const;
 
  protected:
+  /// As for DebuggerSetting, with the number 0.
   DebuggerNumericSetting(const EncodedString& name, SettingControl control, int group,
                          int identifier, SettingType type);
 

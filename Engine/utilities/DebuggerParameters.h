@@ -90,12 +90,12 @@ class CUL_EXPORT DebuggerParameters {
 
   /// A row of the option table, which several programs share.
   struct Option {
-    const wchar_t* name;
+    const wchar_t* name;     ///< The option as it is given in full, as in "-help".
     unsigned char programs;  ///< The programs that recognise it; this library is bit 0.
     bool valueWithEquals;    ///< A value follows "="; else a blank in the same argument.
     bool further;            ///< Kept for the other programs.
     unsigned char minimum;   ///< Least number of characters of an abbreviation.
-    ParmType type;
+    ParmType type;           ///< What the option means; rows of one type are synonyms.
 
     /// Whether the parser of this library lets the row take part.
     [[nodiscard]] constexpr bool isRecognised() const noexcept { return (programs & 1) != 0; }
@@ -138,6 +138,7 @@ class CUL_EXPORT DebuggerParameters {
   /// Takes in one argument. What is no option becomes the debuggee's name and ends the
   /// debugger's arguments; what comes after their end is one more argument of the debuggee.
   /// In an attached debugger both are invalid arguments.
+  /// \param arg  the argument.
   /// \param next the argument that follows, empty when there is none.
   /// \return how many arguments were used: 2 when the value was taken from `next`, else 1.
   unsigned int addDebuggerArg(const CharString& arg, const CharString& next);
@@ -208,22 +209,23 @@ class CUL_EXPORT DebuggerParameters {
  protected:
   DebuggerParameters() = default;
 
+  /// Notes an argument that nobody understands.
   void addInvalidArgument(const EncodedString& text);
 
-  EncodedString debuggerName_;
-  DebuggerArgList debuggerArguments_;
-  EncodedString debuggeeName_;  // The process id when attaching.
-  EncodedString debuggeeArguments_;
-  List<EncodedString*> invalidArguments_;  // owned
-  int argumentsUsed_ = 0;
-  EncodedString startupKey_;  // With its argument.
-  bool quiet_ = false;
-  bool helpRequested_ = false;
-  bool attach_ = false;
-  bool daemon_ = false;
-  bool endOfDebuggerArguments_ = false;
-  bool downloadWanted_ = false;
-  bool downloadForced_ = false;
+  EncodedString debuggerName_;             ///< See debuggerName().
+  DebuggerArgList debuggerArguments_;      ///< See debuggerArguments().
+  EncodedString debuggeeName_;             ///< See debuggeeName().
+  EncodedString debuggeeArguments_;        ///< See debuggeeArguments().
+  List<EncodedString*> invalidArguments_;  ///< See invalidArguments(); owned.
+  int argumentsUsed_ = 0;                  ///< See argumentsUsed().
+  EncodedString startupKey_;               ///< The start-up key with its argument.
+  bool quiet_ = false;                     ///< See quiet().
+  bool helpRequested_ = false;             ///< See helpRequested().
+  bool attach_ = false;                    ///< Whether there is a process to attach to.
+  bool daemon_ = false;                    ///< See daemon().
+  bool endOfDebuggerArguments_ = false;    ///< Whether all that follows is the debuggee's.
+  bool downloadWanted_ = false;            ///< See downloadWanted().
+  bool downloadForced_ = false;            ///< See downloadForced().
 
  private:
   unsigned int addOption(const Option& option, const CharString& arg, CharString& value,

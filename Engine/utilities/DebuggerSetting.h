@@ -98,8 +98,11 @@ class CUL_EXPORT DebuggerSetting {
   [[nodiscard]] int getGroup() const noexcept { return group_; }
   /// The setting's slot in the registry, and the key of its default.
   [[nodiscard]] int getIdentifier() const noexcept { return identifier_; }
+  /// The kind of the setting, one bit.
   [[nodiscard]] SettingType getType() const noexcept { return type_; }
+  /// What the setting allows, a set of SettingControl bits.
   [[nodiscard]] SettingControl getControl() const noexcept { return control_; }
+  /// Where the present value comes from.
   [[nodiscard]] Origin getOrigin() const noexcept { return origin_; }
 
   /// Whether the setting was made while its environment variable held a text, other than
@@ -108,6 +111,11 @@ class CUL_EXPORT DebuggerSetting {
 
  protected:
   /// The base of a setting, with an empty value.
+  /// \param name       what follows "QVX_DBG_" in the name of the environment variable.
+  /// \param control    what the setting allows, see SettingControl.
+  /// \param group      means something to clients only.
+  /// \param identifier the slot in the registry; the registry has a default only for its own.
+  /// \param type       the kind of the setting.
   DebuggerSetting(const EncodedString& name, SettingControl control, int group, int identifier,
                   SettingType type);
 

@@ -55,6 +55,7 @@ class CUL_EXPORT DebuggerSettings {
   void initialize();
 
   /// Adds or removes a listener, which stays its owner's and has to be removed before it goes.
+  /// \param listener called on the thread that changes a setting.
   /// \param add true: appends the listener unless it is registered; false: removes it if it is.
   virtual void registerHandler(Notification& listener, bool add);
 
@@ -97,7 +98,9 @@ class CUL_EXPORT DebuggerSettings {
   /// Makes the settings of a table, each in the slot of its identifier.
   void add(std::span<const SettingRow> rows);
 
+  /// Makes the settings that every platform has.
   void initializeCommonSettings();
+  /// Makes the settings that only this platform has.
   void initializePlatformSettings();
 
  private:

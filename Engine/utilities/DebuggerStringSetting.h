@@ -9,6 +9,7 @@ class CUL_EXPORT DebuggerStringSetting : public DebuggerSetting {
   /// As a minimum or maximum length: no limit.
   static constexpr unsigned short noLimit = 65535;
 
+  /// \param name,control,group,identifier as for DebuggerSetting.
   /// \param minLength least length of a value, in characters.
   /// \param maxLength greatest length of a value, in characters.
   DebuggerStringSetting(const EncodedString& name, SettingControl control, int group,

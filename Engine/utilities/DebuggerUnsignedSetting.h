@@ -9,7 +9,8 @@
 /// minimum: it is refused, where `sscanf` with "%u" would make a great one of it.
 class CUL_EXPORT DebuggerUnsignedSetting : public DebuggerNumericSetting {
  public:
-  /// \param minimum least and
+  /// \param name,control,group,identifier as for DebuggerSetting.
+  /// \param minimum least number permitted.
   /// \param maximum greatest number permitted.
   DebuggerUnsignedSetting(const EncodedString& name, SettingControl control, int group,
                           int identifier, unsigned minimum, unsigned maximum);

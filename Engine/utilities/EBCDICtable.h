@@ -19,6 +19,7 @@
 
 class CUL_EXPORT EBCDICtable {
  public:
+  /// Two values that stand for each other.
   struct ValuePair {
     unsigned short ucs;     ///< The Unicode value.
     unsigned short ebcdic;  ///< A byte, or lead byte * 256 + trail byte.
@@ -27,25 +28,29 @@ class CUL_EXPORT EBCDICtable {
   /// The built-in table "VKT-1047": EBCDIC::codePage1047 both ways.
   EBCDICtable();
 
-  /// A table of pairs, which are copied. Of two pairs for the same value the earlier one
-  /// counts; the later one still counts for its other value.
-  /// \param name zero-terminated; null gives an empty name.
+  /// A table of pairs.
+  /// \param pairs copied. Of two pairs for the same value the earlier one counts; the later
+  ///              one still counts for its other value.
+  /// \param name  zero-terminated; null gives an empty name.
   EBCDICtable(const List<ValuePair>& pairs, const char* name);
 
   EBCDICtable(const EBCDICtable&) = delete;
   EBCDICtable& operator=(const EBCDICtable&) = delete;
 
   /// Wide text to EBCDIC. Values above 0xFFFF have no pair.
-  /// \param text `n` values; null counts as empty.
+  /// \param text null counts as empty.
+  /// \param n    number of values.
   [[nodiscard]] ByteString fromUCS(const wchar_t* text, unsigned n) const;
 
   /// EBCDIC to wide text. The shift bytes are ordinary ones for a table without double-byte
   /// values, and so are a shift-in in single-byte mode and a shift-out in double-byte mode.
   /// A lead byte at the end has no pair; the byte behind any other is its trail byte, a
   /// shift-in too.
-  /// \param bytes `n` bytes; null counts as empty.
+  /// \param bytes null counts as empty.
+  /// \param n     number of bytes.
   [[nodiscard]] CharString toUCS(const unsigned char* bytes, unsigned n) const;
 
+  /// The name as it was given.
   [[nodiscard]] const ByteString& getName() const noexcept { return name; }
 
  private:

@@ -23,6 +23,7 @@ class ElementSet {
     }
   }
 
+  /// Whether there is no element.
   [[nodiscard]] bool isEmpty() const noexcept { return elements_ == nullptr || *elements_ == 0; }
 
   /// Whether `c` is in the set; 0 never is.

@@ -45,6 +45,7 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   EncodedString(const unsigned char* text, unsigned n, Encoding encoding);
   EncodedString(const signed char* text, unsigned n, Encoding encoding);
 
+  /// The same for all of `bytes`.
   EncodedString(const ByteString& bytes, Encoding encoding);
 
   /// `bytes` converted as by convertToUTF8(codepage).
@@ -84,6 +85,7 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   static EncodedString number(long double value);
 
   /// The text in another encoding.
+  /// \param target   the encoding of the result.
   /// \param codepage not used; `native` is always the native code page of the process.
   [[nodiscard]] ByteString convert(Encoding target, const char* codepage = nullptr) const;
 
@@ -118,9 +120,11 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   [[nodiscard]] static bool isWhiteSpace(unsigned char c) noexcept;
   /// Whether the last byte is white space; false for an empty text.
   [[nodiscard]] bool hasTrailingWhiteSpace() const noexcept;
+  /// Removes the white space at the start.
   void stripLeadingWhiteSpace();
+  /// Removes the white space at the end.
   void stripTrailingWhiteSpace();
-  /// Strips both ends.
+  /// Removes the white space at both ends.
   void stripWhiteSpace();
 
   /// Removes a leading "0x" or "0X" when hexadecimal digits, at least one, and nothing else

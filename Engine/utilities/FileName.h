@@ -136,6 +136,7 @@ class CUL_EXPORT FileName : public EncodedString {
   /// searched for; any other is looked for in the working directory and then in the entries
   /// of `searchPath`. A member is put aside for the search and stays on the result; the
   /// archive that holds it needs not be executable.
+  /// \param name       what to look for, as above.
   /// \param searchPath folders separated by ":".
   /// \param executable see isAccessible().
   /// \return the file, anchored at the working directory when it was found by a relative

@@ -18,6 +18,10 @@
 /// room, back to it: a last character that iconv holds back is not lost. Where iconv stops,
 /// a "?" is put out and one input byte, no more, is skipped; when the output area is full
 /// the rest of the input is dropped. Keeps `errno`.
+/// \param descriptor  an open one, as IconvDescriptor holds it.
+/// \param input       not changed, may be null when there are no bytes.
+/// \param inputLength in bytes.
+/// \param output      receives the result and a final zero.
 /// \param outputSize size of `output` in bytes. The last byte is kept for a final zero; with
 ///                   a size of 0 nothing happens.
 /// \return bytes written, without the final zero.
@@ -51,7 +55,9 @@ class IconvDescriptor {
     }
   }
 
+  /// Whether there is a descriptor to convert with.
   [[nodiscard]] bool isOpen() const noexcept { return value_ != invalidIconv; }
+  /// The descriptor, which still belongs to this object; invalidIconv when it is not open.
   [[nodiscard]] iconv_t get() const noexcept { return value_; }
 
   /// Leaves the descriptor to the caller.
@@ -83,6 +89,7 @@ class ConvertedText {
   /// Puts one byte behind the text; there must be room.
   void add(char byte) noexcept { area_[length_++] = byte; }
 
+  /// The output with its final zero, valid until the next change.
   [[nodiscard]] const char* text() const noexcept { return area_; }
   /// As a string takes it; a text of 4 GiB or more has a length that no string can have.
   [[nodiscard]] unsigned length() const noexcept;

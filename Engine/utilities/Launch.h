@@ -13,6 +13,7 @@
 /// Runs `program` from the folder of this program's executable, in place of this program.
 /// The library path is set up as by ManageLIBPATH::getLibPath().
 /// \param program the name of a file in that folder.
+/// \param argc not used: the null pointer tells where the arguments end.
 /// \param argv the new program's arguments, null-terminated; argv[0], this program's name, is
 ///   replaced by the path of the new one.
 [[noreturn]] CUL_EXPORT void loadAndExecute(const char* program, int argc, char** argv);
@@ -21,7 +22,9 @@
 /// The library is found as loadSharedEntry() finds it, as the search path was when the process
 /// started.
 /// \param argv0  the name this program was called by.
+/// \param name   stands between "lib" and ".so".
 /// \param member not used.
+/// \param entry  the name of the symbol.
 /// \return the entry's address, never null.
 [[nodiscard]] CUL_EXPORT void* loadSharedLib(const char* argv0, const char* name,
                                              const char* member, const char* entry);

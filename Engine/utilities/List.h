@@ -106,6 +106,7 @@ class List {
 
   /// Elements in the list.
   [[nodiscard]] unsigned int count() const noexcept { return implementation_.count; }
+  /// Whether there is no element.
   [[nodiscard]] bool isEmpty() const noexcept { return implementation_.count == 0; }
 
   /// Elements there is room for before the list has to grow.
@@ -120,10 +121,14 @@ class List {
     return implementation_.bSort(compare, elements_, scratch);
   }
 
+  /// \name For loops over the elements
+  /// Null for a list without a buffer.
+  /// @{
   [[nodiscard]] T* begin() noexcept { return elements_; }
   [[nodiscard]] T* end() noexcept { return elements_ + implementation_.count; }
   [[nodiscard]] const T* begin() const noexcept { return elements_; }
   [[nodiscard]] const T* end() const noexcept { return elements_ + implementation_.count; }
+  /// @}
 
  private:
   // By value: a caller's loop variable whose address is not taken stays in its register.

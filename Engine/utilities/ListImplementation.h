@@ -78,6 +78,7 @@ class CUL_EXPORT ListImplementation {
   /// comparison that is no order brings the elements back to where they stood before.
   /// \param compare negative, zero or positive as in qsort(); what it throws passes
   ///                through and leaves the elements permuted.
+  /// \param buffer  the elements.
   /// \param scratch room for one element.
   /// \return whether the list was in order already.
   /// \throws std::bad_alloc only with such a comparison, when there is no memory to notice it.

@@ -12,6 +12,7 @@ class EncodedString;
 /// A digest: a plain value of 16 bytes.
 class CUL_EXPORT MD5 {
  public:
+  /// Bytes of a digest.
   static constexpr unsigned size = 16;
 
   /// How asString() writes a digest.
@@ -22,6 +23,7 @@ class CUL_EXPORT MD5 {
 
   /// The digest of the `n` bytes at `data`.
   MD5(const void* data, unsigned n) noexcept;
+  /// The digest of all bytes, zero bytes included.
   explicit MD5(const ByteString& bytes) noexcept;
 
   /// Reads a digest from 32 hexadecimal digits of either case, the high half of each byte
@@ -35,6 +37,7 @@ class CUL_EXPORT MD5 {
 
   [[nodiscard]] bool operator==(const MD5&) const noexcept = default;
 
+  /// The digest in the order in which it is written.
   unsigned char digest[size] = {};
 
  private:

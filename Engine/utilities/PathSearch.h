@@ -31,6 +31,7 @@
 /// folders on the way stay as written. A relative link text is put behind the folder of its
 /// link. A link text of 1024 bytes or more is not followed. When a link may not be read,
 /// "Access denied! ..." goes to the standard error stream and the chain ends there.
+/// \param path  where the chain begins, a link or not.
 /// \param depth number of links that may be followed; with 0 a path that is a link is
 ///              already one too many, and any other path is still its own result.
 /// \return the first path that is not a link or cannot be read; whether it exists is not

@@ -11,8 +11,9 @@
 
 class CUL_EXPORT PoolArea {
  public:
-  /// An unused area of `bytes` bytes behind `before`, not yet linked to it.
+  /// An unused area, not yet linked to the one before it.
   /// \param before   null for the first area.
+  /// \param bytes    size of the buffer.
   /// \param poolName not copied; may be null.
   /// \throws std::bad_alloc when there is no memory.
   PoolArea(PoolArea* before, unsigned long bytes, const char* poolName);

@@ -36,17 +36,20 @@ class CUL_EXPORT Properties {
  public:
   /// A property as the table holds it.
   struct CUL_EXPORT HashElement {
+    /// Copies both.
     HashElement(const EncodedString& elementKey, const EncodedString& elementValue)
         : key(elementKey), value(elementValue) {}
     HashElement(const HashElement&) = default;
     HashElement& operator=(const HashElement&) = default;
     virtual ~HashElement();
 
-    EncodedString key;
-    EncodedString value;
+    EncodedString key;    ///< Unique in a table; must not be changed there.
+    EncodedString value;  ///< May be empty.
   };
 
+  /// What holds the properties, by their keys.
   using Table = SearchList_HashTable<HashElement, EncodedString>;
+  /// A position among them.
   using TableCursor = Cursor_HashTable<HashElement, EncodedString>;
 
   /// The properties of a file, or none when `file` is null or cannot be read.
@@ -80,6 +83,7 @@ class CUL_EXPORT Properties {
 
   /// Number of properties.
   [[nodiscard]] unsigned int numItems() const noexcept { return table_.count(); }
+  /// Whether there is no property.
   [[nodiscard]] bool isEmpty() const noexcept { return table_.isEmpty(); }
 
   /// A new cursor over the properties, which stands nowhere. Their order says nothing. Values

@@ -28,8 +28,10 @@ class CUL_EXPORT RWlockBase {
   };
 };
 
+/// The lock itself. Not copyable; shared between threads.
 class CUL_EXPORT RWlock : public RWlockBase {
  public:
+  /// A free lock.
   explicit RWlock(RWlockBase::Priority priority);
   RWlock(const RWlock&) = delete;
   RWlock& operator=(const RWlock&) = delete;

@@ -35,6 +35,7 @@ class Reference {
     return *this;
   }
 
+  /// The object, or null; valid as long as there is a Reference to it.
   [[nodiscard]] T* get() const noexcept { return object_; }
   [[nodiscard]] T* operator->() const noexcept { return object_; }
   [[nodiscard]] T& operator*() const noexcept { return *object_; }

@@ -51,6 +51,7 @@ class CUL_EXPORT SearchList {
 
   /// Elements in the list.
   [[nodiscard]] unsigned int count() const noexcept { return count_; }
+  /// Whether there is no element.
   [[nodiscard]] bool isEmpty() const noexcept { return count_ == 0; }
 
  protected:
@@ -60,7 +61,7 @@ class CUL_EXPORT SearchList {
   /// Makes every cursor stand nowhere.
   void invalidateCursors() noexcept { stamp_ = stamp_ == INT_MAX ? 1 : stamp_ + 1; }
 
-  unsigned int count_ = 0;
-  int duplicatesAllowed_;
-  int stamp_ = 0;  ///< Of a cursor that stands on an element; never negative.
+  unsigned int count_ = 0;  ///< Elements in the list.
+  int duplicatesAllowed_;   ///< 0: keys are unique.
+  int stamp_ = 0;           ///< Of a cursor that stands on an element; never negative.
 };

@@ -36,11 +36,12 @@ class SearchList_HashTable;
 /// A stored element, linked to the next one of its chain.
 template <class Element>
 struct SearchList_HashNode : SearchListManagedMemory {
+  /// A copy of `source` in front of `following`, which may be null.
   SearchList_HashNode(SearchList_HashNode* following, const Element& source)
       : next(following), element(source) {}
 
-  SearchList_HashNode* next;
-  Element element;
+  SearchList_HashNode* next;  ///< Null at the end of the chain.
+  Element element;            ///< The table's own copy.
 };
 
 /// A position in a SearchList_HashTable.

@@ -40,19 +40,23 @@ class CUL_EXPORT SearchTree {
   SearchTree& operator=(const SearchTree&) = delete;
   ~SearchTree() = default;
 
+  /// The folder that searches begin in, as it was given.
   [[nodiscard]] const FileName& root() const noexcept { return root_; }
 
   /// Whether links to folders are entered like folders. Off unless set. The root itself may
   /// always be a link.
   [[nodiscard]] bool followsLinks() const noexcept { return followLinks_; }
+  /// Changes it for searches that begin later.
   void setFollowLinks(bool on) noexcept { followLinks_ = on; }
 
   /// Whether the folders below the root are searched too. On unless set.
   [[nodiscard]] bool descends() const noexcept { return descend_; }
+  /// Changes it for searches that begin later.
   void setDescend(bool on) noexcept { descend_ = on; }
 
   /// Whether searchRecursiveComplete() ends with its first hit. Off unless set.
   [[nodiscard]] bool stopsAtFirstHit() const noexcept { return stopAtFirstHit_; }
+  /// Changes it for searches that begin later.
   void setStopAtFirstHit(bool on) noexcept { stopAtFirstHit_ = on; }
 
   /// Looks for one file.

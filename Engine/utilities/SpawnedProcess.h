@@ -53,7 +53,9 @@ class CUL_EXPORT SpawnedProcess {
   /// Leaves the child alone.
   ~SpawnedProcess();
 
+  /// Whether the program uses this process's standard streams.
   [[nodiscard]] bool sharesParentConsoleIO() const noexcept { return sharesParentConsoleIO_ != 0; }
+  /// Whether descriptors above 2 stay open in the program.
   [[nodiscard]] bool inheritsFileDescriptors() const noexcept {
     return inheritsFileDescriptors_ != 0;
   }

@@ -32,15 +32,21 @@ class CUL_EXPORT StdPipe {
   /// Closes both ends.
   ~StdPipe();
 
-  /// Closes one end; its handle is -1 afterwards.
+  /// \name Closing one end
+  /// Its handle is -1 afterwards.
   /// \return the result of `close`: 0, or -1 with `errno` set, as for an end closed already.
+  /// @{
   int closeReadHandle();
   int closeWriteHandle();
+  /// @}
 
-  /// Makes one end blocking and inheritable, for a child that is started afterwards.
+  /// \name For a child that is started afterwards
+  /// Makes one end blocking and inheritable.
   /// \return the end's handle, which still belongs to the pipe.
+  /// @{
   HANDLE childReadHandle();
   HANDLE childWriteHandle();
+  /// @}
 
   /// Writes all of `length` bytes, with SIGPIPE ignored meanwhile. Blocks while the pipe is
   /// full.
@@ -55,7 +61,8 @@ class CUL_EXPORT StdPipe {
   /// The second step spins without sleeping until another byte or the end of the file
   /// arrives: a caller that relays output as it comes asks the kernel first how much is
   /// there (FIONREAD) and reads just that.
-  /// \param out replaced by the bytes read; empty at the end of the file.
+  /// \param out     replaced by the bytes read; empty at the end of the file.
+  /// \param maximum of the second step, in bytes.
   /// \return the bytes taken in the second step plus 1, also at the end of the file; always
   ///         0 for a `maximum` of 0, also when a byte was stored. Callers rely on `out`.
   /// \throws StdException "read() failed".
@@ -63,8 +70,12 @@ class CUL_EXPORT StdPipe {
   ///         has been taken, is in `out`.
   int read(ByteString& out, unsigned int maximum) const;
 
+  /// \name The descriptor of one end
+  /// -1 once it is closed. It still belongs to the pipe.
+  /// @{
   [[nodiscard]] HANDLE readHandle() const noexcept { return readHandle_; }
   [[nodiscard]] HANDLE writeHandle() const noexcept { return writeHandle_; }
+  /// @}
 
  private:
   HANDLE readHandle_ = -1;

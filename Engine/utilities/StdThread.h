@@ -143,6 +143,7 @@ class CUL_EXPORT StdThread {
   /// \return its address, valid until a slot is added to the same object.
   void** _getKeyValue(const char* key);
 
+  /// The name as it was given; empty for null.
   [[nodiscard]] const ByteString& name() const noexcept { return name_; }
 
   /// The id of the running thread, 0 until it starts. Any thread.
@@ -160,6 +161,7 @@ class CUL_EXPORT StdThread {
   /// id is that of the first caller. Never deleted.
   [[nodiscard]] static StdThread* thread1();
 
+  /// The id of the calling thread.
   [[nodiscard]] static pthread_t currentThreadId() noexcept { return pthread_self(); }
 
   /// Lets other threads run. The calling thread ends here when it was asked to and could

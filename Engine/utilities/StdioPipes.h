@@ -51,9 +51,10 @@ class CUL_EXPORT StdioPipes {
   /// Types the bytes of `data`.
   int write(const ByteString& data) const;
 
-  /// Takes what the debuggee has printed on `stream`, at most `maximum` bytes, without
-  /// waiting.
-  /// \param out replaced by the bytes.
+  /// Takes what the debuggee has printed on a stream, without waiting.
+  /// \param stream  StdOutput or StdError.
+  /// \param out     replaced by the bytes.
+  /// \param maximum in bytes.
   /// \return the number of bytes.
   virtual int read(StdFileHandle stream, ByteString& out, unsigned int maximum) const = 0;
 

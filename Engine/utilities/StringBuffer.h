@@ -31,7 +31,10 @@ class CUL_EXPORT StringBuffer {
   StringBuffer(const StringBuffer& s, unsigned start);
 
   /// Exactly `count` elements: those that `s` has from position `start` on, the rest `pad`.
+  /// \param s     where the elements come from.
   /// \param start at least 1 (0 counts as 1); behind the end of `s` everything is `pad`.
+  /// \param count the length of the new buffer.
+  /// \param pad   stands for what `s` does not have.
   StringBuffer(const StringBuffer& s, unsigned start, unsigned count, T pad);
 
   StringBuffer(const StringBuffer& s);

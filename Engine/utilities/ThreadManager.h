@@ -43,8 +43,9 @@ class ThreadManagerLink;
 
 class CUL_EXPORT ThreadManager {
  public:
+  /// How an operation on the list went.
   enum THREADMANAGER_RC : unsigned int {
-    THREADMANAGER_OK = 0,
+    THREADMANAGER_OK = 0,     ///< Done.
     THREADMANAGER_FAILED = 1  ///< Not found, already present, or index out of range.
   };
 

@@ -19,8 +19,13 @@ class CUL_EXPORT TimeDateStamp {
   /// Unset.
   TimeDateStamp() noexcept = default;
 
-  /// \param year  a year below 201 counts from 1900: 99 is 1999, 124 is 2024.
-  /// \param month from 1. Values out of range carry over as in mktime().
+  /// A local time. Values out of range carry over as in mktime().
+  /// \param year   a year below 201 counts from 1900: 99 is 1999, 124 is 2024.
+  /// \param month  from 1 to 12.
+  /// \param day    from 1 to 31.
+  /// \param hour   from 0 to 23.
+  /// \param minute from 0 to 59.
+  /// \param second from 0 to 59.
   TimeDateStamp(unsigned year, unsigned month, unsigned day, unsigned hour, unsigned minute,
                 unsigned second) noexcept;
 

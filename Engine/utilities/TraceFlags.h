@@ -54,8 +54,10 @@ enum class TraceType : unsigned char {
 /// The row of switch bytes, one per TraceType, each 1 or 0. TraceImplementation names this
 /// type TraceImplementation::TraceFlags and has it as its first member.
 struct CUL_EXPORT TraceFlags {
+  /// Types of trace lines.
   static constexpr unsigned size = 28;
 
+  /// By TraceType. Read one through operator[] where another thread may be switching.
   unsigned char bytes[size] = {};
 
   /// The switch of `type`. Any thread.

@@ -66,6 +66,7 @@ class CUL_EXPORT GMH_HandlerDiagnostic {
 
 class CUL_EXPORT TraceImplementation {
  public:
+  /// The row of switch bytes, under the name by which the engine knows it.
   using TraceFlags = ::TraceFlags;
 
   /// The answers of isTraceBitSet() for the types with a switch, as of the last opening or
@@ -94,9 +95,11 @@ class CUL_EXPORT TraceImplementation {
 
   /// Writes one line. A newline at the start of `format` goes before the time stamp. What
   /// exceeds 128000 bytes is cut; a newline always ends the line.
-  /// \param function signature text, printed up to its "("; null leaves out the line too.
-  /// \param line     0: none.
-  /// \param tag      may be null.
+  /// \param function  signature text, printed up to its "("; null leaves out the line too.
+  /// \param line      0: none.
+  /// \param tag       may be null.
+  /// \param format    as for printf().
+  /// \param arguments what `format` asks for.
   void trace(const char* function, unsigned line, const char* tag, const char* format,
              va_list arguments) noexcept __attribute__((format(printf, 5, 0)));
 

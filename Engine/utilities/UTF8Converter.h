@@ -28,7 +28,9 @@ class CUL_EXPORT UTF8Converter {
   UTF8Converter(const UTF8Converter&) = delete;
   UTF8Converter& operator=(const UTF8Converter&) = delete;
 
-  /// Converts `n` bytes to UTF-8.
+  /// Converts bytes to UTF-8.
+  /// \param bytes may be null when `n` is 0.
+  /// \param n     number of bytes.
   /// \param named null or empty: from the native code page. Otherwise the name of a code
   ///              page for this call, which is converted *to*, from UTF-8: the reverse of
   ///              the default.

@@ -30,6 +30,7 @@ class CUL_EXPORT UnicodeUtilities {
 
   /// Decodes (the name notwithstanding) the sequence at `p`. Reads no byte behind the first
   /// one that breaks the sequence, so a zero-terminated text is never read past its zero.
+  /// \param      p  at least one byte.
   /// \param[out] cp the code value. A byte that cannot open a sequence gives itself, a
   ///                broken sequence the payload bits of its lead byte.
   /// \return the bytes taken: mblen() of the lead byte, or 1 for a broken sequence.
@@ -40,10 +41,13 @@ class CUL_EXPORT UnicodeUtilities {
   static unsigned utf8Encode(const char* p, unsigned n, wchar_t& cp) noexcept;
 
   /// Decodes `n` bytes and puts a 0 behind the last value.
+  /// \param p        null counts as the empty text.
+  /// \param n        number of bytes; 0 is the empty text.
+  /// \param out      receives the values.
   /// \param capacity number of values `out` has room for, the 0 included.
   /// \return values written, the 0 included; 0 when they do not fit, when a byte that
   ///         cannot open a sequence stands where one should start, when `out` is null or
-  ///         when `capacity` is below 2. A null `p` or an `n` of 0 is the empty text.
+  ///         when `capacity` is below 2.
   static unsigned utf8toUnicode(const char* p, unsigned n, wchar_t* out,
                                 unsigned capacity) noexcept;
 
@@ -66,6 +70,8 @@ class CUL_EXPORT UnicodeUtilities {
 
   /// Where character `k` starts in `n` bytes of well-formed UTF-8, counted as by
   /// charCount().
+  /// \param p the bytes; null counts as none.
+  /// \param n number of bytes.
   /// \param k 1-based; 0 counts as 1.
   /// \return null when there is no such character.
   [[nodiscard]] static const char* findCharacter(const char* p, unsigned n, unsigned k) noexcept;
@@ -78,21 +84,24 @@ class CUL_EXPORT UnicodeUtilities {
   /// The length of the run of bytes below 0x80 at the start of `n` bytes.
   [[nodiscard]] static unsigned asciiLength(const char* p, unsigned n) noexcept;
 
-  /// The zero-terminated `text` (null counts as empty) converted from `codepage`.
+  /// A text converted from a code page.
+  /// \param text     zero-terminated; null counts as empty.
   /// \param codepage a name known to iconv. Null, empty or unknown: the native code page.
   ///                 Exactly "UTF-8": the text is copied as it is; under any other spelling
   ///                 of that name what is not UTF-8 becomes "?".
   [[nodiscard]] static EncodedString convertFromCP(const char* text, const char* codepage);
 
-  /// The character classes of XML 1.0 (Second Edition), Appendix B: BaseChar,
-  /// CombiningChar, Digit, Extender, Ideographic and Letter, which is the first and the
-  /// fifth together.
+  /// \name Character classes
+  /// The classes of XML 1.0 (Second Edition), Appendix B: BaseChar, CombiningChar, Digit,
+  /// Extender, Ideographic and Letter, which is the first and the fifth together.
+  /// @{
   [[nodiscard]] static bool isBaseChar(wchar_t c) noexcept;
   [[nodiscard]] static bool isCombiningChar(wchar_t c) noexcept;
   [[nodiscard]] static bool isDigit(wchar_t c) noexcept;
   [[nodiscard]] static bool isExtender(wchar_t c) noexcept;
   [[nodiscard]] static bool isIdeographic(wchar_t c) noexcept;
   [[nodiscard]] static bool isLetter(wchar_t c) noexcept;
+  /// @}
 
  private:
   // Indexed by a lead byte.

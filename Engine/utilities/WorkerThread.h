@@ -19,6 +19,7 @@ class ThreadListener;
 
 class CUL_EXPORT WorkerThread : public StdThread {
  public:
+  /// How far the run has come.
   enum State : unsigned int { created = 1, running = 2, finished = 3 };
 
   /// A thread that is not started yet.
@@ -41,6 +42,7 @@ class CUL_EXPORT WorkerThread : public StdThread {
   /// Who is told.
   [[nodiscard]] const Reference<ThreadListener>& listener() const noexcept { return listener_; }
 
+  /// How far the run has come. Any thread.
   [[nodiscard]] State state() const;
 
   /// The result of the run, 0 until it has ended.

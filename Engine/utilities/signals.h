@@ -16,8 +16,10 @@
 /// A signal that has arrived.
 class CUL_EXPORT SignalOccurred {
  public:
+  /// \param signal a number of <signal.h>, or any other.
   explicit SignalOccurred(int signal) noexcept : signal_(signal) {}
 
+  /// The signal's number.
   [[nodiscard]] int whichSignal() const noexcept { return signal_; }
 
   /// The signal's name, "Unknown Signal" when the table has none. Signal 5 is named

@@ -88,6 +88,7 @@ class CUL_EXPORT UNIX_Event_Semaphore::MsecTime {
   /// Now and `offset` milliseconds. Fractions of a millisecond of the clock are cut off.
   explicit MsecTime(unsigned int offset) noexcept;
 
+  /// Milliseconds since the epoch.
   [[nodiscard]] std::uint64_t milliseconds() const noexcept { return milliseconds_; }
 
   [[nodiscard]] bool operator<(const MsecTime& other) const noexcept {
@@ -105,8 +106,9 @@ class CUL_EXPORT UNIX_Event_Semaphore::MsecTime {
 /// expires, it is destroyed, or its event is.
 class CUL_EXPORT UNIX_Event_Semaphore::WaitInstance {
  public:
-  /// Lists a wait that ends `milliseconds` from now.
-  /// \param semaphore may go first; it takes the wait off the list then.
+  /// Lists a wait.
+  /// \param semaphore    may go first; it takes the wait off the list then.
+  /// \param milliseconds from now to the deadline.
   /// \throws StdException status -1 when the timer thread cannot be started.
   WaitInstance(UNIX_Event_Semaphore& semaphore, unsigned int milliseconds);
   WaitInstance(const WaitInstance&) = delete;
@@ -118,10 +120,13 @@ class CUL_EXPORT UNIX_Event_Semaphore::WaitInstance {
   /// \throws CUL_SemaphoreError with the result of pthread_cond_broadcast(); the mark is set.
   void expire();
 
+  /// Whether expire() has been called. Any thread.
   [[nodiscard]] bool isExpired() const noexcept {
     return __atomic_load_n(&expired_, __ATOMIC_ACQUIRE) != 0;
   }
+  /// The event that is waited for.
   [[nodiscard]] const UNIX_Event_Semaphore* semaphore() const noexcept { return semaphore_; }
+  /// When the wait ends at the latest.
   [[nodiscard]] const MsecTime& deadline() const noexcept { return deadline_; }
 
  private:

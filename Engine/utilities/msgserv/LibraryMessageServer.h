@@ -33,6 +33,7 @@ class CUL_EXPORT LibraryMessageServer : public XPG4MsgServer::SystemMessageServe
 
   /// Empty also when the catalog has no function to get messages with, or has not been loaded.
   [[nodiscard]] EncodedString getMessage(int a, int b) const override;
+  /// As getMessage(), the bytes as they stand in the catalog.
   [[nodiscard]] ByteString getRawMessage(int a, int b) const override;
 
   /// The locale that the environment variable "LANG" chooses. No other variable has a say.

@@ -45,6 +45,7 @@ class CUL_EXPORT SystemMessageServer {
 /// The server that the rest of the engine holds.
 class CUL_EXPORT XPG4MsgServer : public SystemMessageServer {
  public:
+  /// The interface, under the name by which the engine knows it.
   using SystemMessageServer = ::SystemMessageServer;
 
   /// Opens the catalog "wobn" + `name`, as LibraryMessageServer() does.

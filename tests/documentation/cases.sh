@@ -1,0 +1,166 @@
+#!/usr/bin/env bash
+# One test of the manual that Doxygen makes.
+# usage: cases.sh case
+# The environment names the tool DOXYGEN and the DOXYFILE of the build.
+set -euo pipefail
+export LC_ALL=C
+
+folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
+trap 'rm -rf "$folder"' EXIT
+
+fail() { echo "$*" >&2; exit 1; }
+
+# Makes the manual of a header, which is read from the standard input, and keeps the warnings.
+# The result is that of Doxygen.
+document() {
+  cat >"$folder/header.h"
+  { cat "$DOXYFILE"
+    echo "INPUT = $folder/header.h"
+    echo "USE_MDFILE_AS_MAINPAGE ="
+    echo "OUTPUT_DIRECTORY = $folder"
+    echo "GENERATE_XML = YES"
+    echo "STRIP_FROM_PATH = $folder"
+  } >"$folder/Doxyfile"
+  "$DOXYGEN" "$folder/Doxyfile" 2>"$folder/warnings"
+}
+
+expect_warnings() {
+  diff -u --label expected <(echo "$1") --label actual \
+    <(sed -n 's/^[^ ]*: [a-z]*: //p' "$folder/warnings") || fail "other than expected: warnings"
+}
+
+# The comments of the class A, each on a line, without what marks them up.
+comments() {
+  sed -n '/<briefdescription>/,/<\/briefdescription>/p' "$folder/xml/classA.xml" |
+    sed 's/<[^>]*>//g; s/^ *//; s/ *$//' | grep .
+}
+
+ThePublicHeadersGiveNoWarning() { "$DOXYGEN" "$DOXYFILE"; }
+
+WhatHasNoCommentIsAWarning() {
+  ! document <<'END' || fail "no failure"
+/// \file
+/// Opens.
+
+class A {
+ public:
+  A() = default;
+  A(const A&) = delete;
+  A& operator=(const A&) = delete;
+  ~A();
+
+  int undocumented();
+
+  /// Documented.
+  int documented();
+  int another();
+
+ private:
+  int hidden();
+};
+
+class B {
+ public:
+  /// Documented.
+  int documented();
+};
+END
+  expect_warnings "Compound B is not documented.
+Member undocumented() (function) of class A is not documented.
+Member another() (function) of class A is not documented."
+}
+
+ACommentThatSpeaksOfSomeParametersIsAWarning() {
+  ! document <<'END' || fail "no failure"
+/// \file
+/// Opens.
+
+/// Adds.
+/// \param a a number.
+int add(int a, int b);
+
+/// Adds `a` and `b`.
+int sum(int a, int b);
+
+/// Adds.
+/// \param c a number.
+int plus(int a);
+END
+  grep -q "The following parameter of add(int a, int b) is not documented:" "$folder/warnings"
+  grep -q "argument 'c' of command @param is not found" "$folder/warnings"
+  ! grep -q sum "$folder/warnings" || fail "a comment without parameters is a warning"
+}
+
+AClassWithoutCommentHasTheOpeningOfItsFile() {
+  document <<'END' || fail "warnings: $(cat "$folder/warnings")"
+#pragma once
+
+/// \file
+/// What it is for. And more.
+
+namespace n {
+class Other;
+}
+
+class A {
+ public:
+  /// One.
+  int one();
+};
+END
+  [ "$(comments | sort | tr '\n' ' ')" = "One. What it is for. And more. " ] || fail "comments: $(comments)"
+}
+
+OverloadsGroupsAndWhatEverybodyKnowsShareAComment() {
+  document <<'END' || fail "warnings: $(cat "$folder/warnings")"
+/// \file
+/// Opens.
+
+/// A class.
+class A {
+ public:
+  /// From a number.
+  explicit A(int n);
+  A(const A& other);
+  A(A&& other) noexcept;
+  A& operator=(const A& other);
+  A& operator=(A&& other) noexcept;
+
+  /// Sets.
+  /// \param n a number.
+  void set(int n) {
+    if (n != 0) {
+      other();
+    }
+  }
+  void set(long n);
+
+  bool operator==(const A& other) const;
+
+  /// \name Members
+  /// Of a group.
+  /// @{
+  int first();
+  /// Its own.
+  int second();
+  int third();
+  /// @}
+};
+END
+  local expected="A class.
+As usual.
+Assigns.
+Copies.
+From a number.
+Its own.
+Moves.
+Moves.
+Of a group.
+Of a group.
+Sets.
+Sets."
+  diff -u --label expected <(echo "$expected") --label actual <(comments | sort) ||
+    fail "other than expected: comments"
+}
+
+"$1"
