@@ -87,4 +87,5 @@ void compareProcesses();
 void compareProcessTable();
 void compareFiles();
 void compareSettings();
+void compareProperties();
 void compareStartup();

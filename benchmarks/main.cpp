@@ -86,6 +86,7 @@ void compareInCompany() {
   compareProcessTable();
   compareFiles();
   compareSettings();
+  compareProperties();
   compareStartup();
 }
 
