@@ -437,6 +437,16 @@ void askWhereNothingCanEnd() noexcept {
   raise(SIGUSR2);
 }
 
+// The same, and keeps the repetitions of the request away.
+void askOnceWhereNothingCanEnd() noexcept {
+  const std::string local(100, 'x');
+  raise(SIGUSR2);
+  sigset_t request;
+  sigemptyset(&request);
+  sigaddset(&request, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &request, nullptr);
+}
+
 // A thread object whose memory is still there when it is gone, filled with ones.
 class ThreadInAPlace : public StdThread {
  public:
@@ -467,15 +477,7 @@ TEST(TerminateRequest, DoesNotTouchAThreadObjectThatIsGone) {
 CUL_CHILD(RequestBeforeAnEscapingException) {
   std::atexit([] { StdThread::thread_yield(); });
   runOnThread([] {
-    const auto askOnce = []() noexcept {
-      askWhereNothingCanEnd();
-      // The repetitions stay away.
-      sigset_t request;
-      sigemptyset(&request);
-      sigaddset(&request, SIGUSR2);
-      pthread_sigmask(SIG_BLOCK, &request, nullptr);
-    };
-    askOnce();
+    askOnceWhereNothingCanEnd();
     throw 42;
   });
 }
@@ -682,6 +684,22 @@ TEST(BlockTermination, ARequestBeforeTheGuardIsNotLost) {
     work();
   });
   EXPECT_FALSE(isAlive);
+}
+
+TEST(BlockTermination, ARequestBeforeTheGuardDoesNotEndAThreadThatYieldsInIt) {
+  bool isThrough = false;
+  runOnThread([&isThrough] {
+    askOnceWhereNothingCanEnd();
+    {
+      const StdThread::BlockTermination block;
+      StdThread::thread_yield();
+      isThrough = true;
+    }
+    for (;;) {
+      StdThread::thread_yield();
+    }
+  });
+  EXPECT_TRUE(isThrough);
 }
 
 CUL_CHILD(RequestInATraceCall) {

@@ -24,8 +24,37 @@ callWithTable:
         addq    $8, %rsp
         .cfi_adjust_cfa_offset -8
         ret
+        .cfi_adjust_cfa_offset 8
+.LcleanUp:
+        movl    $1, hasCleanedUp(%rip)
+        movq    %rax, %rdi
+        call    _Unwind_Resume@PLT
         .cfi_endproc
         .size   callWithTable, .-callWithTable
+
+        .type   spinWithTable, @function
+spinWithTable:
+        .cfi_startproc
+        .cfi_personality 0x9b, tablePersonality
+        .cfi_lsda 0x9b, exceptionTable
+        pause
+        cmpl    $0, (%rdi)
+        je      spinWithTable
+        ret
+.LspinCleanUp:
+        subq    $8, %rsp
+        movq    %rax, %rdi
+        call    _Unwind_Resume@PLT
+        .cfi_endproc
+        .size   spinWithTable, .-spinWithTable
+
+        .type   callWithoutUnwindInformation, @function
+callWithoutUnwindInformation:
+        subq    $8, %rsp
+        call    *%rdi
+        addq    $8, %rsp
+        ret
+        .size   callWithoutUnwindInformation, .-callWithoutUnwindInformation
 
         .data
         .p2align 3
@@ -33,11 +62,22 @@ tablePersonality:
         .quad   __gxx_personality_v0
 exceptionTable:
         .quad   0
+hasCleanedUp:
+        .long   0
+cleanUpOffsets:
+        .byte   .LcleanUp - callWithTable
+        .byte   .LspinCleanUp - spinWithTable
         .text
 )");
 
 extern "C" __attribute__((visibility("hidden"))) void callWithTable(void (*function)());
+// Goes round and round until `*goOn` is not 0.
+extern "C" __attribute__((visibility("hidden"))) void spinWithTable(const std::atomic<int>* goOn);
+extern "C" __attribute__((visibility("hidden"))) void callWithoutUnwindInformation(
+    void (*function)());
 extern "C" __attribute__((visibility("hidden"))) const unsigned char* exceptionTable;
+extern "C" __attribute__((visibility("hidden"))) int hasCleanedUp;
+extern "C" __attribute__((visibility("hidden"))) const unsigned char cleanUpOffsets[2];
 
 namespace {
 
@@ -46,12 +86,11 @@ using Bytes = std::vector<unsigned char>;
 // Tables must lie in a file that is loaded.
 unsigned char tablePlace[64];
 
-// Whether a thread that is asked to end ends inside callWithTable(); if not, it does behind.
-bool endsInside(const unsigned char* table) {
-  exceptionTable = table;
+// Whether a thread that is asked to end ends inside `function`; if not, it does behind.
+bool endsInside(void (*function)(void (*)())) {
   std::atomic<bool> isBehind = false;
-  runOnThread([&isBehind] {
-    callWithTable([] {
+  runOnThread([&isBehind, function] {
+    function([] {
       raise(SIGUSR2);
       for (int i = 0; i < 20; ++i) {
         usleep(1000);
@@ -65,9 +104,19 @@ bool endsInside(const unsigned char* table) {
   return !isBehind;
 }
 
-bool endsInside(const Bytes& table) {
+bool endsInside(const unsigned char* table) {
+  exceptionTable = table;
+  return endsInside(callWithTable);
+}
+
+void useTable(const Bytes& table) {
   std::copy(table.begin(), table.end(), tablePlace);
-  return endsInside(tablePlace);
+  exceptionTable = tablePlace;
+}
+
+bool endsInside(const Bytes& table) {
+  useTable(table);
+  return endsInside(callWithTable);
 }
 
 // A table with one row, which covers the first 100 bytes and has no clean-up.
@@ -79,6 +128,11 @@ Bytes tableOf(unsigned char encoding, unsigned numberSize) {
   }
   table.push_back(0);
   return table;
+}
+
+// A table of two rows: all before the clean-up needs it, the clean-up itself does not.
+Bytes tableWithCleanUp(unsigned char offset) {
+  return {0xff, 0xff, 0x01, 8, 0, offset, offset, 0, offset, 100, 0, 0};
 }
 
 }  // namespace
@@ -107,6 +161,40 @@ TEST(UnwindCheck, ReadsHeadersOfAllKinds) {
   // A number with more zeros in front than an address has bits.
   EXPECT_TRUE(endsInside(Bytes{0xff, 0xff, 0x01, 15, 0, 100, 0, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80,
                                0x80, 0x80, 0x80, 0x80, 0x80, 0}));
+}
+
+TEST(UnwindCheck, LetsACallCleanUp) {
+  hasCleanedUp = 0;
+  EXPECT_TRUE(endsInside(tableWithCleanUp(cleanUpOffsets[0])));
+  EXPECT_EQ(hasCleanedUp, 1);
+}
+
+TEST(UnwindCheck, LeavesAThreadAloneBetweenTwoCallsWhereACleanUpIsDue) {
+  useTable(tableWithCleanUp(cleanUpOffsets[1]));
+  StdThread::Termination termination;
+  std::atomic<int> goOn = 0;
+  std::atomic<bool> isBehind = false;
+  std::atomic<bool> hasBegun = false;
+  const StdThread* thread = startThread(
+      [&] {
+        hasBegun = true;
+        spinWithTable(&goOn);
+        isBehind = true;
+        for (;;) {
+          usleep(1000);
+        }
+      },
+      &termination);
+  waitUntil([&hasBegun] { return hasBegun.load(); });
+  EXPECT_EQ(thread->requestTerminate(), 0);
+  usleep(20000);  // the request comes many times
+  goOn = 1;
+  EXPECT_EQ(termination.wait(0), 0);
+  EXPECT_TRUE(isBehind);
+}
+
+TEST(UnwindCheck, LeavesAThreadAloneInsideCodeWithoutUnwindInformation) {
+  EXPECT_FALSE(endsInside(callWithoutUnwindInformation));
 }
 
 TEST(UnwindCheck, LeavesAThreadAloneWhereATableListsNothing) {
