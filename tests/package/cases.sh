@@ -71,7 +71,8 @@ PkgConfigFindsAMovedTree() {
 AddSubdirectoryOffersTheSameTarget() {
   quietly "$CMAKE" -S "$consumer" -B "$folder/build" -G Ninja -DCUL_SOURCE_FOLDER="$SOURCE_FOLDER"
   # To compile is enough, the library itself is built elsewhere.
-  quietly "$CMAKE" --build "$folder/build" --target CMakeFiles/consumer.dir/main.cpp.o
+  quietly "$CMAKE" --build "$folder/build" --target CMakeFiles/consumer.dir/main.cpp.o \
+    --target consumer_messages
   expect_equal "tests that come along" "" "$(find "$folder/build" -name CTestTestfile.cmake)"
 }
 
