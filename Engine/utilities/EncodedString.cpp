@@ -315,7 +315,7 @@ EncodedString EncodedString::subString(unsigned start) const {
 EncodedString EncodedString::subString(unsigned start, unsigned count, wchar_t pad) const {
   const char* const end = buffer + len;
   const char* first = UnicodeUtilities::findCharacter(buffer, len, start);
-  if (first == nullptr || count == 0) {
+  if (first == nullptr) {
     return {pad, count};
   }
   const unsigned present = rest(first, end);

@@ -505,6 +505,8 @@ TEST(iconvDebug, StartsEachConversionFromTheInitialShiftState) {
   EXPECT_EQ(debug(toJapanese, "\u65e5", 6), "\x1B$BF|");  // no room to shift back
   EXPECT_EQ(debug(toJapanese, "\u65e5", 100), "\x1B$BF|\x1B(B");
   EXPECT_EQ(debug(toJapanese, "F|", 100), "F|");
+  const IconvDescriptor toUtf7("UTF-7", "UTF-8");
+  EXPECT_EQ(debug(toUtf7, "\u65e5z", 6), "+ZeU-");  // room to shift back, none for the rest
 }
 
 TEST(iconvDebug, GivesACharacterThatIconvHoldsBack) {

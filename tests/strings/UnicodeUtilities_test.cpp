@@ -469,6 +469,9 @@ TEST(UnicodeUtilities, EncodesRunsOfAsciiBetweenOtherValuesWithinItsBounds) {
     ASSERT_EQ(std::string(out.data(), expected.size() + 1), expected + '\0');
     const GuardedBytes tooSmall(expected.size());
     ASSERT_EQ(U::unicodeToUTF8(values, count, tooSmall.data(), length(expected)), 0U);
+    const unsigned less = below(random, length(expected) + 1);
+    const GuardedBytes muchTooSmall(less);
+    ASSERT_EQ(U::unicodeToUTF8(values, count, muchTooSmall.data(), less), 0U);
   }
 }
 
