@@ -257,6 +257,66 @@ class SettingsPrinter(Printer):
                 yield short_text(setting["name_"]), setting["value_"]
 
 
+class ArgListPrinter(Printer):
+    """The pairs of names and values in their order."""
+
+    def summary(self):
+        self.elements, self.count = elements_of(self.value["pairs_"])
+        return f"DebuggerArgList of {self.count}"
+
+    def parts(self):
+        for index in range(self.count):
+            pair = (self.elements + index).dereference().dereference()
+            yield short_text(pair["name"]), pair["value"]
+
+
+class HashTablePrinter(Printer):
+    """The elements, bucket by bucket."""
+
+    hint = "array"
+    BUCKETS = 10000000
+
+    def table(self):
+        return self.value
+
+    def summary(self):
+        self.count, buckets = int(self.table()["count_"]), int(self.table()["bucketCount_"])
+        if buckets > self.BUCKETS:
+            raise Damaged(f"{self.count} elements in {buckets} buckets")
+        return f"{name_of(self.value)} of {self.count}"
+
+    def elements(self):
+        """At most as many elements as the table has: chains may have become circles."""
+        table, found = self.table(), 0
+        for bucket in range(int(table["bucketCount_"])):
+            if found == self.count:
+                return
+            node = table["buckets_"][bucket]
+            while int(node) != 0 and found < self.count:
+                yield node["element"]
+                node = node["next"]
+                found += 1
+        if found != self.count:
+            raise Damaged(f"{found} elements found")
+
+    def parts(self):
+        for index, element in enumerate(self.elements()):
+            yield f"[{index}]", element
+
+
+class PropertiesPrinter(HashTablePrinter):
+    """The values by their keys."""
+
+    hint = None
+
+    def table(self):
+        return self.value["table_"]
+
+    def parts(self):
+        for element in self.elements():
+            yield short_text(element["key"]), element["value"]
+
+
 class TimeDateStampPrinter(Printer):
     def summary(self):
         time = int(self.value["time"])
@@ -273,13 +333,14 @@ class TimeDateStampPrinter(Printer):
 
 def thread_of(id_value):
     """How gdb calls the thread with a pthread_t."""
-    if int(id_value) == 0:
-        return "nobody"
     for thread in gdb.selected_inferior().threads():
-        handle = thread.handle()
-        if int.from_bytes(handle, "little") == int(id_value):
+        try:
+            handle = int.from_bytes(thread.handle(), "little")
+        except gdb.error:  # without the library that knows threads
+            continue
+        if handle == int(id_value):
             return f"thread {thread.num}"
-    return f"a thread that is gone ({int(id_value):#x})"
+    return f"thread {int(id_value):#x}, which is not known"
 
 
 class CriticalSectionPrinter(Printer):
@@ -310,6 +371,9 @@ def make_printers():
         ("Reference", "^Reference<.*>$", "object_", ReferencePrinter),
         ("Setting", "^Debugger[A-Z]?[a-z]*Setting$", "identifier_", SettingPrinter),
         ("Settings", "^DebuggerSettings(HKORV)?$", "settings_", SettingsPrinter),
+        ("ArgList", "^DebuggerArgList$", "pairs_", ArgListPrinter),
+        ("HashTable", "^SearchList_HashTable<.*>$", "buckets_", HashTablePrinter),
+        ("Properties", "^Properties$", "table_", PropertiesPrinter),
         ("TimeDateStamp", "^TimeDateStamp$", "time", TimeDateStampPrinter),
         ("CriticalSection", "^UNIX_Critical_Section$", "owner_", CriticalSectionPrinter),
         ("Event", "^UNIX_Event_Semaphore$", "posted_", EventPrinter),

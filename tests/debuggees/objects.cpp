@@ -6,6 +6,7 @@
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
+#include "Engine/utilities/DebuggerArgList.h"
 #include "Engine/utilities/DebuggerBooleanSetting.h"
 #include "Engine/utilities/DebuggerEnumSetting.h"
 #include "Engine/utilities/DebuggerIntegerSetting.h"
@@ -19,8 +20,10 @@
 #include "Engine/utilities/IdList.h"
 #include "Engine/utilities/List.h"
 #include "Engine/utilities/OwningList.h"
+#include "Engine/utilities/Properties.h"
 #include "Engine/utilities/Reference.h"
 #include "Engine/utilities/ReferenceCounted.h"
+#include "Engine/utilities/SearchList_HashTable.h"
 #include "Engine/utilities/TimeDateStamp.h"
 #include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
 #include "Engine/utilities/UNIX/UNIX_Event_Semaphore.h"
@@ -50,6 +53,11 @@ struct Counted : ReferenceCounted {
 struct Derived : EncodedString {
   explicit Derived(const EncodedString& text) : EncodedString(text) {}
   int more = 5;
+};
+
+struct Entry {
+  EncodedString key;
+  int number;
 };
 
 struct Pair {
@@ -155,6 +163,16 @@ int main() {
   chosen.add(&integer);
   [[maybe_unused]] DebuggerSetting* const delayed = settings.getSetting(L"DEBUG_DELAY");
 
+  DebuggerArgList arguments;
+  arguments.addArg(utf8("-qhost"), utf8("here"));
+  arguments.addArg(utf8("-qquiet"), EncodedString());
+  Properties properties(nullptr);
+  properties.setProperty(utf8("colour"), utf8("red"));
+  properties.setProperty(utf8("size"), utf8("9"));
+  SearchList_HashTable<Entry, EncodedString> table(1, 4, 1, nullptr);
+  table.add({utf8("one"), 1});
+  table.add({utf8("two"), 2});
+
   [[maybe_unused]] const TimeDateStamp unset;
   const TimeDateStamp unreadable("yesterday");
   TimeDateStamp stamp;
@@ -176,6 +194,8 @@ int main() {
   const DamagedPair<Reference<Counted>> badReference;
   const DamagedPair<DebuggerIntegerSetting> badSetting;
   const DamagedPair<DebuggerSettings> badSettings;
+  const DamagedPair<DebuggerArgList> badArguments;
+  const DamagedPair<Properties> badProperties;
   const DamagedPair<TimeDateStamp> badStamp;
   const DamagedPair<UNIX_Critical_Section> badSection;
   const DamagedPair<UNIX_Event_Semaphore> badEvent;

@@ -16,14 +16,15 @@ using testing::Not;
 using Lines = std::vector<std::string>;
 
 struct Session {
-  Lines start;        ///< Commands before the program is started.
-  std::string trust;  ///< The folder that gdb may load scripts from.
+  Lines start = {};                        ///< Commands before the program is started.
+  std::string trust = CUL_LIBRARY_FOLDER;  ///< The folder that gdb may load scripts from.
+  std::string core = {};                   ///< A core file to look at; empty: a program that runs.
 };
 
 const std::string mark = "----";
 
 // The lines that gdb prints for commands, given when the program of known objects is ready.
-Lines answersTo(const Lines& commands, const Session& session = {{}, CUL_LIBRARY_FOLDER}) {
+Lines answersTo(const Lines& commands, const Session& session = {}) {
   const TemporaryFolder folder;
   std::string script =
       "set debuginfod enabled off\nset confirm off\nset width 0\nset startup-with-shell off\n"
@@ -31,7 +32,8 @@ Lines answersTo(const Lines& commands, const Session& session = {{}, CUL_LIBRARY
   for (const std::string& command : session.start) {
     script += command + "\n";
   }
-  script += "break ready\nrun\nup\necho \\n" + mark + "\\n\n";
+  script += session.core.empty() ? "break ready\nrun\n" : "core-file " + session.core + "\n";
+  script += "up\necho \\n" + mark + "\\n\n";
   for (const std::string& command : commands) {
     script += command + "\n";
   }
@@ -59,8 +61,7 @@ Lines answersTo(const Lines& commands, const Session& session = {{}, CUL_LIBRARY
 }
 
 // How gdb shows expressions, each on a line.
-Lines shown(const Lines& expressions, const Lines& before = {},
-            const Session& session = {{}, CUL_LIBRARY_FOLDER}) {
+Lines shown(const Lines& expressions, const Lines& before = {}, const Session& session = {}) {
   Lines commands = before;
   for (const std::string& expression : expressions) {
     commands.push_back("output " + expression);
@@ -192,6 +193,17 @@ TEST(Printers, ShowTheRegistryBySettingNames) {
   EXPECT_THAT(lines[0], HasSubstr(", ASSERTION = \"NOEXCEPTION,NOPOPUP\", "));
 }
 
+TEST(Printers, ShowArgumentsAndPropertiesByTheirNames) {
+  const Lines lines = shown({"arguments", "table", "properties"});
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[0], "DebuggerArgList of 2 = {-qhost = \"here\", -qquiet = \"\"}");
+  EXPECT_EQ(lines[1],
+            "SearchList_HashTable<(anonymous namespace)::Entry, EncodedString> of 2 = "
+            "{{key = \"two\", number = 2}, {key = \"one\", number = 1}}");
+  EXPECT_THAT(lines[2], testing::AnyOf("Properties of 2 = {colour = \"red\", size = \"9\"}",
+                                       "Properties of 2 = {size = \"9\", colour = \"red\"}"));
+}
+
 TEST(Printers, ShowStampsLocksAndEvents) {
   EXPECT_THAT(
       shown({"unset", "unreadable", "stamp", "freeSection", "heldSection", "closed", "open"}),
@@ -202,21 +214,24 @@ TEST(Printers, ShowStampsLocksAndEvents) {
 TEST(Printers, ShowObjectsOfZeroBytesAsEmpty) {
   EXPECT_THAT(shown({"badString.zeros", "badWide.zeros", "badFile.zeros", "badList.zeros",
                      "badOwned.zeros", "badIds.zeros", "badReference.zeros", "badSetting.zeros",
-                     "badSettings.zeros", "badStamp.zeros", "badSection.zeros", "badEvent.zeros"}),
+                     "badSettings.zeros", "badArguments.zeros", "badProperties.zeros",
+                     "badStamp.zeros", "badSection.zeros", "badEvent.zeros"}),
               ElementsAre("\"\"", "L\"\"", "\"\"", "List<int> of 0, room for 0",
                           "OwningList<FileName> of 0, room for 0",
                           "IdList of 0 identifiers, 0 direct, taken",
                           "Reference<(anonymous namespace)::Counted> to nothing",
                           "DebuggerIntegerSetting = {value = \"\", number = 0, "
                           "origin = DebuggerSetting::Nowhere}",
-                          "DebuggerSettings of 0 slots", "unset", "free", "closed"));
+                          "DebuggerSettings of 0 slots", "DebuggerArgList of 0", "Properties of 0",
+                          "unset", "free", "closed"));
 }
 
 TEST(Printers, ShowObjectsThatNobodyMadeAsNone) {
   EXPECT_THAT(
       shown({"badString.others", "badWide.others", "badFile.others", "badList.others",
              "badOwned.others", "badIds.others", "badReference.others", "badSetting.others",
-             "badSettings.others", "badStamp.others", "badSection.others", "badEvent.others"}),
+             "badSettings.others", "badArguments.others", "badProperties.others", "badStamp.others",
+             "badSection.others", "badEvent.others"}),
       ElementsAre(
           "<no EncodedString: " + a5Count + " elements at " + a5 + ">",
           "<no CharString: " + a5Count + " elements at " + a5 + ">",
@@ -227,8 +242,10 @@ TEST(Printers, ShowObjectsThatNobodyMadeAsNone) {
           "Reference<(anonymous namespace)::Counted> = {get() = " + a5 + "}",
           "<no DebuggerIntegerSetting: " + a5Count + " elements at " + a5 + ">",
           "<no DebuggerSettings: " + a5Count + " of " + a5Count + " elements at " + a5 + ">",
+          "<no DebuggerArgList: " + a5Count + " of " + a5Count + " elements at " + a5 + ">",
+          "<no Properties: " + a5Count + " elements in " + a5Count + " buckets>",
           "beyond the calendar (-6510615555426900571)",
-          "held by a thread that is gone (" + a5 + "), depth " + a5Count, "open"));
+          "held by thread " + a5 + ", which is not known, depth " + a5Count, "open"));
 }
 
 TEST(Printers, ShowObjectsThatWereWrittenOver) {
@@ -274,6 +291,21 @@ TEST(Printers, CanBeTurnedOff) {
   EXPECT_THAT(shown({"/r nothing"}), ElementsAre("{object_ = 0x0}"));
 }
 
+TEST(Printers, ShowTheObjectsOfACoreFile) {
+  const TemporaryFolder folder;
+  const std::string core = folder.file("core");
+  answersTo({"generate-core-file " + core});
+  EXPECT_THAT(shown({"text", "ints", "file", "integer", "heldSection", "badString.others"}, {},
+                    {.core = core}),
+              ElementsAre("\"Καλημέρα\"", "List<int> of 5, room for 8 = {1, 4, 9, 16, 25}",
+                          "\"lib/libx.a(shr.o)\" = {directory = \"lib/\", base = \"libx.a\", "
+                          "extension = \".a\", member = \"shr.o\"}",
+                          "DebuggerIntegerSetting AN_INTEGER = {value = \"-7\", number = -7, "
+                          "origin = DebuggerSetting::Changed}",
+                          "held by thread 1, depth 2",
+                          "<no EncodedString: " + a5Count + " elements at " + a5 + ">"));
+}
+
 // gdb finds the script by where the library lies, which is all that is asked here.
 TEST(Printers, AreLoadedWithAnInstalledLibrary) {
   const TemporaryFolder folder;
@@ -283,16 +315,17 @@ TEST(Printers, AreLoadedWithAnInstalledLibrary) {
   ASSERT_EQ(r.status, 0) << r.out << r.err;
   const std::string library = prefix + "/" CUL_LIBRARY_SUBFOLDER;
   const std::string scripts = prefix + "/" CUL_DATA_SUBFOLDER "/gdb/auto-load";
-  const Session session = {
-      {"add-auto-load-scripts-directory " + scripts, "set environment LD_LIBRARY_PATH " + library},
-      scripts};
+  const Session session = {.start = {"add-auto-load-scripts-directory " + scripts,
+                                     "set environment LD_LIBRARY_PATH " + library},
+                           .trust = scripts};
   EXPECT_THAT(shown({"text"}, {}, session), ElementsAre("\"Καλημέρα\""));
   EXPECT_THAT(answersTo({"info auto-load python-scripts libcul"}, session),
               testing::Contains(HasSubstr(scripts + library + "/libcul.so.")));
 }
 
 TEST(Printers, CanBeLoadedByHand) {
-  const Session session = {{"source " CUL_SOURCE_FOLDER "/Engine/gdb/libcul-gdb.py"}, "/nowhere"};
+  const Session session = {.start = {"source " CUL_SOURCE_FOLDER "/Engine/gdb/libcul-gdb.py"},
+                           .trust = "/nowhere"};
   EXPECT_THAT(shown({"text"}, {}, session), ElementsAre("\"Καλημέρα\""));
 }
 
