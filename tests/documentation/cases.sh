@@ -37,6 +37,18 @@ comments() {
 
 ThePublicHeadersGiveNoWarning() { "$DOXYGEN" "$DOXYFILE"; }
 
+NothingButCommentsIsAddedToTheHeaders() {
+  local filter header
+  filter=$(sed -n 's/^FILTER_PATTERNS = \*\.h=//p' "$DOXYFILE")
+  without_comments() { grep -v '^ *///' | grep . || true; }
+  for header in $(sed -n 's/^INPUT = //p' "$DOXYFILE"); do
+    [ "${header%.h}" != "$header" ] || continue
+    diff -u --label "$header" <(without_comments <"$header") --label filtered \
+      <("$filter" "$header" | without_comments) || fail "other than comments: $header"
+    [ -z "$(diff "$header" <("$filter" "$header") | grep '^<')" ] || fail "less comments: $header"
+  done
+}
+
 WhatHasNoCommentIsAWarning() {
   ! document <<'END' || fail "no failure"
 /// \file
