@@ -26,8 +26,8 @@ constexpr std::size_t longestForOneValue = 4;
 
 List<Pair> builtInPairs() {
   List<Pair> pairs(EBCDIC::codePage1047.size());
-  for (unsigned short byte = 0; byte < EBCDIC::codePage1047.size(); ++byte) {
-    pairs.add({EBCDIC::codePage1047[byte], byte});
+  for (const unsigned short value : EBCDIC::codePage1047) {
+    pairs.add({value, static_cast<unsigned short>(pairs.count())});
   }
   return pairs;
 }
@@ -63,11 +63,13 @@ EBCDICtable::EBCDICtable(const List<ValuePair>& pairs, const char* tableName) : 
 }
 
 void EBCDICtable::createTables(const List<ValuePair>& pairs) {
-  for (unsigned short byte = 0; byte < std::size(toUCSTable); ++byte) {
-    toUCSTable[byte] = {noUCS, byte};
+  unsigned short byte = 0;
+  for (ValuePair& pair : toUCSTable) {
+    pair = {noUCS, byte++};
   }
-  for (unsigned short value = 0; value < std::size(fromUCS7Table); ++value) {
-    fromUCS7Table[value] = {value, noEBCDIC};
+  unsigned short value = 0;
+  for (ValuePair& pair : fromUCS7Table) {
+    pair = {value++, noEBCDIC};
   }
   // Backwards: of two pairs for the same slot the earlier one stays.
   for (unsigned i = pairs.count(); i != 0; --i) {
@@ -94,8 +96,7 @@ void EBCDICtable::createTables(const List<ValuePair>& pairs) {
 }
 
 // Without a pair it is the byte that stands for that.
-unsigned EBCDICtable::ebcdicOf(wchar_t wide) const noexcept {
-  const auto value = static_cast<unsigned>(wide);
+unsigned EBCDICtable::ebcdicOf(unsigned value) const noexcept {
   if (value < std::size(fromUCS7Table)) {
     return fromUCS7Table[value].ebcdic;
   }
@@ -129,7 +130,7 @@ unsigned char* EBCDICtable::convert(const wchar_t* text, unsigned n,
                                     unsigned char* to) const noexcept {
   bool isDouble = false;
   for (unsigned i = 0; i < n; ++i) {
-    const unsigned value = ebcdicOf(text[i]);
+    const unsigned value = ebcdicOf(static_cast<unsigned>(text[i]));
     const bool needsDouble = value >= std::size(toUCSTable);
     if (needsDouble != isDouble) {
       *to++ = needsDouble ? shiftOut : shiftIn;

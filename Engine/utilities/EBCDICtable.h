@@ -55,7 +55,7 @@ class CUL_EXPORT EBCDICtable {
 
  private:
   void createTables(const List<ValuePair>& pairs);
-  [[nodiscard]] unsigned ebcdicOf(wchar_t value) const noexcept;
+  [[nodiscard]] unsigned ebcdicOf(unsigned value) const noexcept;
   [[nodiscard]] wchar_t doubleByteUCS(unsigned value) const noexcept;
   unsigned char* convert(const wchar_t* text, unsigned n, unsigned char* to) const noexcept;
   wchar_t* convert(const unsigned char* bytes, unsigned n, wchar_t* to) const noexcept;
