@@ -119,7 +119,7 @@ class FileNamePrinter(EncodedStringPrinter):
             return
         length = int(self.value["len"])
         base_end = member - 1 if member else length
-        if base > length or base_end < base or not (extension == 0 or base <= extension <= base_end):
+        if not base <= base_end <= length or extension and not base <= extension <= base_end:
             raise Damaged("the parts lie outside of the text")
         if base > 1:
             yield "directory", part_of(self.value, 0, base - 1, "UTF-8")
