@@ -69,8 +69,10 @@ void SearchListMemoryManager::addBlock() {
   setLink(block, blocks_);
   blocks_ = block;
   char* const first = block + linkSize;
-  for (char* element = first + elementBytes; element != first;) {
+  char* element = first + elementBytes;
+  do {
     element -= elementSize_;
-    releaseElement(element);
-  }
+    setLink(element, free_);
+    free_ = element;
+  } while (element != first);
 }
