@@ -13,9 +13,9 @@
 ///
 /// The one pool is made on first use, serves static objects before main and after exit,
 /// and is never destroyed. Memory once taken for small blocks is kept for small blocks.
-/// Any thread may take and free blocks, also one that another thread has taken. A
-/// new-handler may use strings on the thread that it is called on; it must not wait for
-/// another thread that does.
+/// First use belongs on the main thread before a second thread exists; afterwards any thread
+/// may take and free blocks, also one that another thread has taken. A new-handler may use
+/// strings on the thread that it is called on; it must not wait for another thread that does.
 
 class CUL_EXPORT StringPoolManager {
  public:
