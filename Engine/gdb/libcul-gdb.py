@@ -351,6 +351,24 @@ class CriticalSectionPrinter(Printer):
         return f"held by {thread_of(owner)}, depth {int(self.value['count_'])}"
 
 
+class RWlockPrinter(Printer):
+    """The threads that hold the lock and how often."""
+
+    def summary(self):
+        self.elements, self.count = elements_of(self.value["holders_"])
+        readers, writers = (
+            int(self.value[field]) for field in ("readersWaiting_", "writersWaiting_")
+        )
+        held = f"held by {self.count}" if self.count else "free"
+        return f"{held}, {readers} wait to read, {writers} to write"
+
+    def parts(self):
+        for index in range(self.count):
+            holder = (self.elements + index).dereference()
+            reads, writes = int(holder["readCount"]), int(holder["writeCount"])
+            yield thread_of(holder["thread"]), f"{reads} times to read, {writes} to write"
+
+
 class EventPrinter(Printer):
     def summary(self):
         return "open" if int(self.value["posted_"]) else "closed"
@@ -376,6 +394,7 @@ def make_printers():
         ("Properties", "^Properties$", "table_", PropertiesPrinter),
         ("TimeDateStamp", "^TimeDateStamp$", "time", TimeDateStampPrinter),
         ("CriticalSection", "^UNIX_Critical_Section$", "owner_", CriticalSectionPrinter),
+        ("RWlock", "^RWlock$", "holders_", RWlockPrinter),
         ("Event", "^UNIX_Event_Semaphore$", "posted_", EventPrinter),
     ):
 

@@ -21,6 +21,7 @@
 #include "Engine/utilities/List.h"
 #include "Engine/utilities/OwningList.h"
 #include "Engine/utilities/Properties.h"
+#include "Engine/utilities/RWlock.h"
 #include "Engine/utilities/Reference.h"
 #include "Engine/utilities/ReferenceCounted.h"
 #include "Engine/utilities/SearchList_HashTable.h"
@@ -181,6 +182,12 @@ int main() {
   UNIX_Critical_Section heldSection;
   heldSection.request(__FILE__, __LINE__);
   heldSection.request(__FILE__, __LINE__);
+  RWlock freeLock(RWlockBase::NoPriority);
+  RWlock readLock(RWlockBase::NoPriority);
+  readLock.requestRead();
+  readLock.requestRead();
+  RWlock writeLock(RWlockBase::WriterPriority);
+  writeLock.requestWrite();
   UNIX_Event_Semaphore closed;
   UNIX_Event_Semaphore open;
   open.post();
@@ -198,10 +205,14 @@ int main() {
   const DamagedPair<Properties> badProperties;
   const DamagedPair<TimeDateStamp> badStamp;
   const DamagedPair<UNIX_Critical_Section> badSection;
+  const DamagedPair<RWlock> badLock;
   const DamagedPair<UNIX_Event_Semaphore> badEvent;
 
   ready();
 
   heldSection.release(__FILE__, __LINE__);
   heldSection.release(__FILE__, __LINE__);
+  readLock.release();
+  readLock.release();
+  writeLock.release();
 }

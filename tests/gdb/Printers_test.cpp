@@ -209,13 +209,19 @@ TEST(Printers, ShowStampsLocksAndEvents) {
       shown({"unset", "unreadable", "stamp", "freeSection", "heldSection", "closed", "open"}),
       ElementsAre("unset", "unreadable (-1)", "2024-01-31 23:59:59 UTC (1706745599)", "free",
                   "held by thread 1, depth 2", "closed", "open"));
+  EXPECT_THAT(shown({"freeLock", "readLock", "writeLock"}),
+              ElementsAre("free, 0 wait to read, 0 to write",
+                          "held by 1, 0 wait to read, 0 to write = "
+                          "{thread 1 = 2 times to read, 0 to write}",
+                          "held by 1, 0 wait to read, 0 to write = "
+                          "{thread 1 = 0 times to read, 1 to write}"));
 }
 
 TEST(Printers, ShowObjectsOfZeroBytesAsEmpty) {
   EXPECT_THAT(shown({"badString.zeros", "badWide.zeros", "badFile.zeros", "badList.zeros",
                      "badOwned.zeros", "badIds.zeros", "badReference.zeros", "badSetting.zeros",
                      "badSettings.zeros", "badArguments.zeros", "badProperties.zeros",
-                     "badStamp.zeros", "badSection.zeros", "badEvent.zeros"}),
+                     "badStamp.zeros", "badSection.zeros", "badLock.zeros", "badEvent.zeros"}),
               ElementsAre("\"\"", "L\"\"", "\"\"", "List<int> of 0, room for 0",
                           "OwningList<FileName> of 0, room for 0",
                           "IdList of 0 identifiers, 0 direct, taken",
@@ -223,7 +229,7 @@ TEST(Printers, ShowObjectsOfZeroBytesAsEmpty) {
                           "DebuggerIntegerSetting = {value = \"\", number = 0, "
                           "origin = DebuggerSetting::Nowhere}",
                           "DebuggerSettings of 0 slots", "DebuggerArgList of 0", "Properties of 0",
-                          "unset", "free", "closed"));
+                          "unset", "free", "free, 0 wait to read, 0 to write", "closed"));
 }
 
 TEST(Printers, ShowObjectsThatNobodyMadeAsNone) {
@@ -231,7 +237,7 @@ TEST(Printers, ShowObjectsThatNobodyMadeAsNone) {
       shown({"badString.others", "badWide.others", "badFile.others", "badList.others",
              "badOwned.others", "badIds.others", "badReference.others", "badSetting.others",
              "badSettings.others", "badArguments.others", "badProperties.others", "badStamp.others",
-             "badSection.others", "badEvent.others"}),
+             "badSection.others", "badLock.others", "badEvent.others"}),
       ElementsAre(
           "<no EncodedString: " + a5Count + " elements at " + a5 + ">",
           "<no CharString: " + a5Count + " elements at " + a5 + ">",
@@ -245,7 +251,8 @@ TEST(Printers, ShowObjectsThatNobodyMadeAsNone) {
           "<no DebuggerArgList: " + a5Count + " of " + a5Count + " elements at " + a5 + ">",
           "<no Properties: " + a5Count + " elements in " + a5Count + " buckets>",
           "beyond the calendar (-6510615555426900571)",
-          "held by thread " + a5 + ", which is not known, depth " + a5Count, "open"));
+          "held by thread " + a5 + ", which is not known, depth " + a5Count,
+          "<no RWlock: " + a5Count + " of " + a5Count + " elements at " + a5 + ">", "open"));
 }
 
 TEST(Printers, ShowObjectsThatWereWrittenOver) {
