@@ -101,8 +101,9 @@ class CUL_EXPORT DebuggerParameters {
     [[nodiscard]] constexpr bool isRecognised() const noexcept { return (programs & 1) != 0; }
   };
 
-  /// \name The process's object
-  /// The first call makes it, as a UNIXDebuggerParameters; later calls ignore the arguments.
+  /// \name Access
+  /// The process's object. The first call makes it, as a UNIXDebuggerParameters; later calls
+  /// ignore the arguments.
   /// @{
   static DebuggerParameters* instance(int argc, char** argv);
   static DebuggerParameters* instance(int argc, char const** argv);

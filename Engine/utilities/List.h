@@ -122,7 +122,7 @@ class List {
   }
 
   /// \name For loops over the elements
-  /// Null for a list without a buffer.
+  /// Where the elements begin and end; null for a list without a buffer.
   /// @{
   [[nodiscard]] T* begin() noexcept { return elements_; }
   [[nodiscard]] T* end() noexcept { return elements_ + implementation_.count; }

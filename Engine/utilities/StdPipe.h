@@ -32,16 +32,16 @@ class CUL_EXPORT StdPipe {
   /// Closes both ends.
   ~StdPipe();
 
-  /// \name Closing one end
-  /// Its handle is -1 afterwards.
+  /// \name Closing
+  /// Closes one end, whose handle is -1 afterwards.
   /// \return the result of `close`: 0, or -1 with `errno` set, as for an end closed already.
   /// @{
   int closeReadHandle();
   int closeWriteHandle();
   /// @}
 
-  /// \name For a child that is started afterwards
-  /// Makes one end blocking and inheritable.
+  /// \name Handing over
+  /// Makes one end blocking and inheritable, for a child that is started afterwards.
   /// \return the end's handle, which still belongs to the pipe.
   /// @{
   HANDLE childReadHandle();
@@ -70,8 +70,8 @@ class CUL_EXPORT StdPipe {
   ///         has been taken, is in `out`.
   int read(ByteString& out, unsigned int maximum) const;
 
-  /// \name The descriptor of one end
-  /// -1 once it is closed. It still belongs to the pipe.
+  /// \name Handles
+  /// The descriptor of one end, which still belongs to the pipe; -1 once it is closed.
   /// @{
   [[nodiscard]] HANDLE readHandle() const noexcept { return readHandle_; }
   [[nodiscard]] HANDLE writeHandle() const noexcept { return writeHandle_; }
