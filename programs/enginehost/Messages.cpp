@@ -78,6 +78,7 @@ std::string translated(Message message) {
 std::string formatted(const char* format, va_list arguments) {
   va_list again;
   va_copy(again, arguments);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers start it.
   const int length = std::vsnprintf(nullptr, 0, format, arguments);
   std::string result(static_cast<std::size_t>(length), '\0');
   std::vsnprintf(result.data(), result.size() + 1, format, again);

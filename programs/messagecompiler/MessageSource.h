@@ -27,6 +27,7 @@ struct MessageId {
   int set;
   int number;
 
+  // NOLINTNEXTLINE(modernize-use-nullptr): no pointer is in it.
   auto operator<=>(const MessageId&) const = default;
 };
 
