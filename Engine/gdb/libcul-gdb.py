@@ -261,7 +261,7 @@ class ArgListPrinter(Printer):
     """The pairs of names and values in their order."""
 
     def summary(self):
-        self.elements, self.count = elements_of(self.value["pairs_"])
+        self.elements, self.count = elements_of(self.value["pairs_"]["objects_"])
         return f"DebuggerArgList of {self.count}"
 
     def parts(self):

@@ -2,28 +2,23 @@
 
 #include <memory>
 
-// Delegates so that the destructor runs when a copy of a text fails.
-DebuggerArgList::DebuggerArgList(const DebuggerArgList& other) : DebuggerArgList() {
-  *this = other;
-}
+DebuggerArgList::DebuggerArgList(const DebuggerArgList& other) { *this = other; }
 
 DebuggerArgList& DebuggerArgList::operator=(const DebuggerArgList& other) {
   if (this != &other) {
     deleteAll();
-    pairs_.extend(other.count());
-    for (const Pair* pair : other.pairs_) {
+    pairs_.reserve(other.count());
+    for (const Pair* pair : other.pairs_.list()) {
       addArg(pair->name, pair->value);
     }
   }
   return *this;
 }
 
-DebuggerArgList::~DebuggerArgList() { deleteAll(); }
+DebuggerArgList::~DebuggerArgList() = default;
 
 void DebuggerArgList::addArg(const EncodedString& name, const EncodedString& value) {
-  auto pair = std::make_unique<Pair>(Pair{name, value});
-  pairs_.add(pair.get());
-  static_cast<void>(pair.release());
+  pairs_.add(std::make_unique<Pair>(Pair{name, value}));
 }
 
 bool DebuggerArgList::removeArg(const EncodedString& name) {
@@ -31,7 +26,6 @@ bool DebuggerArgList::removeArg(const EncodedString& name) {
   const EncodedString wanted = name;
   bool removed = false;
   for (unsigned int position = indexByName(wanted); position != 0; position = indexByName(wanted)) {
-    delete pairs_[position - 1];
     pairs_.removeAt(position - 1);
     removed = true;
   }
@@ -51,9 +45,4 @@ EncodedString DebuggerArgList::valueByName(const EncodedString& name) const {
   return position == 0 ? EncodedString() : value(position);
 }
 
-void DebuggerArgList::deleteAll() {
-  for (const Pair* pair : pairs_) {
-    delete pair;
-  }
-  pairs_.removeAll();
-}
+void DebuggerArgList::deleteAll() { pairs_.removeAll(); }

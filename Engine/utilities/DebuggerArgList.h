@@ -2,7 +2,7 @@
 
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Export.h"
-#include "Engine/utilities/List.h"
+#include "Engine/utilities/OwningList.h"
 
 /// \file
 /// The debugger's own arguments as pairs of an option name and its value.
@@ -38,16 +38,16 @@ class CUL_EXPORT DebuggerArgList {
   /// Pairs in the list.
   [[nodiscard]] unsigned int count() const noexcept { return pairs_.count(); }
   /// Whether there is no pair.
-  [[nodiscard]] bool isEmpty() const noexcept { return pairs_.isEmpty(); }
+  [[nodiscard]] bool isEmpty() const noexcept { return count() == 0; }
 
   /// \name Pairs
   /// A part of the pair at a position from 1 to count(), valid until the pair is removed.
   /// @{
   [[nodiscard]] const EncodedString& name(unsigned int position) const {
-    return pairs_[position - 1]->name;
+    return pairs_[position - 1].name;
   }
   [[nodiscard]] const EncodedString& value(unsigned int position) const {
-    return pairs_[position - 1]->value;
+    return pairs_[position - 1].value;
   }
   /// @}
 
@@ -57,5 +57,5 @@ class CUL_EXPORT DebuggerArgList {
     EncodedString value;
   };
 
-  List<Pair*> pairs_;
+  OwningList<Pair> pairs_;
 };

@@ -163,11 +163,7 @@ DebuggerParameters* DebuggerParameters::instancePointer() noexcept {
   return theParameters.load(std::memory_order_acquire);
 }
 
-DebuggerParameters::~DebuggerParameters() {
-  for (const EncodedString* text : invalidArguments_) {
-    delete text;
-  }
-}
+DebuggerParameters::~DebuggerParameters() = default;
 
 std::span<const DebuggerParameters::Option> DebuggerParameters::options() noexcept {
   return optionTable;
@@ -303,9 +299,7 @@ void DebuggerParameters::addOtherArg(const CharString& arg) {
 }
 
 void DebuggerParameters::addInvalidArgument(const EncodedString& text) {
-  auto copy = std::make_unique<EncodedString>(text);
-  invalidArguments_.add(copy.get());
-  static_cast<void>(copy.release());
+  invalidArguments_.add(std::make_unique<EncodedString>(text));
 }
 
 EncodedString DebuggerParameters::attach() const {
@@ -373,10 +367,10 @@ void DebuggerParameters::diagnosticDump() const {
   dumpText("Debuggee Name: ", viewOf(debuggeeName_));
   dumpText("Debuggee Args: ", viewOf(debuggeeArguments_));
   dumpLine("Invalid Args:");
-  if (invalidArguments_.isEmpty()) {
+  if (invalidArguments_.count() == 0) {
     dumpText("\t", {});
   }
-  for (const EncodedString* text : invalidArguments_) {
+  for (const EncodedString* text : invalidArguments_.list()) {
     dumpText("\t", viewOf(*text));
   }
 }

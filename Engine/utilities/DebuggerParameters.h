@@ -5,7 +5,7 @@
 #include "Engine/utilities/DebuggerArgList.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Export.h"
-#include "Engine/utilities/List.h"
+#include "Engine/utilities/OwningList.h"
 
 /// \file
 /// The command line of a debugger process, taken apart once at start-up.
@@ -179,7 +179,7 @@ class CUL_EXPORT DebuggerParameters {
 
   /// What could not be used; the texts belong to this object.
   [[nodiscard]] const List<EncodedString*>& invalidArguments() const noexcept {
-    return invalidArguments_;
+    return invalidArguments_.list();
   }
 
   /// Whether "-qquiet" was given.
@@ -213,20 +213,20 @@ class CUL_EXPORT DebuggerParameters {
   /// Notes an argument that nobody understands.
   void addInvalidArgument(const EncodedString& text);
 
-  EncodedString debuggerName_;             ///< See debuggerName().
-  DebuggerArgList debuggerArguments_;      ///< See debuggerArguments().
-  EncodedString debuggeeName_;             ///< See debuggeeName().
-  EncodedString debuggeeArguments_;        ///< See debuggeeArguments().
-  List<EncodedString*> invalidArguments_;  ///< See invalidArguments(); owned.
-  int argumentsUsed_ = 0;                  ///< See argumentsUsed().
-  EncodedString startupKey_;               ///< The start-up key with its argument.
-  bool quiet_ = false;                     ///< See quiet().
-  bool helpRequested_ = false;             ///< See helpRequested().
-  bool attach_ = false;                    ///< Whether there is a process to attach to.
-  bool daemon_ = false;                    ///< See daemon().
-  bool endOfDebuggerArguments_ = false;    ///< Whether all that follows is the debuggee's.
-  bool downloadWanted_ = false;            ///< See downloadWanted().
-  bool downloadForced_ = false;            ///< See downloadForced().
+  EncodedString debuggerName_;                  ///< See debuggerName().
+  DebuggerArgList debuggerArguments_;           ///< See debuggerArguments().
+  EncodedString debuggeeName_;                  ///< See debuggeeName().
+  EncodedString debuggeeArguments_;             ///< See debuggeeArguments().
+  OwningList<EncodedString> invalidArguments_;  ///< See invalidArguments().
+  int argumentsUsed_ = 0;                       ///< See argumentsUsed().
+  EncodedString startupKey_;                    ///< The start-up key with its argument.
+  bool quiet_ = false;                          ///< See quiet().
+  bool helpRequested_ = false;                  ///< See helpRequested().
+  bool attach_ = false;                         ///< Whether there is a process to attach to.
+  bool daemon_ = false;                         ///< See daemon().
+  bool endOfDebuggerArguments_ = false;         ///< Whether all that follows is the debuggee's.
+  bool downloadWanted_ = false;                 ///< See downloadWanted().
+  bool downloadForced_ = false;                 ///< See downloadForced().
 
  private:
   unsigned int addOption(const Option& option, const CharString& arg, CharString& value,
