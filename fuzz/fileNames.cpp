@@ -149,10 +149,10 @@ void checkPaths(const std::string& text) {
     }
     at = end + 1;
   }
-  const std::unique_ptr<List<EncodedString*>> paths = FileName::parsePaths(utf8Text(text));
-  FUZZ_CHECK(paths->count() == expected.size());
-  for (unsigned i = 0; i < paths->count(); ++i) {
-    const std::unique_ptr<EncodedString> path((*paths)[i]);
+  const List<EncodedString*> paths = FileName::parsePaths(utf8Text(text));
+  FUZZ_CHECK(paths.count() == expected.size());
+  for (unsigned i = 0; i < paths.count(); ++i) {
+    const std::unique_ptr<EncodedString> path(paths[i]);
     FUZZ_CHECK(bytesOf(*path) == expected[i]);
   }
 }

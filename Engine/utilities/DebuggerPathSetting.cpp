@@ -27,9 +27,9 @@ const ::List<FileName*>& DebuggerPathSetting::getPaths() const noexcept { return
 
 void DebuggerPathSetting::buildPaths() {
   paths_.removeAll();
-  const std::unique_ptr<::List<EncodedString*>> entries = FileName::parsePaths(getValue());
-  paths_.reserve(entries->count());
-  for (const EncodedString* entry : *entries) {
+  const ::List<EncodedString*> entries = FileName::parsePaths(getValue());
+  paths_.reserve(entries.count());
+  for (const EncodedString* entry : entries) {
     const std::unique_ptr<const EncodedString> owned(entry);
     paths_.add(std::make_unique<FileName>(*owned));
   }

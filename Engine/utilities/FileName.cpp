@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <memory>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -148,12 +149,12 @@ bool FileName::is_valid_path(const EncodedString& path) {
   return path.length() != 0 && FileName(path).isValidName();
 }
 
-std::unique_ptr<List<EncodedString*>> FileName::parsePaths(const EncodedString& paths) {
-  auto result = std::make_unique<List<EncodedString*>>();
+List<EncodedString*> FileName::parsePaths(const EncodedString& paths) {
+  List<EncodedString*> result;
   std::string_view list = viewOf(paths);
   for (auto entry = nextPathEntry(list); !entry.empty(); entry = nextPathEntry(list)) {
     auto text = std::make_unique<EncodedString>(textOf(entry));
-    result->add(text.get());
+    result.add(text.get());
     static_cast<void>(text.release());
   }
   return result;
@@ -208,9 +209,11 @@ void FileName::change_path(const EncodedString& dir) {
   if (!isValidName()) {
     return;
   }
-  const std::string_view folder = viewOf(dir);
-  const bool needsSeparator = !folder.empty() && folder.back() != '/';
-  replace(1, basePosition, needsSeparator ? std::string(folder) + '/' : std::string(folder));
+  std::string folder(viewOf(dir));
+  if (!folder.empty() && folder.back() != '/') {
+    folder += '/';
+  }
+  replace(1, basePosition, folder);
 }
 
 void FileName::change_extension(const EncodedString& ext) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <memory>
 #include <string_view>
 
 #include "Engine/utilities/EncodedString.h"
@@ -72,7 +71,7 @@ class CUL_EXPORT FileName : public EncodedString {
 
   /// The entries of a list separated by ":", in order and without empty ones. The caller
   /// deletes the strings.
-  [[nodiscard]] static std::unique_ptr<List<EncodedString*>> parsePaths(const EncodedString& paths);
+  [[nodiscard]] static List<EncodedString*> parsePaths(const EncodedString& paths);
 
   /// \name Pieces
   /// @{

@@ -31,8 +31,7 @@ std::string systemPath(const EncodedString& path) {
   if (path.isNLS()) {
     const ByteString bytes = path.convert(EncodedString::native);
     if (EncodedString(bytes, EncodedString::native) == path) {
-      const unsigned char* const text = bytes;
-      return {reinterpret_cast<const char*>(text), bytes.length()};
+      return std::string(viewOf(bytes));
     }
   }
   return std::string(viewOf(path));

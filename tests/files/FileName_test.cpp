@@ -96,9 +96,9 @@ std::string anchored(const std::string& n, const std::string& dir) {
 }
 
 std::vector<std::string> entries(const std::string& list) {
-  const auto parsed = FileName::parsePaths(encoded(list));
+  const List<EncodedString*> parsed = FileName::parsePaths(encoded(list));
   std::vector<std::string> result;
-  for (const EncodedString* entry : *parsed) {
+  for (const EncodedString* entry : parsed) {
     result.push_back(text(*entry));
     delete entry;
   }
@@ -319,6 +319,9 @@ TEST(FileName, CopiesAndMovesItsPiecesAndItsHash) {
   EXPECT_EQ(pieces(target), pieces(copy));
   EXPECT_EQ(target.computeHash(), hash);
   EXPECT_EQ(pieces(n), Pieces());  // NOLINT(bugprone-use-after-move)
+  FileName& same = target;
+  target = std::move(same);
+  EXPECT_EQ(pieces(target), pieces(copy));
   target = encoded("/new.x");
   EXPECT_EQ(pieces(target), (Pieces{"/", "new.x", "new", ".x", ""}));
   EXPECT_NE(target.computeHash(), hash);
@@ -382,6 +385,9 @@ TEST(FileName, GenericLibraryNameCutsOneNumberBehindSo) {
   EXPECT_EQ(generic("/lib/libq.so"), "libq.so");
   EXPECT_EQ(generic("libx.so.1.2"), "libx.so.1.2");
   EXPECT_EQ(generic("libx.so.1a"), "libx.so.1a");
+  // The neighbours of the digits.
+  EXPECT_EQ(generic("libx.so.+1"), "libx.so.+1");
+  EXPECT_EQ(generic("libx.so.1:"), "libx.so.1:");
   EXPECT_EQ(generic("libx.so."), "libx.so.");
   EXPECT_EQ(generic("/d/libx.a.1"), "libx.a.1");
   EXPECT_EQ(generic("/d/libx.so.1(m)"), "libx.so.1(m)");

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
-#include <string>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -15,6 +14,7 @@
 #include "Engine/utilities/StdPipe.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/TemporaryFolder.h"
 
 TEST(FailingCall, AnswersOneCallAndLetsTheNextOneThrough) {
   const FailingCall failing({.call = LibcCall::setsid, .error = EPERM});
@@ -107,18 +107,14 @@ TEST(FailingCall, RecordsCallsAsTheyWereMade) {
 }
 
 TEST(FailingCall, PassesTheModeOfANewFile) {
+  const TemporaryFolder folder;
   const mode_t old = umask(0);
-  char name[] = "/tmp/cul.XXXXXX";
-  ASSERT_NE(mkdtemp(name), nullptr);
-  const std::string file = std::string(name) + "/file";
-  const int fd = open(file.c_str(), O_CREAT | O_WRONLY, 0640);
+  const int fd = open(folder.file("file").c_str(), O_CREAT | O_WRONLY, 0640);
   umask(old);
   struct stat status = {};
   EXPECT_EQ(fstat(fd, &status), 0);
   EXPECT_EQ(status.st_mode & 07777U, 0640U);
   close(fd);
-  unlink(file.c_str());
-  rmdir(name);
 }
 
 CUL_CHILD(FailingCallInAForkedChild) {

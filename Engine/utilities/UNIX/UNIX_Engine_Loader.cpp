@@ -66,7 +66,7 @@ void* UNIX_Engine_Loader::get_korv_module(const FileName& name) const {
   }
   auto kept = std::make_unique<FileName>(name);
   modules_.add({handle, kept.get()});
-  (void)kept.release();
+  static_cast<void>(kept.release());
   return handle;
 }
 
