@@ -101,7 +101,7 @@ SearchTree::Folder SearchTree::list() const {
 
 EncodedString SearchTree::pathOf(const EncodedString& entry) const {
   const std::string_view folder = viewOf(root_);
-  const bool needsSeparator = folder.empty() || folder.back() != '/';
+  const bool needsSeparator = !folder.empty() && folder.back() != '/';
   return needsSeparator ? root_ + FileName::PathSepString() + entry : root_ + entry;
 }
 

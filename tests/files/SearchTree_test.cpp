@@ -320,6 +320,7 @@ TEST(SearchTree, CompareMultiMatchesExactBytes) {
   wanted.status = {0, 0, 0, 0, 1};
   EXPECT_EQ(tree.compareMulti("a.b", wanted.wanted, wanted.found, wanted.status.data()), 2U);
   EXPECT_THAT(wanted.status, ElementsAre(1, 0, 1, 0, 1));
+  EXPECT_THAT(wanted.foundBelow(""), ElementsAre("a.b", "a.b"));
   EXPECT_EQ(tree.compareMulti("a.b", wanted.wanted, wanted.found, wanted.status.data()), 0U);
   EXPECT_EQ(tree.compareMulti("a.", wanted.wanted, wanted.found, wanted.status.data()), 0U);
   EXPECT_EQ(tree.compareMulti("", wanted.wanted, wanted.found, wanted.status.data()), 0U);
