@@ -283,11 +283,12 @@ void fuzz(FuzzInput& input) {
     if (source >= 3 && id != (source == 3 ? "root" : "LeafLess")) {
       wide.clear();
     }
-    wide.stripLeading(L' ');
-    wide.stripTrailing(L' ');
   }
-  const std::string configuration = bytesOf(CharString(static_cast<const wchar_t*>(wide)));
-  const Reading expected(configuration);
+  const wchar_t* const argument = wide;
+  CharString configuration(argument);
+  configuration.stripLeading(L' ');
+  configuration.stripTrailing(L' ');
+  const Reading expected(bytesOf(configuration));
 
   FILE* const standardOutput = std::exchange(stdout, substitute);
   FILE* const standardError = std::exchange(stderr, substitute);
@@ -297,7 +298,6 @@ void fuzz(FuzzInput& input) {
     file = bytesOf(utf8Text(expected.output).convert(EncodedString::native));
     file = fileOf(file, id);
   }
-  const wchar_t* const argument = wide;
   TraceImplementation* const trace =
       TraceImplementation::instance(source == 0 ? argument : nullptr);
   checkLists(*trace, expected);

@@ -93,11 +93,6 @@ const char* traceVariable() noexcept {
   return "QVX_DBG_TRACE";
 }
 
-CharString configurationFromEnvironment() {
-  CharString configuration = strippedVariable(traceVariable());
-  return configuration.length() != 0 ? configuration : strippedVariable("WZ4_DBG_TRACE");
-}
-
 bool isHostSelected() {
   CharString hosts = strippedVariable("QVX_DBG_TRACEHOST");
   if (hosts.length() == 0) {
@@ -385,8 +380,12 @@ void TraceImplementation::abandonLines() noexcept {
 }
 
 void TraceImplementation::configure(const wchar_t* configuration) {
-  const CharString text =
-      configuration != nullptr ? CharString(configuration) : configurationFromEnvironment();
+  CharString text =
+      configuration != nullptr ? CharString(configuration) : CharString::getEnvVar(traceVariable());
+  stripBlanks(text);
+  if (text.length() == 0) {
+    text = strippedVariable("WZ4_DBG_TRACE");
+  }
   if (isHostSelected()) {
     parse(text);
     openFiles();
@@ -578,7 +577,7 @@ FILE* TraceImplementation::openNamed() noexcept {
     const int length = std::snprintf(
         path, sizeof path, "%s%s%s%s%ld.trc", name, last == '\\' || last == '/' ? "" : "/",
         id != nullptr ? id : "", id != nullptr ? "." : "", static_cast<long>(getpid()));
-    if (length < 0 || length >= static_cast<int>(sizeof path)) {
+    if (static_cast<unsigned>(length) >= sizeof path) {
       return nullptr;
     }
     name = path;

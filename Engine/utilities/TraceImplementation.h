@@ -23,9 +23,9 @@
 /// size, in any order. It is the argument of TraceImplementation::instance(), or when that
 /// is null comes from the environment: "QVX_DBG_TRACE_ROOT", "QVX_DBG_TRACE_MIDDLE" or
 /// "QVX_DBG_TRACE_LEAF" in a process whose "GDIA_ID" starts with root, middle or leaf (any
-/// case) when that variable is set, else "QVX_DBG_TRACE", and when what was found is empty
-/// or blank, "WZ4_DBG_TRACE". "QVX_DBG_TRACEHOST", a list of host names separated by ":",
-/// keeps every other host silent.
+/// case) when that variable is set, else "QVX_DBG_TRACE". When any of these is empty or
+/// blank, "WZ4_DBG_TRACE" takes its place. "QVX_DBG_TRACEHOST", a list of host names separated
+/// by ":", keeps every other host silent.
 ///
 /// The output is "stdout", "stderr" (also when the text starts with ","), a file, or a
 /// directory: there the file is named by "GDIA_ID" and ".", if set, the process id and

@@ -12,6 +12,7 @@
 #include <fcntl.h>
 #include <iterator>
 #include <map>
+#include <printf.h>
 #include <set>
 #include <string>
 #include <sys/resource.h>
@@ -43,7 +44,7 @@ using testing::Le;
 using testing::SizeIs;
 using testing::StartsWith;
 
-// What the library is told of the host; a case may change it.
+// What the library is told of the host, the time and memory; a case may change it.
 namespace {
 
 struct Host {
@@ -57,7 +58,30 @@ Host& host() {
   return theHost;
 }
 
+constinit std::time_t toldTime = 0;  // 0: ask the system
+constinit bool copiesFail = false;
+
 }  // namespace
+
+extern "C" std::time_t time(std::time_t* also) noexcept {
+  timespec now = {};
+  clock_gettime(CLOCK_REALTIME, &now);
+  const std::time_t told = toldTime != 0 ? toldTime : now.tv_sec;
+  if (also != nullptr) {
+    *also = told;
+  }
+  return told;
+}
+
+extern "C" char* strndup(const char* text, size_t longest) noexcept {
+  const size_t length = strnlen(text, longest);
+  auto* const copy = copiesFail ? nullptr : static_cast<char*>(malloc(length + 1));
+  if (copy != nullptr) {
+    std::memcpy(copy, text, length);
+    copy[length] = 0;
+  }
+  return copy;
+}
 
 extern "C" int gethostname(char* name, size_t length) noexcept {
   using Function = int (*)(char*, size_t);
@@ -249,6 +273,22 @@ TEST(TraceConfiguration, GivenToTheFirstCallOfInstanceWinsOverTheEnvironment) {
   EXPECT_EQ(headerOf(r.err).size, "64Mb");
 }
 
+CUL_CHILD(ConfigureByArgumentAmidBlanks) { TraceImplementation::instance(L"   ,AGENT  "); }
+
+TEST(TraceConfiguration, GivenToTheFirstCallOfInstanceIsStrippedOfBlanksToo) {
+  const ChildResult r = runWith("ConfigureByArgumentAmidBlanks", {{"GDIA_ID", "root"}});
+  EXPECT_EQ(headerOf(r.err).included, (Strings{"AGENT", "ERROR", "WARNING"}));
+}
+
+CUL_CHILD(ConfigureByABlankArgument) { TraceImplementation::instance(L"  "); }
+
+TEST(TraceConfiguration, ComesFromTheLastVariableWhenTheArgumentIsBlank) {
+  const ChildResult r =
+      runWith("ConfigureByABlankArgument",
+              {{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", ",CLI"}, {"WZ4_DBG_TRACE", ",RDR"}});
+  EXPECT_EQ(headerOf(r.err).included, (Strings{"RDR", "ERROR", "WARNING"}));
+}
+
 CUL_CHILD(ConfigureByAnEmptyArgument) {
   TraceImplementation* trace = TraceImplementation::instance(L"");
   EXPECT_FALSE(trace->isActive());
@@ -257,7 +297,7 @@ CUL_CHILD(ConfigureByAnEmptyArgument) {
   EXPECT_FALSE(isTraced(TraceType::error));
 }
 
-TEST(TraceConfiguration, GivenAsAnEmptyTextKeepsTracingOff) {
+TEST(TraceConfiguration, GivenAsAnEmptyTextHidesTheCommonVariable) {
   EXPECT_EQ(
       runWith("ConfigureByAnEmptyArgument", {{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", ",CLI"}}).err,
       "");
@@ -437,6 +477,26 @@ TEST(TraceTypes, ErrorAndWarningCannotBeSwitchedOff) {
   EXPECT_EQ(header.excluded, Strings{"CHILD"});
   EXPECT_EQ(headerWith(",CLI,~ERROR").included, (Strings{"CLI", "ERROR", "WARNING"}));
   EXPECT_TRUE(switchesOf(",~ERROR").contains("ERROR"));
+}
+
+CUL_CHILD(ExcludeEveryType) {
+  std::wstring configuration = L"stderr";
+  for (const std::string& type : knownTypes) {
+    configuration += L",~" + std::wstring(type.begin(), type.end());
+  }
+  const TraceImplementation* trace = TraceImplementation::instance(configuration.c_str());
+  for (const char* type : {"ERROR", "WARNING"}) {
+    EXPECT_TRUE(trace->isTraceBitSet(type));
+    EXPECT_FALSE(trace->isExcluded(ByteString(type)));
+    // Without any other type the list of the included stays empty.
+    EXPECT_FALSE(trace->isIncluded(ByteString(type)));
+  }
+}
+
+TEST(TraceTypes, ErrorAndWarningAreOnWhenEveryTypeIsSwitchedOff) {
+  const ChildResult r = runWith("ExcludeEveryType", {{"GDIA_ID", "root"}});
+  EXPECT_EQ(headerOf(r.err).included, (Strings{"ERROR", "WARNING"}));
+  EXPECT_EQ(headerOf(r.err).excluded, knownTypesBut({"ERROR", "WARNING"}));
 }
 
 TEST(TraceTypes, BehindTheExclusionMarkAreTakenAsTheyStand) {
@@ -730,6 +790,81 @@ TEST(TraceLine, HasTimeThreadTagFunctionLineAndMessage) {
       << r.err;
 }
 
+CUL_CHILD(LineThatCannotBeFormatted) {
+  taggedTrace("f()", 1, "X", "before %ls behind", L"\x20AC");
+  taggedTrace("f()", 2, "X", "next");
+}
+
+TEST(TraceLine, EndsBeforeAConversionThatFails) {
+  // The locale "C" has no such character.
+  const ChildResult r = runWith("LineThatCannotBeFormatted", {{"QVX_DBG_TRACE", "stderr"}});
+  EXPECT_THAT(bodyOf(r.err), ElementsAre("**X: f(1): before ", "**X: f(2): next"));
+}
+
+CUL_CHILD(LineWithItsSwitchCleared) {
+  taggedTrace("f()", 1, "X", "first");
+  TraceImplementation* trace = traceImplementation();
+  trace->flags.clear();
+  trace->taggedTrace("f()", 2, "X", "dropped");
+  EXPECT_EQ(trace->wrap(), 0);
+  EXPECT_TRUE(trace->pause(true));
+  EXPECT_TRUE(trace->isActive());
+  trace->flags.set(*trace);
+  trace->taggedTrace("f()", 3, "X", "last");
+}
+
+TEST(TraceLine, IsNotWrittenWhileTheActiveSwitchIsCleared) {
+  const ChildResult r = runWith("LineWithItsSwitchCleared", {{"QVX_DBG_TRACE", "stderr"}});
+  EXPECT_THAT(bodyOf(r.err), ElementsAre("**X: f(1): first", "**X: f(3): last"));
+}
+
+namespace {
+
+// Conversions that trace: "%Y" a line, "%W" one that contains a "%Y".
+int convertByTracing(FILE* /*stream*/, const printf_info* info, const void* const* /*arguments*/) {
+  const bool isInner = info->spec == L'Y';
+  const std::string format = isInner ? "innermost" : "inner %Y";
+  taggedTrace("f()", 2, "X", format.c_str(), 0);
+  return 0;
+}
+
+int argumentsOfTracing(const printf_info* /*info*/, size_t n, int* types, int* sizes) {
+  if (n > 0) {
+    types[0] = PA_INT;
+    sizes[0] = sizeof(int);
+  }
+  return 1;
+}
+
+}  // namespace
+
+CUL_CHILD(LinesWithinLines) {
+  for (const char conversion : {'Y', 'W'}) {
+    ASSERT_EQ(register_printf_specifier(conversion, convertByTracing, argumentsOfTracing), 0);
+  }
+  for (const std::string format : {"outer %Y", "outer %W", "outer"}) {
+    taggedTrace("f()", 1, "X", format.c_str(), 0);
+  }
+}
+
+TEST(TraceLine, CanBeWrittenWhileTheSameThreadWritesOneButNotInsideThatAgain) {
+  const ChildResult r = runWith("LinesWithinLines", {{"QVX_DBG_TRACE", "stdout"}});
+  EXPECT_THAT(bodyOf(r.out),
+              ElementsAre("**X: f(2): innermost", "**X: f(1): outer ", "**X: f(2): inner ",
+                          "**X: f(1): outer ", "**X: f(1): outer"));
+}
+
+CUL_CHILD(LinesInAFarFuture) {
+  toldTime = std::time_t{1} << 60;
+  taggedTrace("f()", 1, "X", "far away");
+}
+
+TEST(TraceLine, IsWrittenInAYearThatCannotBeTold) {
+  const ChildResult r = runWith("LinesInAFarFuture", {{"QVX_DBG_TRACE", "stderr"}});
+  EXPECT_THAT(r.err, HasSubstr("traceInternal(718): Trace start at \n"));
+  EXPECT_THAT(bodyOf(r.err), ElementsAre("**X: f(1): far away"));
+}
+
 CUL_CHILD(LinesOverMoreThanASecond) {
   const std::time_t start = std::time(nullptr);
   while (std::time(nullptr) < start + 2) {
@@ -879,6 +1014,8 @@ CUL_CHILD(LinesWithComposedTags) {
   EXPECT_EQ(errno, 77);
   trace->_traceGMH("f()", 2, "GMH", nullptr, "without %s", "handler");
   trace->_traceGMH("f()", 3, nullptr, nullptr, "without tag");
+  trace->_traceGMH("f()", 3, nullptr, &handler, "without tag");
+  trace->traceSession("f()", 3, nullptr, reinterpret_cast<void*>(0xABC0), "without tag");
   trace->traceSession("f()", 4, "AGENT", reinterpret_cast<void*>(0xABC0), "with %s", "session");
   trace->traceSession("f()", 5, "AGENT", nullptr, "without %s", "session");
   trace->traceInternal("internal %d", 6);
@@ -888,8 +1025,9 @@ TEST(TraceLine, CanHaveATagWithAHandlerOrASession) {
   const ChildResult r = runWith("LinesWithComposedTags", {{"QVX_DBG_TRACE", "stderr"}});
   EXPECT_THAT(bodyOf(r.err),
               ElementsAre("**GMH/handler 9: f(1): with handler", "**GMH: f(2): without handler",
-                          "f(3): without tag", "**AGENT 0xabc0: f(4): with session",
-                          "**AGENT: f(5): without session",
+                          "f(3): without tag", "**(null)/handler 9: f(3): without tag",
+                          "**(null) 0xabc0: f(3): without tag",
+                          "**AGENT 0xabc0: f(4): with session", "**AGENT: f(5): without session",
                           "void TraceImplementation::traceInternal(718): internal 6"));
 }
 
@@ -1366,6 +1504,21 @@ TEST(TraceEnd, IsSilentWhenTracingIsOff) {
   EXPECT_EQ(runWith("DestroyATraceThatIsOff", {}).err, "");
 }
 
+CUL_CHILD(ForkAfterTheEnd) {
+  delete traceImplementation();
+  const pid_t child = fork();
+  if (child == 0) {
+    taggedTrace("f()", 1, "X", "dropped");
+    _exit(isTraced(TraceType::active) ? 1 : 0);
+  }
+  EXPECT_EQ(statusOf(child), 0);
+}
+
+TEST(TraceEnd, LeavesForksAlone) {
+  const ChildResult r = runWith("ForkAfterTheEnd", {{"QVX_DBG_TRACE", "stderr"}});
+  EXPECT_THAT(bodyOf(r.err), ElementsAre(HasSubstr("Trace end at "), ""));
+}
+
 namespace {
 
 // Made before main and destroyed after exit, in the child case that switches it on.
@@ -1578,7 +1731,26 @@ TEST(TraceThreads, ThatRecoverFromAFaultInATraceCallLeaveTheTraceUsable) {
 }
 
 // ---------------------------------------------------------------------------------------
-// Lack of memory; the sanitizers' allocators do not live with a limit.
+// Lack of memory
+
+CUL_CHILD(ConfigureWithoutMemory) {
+  copiesFail = true;
+  errno = 77;
+  EXPECT_FALSE(isTraced(TraceType::error));
+  EXPECT_EQ(errno, 77);
+  copiesFail = false;
+  TraceImplementation* trace = traceImplementation();
+  EXPECT_FALSE(trace->isTraceBitSet(nullptr));
+  trace->openFiles();
+  EXPECT_FALSE(trace->isActive());
+  taggedTrace("f()", 1, "ERROR", "dropped");
+}
+
+TEST(TraceWithoutMemory, IsOffWhenItCannotBeConfigured) {
+  EXPECT_EQ(runWith("ConfigureWithoutMemory", {{"QVX_DBG_TRACE", "stderr"}}).err, "");
+}
+
+// The sanitizers' allocators do not live with a limit.
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
