@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -495,3 +496,19 @@ TEST(GetLibPath, EndsTheProcessWhenTheExecutableIsNotFound) {
                 "No such file or directory\n");
   }
 }
+
+// The sanitizers' allocators do not live with a limit.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+CUL_CHILD(DuplicateWithoutMemory) {
+  const std::string text(100 << 20, 'x');
+  const rlimit none = {0, RLIM_INFINITY};
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &none), 0);
+  std::free(ManagedString::dupString(text.c_str()));
+}
+
+TEST(ManagedString, EndsTheProcessWhenThereIsNoMemory) {
+  expectAbort(runChild("DuplicateWithoutMemory", abortingWith()), "Cannot allocate memory\n");
+}
+
+#endif

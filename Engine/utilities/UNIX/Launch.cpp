@@ -45,10 +45,7 @@ char** cleanEnvironment(const char* const* environment) {
   while (environment[count] != nullptr) {
     ++count;
   }
-  auto** const result = static_cast<char**>(std::malloc((count + 1) * sizeof(char*)));
-  if (result == nullptr) {
-    failLaunch(ENOMEM);
-  }
+  auto** const result = static_cast<char**>(launchMemory((count + 1) * sizeof(char*)));
   char** next = result;
   for (; *environment != nullptr; ++environment) {
     if (hasValue(*environment)) {

@@ -1,12 +1,25 @@
 #pragma once
 
+#include <cerrno>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-/// How a launcher program reports what it cannot go on without: the system's text for the
-/// error and a newline on standard error. Then aborts. Internal to the library.
+/// \file
+/// What a launcher program does when it cannot go on. Internal to the library.
+
+/// Prints the system's text for the error and a newline on standard error, and aborts.
 [[noreturn]] inline void failLaunch(int error) {
   std::fprintf(stderr, "%s\n", std::strerror(error));
   std::abort();
+}
+
+/// Memory from malloc(), never null: without any, a launcher program cannot go on.
+[[nodiscard]] inline void* launchMemory(std::size_t size) {
+  void* const memory = std::malloc(size);
+  if (memory == nullptr) {
+    failLaunch(ENOMEM);
+  }
+  return memory;
 }

@@ -20,13 +20,7 @@ constexpr const char* marker = "QVX_DBG_LD_LIBRARY_PATH";
 constexpr unsigned workingDirectoryRoom = 1024;
 constexpr unsigned mostLinks = 40;
 
-char* newCharacters(std::size_t size) {
-  auto* const made = static_cast<char*>(std::malloc(size));
-  if (made == nullptr) {
-    failLaunch(ENOMEM);
-  }
-  return made;
-}
+char* newCharacters(std::size_t size) { return static_cast<char*>(launchMemory(size)); }
 
 ManagedString firstCharacters(const char* text, std::size_t length) {
   char* const copy = newCharacters(length + 1);
