@@ -55,5 +55,6 @@ extern "C" CUL_EXPORT int getprocs64(procentry64* entries, int entrySize, fdsinf
 ///                  stored. When that many are there, the end of the list has not been seen, and
 ///                  it is traced under "WARNING" as one that may be cut.
 /// \return 0; -1 when the list cannot be opened (traced), when `length` is 0 or less, or when
-///         `entry` or `buffer` is null: then nothing is written.
+///         `entry` or `buffer` is null: then nothing is written. Also -1 when the process goes
+///         while its list is read (traced): then `buffer` may have some of it, without an end.
 extern "C" CUL_EXPORT int getargs(procentry64* entry, int entrySize, char* buffer, int length);

@@ -31,12 +31,19 @@
 // Whether the stream that was opened last is closed when a program is started.
 static std::atomic<bool> isLastStreamClosedOnExec = false;
 
+// What ends, and is reaped, as soon as a stream has been opened.
+static std::atomic<WaitingProgram*> endsWhenOpened = nullptr;
+
 extern "C" FILE* fopen(const char* path, const char* mode) {
   static auto* const real =
       reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
   FILE* const stream = real(path, mode);
   if (stream != nullptr && std::strncmp(path, "/proc/", 6) == 0) {
     isLastStreamClosedOnExec = (fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC) != 0;
+    if (WaitingProgram* const program = endsWhenOpened.exchange(nullptr); program != nullptr) {
+      program->end();
+      program->reap();
+    }
   }
   return stream;
 }
@@ -464,6 +471,27 @@ TEST(ProcessTable, ArgumentsOfAProcessThatIsGoneCannotBeReadWhichIsTraced) {
         << r.trace;
   }
   EXPECT_EQ(occurrences(r.trace, getargsText), 5U) << r.trace;
+}
+
+CUL_CHILD(ProcessTableArgumentsThatGo) {
+  static_cast<void>(isTraced(TraceType::error));  // The trace opens its file.
+  WaitingProgram child({"x"});
+  endsWhenOpened = &child;
+  EXPECT_EQ(argumentsOf(child.id(), 30).result, -1);
+  EXPECT_EQ(endsWhenOpened, nullptr);
+  std::printf("%d\n", child.id());
+}
+
+TEST(ProcessTable, ArgumentsOfAProcessThatGoesWhileTheyAreReadCannotBeReadWhichIsTraced) {
+  const TracedChildResult r = runTracedChild("ProcessTableArgumentsThatGo");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  const std::string id = std::to_string(std::atoi(r.child.out.c_str()));
+  EXPECT_EQ(occurrences(r.trace, "): failed to read '/proc/" + id +
+                                     "/cmdline' errno = " + std::to_string(ESRCH) + "\n"),
+            1U)
+      << r.trace;
+  EXPECT_EQ(occurrences(r.trace, "**ERROR: " + getargsText), 1U) << r.trace;
+  EXPECT_EQ(occurrences(r.trace, getargsText), 1U) << r.trace;
 }
 
 CUL_CHILD(ProcessTableWithoutABuffer) {

@@ -95,6 +95,12 @@ int getargs(procentry64* entry, int, char* buffer, int length) {
   const auto room = static_cast<std::size_t>(length) - 1;
   const std::size_t stored =
       startsAtEnd(stream.get()) ? 0 : std::fread(buffer, 1, room, stream.get());
+  if (std::ferror(stream.get()) != 0) {
+    // The process has gone meanwhile.
+    CUL_TRACE(TraceType::error, getargsText, __LINE__, "failed to read '%s' errno = %d", path,
+              errno);
+    return -1;
+  }
   // A read that gets all it asked for has not seen the end, even when nothing more is there.
   if (std::feof(stream.get()) == 0) {
     CUL_TRACE(TraceType::warning, getargsText, 105, "'%s' has arguments longer than %d args buffer",
