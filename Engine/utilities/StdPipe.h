@@ -25,7 +25,8 @@ using HANDLE = int;
 class CUL_EXPORT StdPipe {
  public:
   /// Opens the pipe.
-  /// \throws StdException "pipe() failed" when no descriptor is left.
+  /// \throws StdException "pipe() failed" when no descriptor is left, and as childReadHandle()
+  ///         when an end cannot be set up; both are closed then.
   StdPipe();
   StdPipe(const StdPipe&) = delete;
   StdPipe& operator=(const StdPipe&) = delete;
@@ -43,6 +44,8 @@ class CUL_EXPORT StdPipe {
   /// \name Handing over
   /// Makes one end blocking and inheritable, for a child that is started afterwards.
   /// \return the end's handle, which still belongs to the pipe.
+  /// \throws StdException "::fcntl(F_GETFL) failed" for an end that is closed; "::fcntl(F_SETFL)
+  ///         failed" or "::fcntl(F_SETFD) in setClose() failed" when it cannot be changed.
   /// @{
   HANDLE childReadHandle();
   HANDLE childWriteHandle();
@@ -65,7 +68,9 @@ class CUL_EXPORT StdPipe {
   /// \param maximum of the second step, in bytes.
   /// \return the bytes taken in the second step plus 1, also at the end of the file; always
   ///         0 for a `maximum` of 0, also when a byte was stored. Callers rely on `out`.
-  /// \throws StdException "read() failed".
+  /// \throws StdException "read() failed", or "::fcntl(F_GETFL) failed" for a closed end; `out`
+  ///         is as it was, or has the first byte when the second step fails. The end, which is
+  ///         non-blocking during that step, may stay so until the next read().
   /// \throws std::bad_alloc when there is no memory for `maximum` bytes; the first byte, which
   ///         has been taken, is in `out`.
   int read(ByteString& out, unsigned int maximum) const;

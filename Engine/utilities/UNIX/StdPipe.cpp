@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <memory>
 #include <unistd.h>
+#include <utility>
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/UNIX/SignalIgnored.h"
@@ -55,11 +56,8 @@ ssize_t readPatiently(int fd, void* buffer, unsigned int maximum, unsigned int t
   }
 }
 
-int closeHandle(HANDLE& handle) {
-  const int result = close(handle);
-  handle = -1;
-  return result;
-}
+// A thread that is asked to end meanwhile does not leave a number to be closed twice.
+int closeHandle(HANDLE& handle) { return close(std::exchange(handle, -1)); }
 
 // Closes both ends again when the pipe cannot be set up.
 class PipeEnds {
