@@ -11,8 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Engine/utilities/ByteString.h"
-
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Terminal.h"
 #include "tests/support/TracedChild.h"
@@ -75,10 +73,6 @@ inline std::set<int> openDescriptors() {
 
 inline bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 inline bool isClosedOnExec(int fd) { return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0; }
-
-inline std::string textOf(const ByteString& bytes) {
-  return {reinterpret_cast<const char*>(static_cast<const unsigned char*>(bytes)), bytes.length()};
-}
 
 inline int statusOf(pid_t process) {
   int raw = -1;

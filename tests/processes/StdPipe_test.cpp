@@ -22,6 +22,7 @@
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/StdException.h"
+#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/TracedChild.h"
@@ -31,10 +32,6 @@ namespace {
 constexpr const char* constructorText = "StdPipe::StdPipe()";
 constexpr const char* readText = "int StdPipe::read(ByteString&, unsigned int) const";
 constexpr const char* writeText = "int StdPipe::write(const void*, unsigned int) const";
-
-std::string textOf(const ByteString& bytes) {
-  return {reinterpret_cast<const char*>(static_cast<const unsigned char*>(bytes)), bytes.length()};
-}
 
 bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
 bool isClosedOnExec(int fd) { return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0; }
@@ -134,7 +131,7 @@ std::string readToTheEnd(const StdPipe& pipe) {
   ByteString piece;
   do {
     EXPECT_GE(pipe.read(piece, 10000), 1);
-    all += textOf(piece);
+    all += viewOf(piece);
   } while (piece.length() != 0);
   return all;
 }
@@ -246,7 +243,7 @@ TEST(StdPipe, WritesAndReads) {
   EXPECT_EQ(pipe.write("hello", 5), 5);
   ByteString out;
   EXPECT_EQ(pipe.read(out, 100), 5);
-  EXPECT_EQ(textOf(out), "hello");
+  EXPECT_EQ(viewOf(out), "hello");
   EXPECT_TRUE(isBlocking(pipe.readHandle()));
 }
 
@@ -255,9 +252,9 @@ TEST(StdPipe, ReadsOneByteMoreThanTheMaximum) {
   (void)pipe.write("abcdef", 6);
   ByteString out;
   EXPECT_EQ(pipe.read(out, 3), 4);
-  EXPECT_EQ(textOf(out), "abcd");
+  EXPECT_EQ(viewOf(out), "abcd");
   EXPECT_EQ(pipe.read(out, 1), 2);
-  EXPECT_EQ(textOf(out), "ef");
+  EXPECT_EQ(viewOf(out), "ef");
 }
 
 TEST(StdPipe, CarriesBytesOfAnyValue) {
@@ -269,7 +266,7 @@ TEST(StdPipe, CarriesBytesOfAnyValue) {
   EXPECT_EQ(pipe.write(bytes.data(), 512), 512);
   ByteString out;
   EXPECT_EQ(pipe.read(out, 511), 512);
-  EXPECT_EQ(textOf(out), bytes);
+  EXPECT_EQ(viewOf(out), bytes);
 }
 
 TEST(StdPipe, ReturnsZeroForAMaximumOfZeroAndStoresTheByte) {
@@ -277,9 +274,9 @@ TEST(StdPipe, ReturnsZeroForAMaximumOfZeroAndStoresTheByte) {
   (void)pipe.write("xy", 2);
   ByteString out;
   EXPECT_EQ(pipe.read(out, 0), 0);
-  EXPECT_EQ(textOf(out), "x");
+  EXPECT_EQ(viewOf(out), "x");
   EXPECT_EQ(pipe.read(out, 0), 0);
-  EXPECT_EQ(textOf(out), "y");
+  EXPECT_EQ(viewOf(out), "y");
 }
 
 TEST(StdPipe, ReturnsOneAndNothingAtTheEndOfTheFile) {
@@ -288,11 +285,11 @@ TEST(StdPipe, ReturnsOneAndNothingAtTheEndOfTheFile) {
   pipe.closeWriteHandle();
   ByteString out;
   EXPECT_EQ(pipe.read(out, 10), 1);
-  EXPECT_EQ(textOf(out), "x");
+  EXPECT_EQ(viewOf(out), "x");
   EXPECT_EQ(pipe.read(out, 10), 1);
-  EXPECT_EQ(textOf(out), "");
+  EXPECT_EQ(viewOf(out), "");
   EXPECT_EQ(pipe.read(out, 0), 0);
-  EXPECT_EQ(textOf(out), "");
+  EXPECT_EQ(viewOf(out), "");
   EXPECT_TRUE(isBlocking(pipe.readHandle()));
 }
 
@@ -304,7 +301,7 @@ TEST(StdPipe, WaitsForTheFirstByteAndForTheSecond) {
   });
   ByteString out;
   EXPECT_EQ(pipe.read(out, 1), 2);
-  EXPECT_EQ(textOf(out), "ab");
+  EXPECT_EQ(viewOf(out), "ab");
   writer.join();
 }
 
@@ -314,7 +311,7 @@ TEST(StdPipe, ReadsFromAnEndThatWasMadeNonBlocking) {
   std::thread writer([&pipe] { (void)pipe.write("late", 4); });
   ByteString out;
   EXPECT_EQ(pipe.read(out, 10), 4);
-  EXPECT_EQ(textOf(out), "late");
+  EXPECT_EQ(viewOf(out), "late");
   EXPECT_TRUE(isBlocking(pipe.readHandle()));
   writer.join();
 }
@@ -508,7 +505,7 @@ CUL_CHILD(PipeReadFromClosedEnd) {
   const unsigned char old[] = "old";
   ByteString out(old, 3);
   expectFailure([&] { (void)pipe.read(out, 10); }, readText, 102, "::fcntl(F_GETFL) failed");
-  EXPECT_EQ(textOf(out), "old");
+  EXPECT_EQ(viewOf(out), "old");
 }
 
 CUL_CHILD(PipeReadFailsAtTheFirstByte) {
@@ -528,7 +525,7 @@ CUL_CHILD(PipeReadFailsToGoOnUnblocked) {
   failSystemCall(SYS_fcntl, pipe.readHandle(), 1, F_SETFL, EPERM);
   ByteString out;
   expectFailure([&] { (void)pipe.read(out, 10); }, readText, 125, "::fcntl(F_SETFL) failed");
-  EXPECT_EQ(textOf(out), "a");
+  EXPECT_EQ(viewOf(out), "a");
 }
 
 CUL_CHILD(PipeReadFailsAtTheRest) {
@@ -538,7 +535,7 @@ CUL_CHILD(PipeReadFailsAtTheRest) {
   failSystemCall(SYS_read, pipe.readHandle(), 2, 10, EIO);
   ByteString out;
   expectFailure([&] { (void)pipe.read(out, 10); }, readText, 136, "read() failed");
-  EXPECT_EQ(textOf(out), "a");
+  EXPECT_EQ(viewOf(out), "a");
   EXPECT_TRUE(isOpen(pipe.readHandle()));
 }
 
@@ -575,10 +572,10 @@ CUL_CHILD(PipeReadWithoutMemory) {
   const rlimit none = {1, 1};
   ASSERT_EQ(setrlimit(RLIMIT_AS, &none), 0);
   EXPECT_THROW((void)pipe.read(out, 0xFFFFFFFF), std::bad_alloc);
-  EXPECT_EQ(textOf(out), "a");
+  EXPECT_EQ(viewOf(out), "a");
   EXPECT_TRUE(isBlocking(pipe.readHandle()));
   EXPECT_EQ(pipe.read(out, 0), 0);
-  EXPECT_EQ(textOf(out), "b");
+  EXPECT_EQ(viewOf(out), "b");
 }
 
 TEST(StdPipe, StaysBlockingWhenThereIsNoMemoryToRead) {
@@ -609,7 +606,7 @@ CUL_CHILD(PipeReadInterrupted) {
   ByteString out;
   EXPECT_EQ(pipe.read(out, 0), 0);
   EXPECT_GE(signalsSeen, 3);
-  EXPECT_EQ(textOf(out), "s");
+  EXPECT_EQ(viewOf(out), "s");
 }
 
 CUL_CHILD(PipeReadInterruptedInBetween) {
@@ -621,7 +618,7 @@ CUL_CHILD(PipeReadInterruptedInBetween) {
   ByteString out;
   EXPECT_EQ(pipe.read(out, 5), 2);
   EXPECT_GE(signalsSeen, 3);
-  EXPECT_EQ(textOf(out), "fs");
+  EXPECT_EQ(viewOf(out), "fs");
 }
 
 TEST(StdPipe, ReadsOnWhenASignalInterrupts) {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "Engine/utilities/StdException.h"
+#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/UNIX/SignalIgnored.h"
@@ -33,10 +34,6 @@ void closeHandle(int& handle) {
     close(handle);
     handle = -1;
   }
-}
-
-const char* textOf(const ByteString& text) {
-  return reinterpret_cast<const char*>(static_cast<const unsigned char*>(text));
 }
 
 // A master side with the path it was opened by.
@@ -153,13 +150,13 @@ void UNIXStdioPipes::openConsole() {
   masterHandle_ = master.handle;
   noConsole_ = 0;
   CUL_TRACE(TraceType::dsl, constructorText, 129,
-            "Console on pseudo-terminal \"%s\" successfully created", textOf(slaveName_));
+            "Console on pseudo-terminal \"%s\" successfully created", charsOf(slaveName_));
 }
 
 UNIXStdioPipes::~UNIXStdioPipes() {
   if (slaveName_.length() != 0 && slaveHandle_ < 0) {
     CUL_TRACE(TraceType::dsl, destructorText, 147, "Pseudo-terminal \"%s\" destroyed",
-              textOf(slaveName_));
+              charsOf(slaveName_));
   }
   const HoldRequests hold;
   UNIXStdioPipes::closePipes();
@@ -189,10 +186,10 @@ int UNIXStdioPipes::slaveHandle() {
     return slaveHandle_;
   }
   // The first terminal that the leader of a session opens becomes its controlling terminal.
-  slaveHandle_ = open(textOf(slaveName_), O_RDWR | O_CLOEXEC);
+  slaveHandle_ = open(charsOf(slaveName_), O_RDWR | O_CLOEXEC);
   if (slaveHandle_ < 0) {
     CUL_TRACE(TraceType::error, slaveHandleText, 278, "debuggee open '%s' failed",
-              textOf(slaveName_));
+              charsOf(slaveName_));
     slaveHandle_ = -1;
     return slaveHandle_;
   }
