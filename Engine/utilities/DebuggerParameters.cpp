@@ -74,8 +74,10 @@ constexpr P::Option optionTable[] = {
     {L"-qFallbackUnencrypted", 0x01, true, false, 21, P::parmFallbackUnencrypted},
 };
 
-// Whoever mistypes one of the options with a secret still begins it like this.
+// Whoever mistypes one of the options with a secret still begins it like this, and puts one of
+// these before the secret.
 constexpr std::string_view secretBeginnings[] = {"-qkeystorep", "-qhrdmk"};
+constexpr std::string_view secretSeparators = "= :;,";
 
 std::atomic<DebuggerParameters*> theParameters = nullptr;
 
@@ -108,22 +110,47 @@ bool isAnyOf(CharString& text, std::initializer_list<const wchar_t*> words) {
   });
 }
 
-// `text` without the value of an option with a secret, which is taken to reach to its end.
-std::string withoutSecret(std::string_view text) {
-  std::string shown(text);
+// Where the name of an option with a secret ends in `text`; npos when there is none.
+size_t behindSecretName(std::string_view text) {
   std::string lowered(text);
   std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](char c) {
     return static_cast<char>(ASCII::toLower(static_cast<unsigned char>(c)));
   });
+  size_t name = std::string::npos;
   for (const std::string_view beginning : secretBeginnings) {
-    if (const size_t name = lowered.find(beginning); name != std::string::npos) {
-      if (const size_t behind = lowered.find_first_of("= ", name); behind < shown.size()) {
-        shown.replace(behind + 1, std::string::npos, asterisks);
-        lowered.resize(behind);
-      }
+    name = std::min(name, lowered.find(beginning));
+  }
+  if (name == std::string::npos) {
+    return name;
+  }
+  return std::min(lowered.find_first_of(secretSeparators, name), text.size());
+}
+
+// Whether `text` ends where the secret of an option would begin.
+bool lacksSecret(std::string_view text) {
+  const size_t behind = behindSecretName(text);
+  return behind != std::string::npos && behind + 1 >= text.size();
+}
+
+// `text` without the secret of an option, which is taken to reach to its end.
+std::string withoutSecret(std::string_view text) {
+  const size_t behind = behindSecretName(text);
+  return behind < text.size() ? std::string(text.substr(0, behind + 1)).append(asterisks)
+                              : std::string(text);
+}
+
+// Whether an option lacks its secret, as after a slip of the user's. It may then be any of the
+// texts that could not be used, or be taken for the debuggee's name.
+bool isSecretLost(const DebuggerParameters& parameters) {
+  const DebuggerArgList& options = parameters.debuggerArguments();
+  for (unsigned int i = 1; i <= options.count(); ++i) {
+    if (options.value(i).length() == 0 && lacksSecret(viewOf(options.name(i)))) {
+      return true;
     }
   }
-  return shown;
+  const List<EncodedString*>& invalid = parameters.invalidArguments();
+  return std::any_of(invalid.begin(), invalid.end(),
+                     [](const EncodedString* text) { return lacksSecret(viewOf(*text)); });
 }
 
 void dumpText(const char* label, std::string_view text) {
@@ -350,27 +377,29 @@ void DebuggerParameters::diagnosticDump() const {
   if (!isTraced(TraceType::active)) {
     return;
   }
+  const bool isLost = isSecretLost(*this);
   dumpText("Debugger Program Name: ", viewOf(debuggerName_));
   dumpLine("Debugger Args:");
   if (debuggerArguments_.isEmpty()) {
     dumpText("\t", {});
   }
   for (unsigned int i = 1; i <= debuggerArguments_.count(); ++i) {
-    const EncodedString& name = debuggerArguments_.name(i);
-    const bool secret = name == parmName(parmKeystorePass) || name == parmName(parmHrdmKey);
-    const std::string label = '\t' + std::string(viewOf(name)) + ": ";
-    dumpText(label.c_str(), secret ? asterisks : viewOf(debuggerArguments_.value(i)));
+    const std::string_view name = viewOf(debuggerArguments_.name(i));
+    const std::string label = '\t' + std::string(name) + ": ";
+    dumpText(label.c_str(), lacksSecret(name) ? asterisks : viewOf(debuggerArguments_.value(i)));
   }
   dumpLine("--\tend --");
   dumpText("Start up Key: ", viewOf(startupKey()));
   dumpText("Start up Key Arg: ", viewOf(startupKeyArg()));
-  dumpText("Debuggee Name: ", viewOf(debuggeeName_));
+  const bool isNameSecret = isLost && !attach_ && debuggeeName_.length() != 0;
+  dumpText("Debuggee Name: ", isNameSecret ? asterisks : viewOf(debuggeeName_));
   dumpText("Debuggee Args: ", viewOf(debuggeeArguments_));
   dumpLine("Invalid Args:");
   if (invalidArguments_.count() == 0) {
     dumpText("\t", {});
   }
   for (const EncodedString* text : invalidArguments_.list()) {
-    dumpText("\t", viewOf(*text));
+    const bool isSecret = isLost && !lacksSecret(viewOf(*text));
+    dumpText("\t", isSecret ? asterisks : viewOf(*text));
   }
 }

@@ -195,7 +195,9 @@ class CUL_EXPORT DebuggerParameters {
 
   /// Writes the parsed command line to the trace, whatever kinds of lines are switched on as
   /// long as there is a trace at all. Eight asterisks stand for the values of
-  /// "-qkeystorepass" and "-qhrdmkey".
+  /// "-qkeystorepass" and "-qhrdmkey", mistyped names included; and, when one of the two lacks
+  /// its value, for all that may have been meant as such: the debuggee's name and the other
+  /// invalid arguments.
   void diagnosticDump() const;
 
   /// What a word says: 1 for "yes", "YES" or "Yes" and 0 for "no", "NO" or "No", each also

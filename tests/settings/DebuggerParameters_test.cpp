@@ -13,6 +13,8 @@
 
 namespace {
 
+using testing::AllOf;
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -761,17 +763,51 @@ TEST(DebuggerParameters, NeverDumpsASecret) {
       {"/d", "-qlang=-qkeystorepass=SECRET"},
       {"/d", "-startupKey", "KEY -qhrdmkey=SECRET"},
       {"/d", "-a-qhrdmkey=SECRET"},
+      {"/d", "-qhrdmkey:SECRET", "-qkeystorepass2=SECRET"},
+      {"/d", "-qkeystorepas", "SECRET"},
+      {"/d", "-qhrdmk", "-qquiet", "SECRET", "argument"},
+      {"/d", "-QHRDMKEY", "-SECRET", "prog"},
+      {"/d", "-qhrdmke", "-qhrdmke", "SECRET"},
+      {"/d", "-qkeystorepas=", "SECRET"},
+      {"/d", "-qkeystorepass=", "SECRET"},
+      {"/d", "-qhrdmkey", "-SECRET"},
+      {"/d", "-qpid=1", "-qkeystorepas", "SECRET"},
+      {"/d", "-bad", "-qpid=1", "-qkeystorepass=", "SECRET", "more"},
       {"/d", "-qpid=1", "x", "-qhrdmkey", "SECRET", "-qkeystorepass=SECRET"},
       {"/d", "prog", "-qkeystorepass=SECRET", "-qhrdmkey", "SECRET"}};
   for (const std::vector<std::string>& commandLine : commandLines) {
     const std::vector<std::string> lines = dumpOf(commandLine);
     ASSERT_GE(lines.size(), 10U);
     EXPECT_THAT(lines, testing::Each(Not(HasSubstr("SECRET")))) << commandLine[1];
-    EXPECT_THAT(lines, testing::Contains(HasSubstr("********<"))) << commandLine[1];
+    EXPECT_THAT(lines, Contains(HasSubstr("********<"))) << commandLine[1];
   }
-  EXPECT_THAT(dumpOf(commandLines[0]), testing::Contains("\t-qkeystorepass: >********<"));
-  EXPECT_THAT(dumpOf(commandLines[3]), testing::Contains("\t-qhrdmkey: >********<"));
-  EXPECT_THAT(dumpOf(commandLines.end()[-2]), testing::Contains("\t>x -qhrdmkey ********<"));
+  EXPECT_THAT(dumpOf(commandLines[0]), Contains("\t-qkeystorepass: >********<"));
+  EXPECT_THAT(dumpOf(commandLines[3]), Contains("\t-qhrdmkey: >********<"));
+  EXPECT_THAT(dumpOf(commandLines.end()[-2]), Contains("\t>x -qhrdmkey ********<"));
+}
+
+TEST(DebuggerParameters, DumpsWhatCannotBeASecret) {
+  EXPECT_THAT(
+      dumpOf({"/d", "-qkeystoreloc=/keys", "-qhrdmhost", "-qkeystorepass=SECRET", "-bad", "prog",
+              "argument"}),
+      ElementsAre("Debugger Program Name: >/d<", "Debugger Args:", "\t-qkeystoreloc: >/keys<",
+                  "\t-qhrdmhost: >none<", "\t-qkeystorepass: >********<", "--\tend --",
+                  "Start up Key: >none<", "Start up Key Arg: >none<", "Debuggee Name: >prog<",
+                  "Debuggee Args: >argument<", "Invalid Args:", "\t>-bad<"));
+  EXPECT_THAT(dumpOf({"/d", "-qkeystorepas=SECRET", "-bad", "prog"}),
+              AllOf(Contains("Debuggee Name: >prog<"), Contains("\t>-qkeystorepas=********<"),
+                    Contains("\t>-bad<")));
+}
+
+TEST(DebuggerParameters, DumpsAMistypedOptionWithoutItsSecretByItsName) {
+  EXPECT_THAT(dumpOf({"/d", "-qcache=1", "-bad", "-qkeystorepas", "SECRET", "argument"}),
+              AllOf(Contains("\t-qcache: >1<"), Contains("\t>-qkeystorepas<"),
+                    Contains("Debuggee Name: >********<"), Contains("Debuggee Args: >argument<")));
+  EXPECT_THAT(dumpOf({"/d", "-qpid=1", "-qhrdmke"}),
+              AllOf(Contains("Debuggee Name: >1<"), Contains("\t>-qhrdmke<")));
+  EXPECT_THAT(dumpOf({"/d", "-qhrdmkey"}),
+              AllOf(Contains("\t-qhrdmkey: >********<"), Contains("Debuggee Name: >none<"),
+                    Contains("\t>none<")));
 }
 
 TEST(DebuggerParameters, KeepsSecretsForWhoeverNeedsThem) {
