@@ -32,7 +32,7 @@ DebuggerSetting* earlySetting() {
   DebuggerSetting* setting = kept.load(std::memory_order_acquire);
   if (setting == nullptr && !isMaking) {
     const Making making;
-    std::unique_ptr<DebuggerSetting> made = makeSetting(assertionRow);
+    std::unique_ptr<DebuggerSetting> made = assertionRow.make(assertionRow);
     if (kept.compare_exchange_strong(setting, made.get(), std::memory_order_acq_rel)) {
       setting = made.release();
     }

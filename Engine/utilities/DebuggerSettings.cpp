@@ -9,7 +9,6 @@
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/DebuggerBooleanSetting.h"
 #include "Engine/utilities/DebuggerConfiguration.h"
-#include "Engine/utilities/DebuggerIntegerSetting.h"
 #include "Engine/utilities/DebuggerPathSetting.h"
 #include "Engine/utilities/DebuggerSettingsHKORV.h"
 #include "Engine/utilities/DebuggerUnsignedSetting.h"
@@ -132,6 +131,17 @@ const wchar_t* sourceFilterDefault() {
   return text;
 }
 
+DebuggerSetting::SettingControl controlOf(const SettingRow& row) {
+  return static_cast<DebuggerSetting::SettingControl>(row.control);
+}
+
+template <class Setting>
+std::unique_ptr<DebuggerSetting> makeText(const SettingRow& row) {
+  return std::make_unique<Setting>(row.name, controlOf(row), row.group, row.identifier,
+                                   static_cast<unsigned short>(row.minimum),
+                                   static_cast<unsigned short>(row.maximum));
+}
+
 DebuggerSettingsHKORV& settingsOfTheProcess() {
   static DebuggerSettingsHKORV& registry = *new DebuggerSettingsHKORV;
   return registry;
@@ -139,35 +149,32 @@ DebuggerSettingsHKORV& settingsOfTheProcess() {
 
 }  // namespace
 
-std::unique_ptr<DebuggerSetting> makeSetting(const SettingRow& row) {
-  const EncodedString name(row.name);
-  const auto control = static_cast<DebuggerSetting::SettingControl>(row.control);
-  const auto minLength = static_cast<unsigned short>(row.minimum);
-  const auto maxLength = static_cast<unsigned short>(row.maximum);
-  switch (row.type) {
-    case DebuggerSetting::String:
-      return std::make_unique<DebuggerStringSetting>(name, control, row.group, row.identifier,
-                                                     minLength, maxLength);
-    case DebuggerSetting::Path:
-      return std::make_unique<DebuggerPathSetting>(name, control, row.group, row.identifier,
-                                                   minLength, maxLength);
-    case DebuggerSetting::Boolean:
-      return std::make_unique<DebuggerBooleanSetting>(name, control, row.group, row.identifier);
-    case DebuggerSetting::Integer:
-      return std::make_unique<DebuggerIntegerSetting>(name, control, row.group, row.identifier,
-                                                      static_cast<int>(row.minimum),
-                                                      static_cast<int>(row.maximum));
-    case DebuggerSetting::Unsigned:
-      return std::make_unique<DebuggerUnsignedSetting>(name, control, row.group, row.identifier,
-                                                       row.minimum, row.maximum);
-    case DebuggerSetting::Enum:
-      return std::make_unique<DebuggerEnumSetting>(name, control, row.enumItems, row.group,
-                                                   row.identifier);
-    case DebuggerSetting::List:
-      return std::make_unique<DebuggerListSetting>(name, control, row.listItems, row.group,
-                                                   row.identifier, row.acceptsAllAndNone ? 1 : 0);
-  }
-  return nullptr;
+std::unique_ptr<DebuggerSetting> makeString(const SettingRow& row) {
+  return makeText<DebuggerStringSetting>(row);
+}
+
+std::unique_ptr<DebuggerSetting> makePath(const SettingRow& row) {
+  return makeText<DebuggerPathSetting>(row);
+}
+
+std::unique_ptr<DebuggerSetting> makeUnsigned(const SettingRow& row) {
+  return std::make_unique<DebuggerUnsignedSetting>(row.name, controlOf(row), row.group,
+                                                   row.identifier, row.minimum, row.maximum);
+}
+
+std::unique_ptr<DebuggerSetting> makeBoolean(const SettingRow& row) {
+  return std::make_unique<DebuggerBooleanSetting>(row.name, controlOf(row), row.group,
+                                                  row.identifier);
+}
+
+std::unique_ptr<DebuggerSetting> makeEnum(const SettingRow& row) {
+  return std::make_unique<DebuggerEnumSetting>(row.name, controlOf(row), row.enumItems, row.group,
+                                               row.identifier);
+}
+
+std::unique_ptr<DebuggerSetting> makeList(const SettingRow& row) {
+  return std::make_unique<DebuggerListSetting>(row.name, controlOf(row), row.listItems, row.group,
+                                               row.identifier, row.acceptsAllAndNone ? 1 : 0);
 }
 
 DebuggerSettings* DebuggerSettings::instance() {
@@ -212,7 +219,7 @@ void DebuggerSettings::add(std::span<const SettingRow> rows) {
     const auto identifier = static_cast<unsigned>(row.identifier);
     if (identifier < settings_.count()) {
       const std::unique_ptr<DebuggerSetting> previous(slot(identifier));
-      __atomic_store_n(&settings_[identifier], makeSetting(row).release(), __ATOMIC_RELEASE);
+      __atomic_store_n(&settings_[identifier], row.make(row).release(), __ATOMIC_RELEASE);
     }
   }
 }

@@ -13,8 +13,9 @@
 
 /// What makes a setting. What a type has no use for stays 0 or null.
 struct SettingRow {
+  /// Makes the setting that a row describes.
+  std::unique_ptr<DebuggerSetting> (*make)(const SettingRow&);
   const wchar_t* name;
-  DebuggerSetting::SettingType type;
   int control;
   int group;
   int identifier;
@@ -26,8 +27,15 @@ struct SettingRow {
   bool acceptsAllAndNone = false;
 };
 
-/// Makes the setting that a row describes.
-[[nodiscard]] std::unique_ptr<DebuggerSetting> makeSetting(const SettingRow& row);
+/// \name The makers of each type
+/// @{
+[[nodiscard]] std::unique_ptr<DebuggerSetting> makeString(const SettingRow& row);
+[[nodiscard]] std::unique_ptr<DebuggerSetting> makePath(const SettingRow& row);
+[[nodiscard]] std::unique_ptr<DebuggerSetting> makeUnsigned(const SettingRow& row);
+[[nodiscard]] std::unique_ptr<DebuggerSetting> makeBoolean(const SettingRow& row);
+[[nodiscard]] std::unique_ptr<DebuggerSetting> makeEnum(const SettingRow& row);
+[[nodiscard]] std::unique_ptr<DebuggerSetting> makeList(const SettingRow& row);
+/// @}
 
 /// The row of "ASSERTION", a setting that is needed before there is a registry, too.
 extern const SettingRow assertionRow;
@@ -37,32 +45,29 @@ extern const SettingRow assertionRow;
 constexpr SettingRow stringRow(const wchar_t* name, int control, int group, int identifier,
                                const wchar_t* defaultText, unsigned minLength = 0,
                                unsigned maxLength = DebuggerStringSetting::noLimit) {
-  return {name,     DebuggerSetting::String, control, group, identifier, defaultText, minLength,
-          maxLength};
+  return {makeString, name, control, group, identifier, defaultText, minLength, maxLength};
 }
 
 constexpr SettingRow pathRow(const wchar_t* name, int control, int group, int identifier,
                              const wchar_t* defaultText, unsigned minLength, unsigned maxLength) {
-  return {name,       DebuggerSetting::Path, control,   group,
-          identifier, defaultText,           minLength, maxLength};
+  return {makePath, name, control, group, identifier, defaultText, minLength, maxLength};
 }
 
 constexpr SettingRow unsignedRow(const wchar_t* name, int control, int group, int identifier,
                                  const wchar_t* defaultText, unsigned minimum, unsigned maximum) {
-  return {name,   DebuggerSetting::Unsigned, control, group, identifier, defaultText, minimum,
-          maximum};
+  return {makeUnsigned, name, control, group, identifier, defaultText, minimum, maximum};
 }
 
 constexpr SettingRow booleanRow(const wchar_t* name, int control, int group, int identifier,
                                 const wchar_t* defaultText) {
-  return {name, DebuggerSetting::Boolean, control, group, identifier, defaultText};
+  return {makeBoolean, name, control, group, identifier, defaultText};
 }
 
 constexpr SettingRow enumRow(const wchar_t* name, int control, int group, int identifier,
                              const wchar_t* defaultText,
                              const DebuggerEnumSetting::EnumSettingItem* items) {
-  return {.name = name,
-          .type = DebuggerSetting::Enum,
+  return {.make = makeEnum,
+          .name = name,
           .control = control,
           .group = group,
           .identifier = identifier,
@@ -74,8 +79,8 @@ constexpr SettingRow listRow(const wchar_t* name, int control, int group, int id
                              const wchar_t* defaultText,
                              const DebuggerListSetting::ListSettingItem* items,
                              bool acceptsAllAndNone) {
-  return {.name = name,
-          .type = DebuggerSetting::List,
+  return {.make = makeList,
+          .name = name,
           .control = control,
           .group = group,
           .identifier = identifier,
