@@ -156,6 +156,10 @@ TEST(DebuggerListSetting, KeepsTheNamesGivenWhereTheItemsCannotExpressTheBits) {
   constexpr Item items[] = {{L"XY", 3, true}, {L"NOX", 1, false}, {nullptr, 0, false}};
   DebuggerListSetting setting = listOf(items);
   EXPECT_EQ(afterOffer(setting, " XY  NOX "), "taken XY,NOX 2");
+  // A name with a blank stands for the same bits, but could not be given.
+  constexpr Item twoWords[] = {{L"ONE", 1, true}, {L"TWO WORDS", 1, true}, {nullptr, 0, false}};
+  DebuggerListSetting other = listOf(twoWords);
+  EXPECT_EQ(afterOffer(other, "ONE ONE"), "taken ONE,ONE 1");
 }
 
 TEST(DebuggerListSetting, TakesTheDefaultForATextWithoutNames) {

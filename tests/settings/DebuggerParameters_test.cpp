@@ -646,7 +646,9 @@ CUL_CHILD(ParametersInstanceOfType) {
     unsigned char* argv[] = {bytes(program), bytes(option), bytes(debuggee), nullptr};
     made = P::instance(3, argv);
   } else {
-    made = P::instance(3, static_cast<unsigned char**>(nullptr));
+    unsigned char* argv[] = {nullptr};
+    made = type == "null" ? P::instance(3, static_cast<unsigned char**>(nullptr))
+                          : P::instance(-1, argv);
     ASSERT_NE(made, nullptr);
     EXPECT_EQ(P::instance(), made);
     EXPECT_EQ(plain(made->debuggerName()), "");
@@ -660,7 +662,7 @@ CUL_CHILD(ParametersInstanceOfType) {
 }
 
 TEST(DebuggerParameters, AreMadeFromArgumentVectorsOfEveryType) {
-  for (const char* type : {"const", "signed", "unsigned", "null"}) {
+  for (const char* type : {"const", "signed", "unsigned", "null", "negative"}) {
     const ChildResult r = runChild("ParametersInstanceOfType", {.arguments = {type}});
     EXPECT_EQ(r.status, 0) << type << r.out << r.err;
   }

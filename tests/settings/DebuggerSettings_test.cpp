@@ -516,6 +516,35 @@ TEST(DebuggerSettings, CanBeUsedBeforeMainAndAfterExit) {
 
 namespace {
 
+unsigned timesAsked = 0;
+
+// While the second setting of the table is made.
+void askForTheRegistry(const char* name) {
+  if (std::strcmp(name, "QVX_DBG_ADDR") == 0) {
+    ++timesAsked;
+    EXPECT_EQ(&registry(), DebuggerSettings::present());
+    EXPECT_NE(registry().getSetting(L"FILE_CACHE"), nullptr);
+    EXPECT_EQ(registry().getSetting(L"ADDR"), nullptr);
+    EXPECT_EQ(registry().getSetting(L"PROBE_TIMEOUT"), nullptr);
+  }
+}
+
+}  // namespace
+
+CUL_CHILD(SettingsAskedForWhileTheyAreBuilt) {
+  EXPECT_EQ(DebuggerSettings::present()->getSettings(-1, true)->count(), 0U);
+  environmentRead = askForTheRegistry;
+  EXPECT_EQ(registry().getAllSettings().count(), 55U);
+  environmentRead = nullptr;
+  EXPECT_GE(timesAsked, 1U);
+}
+
+TEST(DebuggerSettings, IsThereWithTheSettingsMadeSoFarWhileItIsBuilt) {
+  expectGood(runChild("SettingsAskedForWhileTheyAreBuilt"));
+}
+
+namespace {
+
 unsigned assertionsFailed = 0;
 
 // Only where the settings themselves read; the code page is read by a converter that is being
