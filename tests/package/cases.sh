@@ -45,7 +45,7 @@ FindPackageFindsAMovedTree() {
   expect_consumer_runs "$folder/build"
 }
 
-FindPackageRefusesAnotherMajorVersion() {
+FindPackageRefusesIncompatibleVersions() {
   install_and_move
   for version in 0.9 2.0 "${VERSION%.*}.999"; do
     ! "$CMAKE" -S "$consumer" -B "$folder/$version" -G Ninja -DCMAKE_PREFIX_PATH="$prefix" \
@@ -247,20 +247,6 @@ END
     "$(cat "$folder/ldconfig")"
   expect_equal "what is left of the packages" "" \
     "$(find "$root" -path "$root/var" -prune -o -type f -print)"
-}
-
-TheLibraryNeedsTheStandardLibrariesAlone() {
-  dynamic() { readelf -d "$1" | sed -n "s/^.*($2).*\[\(.*\)\]$/\1/p" | sort; }
-  local library=$BUILD_FOLDER/lib/libcul.so module=$BUILD_FOLDER/lib/libwobnConfig.so
-  expect_equal "name of the library" libcul.so.1 "$(dynamic "$library" SONAME)"
-  expect_equal "libraries needed" "ld-linux-x86-64.so.2
-libc.so.6
-libgcc_s.so.1
-libstdc++.so.6" "$(dynamic "$library" NEEDED)"
-  expect_equal "folders searched for libraries" '$ORIGIN' "$(dynamic "$library" RUNPATH)"
-  expect_equal "name of the module" "" "$(dynamic "$module" SONAME)"
-  expect_equal "libraries that the module needs beyond these" "" \
-    "$(comm -13 <(dynamic "$library" NEEDED) <(dynamic "$module" NEEDED))"
 }
 
 [[ "${1-}" == [A-Z]* ]] || fail "usage: cases.sh case"

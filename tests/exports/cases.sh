@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# One test of what the library and its configuration module offer to the loader and ask of it.
+# usage: cases.sh case
+# The environment names SOURCE_FOLDER and LIBRARY_FOLDER.
+set -euo pipefail
+export LC_ALL=C
+
+library=$LIBRARY_FOLDER/libcul.so
+module=$LIBRARY_FOLDER/libwobnConfig.so
+
+# expect_equal what expected actual
+expect_equal() {
+  diff -u --label expected <(echo "$2") --label actual <(echo "$3") ||
+    { echo "other than expected: $1" >&2; exit 1; }
+}
+
+# entries binary name: the entries of that name in what the loader reads.
+entries() { readelf -d "$1" | sed -n "s/^.*($2).*\[\(.*\)\]$/\1/p" | sort; }
+
+TheLibraryExportsWhatIsListed() {
+  expect_equal "exported symbols (the target update-symbols accepts them)" \
+    "$(cat "$SOURCE_FOLDER/Engine/cul.symbols")" \
+    "$("$SOURCE_FOLDER/cmake/exported-symbols" "$library")"
+}
+
+NothingOfTheStandardLibraryIsExported() {
+  expect_equal "symbols in namespace std or __gnu_cxx" "" \
+    "$("$SOURCE_FOLDER/cmake/exported-symbols" "$library" |
+      grep -E '^_Z(GV|T[A-Z])?Z?N?K?(S|9__gnu_cxx)' || true)"
+}
+
+TheLibraryIsNamedForItsMajorVersion() {
+  expect_equal "name of the library" libcul.so.1 "$(entries "$library" SONAME)"
+  expect_equal "name of the module" "" "$(entries "$module" SONAME)"
+}
+
+TheStandardLibrariesAreEnough() {
+  expect_equal "libraries needed" "ld-linux-x86-64.so.2
+libc.so.6
+libgcc_s.so.1
+libstdc++.so.6" "$(cat <(entries "$library" NEEDED) <(entries "$module" NEEDED) | sort -u)"
+}
+
+TheModuleIsLookedForBesideTheLibrary() {
+  expect_equal "folders searched for libraries" '$ORIGIN' "$(entries "$library" RUNPATH)"
+}
+
+"$1"
