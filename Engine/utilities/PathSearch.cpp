@@ -14,7 +14,7 @@ namespace {
 
 constexpr unsigned workingDirectoryRoom = 1024;
 constexpr unsigned linkRoom = 1024;
-constexpr unsigned greatestRoom = 4096;
+constexpr unsigned greatestRoom = 4098;
 constexpr unsigned usualDepth = 10;
 
 // Any execute bit, whoever it is for. One bit of the file type is looked at, which sockets

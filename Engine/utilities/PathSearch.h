@@ -61,7 +61,7 @@
 [[nodiscard]] EncodedString pathFromSystem(const char* path);
 
 /// The working directory; empty when it cannot be read or has `room` bytes or more.
-/// \param room at most 4096.
+/// \param room at most 4098.
 [[nodiscard]] EncodedString workingDirectory(unsigned room);
 
 /// Takes the next entry that is not empty off a list separated by ":"; an empty view when

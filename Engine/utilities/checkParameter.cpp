@@ -7,9 +7,6 @@
 
 bool checkParameter(CharString& arg, const CharString& name, unsigned minimum, int caseMode,
                     const wchar_t* separators) {
-  if (arg.length() < minimum) {
-    return false;
-  }
   const unsigned matched = arg.matchLength(name, caseMode);
   if (matched < minimum) {
     return false;

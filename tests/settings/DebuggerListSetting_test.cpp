@@ -119,6 +119,14 @@ TEST(DebuggerListSetting, NamesTheItemOfAllBitsAlone) {
   EXPECT_EQ(afterOffer(setting, "NONE,A,NONE"), "taken A 1");
 }
 
+TEST(DebuggerListSetting, NamesAnItemThatClearsAllBitsWithTheOthers) {
+  constexpr Item items[] = {
+      {L"A", 1, true}, {L"NOTHING", 0xFFFFFFFF, false}, {L"NOA", 1, false}, {nullptr, 0, false}};
+  DebuggerListSetting setting = listOf(items);
+  EXPECT_EQ(afterOffer(setting, "A,NOTHING"), "taken NOTHING,NOA 0");
+  EXPECT_EQ(afterOffer(setting, "NOTHING,A"), "taken A 1");
+}
+
 TEST(DebuggerListSetting, MeansTheLastOfSeveralItemsOfOneName) {
   constexpr Item items[] = {{L"X", 1, true}, {L"Y", 3, true}, {L"X", 2, true}, {nullptr, 0, false}};
   DebuggerListSetting setting = listOf(items);

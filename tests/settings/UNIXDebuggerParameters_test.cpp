@@ -264,6 +264,21 @@ TEST(UNIXDebuggerParameters, KnowsWorkingDirectoriesOfUpTo4097Bytes) {
               {.directory = folder.path(), .arguments = {realPathOf(folder)}});
 }
 
+CUL_CHILD(ParametersAlongARelativePath) {
+  const std::string& folder = childArguments().at(0);
+  EXPECT_EQ(debuggerNameOf("dbg"), folder + "/bin/dbg");
+  EXPECT_EQ(debuggerNameOf("../bin/dbg"), fs::path(folder).parent_path().string() + "/bin/dbg");
+}
+
+TEST(UNIXDebuggerParameters, PutsANameFoundInARelativeFolderBehindTheWorkingDirectory) {
+  const TemporaryFolder folder;
+  fs::create_directory(folder.file("bin"));
+  makeExecutable(folder.file("bin/dbg"));
+  expectChild("ParametersAlongARelativePath", {.environment = {{"PATH", "sbin:bin"}},
+                                               .directory = folder.path(),
+                                               .arguments = {realPathOf(folder)}});
+}
+
 CUL_CHILD(ParametersAlongPath) {
   const std::string& folder = childArguments().at(0);
   EXPECT_EQ(debuggerNameOf("dbg"), folder + "/second/dbg");

@@ -3,7 +3,6 @@
 #include <cstring>
 #include <string>
 #include <string_view>
-#include <unistd.h>
 
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/PathSearch.h"
@@ -12,7 +11,7 @@
 namespace {
 
 // One more byte than the longest working directory that is used.
-constexpr size_t workingDirectoryRoom = 4098;
+constexpr unsigned workingDirectoryRoom = 4098;
 
 CharString fromNative(const char* argument) {
   CharString text;
@@ -107,11 +106,14 @@ void UNIXDebuggerParameters::setDebuggerName(const EncodedString& name) {
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): called on the object.
 EncodedString UNIXDebuggerParameters::resolveRelative(const EncodedString& path) {
-  char buffer[workingDirectoryRoom];
-  if (viewOf(path).starts_with('/') || getcwd(buffer, sizeof buffer) == nullptr) {
+  if (viewOf(path).starts_with('/')) {
     return path;
   }
-  std::string absolute(viewOf(pathFromSystem(buffer)));
+  const EncodedString current = workingDirectory(workingDirectoryRoom);
+  if (current.length() == 0) {
+    return path;
+  }
+  std::string absolute(viewOf(current));
   if (absolute.ends_with('/')) {
     absolute.pop_back();
   }
