@@ -137,9 +137,10 @@ DebuggerSetting::SettingControl controlOf(const SettingRow& row) {
 
 template <class Setting>
 std::unique_ptr<DebuggerSetting> makeText(const SettingRow& row) {
-  return std::make_unique<Setting>(row.name, controlOf(row), row.group, row.identifier,
-                                   static_cast<unsigned short>(row.minimum),
-                                   static_cast<unsigned short>(row.maximum));
+  const auto minLength = static_cast<unsigned short>(row.minimum);
+  const auto maxLength = static_cast<unsigned short>(row.maximum);
+  return std::make_unique<Setting>(row.name, controlOf(row), row.group, row.identifier, minLength,
+                                   maxLength);
 }
 
 DebuggerSettingsHKORV& settingsOfTheProcess() {
