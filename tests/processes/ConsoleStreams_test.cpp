@@ -2,6 +2,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <optional>
+#include <poll.h>
 #include <stdlib.h>
 #include <string>
 #include <sys/ioctl.h>
@@ -280,6 +281,7 @@ CUL_CHILD(ConsoleReadFailing) {
       EXPECT_EQ(made.first, master);
       if (made.call == LibcCall::poll) {
         EXPECT_EQ(made.argument, 0) << "no time to wait";
+        EXPECT_EQ(made.more, POLLIN | POLLPRI);
       }
     }
   }

@@ -240,8 +240,9 @@ extern "C" int poll(pollfd* fds, nfds_t count, int timeout) {
   const pollfd* waits = fds;
   asm("" : "+r"(waits));  // The C library declares that it only writes there.
   const int first = count > 0 ? waits->fd : -1;
+  const int events = count > 0 ? waits->events : 0;
   if (const CallFailure* const failure =
-          CallDesk::announce(LibcCall::poll, nullptr, first, timeout);
+          CallDesk::announce(LibcCall::poll, nullptr, first, timeout, events);
       failure != nullptr) {
     return answer<int>(*failure);
   }

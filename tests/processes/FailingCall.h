@@ -107,7 +107,7 @@ struct CallMade {
   /// length. read, write: the size. poll: the timeout. tcsetattr: when. tcflush: which queue.
   /// close_range: the last descriptor. waitpid: the options.
   long argument;
-  /// fcntl: the argument. lseek: from where. 0 for others.
+  /// fcntl: the argument. lseek: from where. poll: the events of the first one. 0 for others.
   long more;
 };
 

@@ -72,6 +72,20 @@ TEST(StdioPipes, ReadsIntoABuffer) {
   EXPECT_EQ(console.read(StdioPipes::StdOutput, nullptr, 0), 0);
 }
 
+TEST(StdioPipes, PutsNoMoreIntoABufferThanItHolds) {
+  // A console that gives more than it was asked for.
+  class Generous : public Recorder {
+    int read(StdFileHandle, ByteString& out, unsigned int) const override {
+      out = ByteString("abcdef");
+      return 6;
+    }
+  };
+  const Generous console;
+  char buffer[4] = {'.', '.', '.', '.'};
+  EXPECT_EQ(static_cast<const StdioPipes&>(console).read(StdioPipes::StdOutput, buffer, 3), 3);
+  EXPECT_EQ(std::string(buffer, 4), "abc.");
+}
+
 TEST(StdioPipes, HasNothingToCloseByItself) {
   Recorder console;
   const std::set<int> before = openDescriptors();
