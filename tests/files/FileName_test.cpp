@@ -17,6 +17,7 @@
 #include "Engine/utilities/CharString.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/LongFolder.h"
 #include "tests/support/OrdinaryUser.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/TracedChild.h"
@@ -322,6 +323,8 @@ TEST(FileName, CopiesAndMovesItsPiecesAndItsHash) {
   FileName& same = target;
   target = std::move(same);
   EXPECT_EQ(pieces(target), pieces(copy));
+  target = name("not/yet.hashed");
+  EXPECT_EQ(target.computeHash(), name("not/yet.hashed").computeHash());
   target = encoded("/new.x");
   EXPECT_EQ(pieces(target), (Pieces{"/", "new.x", "new", ".x", ""}));
   EXPECT_NE(target.computeHash(), hash);
@@ -723,6 +726,27 @@ CUL_CHILD(FindFileBelowALongPath) {
 }
 
 TEST(FindFile, KnowsALongWorkingDirectory) { SearchFolder().run("FindFileBelowALongPath"); }
+
+namespace {
+
+// The tool found from a working directory with a path of that length.
+std::string toolFoundFrom(size_t length) {
+  const std::string top = childArguments().at(0);
+  enterFolders(top + "/work", length);
+  return find("tool", top + "/two", false);
+}
+
+}  // namespace
+
+CUL_CHILD(FindFileFrom4095) {
+  EXPECT_EQ(toolFoundFrom(4095), childArguments().at(0) + "/two/tool");
+}
+CUL_CHILD(FindFileFrom4096) { EXPECT_EQ(toolFoundFrom(4096), ""); }
+
+TEST(FindFile, FindsNothingFromAWorkingDirectoryOf4096BytesOrMore) {
+  SearchFolder().run("FindFileFrom4095");
+  SearchFolder().run("FindFileFrom4096");
+}
 
 CUL_CHILD(FindFileWithForeignNames) {
   const std::string top = childArguments().at(0);

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <dlfcn.h>
 #include <string>
+#include <thread>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -126,13 +127,22 @@ TEST(loadSharedEntry, ReportsAMissingEntryAndLeavesTheLibraryOpen) {
 CUL_CHILD(NullEntry) {
   const char* error = unset;
   EXPECT_EQ(loadSharedEntry(entries.c_str(), "entriesNothing", &error), nullptr);
-  EXPECT_EQ(error, entries + ": entriesNothing is there, but has no address");
+  const std::string text = entries + ": entriesNothing is there, but has no address";
+  EXPECT_EQ(error, text);
+  std::thread([] {
+    // The library's symbols are visible in the whole program by now.
+    const char* own = unset;
+    EXPECT_EQ(loadSharedEntry(nullptr, "entriesNothing", &own), nullptr);
+    EXPECT_STREQ(own, "this program: entriesNothing is there, but has no address");
+  }).join();
+  EXPECT_EQ(error, text) << "of this thread";
 }
 
 TEST(loadSharedEntry, ReportsAnEntryWithoutAnAddressInWordsThatTheLoaderLacks) {
   const ChildResult child = runChild("NullEntry");
   EXPECT_EQ(child.status, 0) << child.out;
-  EXPECT_EQ(child.err, entries + ": entriesNothing is there, but has no address\n");
+  EXPECT_EQ(child.err, entries + ": entriesNothing is there, but has no address\n" +
+                           "this program: entriesNothing is there, but has no address\n");
 }
 
 CUL_CHILD(LibraryThatNeedsAnother) {

@@ -675,6 +675,21 @@ TEST(TraceOutput, ThatCannotBeOpenedLeavesTracingOff) {
   EXPECT_THAT(filesIn(folder.path()), IsEmpty());
 }
 
+TEST(TraceOutput, WhoseWholeNameIsTooLongForAPathIsNotOpenedByAPartOfIt) {
+  const TemporaryFolder folder;
+  // The folder itself can be named in 4092 bytes; the name of the file in it would be cut.
+  std::string name = folder.path();
+  if (name.size() % 2 != 0) {
+    name += '/';
+  }
+  while (name.size() < 4092) {
+    name += "/.";
+  }
+  ASSERT_TRUE(std::filesystem::is_directory(name));
+  expectOff({{"QVX_DBG_TRACE", name}});
+  EXPECT_THAT(filesIn(folder.path()), IsEmpty());
+}
+
 CUL_CHILD(CountOwnDescriptors) {
   taggedTrace("f", 1, "ERROR", "open");
   unsigned traceFiles = 0;
@@ -1502,6 +1517,20 @@ CUL_CHILD(DestroyATraceThatIsOff) { delete traceImplementation(); }
 
 TEST(TraceEnd, IsSilentWhenTracingIsOff) {
   EXPECT_EQ(runWith("DestroyATraceThatIsOff", {}).err, "");
+}
+
+CUL_CHILD(BeginAgainAfterTheEnd) {
+  delete traceImplementation();
+  taggedTrace("f()", 1, "X", "dropped");
+  TraceImplementation::instance(L"stdout,PMD,3");
+  taggedTrace("f()", 2, "X", "begun again");
+}
+
+TEST(TraceEnd, IsFollowedByANewTraceOnlyWhenThatIsAskedFor) {
+  const ChildResult r = runWith("BeginAgainAfterTheEnd", {{"QVX_DBG_TRACE", "stderr"}});
+  EXPECT_THAT(bodyOf(r.err), ElementsAre(HasSubstr("Trace end at "), ""));
+  EXPECT_EQ(headerOf(r.out).size, "3Mb");
+  EXPECT_THAT(bodyOf(r.out), ElementsAre("**X: f(2): begun again"));
 }
 
 CUL_CHILD(ForkAfterTheEnd) {
