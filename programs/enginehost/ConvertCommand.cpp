@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -19,6 +18,8 @@
 #include "Engine/utilities/Texts.h"
 #include "Engine/utilities/UNIX/SignalIgnored.h"
 
+#include "Messages.h"
+#include "Printable.h"
 #include "Statuses.h"
 
 namespace {
@@ -267,12 +268,12 @@ std::unique_ptr<Writer> writerFor(const char* name) {
 }
 
 int unknownCodePage(const char* name) {
-  std::fprintf(stderr, "enginehost: %s: unknown code page\n", name);
+  complain(Message::unknownCodePage, printable(name).c_str());
   return statusUsage;
 }
 
-int failed(const char* stream) {
-  std::fprintf(stderr, "enginehost: %s: %s\n", stream, std::strerror(errno));
+int failed(Message stream) {
+  complain(stream, std::strerror(errno));
   return statusHostFailed;
 }
 
@@ -303,12 +304,12 @@ int convert(Reader& reader, Writer& writer) {
   do {
     n = readSome(area);
     if (n < 0) {
-      return failed("standard input");
+      return failed(Message::inputFailed);
     }
     const bool isLast = n == 0;
     const std::wstring text = reader.read({area.data(), static_cast<std::size_t>(n)}, isLast);
     if (!writeAll(writer.write(text, isLast))) {
-      return failed("standard output");
+      return failed(Message::outputFailed);
     }
   } while (n != 0);
   return 0;
@@ -318,7 +319,7 @@ int convert(Reader& reader, Writer& writer) {
 
 int convertCommand(std::span<char* const> arguments) {
   if (arguments.size() != 2) {
-    std::fprintf(stderr, "enginehost: -convert takes two code pages\n");
+    complain(Message::convertTakes);
     return statusUsage;
   }
   const std::unique_ptr<Reader> reader = readerFor(arguments[0]);

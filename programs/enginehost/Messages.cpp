@@ -25,7 +25,7 @@ constexpr MessageRow rows[] = {
     {2, 5, "attaching is for the engine"},
     {2, 6, "%s: invalid option or value, see enginehost -?"},
 
-    {3, 1, "-settings takes nothing but --json"},
+    {3, 1, "%s takes nothing but --json"},
     {3, 2, "%s=\"%s\" is refused: %s"},
     {3, 3, "it is not %u to %u characters long"},
     {3, 4, "it is not within %s"},
@@ -37,8 +37,18 @@ constexpr MessageRow rows[] = {
     {3, 10, "DEFAULT"},
     {3, 11, "VALUE"},
     {3, 12, "FROM"},
+
+    {4, 1, "the processes cannot be read; the trace tells why"},
+    {4, 2, "PROCESS"},
+    {4, 3, "ARGUMENTS"},
+    {4, 4, "-properties takes a file and at most one key"},
+    {4, 5, "-convert takes two code pages"},
+    {4, 6, "%s: unknown code page"},
+    {4, 7, "standard input: %s"},
+    {4, 8, "standard output: %s"},
+    {4, 9, "standard output cannot be written"},
 };
-static_assert(std::size(rows) == static_cast<std::size_t>(Message::fromHead) + 1);
+static_assert(std::size(rows) == static_cast<std::size_t>(Message::outputNotWritten) + 1);
 
 const MessageRow& rowOf(Message message) { return rows[static_cast<std::size_t>(message)]; }
 

@@ -29,7 +29,7 @@ enum class Message : std::size_t {
   attachIsForTheEngine,
   invalidOption,
 
-  settingsTakeOnlyJson,
+  takesOnlyJson,
   isRefused,
   wrongLength,
   notWithin,
@@ -41,6 +41,16 @@ enum class Message : std::size_t {
   defaultHead,
   valueHead,
   fromHead,
+
+  processesNotRead,
+  processHead,
+  argumentsHead,
+  propertiesTake,
+  convertTakes,
+  unknownCodePage,
+  inputFailed,
+  outputFailed,
+  outputNotWritten,
 };
 
 struct MessageRow {

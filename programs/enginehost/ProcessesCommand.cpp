@@ -1,5 +1,6 @@
 #include "ProcessesCommand.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -10,7 +11,9 @@
 #include "Engine/utilities/ProcessTable.h"
 
 #include "ArgumentList.h"
+#include "Messages.h"
 #include "Output.h"
+#include "Printable.h"
 #include "Statuses.h"
 
 namespace {
@@ -56,10 +59,14 @@ Processes allProcesses() {
 }
 
 void printForPeople(const Processes& processes) {
-  std::printf("%7s  %s\n", "PROCESS", "ARGUMENTS");
+  const std::string head = messageText(Message::processHead);
+  const int used = static_cast<int>(columnsOf(head));
+  const int width = std::max(used, 7);
+  std::printf("%*s%s  %s\n", width - used, "", head.c_str(),
+              messageText(Message::argumentsHead).c_str());
   for (const auto& [process, list] : processes) {
     const std::string text = shown(list);
-    std::printf("%7d%s%s\n", process, text.empty() ? "" : "  ", text.c_str());
+    std::printf("%*d%s%s\n", width, process, text.empty() ? "" : "  ", text.c_str());
   }
 }
 
@@ -79,13 +86,13 @@ void printJson(const Processes& processes) {
 int processesCommand(std::span<char* const> arguments) {
   const bool asJson = arguments.size() == 1 && std::strcmp(arguments[0], "--json") == 0;
   if (!arguments.empty() && !asJson) {
-    std::fprintf(stderr, "enginehost: -processes takes nothing but --json\n");
+    complain(Message::takesOnlyJson, "-processes");
     return statusUsage;
   }
   const Processes processes = allProcesses();
   if (processes.empty()) {
     // This one is missing at least.
-    std::fprintf(stderr, "enginehost: the processes cannot be read; the trace tells why\n");
+    complain(Message::processesNotRead);
     return statusHostFailed;
   }
   asJson ? printJson(processes) : printForPeople(processes);

@@ -10,6 +10,7 @@
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/Properties.h"
 
+#include "Messages.h"
 #include "Output.h"
 #include "Printable.h"
 #include "Statuses.h"
@@ -49,7 +50,7 @@ int printValue(const Properties& properties, const EncodedString& key) {
 
 int propertiesCommand(std::span<char* const> arguments) {
   if (arguments.empty() || arguments.size() > 2) {
-    std::fprintf(stderr, "enginehost: -properties takes a file and at most one key\n");
+    complain(Message::propertiesTake);
     return statusUsage;
   }
   Properties properties(nullptr);

@@ -16,6 +16,7 @@
 #include "Engine/utilities/SettingNames.h"
 
 #include "Messages.h"
+#include "Output.h"
 #include "Printable.h"
 #include "Statuses.h"
 
@@ -248,11 +249,11 @@ void printJson(const std::vector<Row>& rows, const std::vector<Stranger>& unknow
 int settingsCommand(std::span<char* const> arguments) {
   const bool asJson = arguments.size() == 1 && std::strcmp(arguments[0], "--json") == 0;
   if (!arguments.empty() && !asJson) {
-    complain(Message::settingsTakeOnlyJson);
+    complain(Message::takesOnlyJson, "-settings");
     return statusUsage;
   }
   const std::vector<Row> rows = allRows(asJson ? englishText : messageText);
   const std::vector<Stranger> unknown = strangers(rows);
   asJson ? printJson(rows, unknown) : printForPeople(rows, unknown);
-  return 0;
+  return finishOutput();
 }

@@ -22,6 +22,7 @@
 #include "Debuggee.h"
 #include "HostEvents.h"
 #include "Messages.h"
+#include "Output.h"
 #include "Statuses.h"
 #include "Usage.h"
 #include "UserTerminal.h"
@@ -64,7 +65,12 @@ int statusOf(Debuggee& debuggee) {
   if (status == 0 || isatty(STDERR_FILENO) == 0) {
     return status;
   }
-  if (const int signal = debuggee.killer(); signal != 0) {
+  const int signal = debuggee.killer();
+  if (signal == SIGINT || signal == SIGPIPE) {
+    // The user's key, or a reader who has seen enough: shells are quiet here, too.
+    return status;
+  }
+  if (signal != 0) {
     complain(Message::endedBySignal, nameOf(signal).c_str());
   } else {
     complain(Message::endedWithStatus, status);
@@ -196,7 +202,7 @@ int start(int argc, char** argv) {
   parameters.diagnosticDump();
   if (parameters.helpRequested()) {
     printUsage();
-    return 0;
+    return finishOutput();
   }
   char** const command = commandIn(parameters, argc, argv);
   if (command == nullptr) {

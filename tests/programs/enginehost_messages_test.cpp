@@ -150,6 +150,11 @@ TEST(EngineHostMessages, TellNothingAboutAProgramThatEndedWell) {
   EXPECT_EQ(seenOf("echo out", {}, 0), asShown("out\n"));
 }
 
+TEST(EngineHostMessages, TellNothingAboutAKeyThatInterruptsOrAReaderWhoHasSeenEnough) {
+  EXPECT_EQ(seenOf("kill -INT $$", {}, 128 + SIGINT), "");
+  EXPECT_EQ(seenOf("kill -PIPE $$", {}, 128 + SIGPIPE), "");
+}
+
 TEST(EngineHostMessages, TellNothingWhereNobodyReadsTheErrors) {
   const TemporaryFolder folder;
   const int file = open(folder.file("errors").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
@@ -169,6 +174,23 @@ TEST(EngineHostMessages, TellWhyTheHostWasCalledWrongly) {
             said("das Anhängen an einen Prozess ist Sache der Engine"));
   EXPECT_EQ(runHost({"-settings", "x"}, german).err,
             said("-settings nimmt nichts außer --json an"));
+  EXPECT_EQ(runHost({"-processes", "x"}, german).err,
+            said("-processes nimmt nichts außer --json an"));
+  EXPECT_EQ(runHost({"-properties"}, german).err,
+            said("-properties nimmt eine Datei und höchstens einen Schlüssel an"));
+  EXPECT_EQ(runHost({"-convert"}, german).err, said("-convert nimmt zwei Codepages an"));
+  EXPECT_EQ(runHost({"-convert", "x", "y"}, german).err, said("x: unbekannte Codepage"));
+}
+
+TEST(EngineHostMessages, HeadTheListOfProcesses) {
+  const auto headIn = [](const char* lang) {
+    const std::string list = runHost({"-processes"}, {{"LANG", lang}}).out;
+    return list.substr(0, list.find('\n'));
+  };
+  EXPECT_EQ(headIn("C"), "PROCESS  ARGUMENTS");
+  EXPECT_EQ(headIn("fr_FR"), "PROCESSUS  ARGUMENTS");
+  // Two columns for each character.
+  EXPECT_EQ(headIn("zh_CN"), "   进程  参数");
 }
 
 TEST(EngineHostMessages, TellOfModulesAndWindows) {

@@ -138,6 +138,15 @@ TEST(EngineHostSettings, TakeNothingButJson) {
   }
 }
 
+TEST(EngineHostSettings, TellThatTheyCannotBeWritten) {
+  for (const std::string words : {"-settings", "-settings --json", "-?"}) {
+    const ChildResult r =
+        runProgram({"/bin/sh", "-c", "exec \"$0\" " + words + " > /dev/full", CUL_ENGINEHOST});
+    EXPECT_EQ(r.status, 125) << words;
+    EXPECT_EQ(r.err, "enginehost: standard output cannot be written\n") << words;
+  }
+}
+
 TEST(EngineHostSettings, LoadTheModulesThatTheyName) {
   const std::string library = std::string(CUL_TEST_LIBRARIES) + "/libgreeting.so";
   const ChildResult r = runHost({"echo", "started"}, {{"QVX_DBG_RUNTIME_MODULES", library}});
