@@ -16,15 +16,15 @@ struct SettingRow {
   /// Makes the setting that a row describes.
   std::unique_ptr<DebuggerSetting> (*make)(const SettingRow&);
   const wchar_t* name;
+  const wchar_t* defaultText;  ///< Null: the configuration module knows it.
   int control;
   int group;
   int identifier;
-  const wchar_t* defaultText;  ///< Null: the configuration module knows it.
-  unsigned minimum = 0;        ///< Of the number, or of the length.
+  unsigned minimum = 0;  ///< Of the number, or of the length.
   unsigned maximum = 0;
+  bool acceptsAllAndNone = false;
   const DebuggerEnumSetting::EnumSettingItem* enumItems = nullptr;
   const DebuggerListSetting::ListSettingItem* listItems = nullptr;
-  bool acceptsAllAndNone = false;
 };
 
 /// \name The makers of each type
@@ -45,22 +45,22 @@ extern const SettingRow assertionRow;
 constexpr SettingRow stringRow(const wchar_t* name, int control, int group, int identifier,
                                const wchar_t* defaultText, unsigned minLength = 0,
                                unsigned maxLength = DebuggerStringSetting::noLimit) {
-  return {makeString, name, control, group, identifier, defaultText, minLength, maxLength};
+  return {makeString, name, defaultText, control, group, identifier, minLength, maxLength};
 }
 
 constexpr SettingRow pathRow(const wchar_t* name, int control, int group, int identifier,
                              const wchar_t* defaultText, unsigned minLength, unsigned maxLength) {
-  return {makePath, name, control, group, identifier, defaultText, minLength, maxLength};
+  return {makePath, name, defaultText, control, group, identifier, minLength, maxLength};
 }
 
 constexpr SettingRow unsignedRow(const wchar_t* name, int control, int group, int identifier,
                                  const wchar_t* defaultText, unsigned minimum, unsigned maximum) {
-  return {makeUnsigned, name, control, group, identifier, defaultText, minimum, maximum};
+  return {makeUnsigned, name, defaultText, control, group, identifier, minimum, maximum};
 }
 
 constexpr SettingRow booleanRow(const wchar_t* name, int control, int group, int identifier,
                                 const wchar_t* defaultText) {
-  return {makeBoolean, name, control, group, identifier, defaultText};
+  return {makeBoolean, name, defaultText, control, group, identifier};
 }
 
 constexpr SettingRow enumRow(const wchar_t* name, int control, int group, int identifier,
@@ -68,10 +68,10 @@ constexpr SettingRow enumRow(const wchar_t* name, int control, int group, int id
                              const DebuggerEnumSetting::EnumSettingItem* items) {
   return {.make = makeEnum,
           .name = name,
+          .defaultText = defaultText,
           .control = control,
           .group = group,
           .identifier = identifier,
-          .defaultText = defaultText,
           .enumItems = items};
 }
 
@@ -81,11 +81,11 @@ constexpr SettingRow listRow(const wchar_t* name, int control, int group, int id
                              bool acceptsAllAndNone) {
   return {.make = makeList,
           .name = name,
+          .defaultText = defaultText,
           .control = control,
           .group = group,
           .identifier = identifier,
-          .defaultText = defaultText,
-          .listItems = items,
-          .acceptsAllAndNone = acceptsAllAndNone};
+          .acceptsAllAndNone = acceptsAllAndNone,
+          .listItems = items};
 }
 /// @}
