@@ -50,8 +50,10 @@ class LineReader {
     line = std::string_view(line_, static_cast<size_t>(length));
     if (line.back() == '\n') {
       line.remove_suffix(1);
+      return true;
     }
-    return true;
+    // Else a failure has cut the line.
+    return isAtEnd();
   }
 
   // Whether the end was reached, rather than a failure.

@@ -1,11 +1,18 @@
 #include "Engine/utilities/Properties.h"
 
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <csignal>
+#include <fcntl.h>
 #include <map>
+#include <new>
 #include <string>
 #include <string_view>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <thread>
 #include <type_traits>
 #include <unistd.h>
 #include <vector>
@@ -17,6 +24,7 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/WaitUntil.h"
 
 namespace {
 
@@ -212,6 +220,70 @@ TEST(Properties, SayTrueForAFileThatMayNotBeRead) {
   EXPECT_EQ(errno, EACCES);
   EXPECT_TRUE(properties.isEmpty());
 }
+
+CUL_CHILD(PropertiesInterrupted) {
+  const TemporaryFolder folder;
+  const std::string path = folder.file("p");
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  struct sigaction interrupt = {};
+  interrupt.sa_handler = [](int) {};
+  sigaction(SIGUSR1, &interrupt, nullptr);
+
+  Properties properties(nullptr);
+  bool failed = false;
+  int reason = 0;
+  std::atomic<bool> isDone = false;
+  std::thread reader([&] {
+    failed = properties.set(named(path));
+    reason = errno;
+    isDone = true;
+  });
+  const int writer = open(path.c_str(), O_WRONLY | O_CLOEXEC);
+  EXPECT_EQ(write(writer, "a=1\nb=23", 8), 8);
+  EXPECT_TRUE(waitUntil([&] {
+    int waiting = 1;
+    return ioctl(writer, FIONREAD, &waiting) == 0 && waiting == 0;
+  }));
+  EXPECT_TRUE(waitUntil([&] {
+    pthread_kill(reader.native_handle(), SIGUSR1);
+    return isDone.load();
+  }));
+  reader.join();
+  close(writer);
+  EXPECT_TRUE(failed);
+  EXPECT_EQ(reason, EINTR);
+  EXPECT_EQ(contentsOf(properties), (Map{{"a", "1"}}));
+}
+
+TEST(Properties, LoseTheLineInWhichReadingFails) {
+  const ChildResult r = runChild("PropertiesInterrupted");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The sanitizers' free stores end the process instead of failing.
+CUL_CHILD(PropertiesWithoutMemory) {
+  const TemporaryFolder folder;
+  std::string bytes = "a=1\nb=";
+  bytes.append(20000000, 'v').append("\nc=3\n");
+  writeFile(folder.file("p"), bytes);
+  const FileName file = named(folder.file("p"));
+  Properties properties(nullptr);
+  properties.setProperty(text("a"), text("0"));
+  rlimit limit = {};
+  ASSERT_EQ(getrlimit(RLIMIT_AS, &limit), 0);
+  const rlimit none = {1, limit.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &none), 0);
+  EXPECT_THROW(properties.set(file), std::bad_alloc);
+  ASSERT_EQ(setrlimit(RLIMIT_AS, &limit), 0);
+  EXPECT_EQ(contentsOf(properties), (Map{{"a", "1"}}));
+}
+
+TEST(Properties, KeepTheLinesBeforeTheOneForWhichThereIsNoMemory) {
+  const ChildResult r = runChild("PropertiesWithoutMemory");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+#endif
 
 TEST(Properties, LeaveNoDescriptorOpen) {
   const TemporaryFolder folder;
