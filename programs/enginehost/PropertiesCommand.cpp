@@ -9,6 +9,7 @@
 
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/Properties.h"
+#include "Engine/utilities/Texts.h"
 
 #include "Messages.h"
 #include "Output.h"
@@ -18,11 +19,6 @@
 namespace {
 
 constexpr int statusNoSuchKey = 1;
-
-std::string_view viewOf(const EncodedString& text) {
-  const char* const characters = text;
-  return {characters, text.length()};
-}
 
 // In the order of the bytes.
 void printAll(Properties& properties) {

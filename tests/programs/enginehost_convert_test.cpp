@@ -309,6 +309,13 @@ TEST(EngineHostConvert, TellsAnUnknownCodePageInOneLine) {
   }
 }
 
+TEST(EngineHostConvert, TellsAnUnknownCodePageWithoutWhatUpsetsATerminal) {
+  const ChildResult r = convert("\x1B[2J\n", "UTF-8", "");
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, "enginehost: \\x1B[2J\\x0A: unknown code page\n");
+}
+
 TEST(EngineHostConvert, TakesTwoCodePages) {
   for (const std::vector<std::string>& words : {std::vector<std::string>{host, "-convert"},
                                                 {host, "-convert", "UTF-8"},
