@@ -399,12 +399,17 @@ void fuzz(FuzzInput& input) {
         return argument.find("Zeb") != std::string::npos;
       });
   if (hasSecret) {
-    constexpr std::array beginnings = {
-        "-qkeystorepass=", "-qhrdmkey=", "-qkeystorepas=", "-QHRDMKEY="};
+    // Some as one argument, some as two.
+    constexpr std::array beginnings = {"-qkeystorepass=", "-qhrdmkey=", "-qkeystorepas=",
+                                       "-QHRDMKEY=",      "-qhrdmkey",  "-qkeystorepas"};
     const size_t hash = std::hash<std::string>()(given.empty() ? "" : given.front());
-    const size_t place = hash % (given.size() + 1);
-    given.insert(given.begin() + static_cast<std::ptrdiff_t>(place),
-                 beginnings[hash / 16 % beginnings.size()] + std::string(secret));
+    const auto place = given.begin() + static_cast<std::ptrdiff_t>(hash % (given.size() + 1));
+    const std::string beginning = beginnings[hash / 16 % beginnings.size()];
+    if (beginning.back() == '=') {
+      given.insert(place, beginning + secret);
+    } else {
+      given.insert(place, {beginning, secret});
+    }
   }
   Texts vector = given;
   std::string program = "/opt/debugger";
