@@ -17,6 +17,7 @@
 #include "tests/processes/FailingCall.h"
 
 using testing::HasSubstr;
+using testing::MatchesRegex;
 
 namespace {
 
@@ -261,6 +262,14 @@ CUL_CHILD(SlaveWithoutSize) {
 TEST(ConsoleSlave, GoesOnWithoutASize) {
   expectOnlyError("SlaveWithoutSize",
                   "int UNIXStdioPipes::slaveHandle(294): ioctl(TIOCSWINSZ) failed");
+}
+
+TEST(ConsoleSlave, FailsWithoutATraceToo) {
+  for (const char* const name :
+       {"SlaveWithoutSession", "SlaveWithoutAttributes", "SlaveWithoutSize"}) {
+    EXPECT_EQ(shownWithoutTrace(name), "");
+  }
+  EXPECT_THAT(shownWithoutTrace("SlaveNotOpened"), MatchesRegex("slave=/dev/pts/[0-9]+[.]\r\n"));
 }
 
 CUL_CHILD(SlaveAndSizeSignal) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdio>
+#include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
 #include <map>
@@ -57,6 +58,14 @@ inline void expectOnlyError(const std::string& name, const std::string& error,
   EXPECT_EQ(occurrences(run.trace, "**ERROR: "), 1U) << run.trace;
 }
 
+/// What the child case shows on a terminal when nothing is traced; expects it to succeed.
+inline std::string shownWithoutTrace(const std::string& name, const TerminalOptions& options = {}) {
+  Terminal terminal;
+  terminal.startChild(name, options);
+  EXPECT_EQ(terminal.wait(), 0) << name << "\n" << terminal.seen();
+  return terminal.seen();
+}
+
 /// The open descriptors of this process.
 inline std::set<int> openDescriptors() {
   std::set<int> result;
@@ -88,7 +97,8 @@ pid_t fork(Body body) {
   if (child == 0) {
     body();
     std::fflush(nullptr);
-    _exit(testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0);
+    // Not _exit(), which would lose what is noted for the end, such as the lines that were run.
+    std::exit(testing::UnitTest::GetInstance()->ad_hoc_test_result().Failed() ? 1 : 0);
   }
   return child;
 }

@@ -300,6 +300,14 @@ TEST(ProcessTable, FolderThatCannotBeOpenedIsTracedAndHasNoProcess) {
   EXPECT_EQ(occurrences(r.trace, "**ERROR"), 3U) << r.trace;
 }
 
+TEST(ProcessTable, FailsWithoutATraceToo) {
+  for (const char* const name : {"ProcessTableWithoutDescriptors", "ProcessTableArgumentsThatGo"}) {
+    const ChildResult r = runChild(name);
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_EQ(r.err, "");
+  }
+}
+
 TEST(ProcessTable, LeavesNoDescriptorOpen) {
   const int before = lowestFreeDescriptor();
   EXPECT_FALSE(walkFrom(0, 5).empty());

@@ -43,11 +43,8 @@ pid_t successorOf(pid_t process) {
 }
 
 // A stream takes the end of its file in only when it reads on from there. A first look tells an
-// empty list also from a buffer that has no room for arguments.
-bool startsAtEnd(FILE* stream) {
-  const int first = std::getc(stream);
-  return first == EOF || std::ungetc(first, stream) == EOF;
-}
+// empty list also from a buffer that has no room for arguments. An end cannot be put back.
+bool startsAtEnd(FILE* stream) { return std::ungetc(std::getc(stream), stream) == EOF; }
 
 }  // namespace
 
