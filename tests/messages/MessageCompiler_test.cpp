@@ -189,6 +189,19 @@ TEST(MessageCompiler, TellsFilesThatItCannotReadOrWrite) {
   EXPECT_TRUE(std::filesystem::exists("/dev/full"));
 }
 
+TEST(MessageCompiler, LeavesNoOutputThatItCannotWriteToItsEnd) {
+  const TemporaryFolder folder;
+  const std::string output = folder.file("output.cpp");
+  const std::string source = folder.file("en");
+  writeFile(source, "1 " + std::string().append(100000, 'x') + "\n");
+  // No file may have more than a few blocks.
+  const ChildResult r = runProgram({"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 16; exec \"$@\"",
+                                    "sh", CUL_MESSAGE_COMPILER, "-o", output, "en=" + source});
+  EXPECT_EQ(r.status, 1);
+  EXPECT_THAT(r.err, HasSubstr("cul-message-compiler: " + output + ": File too large\n"));
+  EXPECT_FALSE(std::filesystem::exists(output));
+}
+
 TEST(MessageCompiler, TellsHowItIsCalled) {
   for (const std::vector<std::string>& words :
        {std::vector<std::string>{}, {"-o"}, {"-o", "x"}, {"-x", "x", "en=y"}, {"en=y"}}) {
