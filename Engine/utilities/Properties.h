@@ -47,7 +47,8 @@ class CUL_EXPORT Properties {
     EncodedString value;  ///< May be empty.
   };
 
-  /// What holds the properties, by their keys.
+  /// What holds the properties, by their keys: 257 buckets, elements in blocks of 500 from the
+  /// free store, keys unique.
   using Table = SearchList_HashTable<HashElement, EncodedString>;
   /// A position among them.
   using TableCursor = Cursor_HashTable<HashElement, EncodedString>;
@@ -86,8 +87,8 @@ class CUL_EXPORT Properties {
   /// Whether there is no property.
   [[nodiscard]] bool isEmpty() const noexcept { return table_.isEmpty(); }
 
-  /// A new cursor over the properties, which stands nowhere. Their order says nothing. Values
-  /// may be changed through it, keys not.
+  /// A new cursor over the properties, which stands nowhere. Their order is the table's, not
+  /// that of the file. Values may be changed through it, keys not.
   [[nodiscard]] TableCursor cursor() noexcept { return TableCursor(table_); }
 
  private:

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdint>
 #include <fcntl.h>
 #include <map>
 #include <new>
@@ -157,6 +158,30 @@ TEST(Properties, OutgrowTheirBlocksAndBuckets) {
     expected[key] = value;
   }
   EXPECT_EQ(read(bytes), expected);
+}
+
+TEST(Properties, AreInATableOf257BucketsAndBlocksOf500Elements) {
+  Properties properties(nullptr);
+  Properties::Table table(257, 500, 0, nullptr);
+  for (unsigned i = 0; i < 1001; ++i) {
+    const EncodedString key = text(std::to_string(i));
+    properties.setProperty(key, text(""));
+    ASSERT_TRUE(table.add({key, text("")}));
+  }
+  Properties::TableCursor cursor = properties.cursor();
+  Properties::TableCursor expected(table);
+  std::map<unsigned, std::uintptr_t> addresses;
+  for (bool any = cursor.first() && expected.first(); any; any = cursor.next() && expected.next()) {
+    ASSERT_EQ(bytesOf(cursor.element()->key), bytesOf(expected.element()->key));
+    const auto number = static_cast<unsigned>(std::stoul(bytesOf(cursor.element()->key)));
+    addresses[number] = reinterpret_cast<std::uintptr_t>(cursor.element());
+  }
+  ASSERT_EQ(addresses.size(), 1001U);
+  // A link and the element lie behind those added before, but for the first ones of a block.
+  const std::uintptr_t distance = sizeof(void*) + sizeof(Properties::HashElement);
+  for (unsigned i = 1; i < 1001; ++i) {
+    EXPECT_EQ(addresses[i] - addresses[i - 1] == distance, i % 500 != 0) << i;
+  }
 }
 
 CUL_CHILD(PropertiesCodePage) {
