@@ -149,7 +149,7 @@ TEST(DebuggerListSetting, HasAValueThatReadsBackToTheSameBits) {
     for (const std::string& a : words) {
       for (const std::string& b : words) {
         for (const std::string& c : words) {
-          if (set(setting, a + "," + b + "," + c)) {
+          if (set(setting, std::string(a).append(",").append(b).append(",").append(c))) {
             ++taken;
             expectReadsBack(items, 1, setting);
           }

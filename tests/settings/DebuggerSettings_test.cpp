@@ -8,6 +8,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <gmock/gmock.h>
 
@@ -58,7 +59,8 @@ void expectGood(const ChildResult& result) {
 // Appends its name to a record, then does something.
 class Listener : public DebuggerSettings::Notification {
  public:
-  Listener(std::string name, std::vector<std::string>& record) : name_(name), record_(record) {}
+  Listener(std::string name, std::vector<std::string>& record)
+      : name_(std::move(name)), record_(record) {}
 
   void settingChanged(DebuggerSetting* changed) override {
     record_.push_back(name_ + " " + plain(changed->getName()) + "=" + valueOf(*changed));
@@ -185,6 +187,7 @@ TEST_F(DebuggerSettingsListeners, MayUnregisterEverybody) {
 
 TEST_F(DebuggerSettingsListeners, MayRegisterOthersThatAreToldFromTheNextChangeOn) {
   std::vector<std::unique_ptr<Listener>> more;
+  more.reserve(100);
   for (int i = 0; i < 100; ++i) {
     more.push_back(std::make_unique<Listener>("more", record));
   }
