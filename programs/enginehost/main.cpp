@@ -23,6 +23,7 @@
 #include "HostEvents.h"
 #include "Messages.h"
 #include "Output.h"
+#include "Printable.h"
 #include "Statuses.h"
 #include "Usage.h"
 #include "UserTerminal.h"
@@ -133,8 +134,9 @@ int runProgram(const EncodedString& path, char** command) {
 
 int hostProgram(char** command) {
   const EncodedString path = findProgram(command[0]);
+  const std::string name = printable(command[0]);
   if (path.length() == 0) {
-    complain(Message::notFound, command[0]);
+    complain(Message::notFound, name.c_str());
     return statusNotFound;
   }
   try {
@@ -145,11 +147,11 @@ int hostProgram(char** command) {
       throw;
     }
     if (e.status == ENOENT) {
-      complain(Message::notFound, command[0]);
+      complain(Message::notFound, name.c_str());
       return statusNotFound;
     }
     const char* const reason = e.text;
-    std::fprintf(stderr, "enginehost: %s: %s\n", command[0], reason);
+    std::fprintf(stderr, "enginehost: %s: %s\n", name.c_str(), reason);
     return statusNotStarted;
   }
 }
@@ -162,7 +164,7 @@ bool loadModules() {
     if (loader.get_korv_module(*module) == nullptr) {
       const EncodedString name = *module;
       const char* const text = name;
-      complain(Message::moduleNotLoaded, text);
+      complain(Message::moduleNotLoaded, printable(text).c_str());
       return false;
     }
   }
@@ -180,7 +182,7 @@ char** commandIn(const DebuggerParameters& parameters, int argc, char** argv) {
   }
   if (!parameters.invalidArguments().isEmpty()) {
     const char* const first = *parameters.invalidArguments()[0];
-    complain(Message::invalidOption, first);
+    complain(Message::invalidOption, printable(first).c_str());
     return nullptr;
   }
   const int used = parameters.argumentsUsed();

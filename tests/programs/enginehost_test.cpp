@@ -63,6 +63,10 @@ TEST(EngineHost, ReportsAProgramThatIsNotFoundInOneLineWithStatus127) {
   EXPECT_EQ(runHost({"/no/such/file"}).err, "enginehost: /no/such/file: not found\n");
   EXPECT_EQ(runHost({"/no/such/file"}).status, 127);
   EXPECT_EQ(runHost({""}).status, 127);
+  // What would upset a terminal is not shown as it is.
+  EXPECT_EQ(runHost({"no\33[7m"}).err, "enginehost: no\\x1B[7m: not found\n");
+  EXPECT_EQ(runHost({"-\33[7m"}).err,
+            "enginehost: -\\x1B[7m: invalid option or value, see enginehost -?\n");
 }
 
 TEST(EngineHost, StartsNoArgumentInThePlaceOfAnEmptyName) {
