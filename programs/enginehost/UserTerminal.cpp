@@ -1,5 +1,6 @@
 #include "UserTerminal.h"
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -7,11 +8,12 @@
 
 namespace {
 
-UserTerminal* restoredAtExit = nullptr;
+// Any thread may take the signal that ends the process.
+std::atomic<UserTerminal*> restoredAtExit = nullptr;
 
 void restoreAtExit() {
-  if (restoredAtExit != nullptr) {
-    restoredAtExit->restore();
+  if (UserTerminal* const terminal = restoredAtExit; terminal != nullptr) {
+    terminal->restore();
   }
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <termios.h>
 
 /// \file
@@ -36,6 +37,6 @@ class UserTerminal {
 
  private:
   int handle_;
-  bool isRaw_ = false;
+  std::atomic<bool> isRaw_ = false;  // read on the thread that takes a signal
   termios original_ = {};
 };

@@ -88,7 +88,8 @@ unsigned char tablePlace[64];
 
 // Whether a thread that is asked to end ends inside `function`; if not, it does behind.
 bool endsInside(void (*function)(void (*)())) {
-  std::atomic<bool> isBehind = false;
+  // Not atomic: the thread sanitizer would deliver the signal at the store.
+  bool isBehind = false;
   runOnThread([&isBehind, function] {
     function([] {
       raise(SIGUSR2);
