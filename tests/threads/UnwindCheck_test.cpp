@@ -88,8 +88,7 @@ unsigned char tablePlace[64];
 
 // Whether a thread that is asked to end ends inside `function`; if not, it does behind.
 bool endsInside(void (*function)(void (*)())) {
-  // Not atomic: the thread sanitizer would deliver the signal at the store.
-  bool isBehind = false;
+  std::atomic<bool> isBehind = false;
   runOnThread([&isBehind, function] {
     function([] {
       raise(SIGUSR2);
@@ -174,7 +173,8 @@ TEST(UnwindCheck, LeavesAThreadAloneBetweenTwoCallsWhereACleanUpIsDue) {
   useTable(tableWithCleanUp(cleanUpOffsets[1]));
   StdThread::Termination termination;
   std::atomic<int> goOn = 0;
-  std::atomic<bool> isBehind = false;
+  // Not atomic: the thread sanitizer would deliver the signal at the store.
+  bool isBehind = false;
   std::atomic<bool> hasBegun = false;
   const StdThread* thread = startThread(
       [&] {
