@@ -25,6 +25,10 @@ void openTrace() { (void)isTraced(TraceType::error); }
 
 std::string nameOfSlave(const UNIXStdioPipes& console) { return ptsname(console.writeHandle()); }
 
+void showSlave(const UNIXStdioPipes& console) {
+  std::printf("slave=%s.\n", nameOfSlave(console).c_str());
+}
+
 volatile sig_atomic_t sizesSeen = 0;
 void noteSize(int) { sizesSeen = sizesSeen + 1; }
 void noteSizeWithInformation(int, siginfo_t*, void*) { sizesSeen = sizesSeen + 1; }
@@ -55,6 +59,7 @@ void expectNoSlave(UNIXStdioPipes& console, const std::set<int>& before, int mas
 void failSetUp(const CallFailure& failure) {
   openTrace();
   UNIXStdioPipes console;
+  showSlave(console);
   const int master = console.writeHandle();
   const std::set<int> before = openDescriptors();
   inForkedChild([&] {
@@ -201,24 +206,18 @@ TEST(ConsoleSlave, IsNoneWhenThereIsNoSession) {
   }
 }
 
-CUL_CHILD(SlaveNotOpened) {
-  openTrace();
-  std::string name;
-  {
-    const UNIXStdioPipes console;
-    name = nameOfSlave(console);
-  }
-  std::printf("slave=%s.\n", name.c_str());
-  failSetUp({.call = LibcCall::open, .path = name});
-}
+CUL_CHILD(SlaveNotOpened) { failSetUp({.call = LibcCall::open, .path = "/dev/pts/"}); }
 
 CUL_CHILD(SlaveOfClosedMaster) {
   openTrace();
   UNIXStdioPipes console;
-  std::printf("slave=%s.\n", nameOfSlave(console).c_str());
+  showSlave(console);
+  // Keeps the name from going to another terminal.
+  const int kept = open(nameOfSlave(console).c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
   console.closePipes();
   const std::set<int> before = openDescriptors();
   inForkedChild([&] { expectNoSlave(console, before, -1); });
+  close(kept);
 }
 
 TEST(ConsoleSlave, IsNoneWhenItCannotBeOpened) {
@@ -266,10 +265,10 @@ TEST(ConsoleSlave, GoesOnWithoutASize) {
 
 TEST(ConsoleSlave, FailsWithoutATraceToo) {
   for (const char* const name :
-       {"SlaveWithoutSession", "SlaveWithoutAttributes", "SlaveWithoutSize"}) {
-    EXPECT_EQ(shownWithoutTrace(name), "");
+       {"SlaveWithoutSession", "SlaveNotOpened", "SlaveWithoutAttributes"}) {
+    EXPECT_THAT(shownWithoutTrace(name), MatchesRegex("slave=/dev/pts/[0-9]+[.]\r\n")) << name;
   }
-  EXPECT_THAT(shownWithoutTrace("SlaveNotOpened"), MatchesRegex("slave=/dev/pts/[0-9]+[.]\r\n"));
+  EXPECT_EQ(shownWithoutTrace("SlaveWithoutSize"), "");
 }
 
 CUL_CHILD(SlaveAndSizeSignal) {
