@@ -12,6 +12,7 @@
 #include "Engine/utilities/AssertionMode.h"
 #include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/StdException.h"
+#include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/UTF8Converter.h"
 
 #include "tests/support/Child.h"
@@ -234,7 +235,9 @@ TEST(AssertionMode, LoadsNoModuleForTheDefaultEither) {
 }
 
 CUL_CHILD(AssertionsOfManyThreadsBeforeTheRegistry) {
-  UTF8Converter::instance();  // Its first use belongs before a second thread exists.
+  // Their first use belongs before a second thread exists.
+  StringPoolManager::instance();
+  UTF8Converter::instance();
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
     threads.emplace_back([] { EXPECT_EQ(assertionMode(), assertionPrints); });
