@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <set>
 #include <string>
 
@@ -75,18 +75,14 @@ void printJson(const Processes& processes) {
   for (const auto& [process, list] : processes) {
     all.push_back({{"process", process}, {"arguments", list.arguments}, {"cut", list.isCut}});
   }
-  const nlohmann::ordered_json document = {{"processes", all}};
-  // Arguments may be any bytes.
-  std::printf("%s\n",
-              document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+  printDocument({{"processes", all}});
 }
 
 }  // namespace
 
 int processesCommand(std::span<char* const> arguments) {
-  const bool asJson = arguments.size() == 1 && std::strcmp(arguments[0], "--json") == 0;
-  if (!arguments.empty() && !asJson) {
-    complain(Message::takesOnlyJson, "-processes");
+  const std::optional<ListingForm> form = listingForm("-processes", arguments);
+  if (!form) {
     return statusUsage;
   }
   const Processes processes = allProcesses();
@@ -95,6 +91,6 @@ int processesCommand(std::span<char* const> arguments) {
     complain(Message::processesNotRead);
     return statusHostFailed;
   }
-  asJson ? printJson(processes) : printForPeople(processes);
+  form == ListingForm::json ? printJson(processes) : printForPeople(processes);
   return finishOutput();
 }

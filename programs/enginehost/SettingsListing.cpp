@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <nlohmann/json.hpp>
 #include <numeric>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unistd.h>
@@ -239,19 +239,17 @@ void printJson(const std::vector<Row>& rows, const std::vector<Stranger>& unknow
   for (const Stranger& stranger : unknown) {
     variables.push_back({{"variable", stranger.variable}, {"nearest", stranger.nearest}});
   }
-  const nlohmann::ordered_json all = {{"settings", settings}, {"unknown", variables}};
-  // Variables' names may be any bytes.
-  std::printf("%s\n", all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
+  printDocument({{"settings", settings}, {"unknown", variables}});
 }
 
 }  // namespace
 
 int settingsCommand(std::span<char* const> arguments) {
-  const bool asJson = arguments.size() == 1 && std::strcmp(arguments[0], "--json") == 0;
-  if (!arguments.empty() && !asJson) {
-    complain(Message::takesOnlyJson, "-settings");
+  const std::optional<ListingForm> form = listingForm("-settings", arguments);
+  if (!form) {
     return statusUsage;
   }
+  const bool asJson = form == ListingForm::json;
   const std::vector<Row> rows = allRows(asJson ? englishText : messageText);
   const std::vector<Stranger> unknown = strangers(rows);
   asJson ? printJson(rows, unknown) : printForPeople(rows, unknown);
