@@ -4,7 +4,6 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <optional>
 #include <pthread.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -13,6 +12,7 @@
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/SignalsBlocked.h"
 
 #include "HostEvents.h"
 #include "StartSignals.h"
@@ -81,12 +81,12 @@ bool putOnConsole(const DebuggeeStreams& streams) {
 
 [[noreturn]] void becomeProgram(const char* path, char* const* arguments,
                                 const DebuggeeStreams& streams, const ReasonPipe& reason,
-                                std::optional<SignalsBlocked>& blocked) {
+                                const SignalsBlocked& signals) {
   errno = 0;
   if (streams.console == nullptr || putOnConsole(streams)) {
     // The program gets the signals it would have without a host.
     setStartSignals();
-    blocked.reset();
+    signals.unblock();
     execv(path, arguments);
   }
   reason.tell(errno != 0 ? errno : EIO);
@@ -101,13 +101,13 @@ Debuggee::Debuggee(const EncodedString& path, char* const* arguments,
   const char* const file = path;
   ReasonPipe reason;
   // What reaches the child before it is the program waits for the program.
-  std::optional<SignalsBlocked> blocked(std::in_place);
+  const SignalsBlocked signals;
   // Before the first thread, so that the child may do more than system calls.
   id_ = fork();
   if (id_ == 0) {
-    becomeProgram(file, arguments, streams, reason, blocked);
+    becomeProgram(file, arguments, streams, reason, signals);
   }
-  blocked.reset();
+  signals.unblock();
   if (id_ < 0) {
     StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(errno), errno);
   }

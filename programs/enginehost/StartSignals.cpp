@@ -1,5 +1,7 @@
 #include "StartSignals.h"
 
+#include <csignal>
+
 namespace {
 
 struct sigaction startActions[NSIG];

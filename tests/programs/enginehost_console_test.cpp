@@ -11,6 +11,7 @@
 
 #include <gmock/gmock.h>
 
+#include "tests/programs/Host.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Terminal.h"
 #include "tests/support/WaitUntil.h"
@@ -23,8 +24,6 @@ using testing::AllOf;
 using testing::AnyOf;
 using testing::HasSubstr;
 using testing::Not;
-
-constexpr const char* host = CUL_ENGINEHOST;
 
 void startHost(Terminal& terminal, std::vector<std::string> words, TerminalOptions options = {}) {
   words.insert(words.begin(), {host, "--"});

@@ -10,7 +10,7 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/support/Child.h"
+#include "tests/programs/Host.h"
 #include "tests/support/WaitUntil.h"
 
 /// Text from one code page to another, as shells call for it.
@@ -19,7 +19,6 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr const char* host = CUL_ENGINEHOST;
 const std::map<std::string, std::string> utf8Native = {{"QVX_DBG_CODEPAGE", "UTF-8"}};
 
 ChildResult convert(const std::string& from, const std::string& to, const std::string& input,

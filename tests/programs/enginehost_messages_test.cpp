@@ -2,7 +2,6 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -11,7 +10,7 @@
 
 #include "programs/enginehost/Messages.h"
 #include "programs/messagecompiler/MessageSource.h"
-#include "tests/support/Child.h"
+#include "tests/programs/Host.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Terminal.h"
 
@@ -24,8 +23,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
-
-constexpr const char* host = CUL_ENGINEHOST;
 
 struct Language {
   const char* lang;
@@ -55,13 +52,6 @@ constexpr Language languages[] = {
     {"zh_CN.UTF-8", "zh_CN", "tool：未找到", "程序已结束，状态为 3", "程序已被信号 SIGKILL 终止",
      "用法：enginehost [选项] [--] 程序 [参数...]"},
 };
-
-using Environment = std::map<std::string, std::string>;
-
-ChildResult runHost(std::vector<std::string> words, const Environment& environment) {
-  words.insert(words.begin(), host);
-  return runProgram(words, {.environment = environment});
-}
 
 std::string said(const std::string& text) { return "enginehost: " + text + "\n"; }
 
@@ -106,19 +96,20 @@ TEST(EngineHostMessages, AreAllThereInEachLanguage) {
 
 TEST(EngineHostMessages, AreInTheUsersLanguage) {
   for (const Language& language : languages) {
-    const Environment environment = {{"LANG", language.lang}};
-    const ChildResult r = runHost({"tool"}, environment);
+    const ChildOptions options = {.environment = {{"LANG", language.lang}}};
+    const ChildResult r = runHost({"tool"}, options);
     EXPECT_EQ(r.err, said(language.notFound));
     EXPECT_EQ(r.status, 127);
-    EXPECT_EQ(runHost({}, environment).err, std::string(language.usage) + "\n");
+    EXPECT_EQ(runHost({}, options).err, std::string(language.usage) + "\n");
   }
 }
 
 TEST(EngineHostMessages, AreEnglishForOtherLanguages) {
   for (const char* lang : {"C", "POSIX", "sv_SE.UTF-8", "", "it_IT"}) {
-    EXPECT_EQ(runHost({"tool"}, {{"LANG", lang}}).err, said("tool: not found")) << lang;
+    EXPECT_EQ(runHost({"tool"}, {.environment = {{"LANG", lang}}}).err, said("tool: not found"))
+        << lang;
   }
-  EXPECT_EQ(runHost({"tool"}, {{"LC_ALL", "de_DE"}}).err, said("tool: not found"));
+  EXPECT_EQ(runHost({"tool"}, {.environment = {{"LC_ALL", "de_DE"}}}).err, said("tool: not found"));
 }
 
 TEST(EngineHostMessages, TellAUserHowTheProgramEnded) {
@@ -161,13 +152,13 @@ TEST(EngineHostMessages, TellNothingWhereNobodyReadsTheErrors) {
   EXPECT_EQ(seenOf("exit 3", {.error = file}, 3), "");
   close(file);
   EXPECT_EQ(contentsOf(folder.file("errors")), "");
-  const ChildResult r = runHost({"--", "sh", "-c", "exit 3"}, {});
+  const ChildResult r = runHost({"--", "sh", "-c", "exit 3"});
   EXPECT_EQ(r.status, 3);
   EXPECT_EQ(r.out + r.err, "");
 }
 
 TEST(EngineHostMessages, TellWhyTheHostWasCalledWrongly) {
-  const Environment german = {{"LANG", "de"}};
+  const ChildOptions german = {.environment = {{"LANG", "de"}}};
   EXPECT_EQ(runHost({"-x", "true"}, german).err,
             said("-x: ungültige Option oder ungültiger Wert, siehe enginehost -?"));
   EXPECT_EQ(runHost({"-a1"}, german).err,
@@ -184,7 +175,7 @@ TEST(EngineHostMessages, TellWhyTheHostWasCalledWrongly) {
 
 TEST(EngineHostMessages, HeadTheListOfProcesses) {
   const auto headIn = [](const char* lang) {
-    const std::string list = runHost({"-processes"}, {{"LANG", lang}}).out;
+    const std::string list = runHost({"-processes"}, {.environment = {{"LANG", lang}}}).out;
     return list.substr(0, list.find('\n'));
   };
   EXPECT_EQ(headIn("C"), "PROCESS  ARGUMENTS");
@@ -195,7 +186,8 @@ TEST(EngineHostMessages, HeadTheListOfProcesses) {
 
 TEST(EngineHostMessages, TellOfModulesAndWindows) {
   EXPECT_EQ(
-      runHost({"true"}, {{"LANG", "de"}, {"QVX_DBG_RUNTIME_MODULES", "absent"}}).err,
+      runHost({"true"}, {.environment = {{"LANG", "de"}, {"QVX_DBG_RUNTIME_MODULES", "absent"}}})
+          .err,
       said("Modul absent kann nicht geladen werden; der Grund steht in der Ablaufverfolgung"));
   const TerminalOptions gui = {.environment = {{"LANG", "zh"}, {"QVX_DBG_CONSOLE", "GUI"}}};
   EXPECT_EQ(seenOf("echo out", gui, 0),
@@ -203,7 +195,9 @@ TEST(EngineHostMessages, TellOfModulesAndWindows) {
 }
 
 TEST(EngineHostMessages, TellTheUsageWithItsFormsBelowEachOther) {
-  const auto usageIn = [](const char* lang) { return runHost({"-?"}, {{"LANG", lang}}).out; };
+  const auto usageIn = [](const char* lang) {
+    return runHost({"-?"}, {.environment = {{"LANG", lang}}}).out;
+  };
   EXPECT_THAT(usageIn("en"), HasSubstr(" program [argument...]\n       enginehost -"));
   EXPECT_THAT(usageIn("de"), AllOf(HasSubstr(" [Argument...]\n        enginehost -"),
                                    HasSubstr("\n\nOptionen, jeweils mit ihrer kürzesten Form:\n"),
@@ -217,11 +211,12 @@ TEST(EngineHostMessages, TellTheUsageWithItsFormsBelowEachOther) {
 }
 
 TEST(EngineHostMessages, TellTheSettingsToPeople) {
-  const ChildResult r = runHost({"-settings"}, {{"LANG", "de"},
-                                                {"QVX_DBG_REPLY_TIMEOUT", "5"},
-                                                {"QVX_DBG_HRDM_KEY", "much too long"},
-                                                {"QVX_DBG_FORK", "x"},
-                                                {"QVX_DBG_TABB", "4"}});
+  const ChildResult r =
+      runHost({"-settings"}, {.environment = {{"LANG", "de"},
+                                              {"QVX_DBG_REPLY_TIMEOUT", "5"},
+                                              {"QVX_DBG_HRDM_KEY", "much too long"},
+                                              {"QVX_DBG_FORK", "x"},
+                                              {"QVX_DBG_TABB", "4"}}});
   EXPECT_EQ(r.status, 0);
   EXPECT_THAT(r.out,
               testing::MatchesRegex("NAME +TYP +WERT +STANDARD +HERKUNFT +ERLAUBT\n(.|\n)*"));
@@ -237,23 +232,24 @@ TEST(EngineHostMessages, TellTheSettingsToPeople) {
 }
 
 TEST(EngineHostMessages, StandAboveTheirColumnsInAnyScript) {
-  const std::string table = runHost({"-settings"}, {{"LANG", "ja"}}).out;
+  const std::string table = runHost({"-settings"}, {.environment = {{"LANG", "ja"}}}).out;
   const std::string row = table.substr(table.find("\nADDR ") + 1);
   // Two characters of two columns each.
   EXPECT_THAT(table, StartsWith("名前" + std::string().append(row.find("String") - 4, ' ') + "型"));
 }
 
 TEST(EngineHostMessages, AreEnglishForPrograms) {
-  Environment environment = {{"QVX_DBG_REPLY_TIMEOUT", "5"}, {"QVX_DBG_TABB", "4"}};
-  const std::string english = runHost({"-settings", "--json"}, environment).out;
+  ChildOptions options = {.environment = {{"QVX_DBG_REPLY_TIMEOUT", "5"}, {"QVX_DBG_TABB", "4"}}};
+  const std::string english = runHost({"-settings", "--json"}, options).out;
   EXPECT_THAT(english, HasSubstr("it is not within 10 - 65535"));
-  environment["LANG"] = "de_DE.UTF-8";
-  EXPECT_EQ(runHost({"-settings", "--json"}, environment).out, english);
+  options.environment["LANG"] = "de_DE.UTF-8";
+  EXPECT_EQ(runHost({"-settings", "--json"}, options).out, english);
 }
 
 TEST(EngineHostMessages, AreInTheNativeCodePageWhereItCanHoldThem) {
   const auto inLatin1 = [](const char* lang) {
-    return runHost({"-x"}, {{"LANG", lang}, {"QVX_DBG_CODEPAGE", "ISO-8859-1"}}).err;
+    return runHost({"-x"}, {.environment = {{"LANG", lang}, {"QVX_DBG_CODEPAGE", "ISO-8859-1"}}})
+        .err;
   };
   EXPECT_THAT(inLatin1("de"), HasSubstr("ung\xfcltige Option oder ung\xfcltiger Wert"));
   EXPECT_THAT(inLatin1("ja"), HasSubstr("オプションまたは値"));
@@ -262,7 +258,8 @@ TEST(EngineHostMessages, AreInTheNativeCodePageWhereItCanHoldThem) {
 // Whether a host with these words opens its catalog.
 bool opensItsCatalog(const std::vector<std::string>& words) {
   const TemporaryFolder folder;
-  runHost(words, {{"LD_DEBUG", "files"}, {"LD_DEBUG_OUTPUT", folder.file("loaded")}});
+  runHost(words,
+          {.environment = {{"LD_DEBUG", "files"}, {"LD_DEBUG_OUTPUT", folder.file("loaded")}}});
   std::string loaded;
   for (const auto& file : std::filesystem::directory_iterator(folder.path())) {
     loaded += contentsOf(file.path());

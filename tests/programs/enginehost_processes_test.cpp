@@ -11,7 +11,7 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/support/Child.h"
+#include "tests/programs/Host.h"
 #include "tests/support/WaitingProgram.h"
 
 /// The listing of the processes.
@@ -23,15 +23,8 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr const char* host = CUL_ENGINEHOST;
-
 // The area that the host takes arguments into.
 constexpr std::size_t area = 65536;
-
-ChildResult runHost(std::vector<std::string> words) {
-  words.insert(words.begin(), host);
-  return runProgram(words);
-}
 
 std::map<pid_t, json> listed() {
   const ChildResult r = runHost({"-processes", "--json"});

@@ -7,19 +7,17 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/support/Child.h"
+#include "tests/programs/Host.h"
 #include "tests/support/TemporaryFolder.h"
 
 /// The listing of a property file and the look-up of one key.
 
 namespace {
 
-constexpr const char* host = CUL_ENGINEHOST;
-
 ChildResult runProperties(std::vector<std::string> words,
                           const std::map<std::string, std::string>& environment = {}) {
-  words.insert(words.begin(), {host, "-properties"});
-  return runProgram(words, {.environment = environment});
+  words.insert(words.begin(), "-properties");
+  return runHost(words, {.environment = environment});
 }
 
 // A property file of the test's own.

@@ -6,7 +6,7 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/support/Child.h"
+#include "tests/programs/Host.h"
 
 /// The listing of the settings, and what the host does with some of them.
 
@@ -17,16 +17,8 @@ using testing::AllOf;
 using testing::HasSubstr;
 using testing::Not;
 
-constexpr const char* host = CUL_ENGINEHOST;
-
-ChildResult runHost(std::vector<std::string> words,
-                    const std::map<std::string, std::string>& environment = {}) {
-  words.insert(words.begin(), host);
-  return runProgram(words, {.environment = environment});
-}
-
 json listed(const std::map<std::string, std::string>& environment = {}) {
-  const ChildResult r = runHost({"-settings", "--json"}, environment);
+  const ChildResult r = runHost({"-settings", "--json"}, {.environment = environment});
   EXPECT_EQ(r.status, 0) << r.err;
   return json::parse(r.out);
 }
@@ -81,7 +73,7 @@ TEST(EngineHostSettings, TellWhatTheyRefuseAndWhy) {
 }
 
 TEST(EngineHostSettings, DoNotShowAKey) {
-  const ChildResult r = runHost({"-settings"}, {{"QVX_DBG_HRDM_KEY", "opensesa"}});
+  const ChildResult r = runHost({"-settings"}, {.environment = {{"QVX_DBG_HRDM_KEY", "opensesa"}}});
   EXPECT_THAT(r.out, AllOf(HasSubstr("********"), Not(HasSubstr("opensesa"))));
 }
 
@@ -99,10 +91,11 @@ TEST(EngineHostSettings, PointOutVariablesThatNobodyReads) {
 }
 
 TEST(EngineHostSettings, AreAlignedForPeople) {
-  const ChildResult r = runHost({"-settings"}, {{"QVX_DBG_REPLY_TIMEOUT", "5"},
-                                                {"QVX_DBG_TAB", "3"},
-                                                {"QVX_DBG_TABB", "3"},
-                                                {"QVX_DBG_FILE_CACHE", "ä\x1B[2Jß"}});
+  const ChildResult r =
+      runHost({"-settings"}, {.environment = {{"QVX_DBG_REPLY_TIMEOUT", "5"},
+                                              {"QVX_DBG_TAB", "3"},
+                                              {"QVX_DBG_TABB", "3"},
+                                              {"QVX_DBG_FILE_CACHE", "ä\x1B[2Jß"}}});
   EXPECT_EQ(r.status, 0);
   const std::string heading = r.out.substr(0, r.out.find('\n'));
   EXPECT_THAT(heading, testing::MatchesRegex("NAME +TYPE +VALUE +DEFAULT +FROM +PERMITTED"));
@@ -149,14 +142,15 @@ TEST(EngineHostSettings, TellThatTheyCannotBeWritten) {
 
 TEST(EngineHostSettings, LoadTheModulesThatTheyName) {
   const std::string library = std::string(CUL_TEST_LIBRARIES) + "/libgreeting.so";
-  const ChildResult r = runHost({"echo", "started"}, {{"QVX_DBG_RUNTIME_MODULES", library}});
+  const ChildResult r =
+      runHost({"echo", "started"}, {.environment = {{"QVX_DBG_RUNTIME_MODULES", library}}});
   EXPECT_EQ(r.out, "module loaded\nstarted\n");
   EXPECT_EQ(r.status, 0);
 }
 
 TEST(EngineHostSettings, KeepTheProgramFromStartingWithoutItsModules) {
-  const ChildResult r =
-      runHost({"echo", "started"}, {{"QVX_DBG_RUNTIME_MODULES", "/no/such/module"}});
+  const ChildResult r = runHost({"echo", "started"},
+                                {.environment = {{"QVX_DBG_RUNTIME_MODULES", "/no/such/module"}}});
   EXPECT_EQ(r.out, "");
   EXPECT_EQ(r.err, "enginehost: module /no/such/module cannot be loaded; the trace tells why\n");
   EXPECT_EQ(r.status, 125);
@@ -164,7 +158,8 @@ TEST(EngineHostSettings, KeepTheProgramFromStartingWithoutItsModules) {
 
 TEST(EngineHostSettings, DelayTheStart) {
   const auto before = std::chrono::steady_clock::now();
-  EXPECT_EQ(runHost({"echo", "started"}, {{"QVX_DBG_DEBUG_DELAY", "1"}}).out, "started\n");
+  EXPECT_EQ(runHost({"echo", "started"}, {.environment = {{"QVX_DBG_DEBUG_DELAY", "1"}}}).out,
+            "started\n");
   EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::seconds(1));
 }
 

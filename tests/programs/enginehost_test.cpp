@@ -5,20 +5,13 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/support/Child.h"
+#include "tests/programs/Host.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
 
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-constexpr const char* host = CUL_ENGINEHOST;
-
-ChildResult runHost(std::vector<std::string> words, const ChildOptions& options = {}) {
-  words.insert(words.begin(), host);
-  return runProgram(words, options);
-}
 
 ChildResult runHostedShell(const std::string& script, const ChildOptions& options = {}) {
   return runHost({"--", "sh", "-c", script}, options);

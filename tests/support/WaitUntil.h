@@ -1,22 +1,26 @@
 #pragma once
 
 #include <chrono>
-#include <unistd.h>
+#include <thread>
+
+#include <gtest/gtest.h>
 
 /// \file
 /// Waiting for something that happens elsewhere.
 
-/// Looks at `condition` every millisecond until it holds or a generous limit has passed.
+/// Looks at `condition` every millisecond until it holds. When it does not within a minute,
+/// the test fails.
 /// \return whether it holds.
 template <class Condition>
-[[nodiscard]] bool waitUntil(Condition condition,
-                             std::chrono::seconds limit = std::chrono::seconds(60)) {
-  const auto end = std::chrono::steady_clock::now() + limit;
+bool waitUntil(Condition condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) {
+      ADD_FAILURE() << "what was waited for did not happen within a minute";
       return false;
     }
-    usleep(1000);
+    // Not usleep(): tests of the timer put their own in its place.
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   return true;
 }

@@ -315,30 +315,35 @@ TEST(TerminateRequest, WaitsForALockThatIsBeingTaken) {
 }
 
 TEST(TerminateRequest, WaitsUntilALockOfTheCLibraryIsTaken) {
-  pthread_rwlock_t lock = PTHREAD_RWLOCK_INITIALIZER;
-  pthread_rwlock_wrlock(&lock);
+  // A robust mutex tells when its owner has ended with it.
+  pthread_mutexattr_t robust;
+  pthread_mutexattr_init(&robust);
+  pthread_mutexattr_setrobust(&robust, PTHREAD_MUTEX_ROBUST);
+  pthread_mutex_t mutex;
+  pthread_mutex_init(&mutex, &robust);
+  pthread_mutexattr_destroy(&robust);
+  pthread_mutex_lock(&mutex);
   StdThread::Termination termination;
   std::atomic<pid_t> task = 0;
-  std::atomic<bool> isIn = false;
   const StdThread* thread = startThread(
       [&] {
         task = gettid();
-        pthread_rwlock_wrlock(&lock);
-        isIn = true;
-        pthread_rwlock_unlock(&lock);
-        pause();
+        pthread_mutex_lock(&mutex);
+        for (;;) {
+          usleep(1000);
+        }
       },
       &termination);
   waitUntilAsleep(task);
   EXPECT_EQ(thread->requestTerminate(), 0);
   // Else the wait might end by the lock alone.
   waitUntilSignalled(task);
-  pthread_rwlock_unlock(&lock);
+  pthread_mutex_unlock(&mutex);
   EXPECT_EQ(termination.wait(0), 0);
-  EXPECT_TRUE(isIn);
-  // A waiting writer that had been unwound would still be counted.
-  EXPECT_EQ(pthread_rwlock_tryrdlock(&lock), 0);
-  pthread_rwlock_unlock(&lock);
+  EXPECT_EQ(pthread_mutex_lock(&mutex), EOWNERDEAD) << "the thread ended while it waited";
+  pthread_mutex_consistent(&mutex);
+  pthread_mutex_unlock(&mutex);
+  pthread_mutex_destroy(&mutex);
 }
 
 TEST(TerminateRequest, CannotEndTheProcessRightAfterTheStart) {
@@ -377,9 +382,7 @@ CUL_CHILD(RequestsRightAfterTheStartInsideAGuard) {
 }
 
 TEST(TerminateRequest, RightAfterTheStartIsNotTakenForARequestToTheStarter) {
-  ChildOptions options;
-  options.limitInSeconds = 30;
-  const ChildResult child = runChild("RequestsRightAfterTheStartInsideAGuard", options);
+  const ChildResult child = runChild("RequestsRightAfterTheStartInsideAGuard");
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
@@ -483,9 +486,7 @@ CUL_CHILD(RequestBeforeAnEscapingException) {
 }
 
 TEST(TerminateRequest, DoesNotEndAThreadThatEndsTheProcess) {
-  ChildOptions options;
-  options.limitInSeconds = 30;
-  const ChildResult child = runChild("RequestBeforeAnEscapingException", options);
+  const ChildResult child = runChild("RequestBeforeAnEscapingException");
   EXPECT_EQ(child.status, 99) << child.out << child.err;
 }
 
@@ -516,9 +517,7 @@ CUL_CHILD(ManyRequestsThatArePutOff) {
 }
 
 TEST(TerminateRequest, LeavesNoTimerBehind) {
-  ChildOptions options;
-  options.limitInSeconds = 60;
-  const ChildResult child = runChild("ManyRequestsThatArePutOff", options);
+  const ChildResult child = runChild("ManyRequestsThatArePutOff");
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
@@ -538,9 +537,7 @@ CUL_CHILD(RequestWithoutATimer) {
 }
 
 TEST(TerminateRequest, ThatCannotBeRepeatedActsWhenTheThreadYields) {
-  ChildOptions options;
-  options.limitInSeconds = 60;
-  const ChildResult child = runChild("RequestWithoutATimer", options);
+  const ChildResult child = runChild("RequestWithoutATimer");
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 

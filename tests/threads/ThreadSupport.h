@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <fstream>
 #include <functional>
 #include <string>
-#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -17,23 +15,10 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/WaitUntil.h"
 
 /// \file
 /// What the tests of threads share.
-
-/// Waits until `condition` holds; fails the test after a minute.
-/// \return whether it held.
-inline bool waitUntil(const std::function<bool()>& condition) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::minutes(1);
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > limit) {
-      ADD_FAILURE() << "what was waited for did not happen within a minute";
-      return false;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
 
 /// Waits until the thread with this kernel id waits in the kernel.
 inline bool waitUntilAsleep(const std::atomic<pid_t>& task) {

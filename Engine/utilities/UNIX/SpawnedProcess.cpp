@@ -16,6 +16,7 @@
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/ThreadListener.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/SignalsBlocked.h"
 #include "Engine/utilities/UNIX/SystemCallFailure.h"
 
 namespace {
@@ -47,24 +48,6 @@ class Program {
 
   std::string file_;
   std::vector<char*> arguments_;
-};
-
-// Blocks all signals until the end of the scope.
-class SignalsBlocked {
- public:
-  SignalsBlocked() noexcept {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous_);
-  }
-  SignalsBlocked(const SignalsBlocked&) = delete;
-  SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-  ~SignalsBlocked() { unblock(); }
-
-  void unblock() const noexcept { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
-
- private:
-  sigset_t previous_ = {};
 };
 
 // From here to becomeProgram() everything runs in the child, and calls only what is safe in a
