@@ -207,7 +207,8 @@ $file/$lib/cmake/cul/culTargets-${configuration,,}.cmake
 $file/$lib/cmake/cul/culTargets.cmake
 $link/$lib/libcul.so->libcul.so.1
 $file/$lib/pkgconfig/cul.pc
-$file/share/gdb/auto-load/usr/$lib/libcul.so.$VERSION-gdb.py" "$(contents libcul-dev)"
+$file/share/gdb/auto-load/usr/$lib/libcul.so.$VERSION-gdb.py
+$file/share/man/man1/cul-message-compiler.1" "$(contents libcul-dev)"
 }
 
 PackagesAreInstalledUsedAndPurged() {

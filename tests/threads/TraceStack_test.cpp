@@ -107,6 +107,8 @@ struct TracebackCase {
   std::string trace;
 };
 
+void PrintTo(const TracebackCase& c, std::ostream* out) { *out << c.what; }
+
 class Tracebacks : public testing::TestWithParam<TracebackCase> {};
 
 TEST_P(Tracebacks, GoToStandardErrorWhileTracingIsOff) {
