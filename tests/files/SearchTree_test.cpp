@@ -343,7 +343,9 @@ CUL_CHILD(SearchTreeThatIsDeep) {
   const std::string& file = childArguments().at(1);
   const size_t before = openDescriptors();
   {
-    const rlimit few = {before + 4, before + 4};
+    rlimit few = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &few), 0);
+    few.rlim_cur = before + 4;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
     const SearchTree tree(name(top));
     EXPECT_EQ(text(tree.search(name("x"))), file);
