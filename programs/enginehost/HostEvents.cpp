@@ -70,5 +70,6 @@ void HostEvents::post(int event) noexcept {
 void endBySignal(int signal) {
   std::signal(signal, SIG_DFL);
   std::raise(signal);
+  // Still here: the signal is put off, as it may be under an emulator.
   _exit(128 + signal);
 }
