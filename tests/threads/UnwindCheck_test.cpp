@@ -37,9 +37,12 @@ spinWithTable:
         .cfi_startproc
         .cfi_personality 0x9b, tablePersonality
         .cfi_lsda 0x9b, exceptionTable
+        movl    $1, 4(%rdi)
+.Lspin:
         pause
         cmpl    $0, (%rdi)
-        je      spinWithTable
+        je      .Lspin
+        movl    $2, 4(%rdi)
         ret
 .LspinCleanUp:
         subq    $8, %rsp
@@ -71,8 +74,13 @@ cleanUpOffsets:
 )");
 
 extern "C" __attribute__((visibility("hidden"))) void callWithTable(void (*function)());
-// Goes round and round until `*goOn` is not 0.
-extern "C" __attribute__((visibility("hidden"))) void spinWithTable(const std::atomic<int>* goOn);
+struct Spin {
+  std::atomic<int> goOn = 0;
+  std::atomic<int> place = 0;  // 1 inside of spinWithTable(), 2 when it is about to return
+};
+
+// Goes round and round until `goOn` is not 0.
+extern "C" __attribute__((visibility("hidden"))) void spinWithTable(Spin* spin);
 extern "C" __attribute__((visibility("hidden"))) void callWithoutUnwindInformation(
     void (*function)());
 extern "C" __attribute__((visibility("hidden"))) const unsigned char* exceptionTable;
@@ -172,26 +180,21 @@ TEST(UnwindCheck, LetsACallCleanUp) {
 TEST(UnwindCheck, LeavesAThreadAloneBetweenTwoCallsWhereACleanUpIsDue) {
   useTable(tableWithCleanUp(cleanUpOffsets[1]));
   StdThread::Termination termination;
-  std::atomic<int> goOn = 0;
-  // Not atomic: the thread sanitizer would deliver the signal at the store.
-  bool isBehind = false;
-  std::atomic<bool> hasBegun = false;
+  Spin spin;
   const StdThread* thread = startThread(
-      [&] {
-        hasBegun = true;
-        spinWithTable(&goOn);
-        isBehind = true;
+      [&spin] {
+        spinWithTable(&spin);
         for (;;) {
           usleep(1000);
         }
       },
       &termination);
-  waitUntil([&hasBegun] { return hasBegun.load(); });
+  waitUntil([&spin] { return spin.place == 1; });
   EXPECT_EQ(thread->requestTerminate(), 0);
   usleep(20000);  // the request comes many times
-  goOn = 1;
+  spin.goOn = 1;
   EXPECT_EQ(termination.wait(0), 0);
-  EXPECT_TRUE(isBehind);
+  EXPECT_EQ(spin.place, 2);
 }
 
 TEST(UnwindCheck, LeavesAThreadAloneInsideCodeWithoutUnwindInformation) {
