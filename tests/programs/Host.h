@@ -8,10 +8,8 @@
 /// \file
 /// The host that was built with the tests.
 
-inline constexpr const char* host = CUL_ENGINEHOST;
+/// Its path.
+extern const char* const host;
 
-/// Runs the host with these arguments.
-inline ChildResult runHost(std::vector<std::string> words, const ChildOptions& options = {}) {
-  words.insert(words.begin(), host);
-  return runProgram(words, options);
-}
+/// Runs it with these arguments.
+ChildResult runHost(std::vector<std::string> words, const ChildOptions& options = {});
