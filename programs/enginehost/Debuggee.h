@@ -44,7 +44,8 @@ class Debuggee {
 
  private:
   // Reaps the program and tells the host.
-  class Reaper : public Runnable {
+  // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, nobody derives from it.
+  class Reaper final : public Runnable {
    public:
     explicit Reaper(Debuggee& debuggee) : debuggee_(debuggee) {}
     int work() override;

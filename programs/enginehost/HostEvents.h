@@ -17,7 +17,7 @@ class HostEvents {
   static constexpr int toGroup = 0x80;
 
   /// \throws StdException when there is no descriptor left.
-  explicit HostEvents(std::initializer_list<int> signals);
+  HostEvents(std::initializer_list<int> signals);
   HostEvents(const HostEvents&) = delete;
   HostEvents& operator=(const HostEvents&) = delete;
   /// Puts the signals' former actions back.

@@ -51,7 +51,7 @@ void restoreAtSignals() {
     }
     struct sigaction action = {};
     action.sa_handler = restoreAndEnd;
-    action.sa_flags = SA_RESETHAND | SA_NODEFER;
+    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
     sigaction(signal, &action, nullptr);
   }
 }

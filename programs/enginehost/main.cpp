@@ -162,7 +162,7 @@ bool loadModules() {
   DebuggerSetting* const modules = DebuggerSettings::instance()->getSetting(L"RUNTIME_MODULES");
   for (const FileName* module : modules->asPathSetting()->getPaths()) {
     if (loader.get_korv_module(*module) == nullptr) {
-      const EncodedString name = *module;
+      const EncodedString& name = *module;
       const char* const text = name;
       complain(Message::moduleNotLoaded, printable(text).c_str());
       return false;

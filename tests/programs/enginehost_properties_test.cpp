@@ -109,7 +109,7 @@ TEST(EngineHostProperties, NeedAFileThatCanBeRead) {
       {folder.file("p/"), "Not a directory"},
       {folder.file(std::string(300, 'n')), "File name too long"}};
   for (const auto& [path, reason] : cases) {
-    const std::string line = "enginehost: " + path + ": " + reason + "\n";
+    const std::string line = std::string("enginehost: ").append(path) + ": " + reason + "\n";
     expectFailure(runProperties({path}), line, 125);
     expectFailure(runProperties({path, "a"}), line, 125);
   }
