@@ -185,7 +185,7 @@ TEST(SearchList_HashTable, TakesBucketsAndBlocksWhenTheyAreNeededAndKeepsThem) {
     table.removeAll();
     EXPECT_TRUE(heap.sizes.empty());
     addAll(table, numberedKeys(1));
-    const std::vector<size_t> sizes = {257 * 8, 2 * nodeSize + 8};
+    const std::vector<size_t> sizes = {size_t{257} * 8, 2 * nodeSize + 8};
     EXPECT_EQ(heap.sizes, sizes);
     addAll(table, {"second", "third"});
     EXPECT_EQ(heap.sizes.size(), 3U);

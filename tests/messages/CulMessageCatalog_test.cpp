@@ -40,8 +40,9 @@ class Project {
                   "\")\n"
                   "cul_add_message_catalog(texts NAME own MESSAGES en_US base.msg de_DE \"" +
                   translation_ + "\")\n");
-    const ChildResult r = cmake({"-S", folder_.path(), "-B", folder_.file("build"), "-G",
-                                 CUL_GENERATOR, "-D", "CMAKE_CXX_COMPILER=" CUL_CXX_COMPILER});
+    const ChildResult r =
+        cmake({"-S", folder_.path(), "-B", folder_.file("build"), "-G", CUL_GENERATOR, "-D",
+               std::string("CMAKE_CXX_COMPILER=") + CUL_CXX_COMPILER});
     EXPECT_EQ(r.status, 0) << r.out << r.err;
   }
 
@@ -61,7 +62,7 @@ class Project {
     const auto get = reinterpret_cast<const char* (*)(int, int)>(dlsym(handle, "getMessage"));
     EXPECT_EQ(setLanguage(locale), 1);
     const char* const found = get(1, number);
-    const std::string text = found == nullptr ? "no such message" : found;
+    std::string text = found == nullptr ? "no such message" : found;
     dlclose(handle);
     return text;
   }

@@ -40,6 +40,7 @@ class SystemCatalog {
   }
 
  private:
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): as the standard has it.
   static nl_catd noDescriptor() { return reinterpret_cast<nl_catd>(-1); }
 
   TemporaryFolder folder_;
