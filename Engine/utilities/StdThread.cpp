@@ -12,6 +12,7 @@
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/UNIX/UNIXStdThread.h"
+#include "Engine/utilities/UNIX/WayOut.h"
 
 #pragma GCC diagnostic push
 // Both compilers lay StdThread out like any class with one vtable pointer.
@@ -52,6 +53,7 @@ void StdThread::start_thread(unsigned int stackSize) {
   // What every thread leans on must exist before the second one does.
   static_cast<void>(thread1());
   static_cast<void>(isTraced(TraceType::active));
+  learnRuntime();
   if (stackSize > stackSize_) {
     stackSize_ = stackSize;
   }

@@ -98,7 +98,7 @@ inline constexpr unsigned char undecidedTrace = 2;
 /// \param tag      a trace type's name or another short text, may be null.
 /// \param format   as for printf, without a final newline.
 CUL_EXPORT void taggedTrace(const char* function, unsigned line, const char* tag,
-                            const char* format, ...) noexcept __attribute__((format(printf, 4, 5)));
+                            const char* format, ...) __attribute__((format(printf, 4, 5)));
 
 /// Gives up the lines that the calling thread is in the middle of, and with them the lock of
 /// the trace, which other threads would wait for in vain. For a jump out of a signal handler

@@ -805,8 +805,7 @@ void abandonTraceLines() noexcept {
   }
 }
 
-void taggedTrace(const char* function, unsigned line, const char* tag, const char* format,
-                 ...) noexcept {
+void taggedTrace(const char* function, unsigned line, const char* tag, const char* format, ...) {
   if (!isTraced(TraceType::active)) {
     return;
   }

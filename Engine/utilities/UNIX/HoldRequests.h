@@ -5,14 +5,15 @@
 /// \file
 /// Keeps a thread alive over a stretch of code that must not be cut short.
 ///
-/// A request to end a StdThread arrives as a signal, between any two instructions, and
-/// ends the thread by unwinding its stack. Code that has taken a lock and not yet stored
-/// that it did, or that is half-way through a change of what other threads see, would
-/// leave ruins behind. While a HoldRequests object lives, its thread does not end; a
-/// request that arrives meanwhile is repeated many times a millisecond until the thread can end.
+/// A request to end a StdThread ends the thread by unwinding its stack, from a wait or from a
+/// call that the program has made (RequestToEnd.h has the whole rule). Code of the library that
+/// waits, or calls what may wait, while it is half-way through a change of what other threads
+/// see would leave ruins behind. While a HoldRequests object lives, its thread does not end; the
+/// request is met soon afterwards. Locks are requested first, since the wait for one is a place
+/// that can be left:
 /// \code
-///   HoldRequests hold;
-///   LockGuard guard(lock_, "void RunningThreads::append(StdThread*)", 24);
+///   const LockGuard guard(lock_, "void RunningThreads::append(StdThread*)", 24);
+///   const HoldRequests hold;
 /// \endcode
 /// A thread that waits while it holds requests cannot be asked to end. Where a wait may
 /// last, lift the hold around it:
@@ -71,4 +72,23 @@ class HoldRequests {
   }
 
   unsigned int outer_;
+};
+
+/// How many locks of the library the calling thread has: critical sections, mutexes and
+/// read/write locks. Where a request to end cannot know that a guard would
+/// release them, it waits until there is none.
+extern constinit thread_local unsigned int locksHeld
+    __attribute__((tls_model("initial-exec"), visibility("hidden")));
+
+class LocksHeld {
+ public:
+  [[nodiscard]] static unsigned int count() noexcept {
+    return __atomic_load_n(&locksHeld, __ATOMIC_RELAXED);
+  }
+  static void add() noexcept { __atomic_store_n(&locksHeld, count() + 1, __ATOMIC_RELAXED); }
+  /// A plain mutex may be given back by another thread than the one that took it.
+  static void remove() noexcept {
+    const unsigned int present = count();
+    __atomic_store_n(&locksHeld, present != 0 ? present - 1 : 0, __ATOMIC_RELAXED);
+  }
 };

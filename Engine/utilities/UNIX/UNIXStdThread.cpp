@@ -1,84 +1,37 @@
 #include "Engine/utilities/UNIX/UNIXStdThread.h"
 
 #include <atomic>
-#include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <ctime>
 #include <cxxabi.h>
 #include <memory>
 #include <sched.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
+#include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/UnwindCheck.h"
+#include "Engine/utilities/UNIX/RequestToEnd.h"
 #include "Engine/utilities/signals.h"
 
 namespace {
 
 constexpr const char* sourceFile = "Engine/utilities/UNIX/UNIXStdThread";
 
-// What the SIGUSR2 handler needs to know of the thread it runs on. It must not search the
-// registry: the signal may have arrived inside the registry's own lock.
-struct RequestState {
-  StdThread* thread = nullptr;       // null on threads not started by StdThread
-  const void* entryFrame = nullptr;  // of StdThreadRunFF
-  bool isEnding = false;             // past run(): requests come too late
-  unsigned attempts = 0;             // of a request that could not be acted on at once
-  bool hasTimer = false;
-  int timer = 0;
-};
-constinit thread_local RequestState requestState __attribute__((tls_model("initial-exec")));
-
-// Signals the calling thread again in a moment. The C library's timer_create() is not
-// promised to be safe in a signal handler, the system calls are.
-void postponeRequest() noexcept {
-  RequestState& state = requestState;
-  ++state.attempts;
-  if (!state.hasTimer) {
-    sigevent event = {};
-    event.sigev_notify = SIGEV_THREAD_ID;
-    event.sigev_signo = SIGUSR2;
-    event._sigev_un._tid = gettid();
-    state.hasTimer = syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &state.timer) == 0;
-  }
-  if (state.hasTimer) {
-    // Soon at first, and never in step with what the thread does; a thread that stays inside
-    // a noexcept function is not to be bothered that often.
-    constexpr unsigned manyAttempts = 10000;
-    const long soon = 20000 + state.attempts * 7919L % 60000;
-    constexpr long later = 2000000;
-    const itimerspec delay = {{0, 0}, {0, state.attempts < manyAttempts ? soon : later}};
-    syscall(SYS_timer_settime, state.timer, 0, &delay, nullptr);
-  }
-}
-
-void forgetRequests() noexcept {
-  RequestState& state = requestState;
-  if (state.hasTimer) {
-    state.hasTimer = false;
-    syscall(SYS_timer_delete, state.timer);
-  }
-}
-
 // Tells the SIGUSR2 handler of the thread it runs on, from the entry function's frame.
 class RunningHere {
  public:
   RunningHere(StdThread* thread, const void* entryFrame) noexcept {
-    requestState.entryFrame = entryFrame;
-    requestState.thread = thread;
+    RequestToEnd::own().begin(thread, entryFrame);
   }
   RunningHere(const RunningHere&) = delete;
   RunningHere& operator=(const RunningHere&) = delete;
   ~RunningHere() {
-    requestState.isEnding = true;
-    forgetRequests();
+    RequestToEnd::own().comeTooLate();
+    RequestToEnd::own().drop();
   }
 };
 
@@ -139,14 +92,14 @@ void StdThreadRun::run() {
   signal(SIGUSR2, ::sigUSR2handler);
   registerErrorHandlers();
   thread_->run();
-  requestState.isEnding = true;
+  RequestToEnd::own().comeTooLate();
   CUL_TRACE(TraceType::active, sourceFile, 136, "Terminating thread %s", charsOf(thread_->name_));
   delete thread_;
   thread_ = nullptr;
 }
 
 void StdThreadRun::fail(const StdException& exception) const {
-  requestState.isEnding = true;
+  RequestToEnd::own().comeTooLate();
   CUL_TRACE(TraceType::error, charsOf(exception.fileName), exception.line,
             "Internal error on thread %s(%d).", charsOf(thread_->name_),
             static_cast<int>(pthread_self()));
@@ -154,7 +107,7 @@ void StdThreadRun::fail(const StdException& exception) const {
 }
 
 void StdThreadRun::fail() const {
-  requestState.isEnding = true;
+  RequestToEnd::own().comeTooLate();
   CUL_TRACE(TraceType::error, sourceFile, 79, "Unidentified internal error on thread %s(%d).",
             charsOf(thread_->name_), static_cast<int>(pthread_self()));
   exit(99);
@@ -165,7 +118,7 @@ void StdThreadRun::end() {
   sigemptyset(&request);
   sigaddset(&request, SIGUSR2);
   pthread_sigmask(SIG_BLOCK, &request, nullptr);
-  forgetRequests();
+  RequestToEnd::own().drop();
   pthread_exit(nullptr);
 }
 
@@ -203,40 +156,60 @@ __attribute__((no_sanitize("null"))) void* StdThreadRunFF(void* runRecord) {
   return nullptr;
 }
 
+void StdThreadRun::diversionReturned() {
+  const KeepErrno keepErrno;
+  RequestToEnd& request = RequestToEnd::own();
+  const StdThread* const self =
+      request.thread() != nullptr ? request.thread() : StdThread::thread1();
+  if (request.canEndAtReturn() && __atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) == 0) {
+    end();
+  }
+}
+
+void divertedCallReturned() { StdThreadRun::diversionReturned(); }
+
 void StdThread::sigUSR2handler(int) {
-  const int error = errno;
-  const RequestState& state = requestState;
-  StdThread* self = state.thread != nullptr ? state.thread : thread1();
-  if (state.isEnding) {
+  const KeepErrno keepErrno;
+  RequestToEnd& request = RequestToEnd::own();
+  if (request.isTooLate()) {
     return;
   }
+  StdThread* const self = request.thread() != nullptr ? request.thread() : thread1();
   if (__atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) != 0) {
     __atomic_store_n(&self->terminationPending_, 1, __ATOMIC_RELAXED);
-    if (state.attempts != 0) {
-      postponeRequest();
+    if (requestIsPending) {
+      request.putOff();
     }
-  } else if (HoldRequests::level() != 0 || !canUnwind(state.entryFrame)) {
-    postponeRequest();
-  } else {
+  } else if (request.canEndInHandler()) {
     StdThreadRun::end();
+  } else {
+    request.putOff();
   }
-  errno = error;
 }
+
+void StdThreadRun::endIfAsked() {
+  const RequestToEnd& request = RequestToEnd::own();
+  const StdThread* const self =
+      request.thread() != nullptr ? request.thread() : StdThread::thread1();
+  if (requestIsPending && __atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) == 0 &&
+      request.canEndInCall()) {
+    end();
+  }
+}
+
+void endIfAsked() { StdThreadRun::endIfAsked(); }
 
 void StdThread::thread_yield() {
   sched_yield();
-  const RequestState& state = requestState;
-  if (state.attempts == 0 || state.isEnding) {
-    return;
-  }
-  StdThread* self = state.thread != nullptr ? state.thread : thread1();
-  if (__atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) == 0 && HoldRequests::level() == 0 &&
-      canUnwind(state.entryFrame)) {
-    StdThreadRun::end();
-  }
+  ::endIfAsked();
 }
 
-void sigUSR2handler(int signal) { StdThread::sigUSR2handler(signal); }
+void sigUSR2handler(int signal) {
+  RequestToEnd::own().interrupt(
+      interruptedBy(__builtin_return_address(0), __builtin_frame_address(0)));
+  StdThread::sigUSR2handler(signal);
+  RequestToEnd::own().interrupt(nullptr);
+}
 
 int StdThread::Termination::systemWait(unsigned short) const {
   return pthread_join(threadId(), nullptr);

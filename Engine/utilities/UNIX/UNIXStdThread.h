@@ -32,6 +32,13 @@ class StdThreadRun {
   /// when this returns.
   void abandon() noexcept;
 
+  /// Ends the calling thread when it was asked to and can end at this call.
+  static void endIfAsked();
+
+  /// Ends the calling thread for the request that has diverted the return of a call, unless
+  /// something has come between; see RequestToEnd.h.
+  static void diversionReturned();
+
   [[nodiscard]] StdThread* thread() const noexcept { return thread_; }
 
   /// Held while a thread is created; the new thread passes it before it does anything. Also
@@ -44,3 +51,6 @@ class StdThreadRun {
 
 /// The entry function of all threads.
 extern "C" void* StdThreadRunFF(void* runRecord);
+
+/// Where DivertedReturn.S goes on when a diverted call has returned.
+extern "C" void divertedCallReturned() __attribute__((visibility("hidden")));

@@ -4,6 +4,8 @@
 
 #include "Engine/utilities/CUL_SemaphoreError.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/MutexWait.h"
+#include "Engine/utilities/UNIX/RequestToEnd.h"
 #include "Engine/utilities/UNIX/ThisThread.h"
 
 UNIX_Critical_Section::UNIX_Critical_Section() = default;
@@ -16,8 +18,12 @@ void UNIX_Critical_Section::request(const char* file, unsigned int line) {
     ++count_;
     return;
   }
-  const HoldRequests hold;  // a mutex without a noted owner could never be released
-  const bool isLocked = pthread_mutex_lock(nativeHandle()) == 0;
+  if (requestIsPending) [[unlikely]] {
+    endIfAsked();
+  }
+  // A thread that is asked to end does so in this wait or not before the owner is noted.
+  const bool isLocked = waitForMutex(nativeHandle()) == 0;
+  LocksHeld::add();
   count_ = 1;
   __atomic_store_n(&owner_, self, __ATOMIC_RELEASE);
   if (!isLocked) {
@@ -30,9 +36,10 @@ void UNIX_Critical_Section::release(const char* file, unsigned int line) {
     refuse(file, line);
   }
   if (--count_ == 0) {
-    const HoldRequests hold;
     __atomic_store_n(&owner_, pthread_t{0}, __ATOMIC_RELEASE);
-    if (pthread_mutex_unlock(nativeHandle()) != 0) {
+    const bool isUnlocked = pthread_mutex_unlock(nativeHandle()) == 0;
+    LocksHeld::remove();
+    if (!isUnlocked) {
       warn("pthread_mutex_unlock", file, line);
     }
   }

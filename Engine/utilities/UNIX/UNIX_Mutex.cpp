@@ -3,6 +3,9 @@
 #include <cerrno>
 
 #include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/MutexWait.h"
+#include "Engine/utilities/UNIX/RequestToEnd.h"
 
 UNIX_Mutex::UNIX_Mutex() {
   if (pthread_mutex_init(&mutex_, nullptr) != 0) {
@@ -11,6 +14,25 @@ UNIX_Mutex::UNIX_Mutex() {
 }
 
 UNIX_Mutex::~UNIX_Mutex() { pthread_mutex_destroy(&mutex_); }
+
+void UNIX_Mutex::request(const char* file, unsigned int line) {
+  if (requestIsPending) [[unlikely]] {
+    endIfAsked();
+  }
+  const int result = waitForMutex(&mutex_);
+  LocksHeld::add();
+  if (result != 0) [[unlikely]] {
+    warn("pthread_mutex_lock", file, line);
+  }
+}
+
+void UNIX_Mutex::release(const char* file, unsigned int line) {
+  const int result = pthread_mutex_unlock(&mutex_);
+  LocksHeld::remove();
+  if (result != 0) [[unlikely]] {
+    warn("pthread_mutex_unlock", file, line);
+  }
+}
 
 void UNIX_Mutex::warn(const char* call, const char* file, unsigned int line) noexcept {
   const int error = errno;

@@ -16,17 +16,10 @@ class CUL_EXPORT UNIX_Mutex : public CUL_Critical_Section {
   UNIX_Mutex();
   ~UNIX_Mutex() override;
 
-  /// Waits for the mutex and takes it. A thread that holds it already waits for ever.
-  void request(const char* file, unsigned int line) override {
-    if (pthread_mutex_lock(&mutex_) != 0) [[unlikely]] {
-      warn("pthread_mutex_lock", file, line);
-    }
-  }
-  void release(const char* file, unsigned int line) override {
-    if (pthread_mutex_unlock(&mutex_) != 0) [[unlikely]] {
-      warn("pthread_mutex_unlock", file, line);
-    }
-  }
+  /// Waits for the mutex and takes it. A thread that holds it already waits for ever. A thread
+  /// that is asked to end meanwhile ends in the wait.
+  void request(const char* file, unsigned int line) override;
+  void release(const char* file, unsigned int line) override;
 
   /// The POSIX object, for waiting on a condition while holding the mutex.
   [[nodiscard]] pthread_mutex_t* nativeHandle() noexcept { return &mutex_; }

@@ -1,6 +1,7 @@
 #include "Engine/utilities/AssertionFail.h"
 #include "Engine/utilities/RWlock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/RequestToEnd.h"
 #include "Engine/utilities/UNIX/ThisThread.h"
 
 // The expression's text is part of the message.
@@ -123,6 +124,9 @@ RWlock::Holder* RWlock::enterAsWriter() {
 
 void RWlock::requestRead() {
   static constexpr const char* function = "void RWlock::requestRead()";
+  if (requestIsPending) [[unlikely]] {
+    endIfAsked();
+  }
   const HoldRequests hold;
   ASSERT_CALL(function, 32, !pthread_mutex_lock(&_mutex));
   MutexRescue rescue(_mutex);
@@ -139,12 +143,16 @@ void RWlock::requestRead() {
     waiting.enter();
   }
   own->writeCount == 0 ? ++own->readCount : ++own->writeCount;
+  LocksHeld::add();
   rescue.dismiss();
   ASSERT_CALL(function, 70, !pthread_mutex_unlock(&_mutex));
 }
 
 void RWlock::requestWrite() {
   static constexpr const char* function = "void RWlock::requestWrite()";
+  if (requestIsPending) [[unlikely]] {
+    endIfAsked();
+  }
   const HoldRequests hold;
   ASSERT_CALL(function, 77, !pthread_mutex_lock(&_mutex));
   MutexRescue rescue(_mutex);
@@ -161,6 +169,7 @@ void RWlock::requestWrite() {
     waiting.enter();
   }
   ++own->writeCount;
+  LocksHeld::add();
   rescue.dismiss();
   ASSERT_CALL(function, 113, !pthread_mutex_unlock(&_mutex));
 }
@@ -175,6 +184,7 @@ void RWlock::release() {
     const unsigned short readCount = isWriting ? own->readCount : 0;
     unsigned short& count = isWriting ? own->writeCount : own->readCount;
     const bool hasEnded = --count == 0;
+    LocksHeld::remove();
     if (hasEnded && readCount == 0) {
       holders_.removeAt(static_cast<unsigned>(own - holders_.begin()));
     }

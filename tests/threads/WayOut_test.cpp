@@ -148,7 +148,7 @@ Bytes tableWithCleanUp(unsigned char offset) {
 // The numbers of encodings are those of the Linux Standard Base, "DWARF Exception Header
 // Encoding".
 
-TEST(UnwindCheck, ReadsTablesInEachFormatOfNumbers) {
+TEST(WayOut, ReadsTablesInEachFormatOfNumbers) {
   EXPECT_TRUE(endsInside(tableOf(0x01, 1)));  // ULEB128
   EXPECT_TRUE(endsInside(tableOf(0x02, 2)));  // 2 bytes
   EXPECT_TRUE(endsInside(tableOf(0x03, 4)));  // 4 bytes
@@ -159,7 +159,7 @@ TEST(UnwindCheck, ReadsTablesInEachFormatOfNumbers) {
   EXPECT_TRUE(endsInside(tableOf(0x0c, 8)));
 }
 
-TEST(UnwindCheck, ReadsHeadersOfAllKinds) {
+TEST(WayOut, ReadsHeadersOfAllKinds) {
   // The base of landing pads in 4 bytes.
   EXPECT_TRUE(endsInside(Bytes{0x03, 0, 0, 0, 0, 0xff, 0x01, 4, 0, 100, 0, 0}));
   // The place of a type table.
@@ -171,13 +171,13 @@ TEST(UnwindCheck, ReadsHeadersOfAllKinds) {
                                0x80, 0x80, 0x80, 0x80, 0x80, 0}));
 }
 
-TEST(UnwindCheck, LetsACallCleanUp) {
+TEST(WayOut, LetsACallCleanUp) {
   hasCleanedUp = 0;
   EXPECT_TRUE(endsInside(tableWithCleanUp(cleanUpOffsets[0])));
   EXPECT_EQ(hasCleanedUp, 1);
 }
 
-TEST(UnwindCheck, LeavesAThreadAloneBetweenTwoCallsWhereACleanUpIsDue) {
+TEST(WayOut, LeavesAThreadAloneBetweenTwoCallsWhereACleanUpIsDue) {
   useTable(tableWithCleanUp(cleanUpOffsets[1]));
   StdThread::Termination termination;
   Spin spin;
@@ -197,18 +197,18 @@ TEST(UnwindCheck, LeavesAThreadAloneBetweenTwoCallsWhereACleanUpIsDue) {
   EXPECT_EQ(spin.place, 2);
 }
 
-TEST(UnwindCheck, LeavesAThreadAloneInsideCodeWithoutUnwindInformation) {
+TEST(WayOut, LeavesAThreadAloneInsideCodeWithoutUnwindInformation) {
   EXPECT_FALSE(endsInside(callWithoutUnwindInformation));
 }
 
-TEST(UnwindCheck, LeavesAThreadAloneWhereATableListsNothing) {
+TEST(WayOut, LeavesAThreadAloneWhereATableListsNothing) {
   EXPECT_FALSE(endsInside(Bytes{0xff, 0xff, 0x01, 0}));
   // Before the call, and behind it.
   EXPECT_FALSE(endsInside(Bytes{0xff, 0xff, 0x01, 4, 0, 1, 0, 0}));
   EXPECT_FALSE(endsInside(Bytes{0xff, 0xff, 0x01, 4, 50, 10, 0, 0}));
 }
 
-TEST(UnwindCheck, LeavesAThreadAloneWhereATableCannotBeRead) {
+TEST(WayOut, LeavesAThreadAloneWhereATableCannotBeRead) {
   // Padded to an address, and formats that do not exist.
   EXPECT_FALSE(endsInside(tableOf(0x50, 8)));
   EXPECT_FALSE(endsInside(tableOf(0x05, 1)));

@@ -1,0 +1,178 @@
+#include "Engine/utilities/UNIX/RequestToEnd.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/WayOut.h"
+
+// DivertedReturn.S: places to return to, one for each diverted call, with the addresses that
+// the calls would have returned to; 0: not in use.
+constexpr std::size_t diversionCount = 256;
+constexpr std::size_t diversionSize = 16;
+constexpr std::size_t diversionEntry = 4;  // behind what the unwinder needs
+extern "C" {
+extern const unsigned char divertedReturns[] __attribute__((visibility("hidden")));
+extern const unsigned char divertedReturnsEnd[] __attribute__((visibility("hidden")));
+extern std::uintptr_t divertedFrom[diversionCount] __attribute__((visibility("hidden")));
+}
+
+namespace {
+
+constinit thread_local RequestToEnd request __attribute__((tls_model("initial-exec")));
+
+constexpr std::uint64_t nanosecondsPerSecond = 1000000000;
+
+// How long, and how many looks, only certain places will do.
+constexpr std::uint64_t patience = nanosecondsPerSecond / 20;
+constexpr unsigned enoughLooks = 64;
+
+std::uint64_t now() noexcept {
+  timespec time = {};
+  clock_gettime(CLOCK_MONOTONIC, &time);
+  return static_cast<std::uint64_t>(time.tv_sec) * nanosecondsPerSecond +
+         static_cast<std::uint64_t>(time.tv_nsec);
+}
+
+std::uintptr_t placeOf(std::size_t diversion) noexcept {
+  return reinterpret_cast<std::uintptr_t>(divertedReturns) + diversion * diversionSize +
+         diversionEntry;
+}
+
+std::uintptr_t registerOf(const ucontext_t& context, int number) noexcept {
+  return static_cast<std::uintptr_t>(context.uc_mcontext.gregs[number]);
+}
+
+}  // namespace
+
+constinit thread_local bool requestIsPending = false;
+
+RequestToEnd& RequestToEnd::own() noexcept { return request; }
+
+bool RequestToEnd::canEndInHandler() {
+  const ucontext_t* const context = context_;
+  context_ = nullptr;
+  if (context != nullptr) {
+    const std::uintptr_t instruction = registerOf(*context, REG_RIP);
+    if (instruction - reinterpret_cast<std::uintptr_t>(divertedReturns) <
+        static_cast<std::uintptr_t>(divertedReturnsEnd - divertedReturns)) {
+      return false;  // about to end
+    }
+    const std::uintptr_t stackPointer = registerOf(*context, REG_RSP);
+    restingAttempts_ = stackPointer == restsAt_ ? restingAttempts_ + 1 : 0;
+    restsAt_ = stackPointer;
+    undivert();
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): registers are numbers.
+    if (!canLookFrom(reinterpret_cast<const void*>(instruction))) {
+      return false;
+    }
+  }
+  const WayOut way = findWayOut(entryFrame_);
+  if (!requestIsPending || way.anchor != anchor_) {
+    anchor_ = way.anchor;
+    since_ = now();
+    looks_ = 0;
+  }
+  ++looks_;
+  usesRuntimeLocks_ = usesRuntimeLocks_ || way.usesRuntimeLocks;
+  const bool isPossible =
+      way.isCertain || (looks_ >= enoughLooks && now() - since_ >= patience &&
+                        LocksHeld::count() == 0 && (!usesRuntimeLocks_ || way.unlocks));
+  if (way.kind == WayOut::Kind::atReturn && isPossible) {
+    divert(way.returnAddress);
+  }
+  return way.kind == WayOut::Kind::here && isPossible && HoldRequests::level() == 0;
+}
+
+bool RequestToEnd::canEndInCall() const {
+  return !isTooLate_ && HoldRequests::level() == 0 && canLeaveCall(entryFrame_);
+}
+
+bool RequestToEnd::canEndAtReturn() noexcept {
+  undivert();
+  // A child of a fork has not been asked.
+  return requestIsPending && !isTooLate_ && HoldRequests::level() == 0;
+}
+
+void RequestToEnd::undivert() noexcept {
+  if (divertedPlace_ == nullptr) {
+    return;
+  }
+  // Overwritten: the call has returned or was left by an exception.
+  if (*divertedPlace_ == placeOf(diversion_)) {
+    *divertedPlace_ = divertedFrom[diversion_];
+  }
+  divertedPlace_ = nullptr;
+  __atomic_store_n(&divertedFrom[diversion_], 0, __ATOMIC_RELEASE);
+}
+
+// Does nothing when all places are in use: the next look may find one.
+void RequestToEnd::divert(std::uintptr_t* returnAddress) noexcept {
+  static constinit std::atomic<std::size_t> next = 0;
+  for (std::size_t i = 0; i < diversionCount; ++i) {
+    diversion_ = next.fetch_add(1, std::memory_order_relaxed) % diversionCount;
+    std::uintptr_t unused = 0;
+    if (__atomic_compare_exchange_n(&divertedFrom[diversion_], &unused, *returnAddress, false,
+                                    __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
+      divertedPlace_ = returnAddress;
+      *returnAddress = placeOf(diversion_);
+      return;
+    }
+  }
+}
+
+// The C library's timer_create() is not promised to be safe in a signal handler, the system
+// calls are.
+void RequestToEnd::putOff() noexcept {
+  ++attempts_;
+  requestIsPending = true;
+  if (!hasTimer_) {
+    sigevent event = {};
+    event.sigev_notify = SIGEV_THREAD_ID;
+    event.sigev_signo = SIGUSR2;
+    event._sigev_un._tid = gettid();
+    hasTimer_ = syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &timer_) == 0;
+  }
+  if (hasTimer_) {
+    constexpr unsigned hastyAttempts = 64;
+    constexpr long soon = 60000;  // nanoseconds
+    constexpr long later = 1000000;
+    constexpr unsigned longestRest = 4;
+    // Never in step with what the thread does.
+    const long jitter = attempts_ * 7919L % soon;
+    const long pause =
+        attempts_ < hastyAttempts ? soon : later << std::min(restingAttempts_, longestRest);
+    const itimerspec delay = {{0, 0}, {0, pause + jitter}};
+    syscall(SYS_timer_settime, timer_, 0, &delay, nullptr);
+  }
+}
+
+void RequestToEnd::drop() noexcept {
+  undivert();
+  requestIsPending = false;
+  attempts_ = 0;
+  usesRuntimeLocks_ = false;
+  if (hasTimer_) {
+    hasTimer_ = false;
+    syscall(SYS_timer_delete, timer_);
+  }
+}
+
+void RequestToEnd::dropInChild() noexcept {
+  hasTimer_ = false;  // a child has none of its parent's timers
+  drop();
+}
+
+const ucontext_t* interruptedBy(const void* returnAddress, const void* frame) noexcept {
+  // mov $15, %rax; syscall: back from a signal. The record lies above the return address.
+  constexpr unsigned char backFromSignal[] = {0x48, 0xc7, 0xc0, 0x0f, 0, 0, 0, 0x0f, 0x05};
+  constexpr std::size_t frameSize = 16;
+  return std::memcmp(returnAddress, backFromSignal, sizeof backFromSignal) == 0
+             ? reinterpret_cast<const ucontext_t*>(static_cast<const char*>(frame) + frameSize)
+             : nullptr;
+}

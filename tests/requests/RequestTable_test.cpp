@@ -1,0 +1,193 @@
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/TraceFlags.h"
+
+#include "tests/support/Child.h"
+#include "tests/requests/RequestWork.h"
+#include "tests/threads/ThreadSupport.h"
+
+/// \file
+/// Asks threads to end that are at all kinds of work, many times over. Each must end soon, leave
+/// no lock behind and harm nobody. CUL_REQUEST_ROUNDS sets how many times each is asked.
+
+namespace {
+
+constexpr unsigned defaultRounds = 50;
+constexpr auto limit = std::chrono::seconds(10);  // far beyond what is promised: a hung thread
+
+using Clock = std::chrono::steady_clock;
+
+struct Outcome {
+  double slowestMs = 0;
+  double meanMs = 0;
+};
+
+// What every other thread must still be able to do.
+void useEverything(SharedWork& shared) {
+  CUL_TRACE(TraceType::cul, "void useEverything()", 1, "a line");
+  EncodedString text("text that is longer than what the pool has", EncodedString::utf8);
+  text += text;
+  EXPECT_EQ(text.convert(EncodedString::utf8).length(), text.length());
+  std::free(std::malloc(1000));
+  shared.section.request("test", 2);
+  shared.section.release("test", 2);
+  shared.mutex.request("test", 3);
+  shared.mutex.release("test", 3);
+  pthread_mutex_lock(&shared.nativeMutex);
+  pthread_mutex_unlock(&shared.nativeMutex);
+  { const std::lock_guard guard(shared.standardMutex); }
+  shared.readWrite.requestWrite();
+  shared.readWrite.release();
+}
+
+// Ends the process with a line when what it watches does not come to its end in time.
+class Watch {
+ public:
+  Watch(std::string what, std::chrono::seconds time)
+      : what_(std::move(what)), thread_([this, time] {
+          std::unique_lock lock(mutex_);
+          if (!condition_.wait_for(lock, time, [this] { return isOver_; })) {
+            std::printf("%s\n", what_.c_str());
+            std::fflush(stdout);
+            _exit(3);
+          }
+        }) {}
+  Watch(const Watch&) = delete;
+  Watch& operator=(const Watch&) = delete;
+  ~Watch() {
+    {
+      const std::lock_guard lock(mutex_);
+      isOver_ = true;
+    }
+    condition_.notify_one();
+    thread_.join();
+  }
+
+ private:
+  std::string what_;
+  std::mutex mutex_;
+  std::condition_variable condition_;
+  bool isOver_ = false;
+  std::thread thread_;
+};
+
+Outcome askMany(const RequestWork& work, unsigned rounds, unsigned threads, SharedWork& shared) {
+  Outcome outcome;
+  for (unsigned round = 0; round < rounds; ++round) {
+    std::vector<StdThread::Termination> terminations(threads);
+    std::vector<const StdThread*> asked;
+    if (work.hold != nullptr) {
+      work.hold(shared);
+    }
+    const long before = shared.rounds;
+    for (StdThread::Termination& termination : terminations) {
+      asked.push_back(startThread([&] { work.run(shared); }, &termination));
+    }
+    EXPECT_TRUE(waitUntil([&] { return shared.rounds >= before + threads; }));
+    usleep(round * 137 % 1000);
+    const Clock::time_point start = Clock::now();
+    {
+      const Watch watch("not ended", limit);
+      for (const StdThread* thread : asked) {
+        EXPECT_EQ(thread->requestTerminate(), 0);
+      }
+      for (const StdThread::Termination& termination : terminations) {
+        EXPECT_EQ(termination.wait(0), 0);
+      }
+    }
+    const double ms = std::chrono::duration<double, std::milli>(Clock::now() - start).count();
+    outcome.slowestMs = std::max(outcome.slowestMs, ms);
+    outcome.meanMs += ms / rounds;
+    if (work.release != nullptr) {
+      work.release(shared);
+    }
+    const Watch watch("a lock is still held", limit);
+    std::thread([&shared] { useEverything(shared); }).join();
+  }
+  return outcome;
+}
+
+const RequestWork& workNamed(const std::string& name, bool optimized) {
+  static const std::vector<RequestWork> works[] = {plainRequestWork(), optimizedRequestWork()};
+  const std::vector<RequestWork>& list = works[optimized ? 1 : 0];
+  return *std::find_if(list.begin(), list.end(),
+                       [&name](const RequestWork& work) { return work.name == name; });
+}
+
+unsigned roundsWanted() {
+  const char* const rounds = std::getenv("CUL_REQUEST_ROUNDS");
+  return rounds != nullptr ? static_cast<unsigned>(std::atoi(rounds)) : defaultRounds;
+}
+
+}  // namespace
+
+CUL_CHILD(AskedToEnd) {
+  const std::vector<std::string>& arguments = childArguments();
+  SharedWork shared;
+  shared.folder = arguments[4];
+  static_cast<void>(StdThread::thread1());
+  const Outcome outcome =
+      askMany(workNamed(arguments[0], arguments[1] == "optimized"),
+              static_cast<unsigned>(std::stoul(arguments[2])),
+              static_cast<unsigned>(std::stoul(arguments[3])), shared);
+  std::printf("%.1f ms in the mean, %.1f ms at most", outcome.meanMs, outcome.slowestMs);
+}
+
+class RequestTable : public testing::TestWithParam<std::tuple<const char*, const char*>> {};
+
+TEST_P(RequestTable, EndsTheThreadAndLeavesNoLock) {
+  const TemporaryFolder folder;
+  const auto [name, code] = GetParam();
+  ChildOptions options;
+  const unsigned rounds = roundsWanted();
+  options.arguments = {name, code, std::to_string(rounds), "1", folder.path()};
+  options.environment["GDIA_ID"] = "root";
+  options.environment["QVX_DBG_TRACE"] = folder.file("trace") + ",2";
+  options.limitInSeconds = 60 + rounds;
+  const ChildResult result = runChild("AskedToEnd", options);
+  EXPECT_EQ(result.status, 0) << name << ": " << result.out << result.err;
+  std::printf("%-45s %-9s %s\n", name, code, result.out.c_str());
+}
+
+namespace {
+
+std::vector<const char*> names() {
+  std::vector<const char*> result;
+  for (const RequestWork& work : plainRequestWork()) {
+    result.push_back(work.name);
+  }
+  return result;
+}
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(All, RequestTable,
+                         testing::Combine(testing::ValuesIn(names()),
+                                          testing::Values("plain", "optimized")),
+                         [](const auto& row) {
+                           std::string name;
+                           for (const char* c = std::get<0>(row.param); *c != '\0'; ++c) {
+                             name += std::isalnum(static_cast<unsigned char>(*c)) != 0 ? *c : '_';
+                           }
+                           return name + "_" + std::get<1>(row.param);
+                         });
+
+TEST(RequestTable, EndsAThousandThreads) {
+  const TemporaryFolder folder;
+  ChildOptions options;
+  options.arguments = {"waits for an event", "plain", "1", "1000", folder.path()};
+  const ChildResult result = runChild("AskedToEnd", options);
+  EXPECT_EQ(result.status, 0) << result.out << result.err;
+  std::printf("1,000 threads: %s\n", result.out.c_str());
+}
