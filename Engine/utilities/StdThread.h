@@ -20,15 +20,26 @@
 ///
 /// **Asking a thread to end.** requestTerminate() sends SIGUSR2. The thread ends where it
 /// is by unwinding its stack, so objects on the stack are destroyed; its thread object
-/// stays registered and is not deleted. A request takes effect at once in a wait of the
-/// system (read, poll, a condition, a sleep), and in plain code where no destructor is due;
-/// everywhere else (in the C library, in this library, in a noexcept function, between two
-/// calls of a function that has something to destroy) it is repeated many times a
-/// millisecond until it can. A loop that never waits may hardly ever be met at a good place:
-/// it should call thread_yield() now and then, where a thread ends, too. A `catch (...)`
-/// must throw on what it does not know. A lock taken without a guard stays taken, and so
-/// does one whose guard encloses nothing that could throw: the compiler sees no need to
-/// unlock on the way out. BlockTermination protects such code.
+/// stays registered and is not deleted. It ends at once when it waits (in read, poll, a
+/// condition, a sleep, join; for a lock of this library, a pthread mutex, a std::mutex) and
+/// when it is throwing an exception; soon when it makes calls that may throw (allocation, strings,
+/// lists, traces, input and output, thread_yield()): the call it is in returns first, and what it
+/// hands over, memory or a descriptor, is lost. In code that makes no such call it ends after a
+/// twentieth of a second. It never ends while it takes a lock or has one of this library that
+/// nothing would give back, and other threads can go on.
+///
+/// What does not end, and how to help it:
+/// - a loop without any of these calls, in a function with something to destroy; and any in a
+///   function that is or calls through noexcept ones: call thread_yield() now and then;
+/// - a wait for a mutex whose lock function was compiled into a function with something to
+///   destroy, since the compiler takes pthread_mutex_lock() for one that never throws: it ends
+///   behind the wait. The locks of this library are not concerned;
+/// - a wait of another kind in the system (a robust mutex, a pthread read/write lock, a futex).
+///
+/// A `catch (...)` must throw on what it does not know. A lock taken without a guard stays
+/// taken; so may one of the C library whose guard encloses nothing that could throw when the
+/// thread computes inside of it for a twentieth of a second and longer, because the compiler
+/// sees no need to unlock on the way out. BlockTermination protects such code.
 ///
 /// **Recovery from a fatal signal.** A thread may arm its recovery point before risky
 /// work; the handler of fatal signals then resumes there instead of ending the process:

@@ -8,8 +8,11 @@
 // An exception that leaves the call, a traceback or a debugger comes by before the call has
 // returned, and must find the true return address. Each place is preceded by the distance from
 // there to its element of divertedFrom; the unwind information computes the address from it.
+// The unwinder tells frames apart by their ends, and this one has none of its own: it is marked
+// as that of a signal, which the unwinder lets lie one byte lower. The frame behind such a one is
+// taken to be at an instruction, not behind a call, so the address is given less one.
 
-#define COUNT 256 /* as in RequestToEnd.cpp */
+#define COUNT 256 /* diversionCount */
 
         .text
         .p2align 4
@@ -18,14 +21,15 @@
         .type   divertedReturns, @function
 divertedReturns:
         .cfi_startproc
+        .cfi_signal_frame
         .set    i, 0
         .rept   COUNT
         // As seen from the call: no frame at all, and the return address is
-        // *(p + *(unsigned int*)p) with p = this address - 4.
+        // *(p + *(unsigned int*)p), with p = this address - 4, and less one.
         .cfi_remember_state
         .cfi_def_cfa %rsp, 0
-        // DW_CFA_val_expression 16, 7 bytes: breg16 -4; dup; deref_size 4; plus; deref
-        .cfi_escape 0x16, 0x10, 0x07, 0x80, 0x7c, 0x12, 0x94, 0x04, 0x22, 0x06
+        // DW_CFA_val_expression 16, 9 bytes: breg16 -4; dup; deref_size 4; plus; deref; lit1; minus
+        .cfi_escape 0x16, 0x10, 0x09, 0x80, 0x7c, 0x12, 0x94, 0x04, 0x22, 0x06, 0x31, 0x1c
         .long   divertedFrom + 8 * i - .
         pushq   divertedFrom + 8 * i(%rip)
         .cfi_restore_state

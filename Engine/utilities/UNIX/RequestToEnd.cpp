@@ -8,19 +8,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "Engine/utilities/UNIX/DivertedReturn.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/UNIX/WayOut.h"
-
-// DivertedReturn.S: places to return to, one for each diverted call, with the addresses that
-// the calls would have returned to; 0: not in use.
-constexpr std::size_t diversionCount = 256;
-constexpr std::size_t diversionSize = 16;
-constexpr std::size_t diversionEntry = 4;  // behind what the unwinder needs
-extern "C" {
-extern const unsigned char divertedReturns[] __attribute__((visibility("hidden")));
-extern const unsigned char divertedReturnsEnd[] __attribute__((visibility("hidden")));
-extern std::uintptr_t divertedFrom[diversionCount] __attribute__((visibility("hidden")));
-}
 
 namespace {
 
@@ -39,11 +29,6 @@ std::uint64_t now() noexcept {
          static_cast<std::uint64_t>(time.tv_nsec);
 }
 
-std::uintptr_t placeOf(std::size_t diversion) noexcept {
-  return reinterpret_cast<std::uintptr_t>(divertedReturns) + diversion * diversionSize +
-         diversionEntry;
-}
-
 std::uintptr_t registerOf(const ucontext_t& context, int number) noexcept {
   return static_cast<std::uintptr_t>(context.uc_mcontext.gregs[number]);
 }
@@ -59,20 +44,24 @@ bool RequestToEnd::canEndInHandler() {
   context_ = nullptr;
   if (context != nullptr) {
     const std::uintptr_t instruction = registerOf(*context, REG_RIP);
-    if (instruction - reinterpret_cast<std::uintptr_t>(divertedReturns) <
-        static_cast<std::uintptr_t>(divertedReturnsEnd - divertedReturns)) {
+    if (isDivertedReturn(instruction)) {
       return false;  // about to end
     }
     const std::uintptr_t stackPointer = registerOf(*context, REG_RSP);
     restingAttempts_ = stackPointer == restsAt_ ? restingAttempts_ + 1 : 0;
     restsAt_ = stackPointer;
-    undivert();
     // NOLINTNEXTLINE(performance-no-int-to-ptr): registers are numbers.
     if (!canLookFrom(reinterpret_cast<const void*>(instruction))) {
       return false;
     }
   }
   const WayOut way = findWayOut(entryFrame_);
+  // An unwinder that the signal has interrupted may have read the diverted address already, so
+  // the address is put back only when its call is not there any more.
+  if (divertedPlace_ != nullptr &&
+      (*divertedPlace_ != diversionPlace(diversion_) || (way.sawAll && !way.sawDiversion))) {
+    undivert();
+  }
   if (!requestIsPending || way.anchor != anchor_) {
     anchor_ = way.anchor;
     since_ = now();
@@ -83,7 +72,7 @@ bool RequestToEnd::canEndInHandler() {
   const bool isPossible =
       way.isCertain || (looks_ >= enoughLooks && now() - since_ >= patience &&
                         LocksHeld::count() == 0 && (!usesRuntimeLocks_ || way.unlocks));
-  if (way.kind == WayOut::Kind::atReturn && isPossible) {
+  if (way.kind == WayOut::Kind::atReturn && isPossible && divertedPlace_ == nullptr) {
     divert(way.returnAddress);
   }
   return way.kind == WayOut::Kind::here && isPossible && HoldRequests::level() == 0;
@@ -104,7 +93,7 @@ void RequestToEnd::undivert() noexcept {
     return;
   }
   // Overwritten: the call has returned or was left by an exception.
-  if (*divertedPlace_ == placeOf(diversion_)) {
+  if (*divertedPlace_ == diversionPlace(diversion_)) {
     *divertedPlace_ = divertedFrom[diversion_];
   }
   divertedPlace_ = nullptr;
@@ -120,7 +109,7 @@ void RequestToEnd::divert(std::uintptr_t* returnAddress) noexcept {
     if (__atomic_compare_exchange_n(&divertedFrom[diversion_], &unused, *returnAddress, false,
                                     __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
       divertedPlace_ = returnAddress;
-      *returnAddress = placeOf(diversion_);
+      *returnAddress = diversionPlace(diversion_);
       return;
     }
   }

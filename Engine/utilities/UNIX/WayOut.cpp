@@ -10,6 +10,7 @@
 #include <string_view>
 #include <unwind.h>
 
+#include "Engine/utilities/UNIX/DivertedReturn.h"
 #include "Engine/utilities/UNIX/ExceptionTable.h"
 
 namespace {
@@ -328,10 +329,18 @@ class Walk {
 
   // Takes the next frame.
   // \return whether there is more to see.
-  bool take(const Frame& frame) noexcept {
+  bool take(Frame frame) noexcept {
     if (entryFrame_ != 0 && frame.stackPointer > entryFrame_) {
       isEntrySeen_ = true;
       return false;
+    }
+    if (frame.code == Code::own && isDivertedReturn(frame.next)) {
+      isBehindDiversion_ = sawDiversion_ = true;
+      return true;
+    }
+    if (isBehindDiversion_) {
+      frame.isInterrupted = false;  // looks like it, for the unwinder's sake
+      isBehindDiversion_ = false;
     }
     if (frame.isInterrupted && !isInterrupted_) {
       // What came before the first signal are the frames of its handler, that is, ours.
@@ -356,6 +365,8 @@ class Walk {
   [[nodiscard]] WayOut result() const noexcept {
     WayOut way;
     way.anchor = anchor_;
+    way.sawAll = !isAmidJump_ && (entryFrame_ == 0 || isEntrySeen_);
+    way.sawDiversion = sawDiversion_;
     way.usesRuntimeLocks = callDeed_ == Deed::takesLock || callDeed_ == Deed::givesLock;
     way.unlocks = callDeed_ == Deed::givesLock;
     if (!isSound_ || (entryFrame_ != 0 && !isEntrySeen_)) {
@@ -472,6 +483,8 @@ class Walk {
   bool isSound_ = true;      // the frames from the call outward
   bool isBehindRuntime_ = false;
   bool isAmidJump_ = false;
+  bool sawDiversion_ = false;
+  bool isBehindDiversion_ = false;
 };
 
 _Unwind_Reason_Code visit(_Unwind_Context* context, void* walk) noexcept {

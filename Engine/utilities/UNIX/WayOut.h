@@ -34,6 +34,10 @@ struct WayOut {
   bool unlocks = false;
   /// At a return: where the call's return address lies.
   std::uintptr_t* returnAddress = nullptr;
+  /// Whether all frames could be looked at, and one of them was that of a diverted call. Set for
+  /// every kind.
+  bool sawAll = false;
+  bool sawDiversion = false;
   /// Tells calls of the innermost function with something to destroy apart; 0: there is none.
   /// Set for every kind.
   std::uintptr_t anchor = 0;
