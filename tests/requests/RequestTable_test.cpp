@@ -135,7 +135,7 @@ unsigned roundsWanted() {
 #if defined(__SANITIZE_ADDRESS__)
 // A thread that ends takes with it what a call was about to hand over, or what it was throwing.
 extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
-  return "leak:StdThreadRunFF\n";
+  return "leak:StdThreadRunFF\nleak:std::string::_Rep::_S_create\n";
 }
 #endif
 
