@@ -104,14 +104,6 @@ bool keepsByteOrder(const char* codePage) {
   return std::strcmp(codePage, "UTF-16") == 0 || std::strcmp(codePage, "UTF-32") == 0;
 }
 
-// How much further than its text a conversion that runs out of room may have gone, to come back
-// to the first shift state.
-size_t longestShiftBack(std::string_view codePage) {
-  const bool hasShifts =
-      codePage == "UTF-7" || codePage == "IBM939" || codePage.starts_with("ISO-2022");
-  return hasShifts ? 3 : 0;
-}
-
 void checkAreas(const std::string& text, const char* to, const char* from, size_t room) {
   const IconvDescriptor descriptor(to, from);
   const IconvDescriptor other(to, from);
@@ -127,8 +119,7 @@ void checkAreas(const std::string& text, const char* to, const char* from, size_
     FUZZ_CHECK(converted(descriptor.get(), bytes, enough) == all);
   }
   const std::string part = converted(third.get(), bytes, room);
-  const auto parting = std::mismatch(part.begin(), part.end(), all.begin(), all.end()).first;
-  FUZZ_CHECK(static_cast<size_t>(part.end() - parting) <= longestShiftBack(to));
+  FUZZ_CHECK(all.starts_with(part));
   if (std::strcmp(to, "UTF-8") == 0) {
     FUZZ_CHECK(UnicodeUtilities::isValid(all.data(), static_cast<unsigned>(all.size())));
     FUZZ_CHECK(UnicodeUtilities::isValid(part.data(), static_cast<unsigned>(part.size())));

@@ -39,8 +39,6 @@ size_t iconvDebug(iconv_t descriptor, const char* input, size_t inputLength, cha
       ++in;
       --inputLength;
     }
-    // Some code pages hold the last character back until they know what follows it.
-    iconv(descriptor, nullptr, nullptr, &out, &room);
   }
   *out = 0;
   return static_cast<size_t>(out - output);

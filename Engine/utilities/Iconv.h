@@ -14,10 +14,12 @@
 /// serialises them and never gives up on what cannot be converted. Any thread. Nothing
 /// throws, but for a failed allocation.
 
-/// Converts all of `input`, from the descriptor's initial shift state on and, when there is
-/// room, back to it: a last character that iconv holds back is not lost. Where iconv stops,
-/// a "?" is put out and one input byte, no more, is skipped; when the output area is full
-/// the rest of the input is dropped. Keeps `errno`.
+/// Converts all of `input`, from the descriptor's initial shift state on. Where iconv stops, a
+/// "?" is put out and one input byte, no more, is skipped; when the output area is full the
+/// rest of the input is dropped. When the input is used up nothing more is written but the
+/// final zero: no way back to the initial shift state ("ESC ( B", a shift-in), and no last
+/// character that iconv holds back because what follows might have changed it (an "a" in
+/// CP1258, which an accent could follow). Keeps `errno`.
 /// \param descriptor  an open one, as IconvDescriptor holds it.
 /// \param input       not changed, may be null when there are no bytes.
 /// \param inputLength in bytes.

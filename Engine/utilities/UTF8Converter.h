@@ -10,7 +10,8 @@
 /// The native code page is the one that the environment variable "QVX_DBG_CODEPAGE" names
 /// or, when that is unset, empty, unknown to iconv or longer than 256 bytes, the one of the
 /// locale that the environment chooses. It is fixed by the first conversion. Without a usable
-/// converter only ASCII survives. Nothing is reported: what cannot be converted becomes "?".
+/// converter only ASCII survives. Nothing is reported: what cannot be converted becomes "?",
+/// and what iconvDebug() does not write at the end of a text is missing there.
 ///
 /// First use belongs on the main thread before a second thread exists; afterwards any
 /// thread may convert. Nothing throws, but for a failed allocation.

@@ -353,10 +353,11 @@ TEST(UTF8Converter, EndsItsResultsAtTheFirstZeroByte) {
 }
 
 CUL_CHILD(OutputLimitIsTheInputLength) {
-  // Three bytes of UTF-8, six with the two changes of the character set.
+  // Three bytes of UTF-8, five with the change of the character set.
   EXPECT_LE(out("\u65e5").size(), 3U);
-  // Eighteen bytes there, and 12 + 6 here.
-  EXPECT_EQ(out("\u65e5\u65e5\u65e5\u65e5\u65e5\u65e5"), "\x1B$BF|F|F|F|F|F|\x1B(B");
+  // Six bytes there, which leave none for the second character here.
+  EXPECT_EQ(out("\u65e5\u65e5"), "\x1B$BF|");
+  EXPECT_EQ(out("\u65e5\u65e5\u65e5"), "\x1B$BF|F|F|");
   EXPECT_EQ(out("plain"), "plain");
   EXPECT_EQ(in("\x1B$BF|\x1B(Bz"), "\u65e5z");
 }
@@ -376,15 +377,15 @@ TEST(UTF8Converter, GivesNoMoreThanSixBytesOfUtf8ForEachNativeByte) {
   expectSuccess("OutputLimitIsSixBytesForOne", {{"QVX_DBG_CODEPAGE", "TSCII"}});
 }
 
-CUL_CHILD(LastCharacterIsNotLost) {
-  // It could take an accent that follows.
-  EXPECT_EQ(in("a"), "a");
-  EXPECT_EQ(in("za"), "za");
+CUL_CHILD(LastCharacterIsLost) {
+  EXPECT_EQ(in("a"), "");
+  EXPECT_EQ(in("1a"), "1");
+  EXPECT_EQ(in("a1"), "a1");
   EXPECT_EQ(in("a\xEC"), "\u00e1");
 }
 
-TEST(UTF8Converter, ConvertsALastCharacterThatCouldTakeAnAccent) {
-  expectSuccess("LastCharacterIsNotLost", {{"QVX_DBG_CODEPAGE", "CP1258"}});
+TEST(UTF8Converter, DropsALastCharacterThatCouldTakeAnAccent) {
+  expectSuccess("LastCharacterIsLost", {{"QVX_DBG_CODEPAGE", "CP1258"}});
 }
 
 CUL_CHILD(ManyThreadsConvert) {
@@ -502,23 +503,34 @@ TEST(iconvDebug, StartsEachConversionFromTheInitialShiftState) {
   EXPECT_EQ(debug(fromJapanese, "\x1B$BF|", 100), "\u65e5");  // left in the other state
   EXPECT_EQ(debug(fromJapanese, "F|", 100), "F|");
   const IconvDescriptor toJapanese("ISO-2022-JP", "UTF-8");
-  EXPECT_EQ(debug(toJapanese, "\u65e5", 6), "\x1B$BF|");  // no room to shift back
-  EXPECT_EQ(debug(toJapanese, "\u65e5", 100), "\x1B$BF|\x1B(B");
+  EXPECT_EQ(debug(toJapanese, "\u65e5", 100), "\x1B$BF|");
   EXPECT_EQ(debug(toJapanese, "F|", 100), "F|");
-  const IconvDescriptor toUtf7("UTF-7", "UTF-8");
-  EXPECT_EQ(debug(toUtf7, "\u65e5z", 6), "+ZeU-");  // room to shift back, none for the rest
 }
 
-TEST(iconvDebug, GivesACharacterThatIconvHoldsBack) {
+TEST(iconvDebug, DoesNotGoBackToTheInitialShiftState) {
+  const IconvDescriptor japanese("ISO-2022-JP", "UTF-8");
+  EXPECT_EQ(debug(japanese, "\u65e5", 6), "\x1B$BF|");
+  EXPECT_EQ(debug(japanese, "\u65e5", 100), "\x1B$BF|");
+  EXPECT_EQ(debug(japanese, "\u65e5z", 100), "\x1B$BF|\x1B(Bz");
+  const IconvDescriptor host("IBM939", "UTF-8");
+  EXPECT_EQ(debug(host, "\u65e5", 100), "\x0E\x45\x62");
+  EXPECT_EQ(debug(host, "\u65e5a", 100), "\x0E\x45\x62\x0F\x81");
+  const IconvDescriptor utf7("UTF-7", "UTF-8");
+  EXPECT_EQ(debug(utf7, "\u65e5", 100), "+Ze") << "the last bits and the sign of the end";
+  EXPECT_EQ(debug(utf7, "\u65e5z", 100), "+ZeU-z");
+}
+
+TEST(iconvDebug, DropsALastCharacterThatIconvHoldsBack) {
   // Together with an accent that follows it could be one character.
   const IconvDescriptor vietnamese("UTF-8", "CP1258");
-  EXPECT_EQ(debug(vietnamese, "a", 100), "a");
+  EXPECT_EQ(debug(vietnamese, "1a", 100), "1");
+  EXPECT_EQ(debug(vietnamese, "1", 100), "1") << "nor is it there the next time";
+  EXPECT_EQ(debug(vietnamese, "a1", 100), "a1");
   EXPECT_EQ(debug(vietnamese, "a\xEC", 100), "\u00e1");
   const IconvDescriptor chinese("BIG5-HKSCS", "UTF-8");
-  EXPECT_EQ(debug(chinese, "\u00ca", 100), "\x88\x66");
+  EXPECT_EQ(debug(chinese, "\u00ca", 100), "");
+  EXPECT_EQ(debug(chinese, "\u00caz", 100), "\x88\x66z");
   EXPECT_EQ(debug(chinese, "\u00ca\u0304", 100), "\x88\x62");
-  EXPECT_EQ(debug(chinese, "\u00ca", 3), "\x88\x66");
-  EXPECT_EQ(debug(chinese, "\u00ca", 2), "");
 }
 
 TEST(iconvDebug, PutsOnlyQuestionMarksForAnInvalidDescriptor) {
