@@ -150,8 +150,13 @@ bool FileName::is_valid_path(const EncodedString& path) {
 }
 
 List<EncodedString*> FileName::parsePaths(const EncodedString& paths) {
-  List<EncodedString*> result;
   std::string_view list = viewOf(paths);
+  unsigned count = 0;
+  for (; !nextPathEntry(list).empty(); ++count) {
+  }
+  // A list that has room from the start is not copied while it grows.
+  List<EncodedString*> result(count);
+  list = viewOf(paths);
   for (auto entry = nextPathEntry(list); !entry.empty(); entry = nextPathEntry(list)) {
     auto text = std::make_unique<EncodedString>(textOf(entry));
     result.add(text.get());
@@ -285,11 +290,13 @@ FileName FileName::findFile(const FileName& name, const EncodedString& searchPat
     found.rationalizePath(current);
     return found;
   }
-  std::string_view list = viewOf(searchPath);
-  for (EncodedString folder = current; folder.length() != 0; folder = textOf(nextPathEntry(list))) {
+  // Deliberately one list: a working directory with a ":" in its name is split as well.
+  const std::string folders = std::string(viewOf(current)).append(":").append(viewOf(searchPath));
+  std::string_view list = folders;
+  for (auto folder = nextPathEntry(list); !folder.empty(); folder = nextPathEntry(list)) {
     // Each from the name anew: a candidate that is too long cannot be changed any more.
     FileName candidate = name;
-    candidate.change_path(folder);
+    candidate.change_path(textOf(folder));
     if (candidate.isAccessible(executable)) {
       candidate.rationalizePath(current);
       return candidate;

@@ -132,9 +132,11 @@ class CUL_EXPORT FileName : public EncodedString {
   [[nodiscard]] EncodedString commonPathSuffix(const FileName& other) const;
 
   /// Finds a file. A name with a folder part is taken from the working directory and is not
-  /// searched for; any other is looked for in the working directory and then in the entries
-  /// of `searchPath`. A member is put aside for the search and stays on the result; the
-  /// archive that holds it needs not be executable.
+  /// searched for; any other is looked for in the entries of one list: the working directory,
+  /// ":" and `searchPath`. A working directory with a ":" in its name is therefore two entries
+  /// or more, and what follows that ":" is a folder below the working directory. A member is
+  /// put aside for the search and stays on the result; the archive that holds it needs not be
+  /// executable.
   /// \param name       what to look for, as above.
   /// \param searchPath folders separated by ":".
   /// \param executable see isAccessible().

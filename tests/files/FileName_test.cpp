@@ -381,6 +381,21 @@ TEST(FileName, ParsePathsSkipsEmptyEntries) {
   EXPECT_THAT(entries(":::"), IsEmpty());
 }
 
+TEST(FileName, MakesRoomForAllEntriesOfASearchListAtOnce) {
+  std::string list;
+  for (unsigned i = 0; i < 20001; ++i) {
+    list += ":/entry::" + std::to_string(i);
+  }
+  const List<EncodedString*> parsed = FileName::parsePaths(encoded(list));
+  EXPECT_EQ(parsed.count(), 40002U);
+  EXPECT_EQ(parsed.capacity(), 40002U);
+  for (unsigned i = 0; i < parsed.count(); ++i) {
+    const std::unique_ptr<EncodedString> entry(parsed[i]);
+    EXPECT_EQ(text(*entry), i % 2 == 0 ? "/entry" : std::to_string(i / 2));
+  }
+  EXPECT_EQ(FileName::parsePaths(encoded("::")).capacity(), 0U);
+}
+
 TEST(FileName, GenericLibraryNameCutsOneNumberBehindSo) {
   const auto generic = [](const std::string& n) { return text(name(n).genericLibraryName()); };
   EXPECT_EQ(generic("/lib/libq.so.6"), "libq.so");
@@ -681,6 +696,31 @@ CUL_CHILD(FindFileWithAFolder) {
   EXPECT_EQ(find(top + "/two/tool", "", true), top + "/two/tool");
   EXPECT_EQ(find("sub/none", top, false), "");
   EXPECT_EQ(find("one/tool", top, false), "");
+}
+
+CUL_CHILD(FindFileFromAFolderWithAColon) {
+  const std::string top = childArguments().at(0);
+  std::filesystem::create_directories(top + "/one:../two/below");
+  std::filesystem::create_directories(top + "/one:two/two");
+  for (const char* file : {"/one:two/mine", "/one:two/here", "/one:two/two/lower",
+                           "/one:two/two/here", "/one:../mine", "/one:../two/below/deep"}) {
+    writeFile(top + file, "x");
+  }
+  ASSERT_EQ(chdir((top + "/one:two").c_str()), 0);
+  EXPECT_EQ(find("mine", "", false), "") << "the working directory itself is no entry";
+  EXPECT_EQ(find("here", "", false), top + "/one/here") << "in front of the first colon";
+  EXPECT_EQ(find("lower", "", false), top + "/one:two/two/lower") << "behind it";
+  EXPECT_EQ(find("lib.a", top + "/two", false), top + "/two/lib.a");
+  EXPECT_EQ(find("./mine", "", false), top + "/one:two/./mine");
+  ASSERT_EQ(chdir((top + "/one:../two").c_str()), 0);
+  EXPECT_EQ(find("mine", "", false), "");
+  ASSERT_EQ(chdir((top + "/one:..").c_str()), 0);
+  EXPECT_EQ(find("tool", top + "/none", false), top + "/one/tool");
+  EXPECT_EQ(find("mine", ".", false), top + "/one:.././mine");
+}
+
+TEST(FindFile, SplitsAWorkingDirectoryWithAColonInItsName) {
+  SearchFolder().run("FindFileFromAFolderWithAColon");
 }
 
 TEST(FindFile, DoesNotSearchForANameWithAFolder) { SearchFolder().run("FindFileWithAFolder"); }
