@@ -5,9 +5,11 @@
 #include <array>
 #include <cctype>
 #include <cstdint>
+#include <cstdio>
 #include <deque>
 #include <memory>
 #include <optional>
+#include <type_traits>
 #include <vector>
 
 #include "Engine/utilities/DebuggerBooleanSetting.h"
@@ -74,23 +76,14 @@ std::string keyword(std::string text) {
   return stripped(text, " ");
 }
 
-// What a whole number in the range of `minimum` to `maximum` is, digit by digit.
-std::optional<std::int64_t> wholeNumber(std::string text, std::int64_t minimum,
-                                        std::int64_t maximum) {
-  text = stripped(text, " \t\n\r");
-  text.erase(0, std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
-  const bool isNegative = text.starts_with('-');
-  text.erase(0, isNegative || text.starts_with('+') ? 1 : 0);
-  if (text.empty() || text.find_first_not_of("0123456789") != std::string::npos) {
-    return std::nullopt;
-  }
-  constexpr std::int64_t enough = std::int64_t{1} << 40;
-  std::int64_t number = 0;
-  for (const char digit : text) {
-    number = std::min(number * 10 + (digit - '0'), enough);
-  }
-  number = isNegative ? -number : number;
-  return number < minimum || number > maximum ? std::nullopt : std::optional(number);
+// What `sscanf` makes of a text, when it lies from `minimum` to `maximum`.
+template <class Number>
+std::optional<Number> numberWithin(const std::string& text, Number minimum, Number maximum) {
+  Number number = 0;
+  char behind = 0;
+  const char* const format = std::is_signed_v<Number> ? "%d%c" : "%u%c";
+  const bool isNumber = std::sscanf(text.c_str(), format, &number, &behind) == 1;
+  return isNumber && number >= minimum && number <= maximum ? std::optional(number) : std::nullopt;
 }
 
 // Gives a value and checks what holds for every kind.
@@ -128,16 +121,18 @@ void checkText(DebuggerStringSetting& setting, const std::string& text, unsigned
   checkReadsBack(setting);
 }
 
-void checkNumber(DebuggerSetting& setting, const std::string& text, std::int64_t minimum,
-                 std::int64_t maximum) {
-  const std::optional<std::int64_t> expected = wholeNumber(text, minimum, maximum);
+template <class Number>
+void checkNumber(DebuggerSetting& setting, const std::string& text, Number minimum,
+                 Number maximum) {
+  const std::string given = stripped(text, " \t\n\r");
+  const std::optional<Number> expected = numberWithin(given, minimum, maximum);
   FUZZ_CHECK(offer(setting, text) == expected.has_value());
   FUZZ_CHECK(bytesOf(setting.getPermittedValues()) ==
              std::to_string(minimum) + " - " + std::to_string(maximum));
   if (expected) {
     FUZZ_CHECK(setting.asNumericSetting()->getValueAsUnsigned() ==
                static_cast<unsigned>(*expected));
-    FUZZ_CHECK(bytesOf(setting.getValue()) == stripped(text, " \t\n\r"));
+    FUZZ_CHECK(bytesOf(setting.getValue()) == given);
     checkReadsBack(setting);
   }
 }
@@ -301,7 +296,8 @@ void checkRegistered(DebuggerSetting& setting, const std::string& text) {
     checkText(*string, text, 0, longest);
   } else if (setting.asUnsignedSetting() != nullptr) {
     const std::string range = bytesOf(setting.getPermittedValues());
-    checkNumber(setting, text, std::stol(range), std::stol(range.substr(range.find('-') + 1)));
+    checkNumber(setting, text, static_cast<unsigned>(std::stoul(range)),
+                static_cast<unsigned>(std::stoul(range.substr(range.find('-') + 1))));
   } else if (DebuggerBooleanSetting* const boolean = setting.asBooleanSetting();
              boolean != nullptr) {
     checkBoolean(*boolean, text);

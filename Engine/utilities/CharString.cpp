@@ -6,12 +6,12 @@
 #include <cstring>
 #include <cwchar>
 #include <limits>
-#include <type_traits>
 #include <utility>
 
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/ElementSet.h"
+#include "Engine/utilities/ReadNumber.h"
 #include "Engine/utilities/UnicodeUtilities.h"
 
 namespace {
@@ -280,29 +280,10 @@ CharString CharString::makeToken(const wchar_t* specials) const {
 
 CharString CharString::makeToken() const { return makeToken(L" \"'\\*?<>|"); }
 
-// The steps by which sscanf reads a number and then finds nothing for "%c".
-template <class Integer>
-bool CharString::readNumber(Integer& value) const {
-  const EncodedString text(*this);
-  const char* const start = text;
-  char* end = nullptr;
-  Integer number = 0;
-  if constexpr (std::is_signed_v<Integer>) {
-    number = static_cast<Integer>(std::strtol(start, &end, 10));
-  } else {
-    number = static_cast<Integer>(std::strtoul(start, &end, 10));
-  }
-  if (end == start) {
-    return false;
-  }
-  value = number;
-  return *end == 0;
-}
-
-bool CharString::asValue(int& value) const { return readNumber(value); }
-bool CharString::asValue(unsigned int& value) const { return readNumber(value); }
-bool CharString::asValue(long& value) const { return readNumber(value); }
-bool CharString::asValue(unsigned long& value) const { return readNumber(value); }
+bool CharString::asValue(int& value) const { return readNumber(encoded(), value); }
+bool CharString::asValue(unsigned int& value) const { return readNumber(encoded(), value); }
+bool CharString::asValue(long& value) const { return readNumber(encoded(), value); }
+bool CharString::asValue(unsigned long& value) const { return readNumber(encoded(), value); }
 
 namespace {
 

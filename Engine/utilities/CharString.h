@@ -167,6 +167,4 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
 
  private:
   void shortenTo(unsigned n) noexcept;
-  template <class Integer>
-  bool readNumber(Integer& value) const;
 };

@@ -17,5 +17,11 @@ EncodedString DebuggerIntegerSetting::getPermittedValues() const {
 DebuggerIntegerSetting* DebuggerIntegerSetting::asIntegerSetting() { return this; }
 
 bool DebuggerIntegerSetting::setValue(const EncodedString& text) {
-  return takeNumber(text, minimum_, maximum_);
+  const EncodedString stripped = withoutWhiteSpace(text);
+  const auto number = numberWithin(stripped, minimum_, maximum_);
+  if (!number) {
+    return false;
+  }
+  store(stripped, static_cast<unsigned>(*number));
+  return true;
 }

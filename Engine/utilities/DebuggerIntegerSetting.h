@@ -7,8 +7,9 @@
 ///
 /// The number is read as `sscanf` reads "%d%c", where only the number may be found: a sign
 /// may stand in front ("+5"), nothing behind ("5x", "0x10", "1 2"). White space around it
-/// does not count; what remains is kept as the value, leading zeros and sign included. A
-/// number that does not fit the type is refused as out of range, it never wraps.
+/// does not count; what remains is kept as the value, leading zeros and sign included. The
+/// range is asked of the number that was read, and one of more than 32 bits loses the others,
+/// as everywhere in the C library: "4294967297" is 1.
 class CUL_EXPORT DebuggerIntegerSetting : public DebuggerNumericSetting {
  public:
   /// \param name,control,group,identifier as for DebuggerSetting.

@@ -1,10 +1,5 @@
 #include "Engine/utilities/DebuggerNumericSetting.h"
 
-#include <optional>
-
-#include "Engine/utilities/SettingTexts.h"
-#include "Engine/utilities/Texts.h"
-
 DebuggerNumericSetting::DebuggerNumericSetting(const EncodedString& name, SettingControl control,
                                                int group, int identifier, SettingType type)
     : DebuggerSetting(name, control, group, identifier, type) {}
@@ -18,18 +13,6 @@ unsigned DebuggerNumericSetting::getValueAsUnsigned() const {
 int DebuggerNumericSetting::getValueAsInt() const { return static_cast<int>(getValueAsUnsigned()); }
 
 bool DebuggerNumericSetting::getValueAsBool() const { return getValueAsUnsigned() != 0; }
-
-bool DebuggerNumericSetting::takeNumber(const EncodedString& text, long long minimum,
-                                        long long maximum) {
-  EncodedString stripped(text);
-  stripped.stripWhiteSpace();
-  const std::optional<long long> number = wholeNumber(viewOf(stripped));
-  if (!number || *number < minimum || *number > maximum) {
-    return false;
-  }
-  store(stripped, static_cast<unsigned>(*number));
-  return true;
-}
 
 void DebuggerNumericSetting::store(const EncodedString& canonical, unsigned number) {
   DebuggerSetting::store(canonical);

@@ -21,11 +21,6 @@ class CUL_EXPORT DebuggerNumericSetting : public DebuggerSetting {
   DebuggerNumericSetting(const EncodedString& name, SettingControl control, int group,
                          int identifier, SettingType type);
 
-  /// Takes over a text that is a whole number from `minimum` to `maximum`, with white space
-  /// around it; the value is the text without that.
-  /// \return false for any other text, with nothing changed.
-  bool takeNumber(const EncodedString& text, long long minimum, long long maximum);
-
   /// Stores an accepted value and its number.
   void store(const EncodedString& canonical, unsigned number);
 

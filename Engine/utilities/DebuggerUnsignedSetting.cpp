@@ -18,5 +18,11 @@ EncodedString DebuggerUnsignedSetting::getPermittedValues() const {
 DebuggerUnsignedSetting* DebuggerUnsignedSetting::asUnsignedSetting() { return this; }
 
 bool DebuggerUnsignedSetting::setValue(const EncodedString& text) {
-  return takeNumber(text, minimum_, maximum_);
+  const EncodedString stripped = withoutWhiteSpace(text);
+  const auto number = numberWithin(stripped, minimum_, maximum_);
+  if (!number) {
+    return false;
+  }
+  store(stripped, *number);
+  return true;
 }

@@ -5,8 +5,9 @@
 
 /// A setting whose value is a decimal number of 0 or more within a range.
 ///
-/// It is read as that of a DebuggerIntegerSetting. A negative number is below every
-/// minimum: it is refused, where `sscanf` with "%u" would make a great one of it.
+/// It is read as that of a DebuggerIntegerSetting, but with "%u%c", which takes a sign and
+/// makes a great number of a negative one: "-1" is 4294967295, permitted where the maximum is
+/// that, and "-4294967295" is 1. The value remains the text as it was given.
 class CUL_EXPORT DebuggerUnsignedSetting : public DebuggerNumericSetting {
  public:
   /// \param name,control,group,identifier as for DebuggerSetting.

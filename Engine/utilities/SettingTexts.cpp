@@ -1,10 +1,20 @@
 #include "Engine/utilities/SettingTexts.h"
 
 #include <algorithm>
-#include <charconv>
-#include <system_error>
 
 #include "Engine/utilities/ASCII.h"
+#include "Engine/utilities/ReadNumber.h"
+
+namespace {
+
+template <class Number>
+std::optional<Number> readWithin(const EncodedString& text, Number minimum, Number maximum) {
+  Number number = 0;
+  const bool isWithin = readNumber(text, number) && number >= minimum && number <= maximum;
+  return isWithin ? std::optional(number) : std::nullopt;
+}
+
+}  // namespace
 
 std::string_view withoutBlanks(std::string_view text) noexcept {
   text.remove_prefix(std::min(text.find_first_not_of(' '), text.size()));
@@ -19,22 +29,18 @@ std::string keywordOf(std::string_view text) {
   return word;
 }
 
-std::optional<long long> wholeNumber(std::string_view text) noexcept {
-  constexpr std::string_view whiteSpace = " \t\n\v\f\r";
-  text.remove_prefix(std::min(text.find_first_not_of(whiteSpace), text.size()));
-  if (text.starts_with('+')) {
-    text.remove_prefix(1);
-    if (text.starts_with('-')) {
-      return std::nullopt;
-    }
-  }
-  long long number = 0;
-  const char* const end = text.data() + text.size();
-  const auto [behind, error] = std::from_chars(text.data(), end, number);
-  if (error != std::errc() || behind != end) {
-    return std::nullopt;
-  }
-  return number;
+std::optional<int> numberWithin(const EncodedString& text, int minimum, int maximum) {
+  return readWithin(text, minimum, maximum);
+}
+
+std::optional<unsigned> numberWithin(const EncodedString& text, unsigned minimum,
+                                     unsigned maximum) {
+  return readWithin(text, minimum, maximum);
+}
+
+EncodedString withoutWhiteSpace(EncodedString text) {
+  text.stripWhiteSpace();
+  return text;
 }
 
 EncodedString rangeText(const EncodedString& minimum, const EncodedString& maximum) {

@@ -17,10 +17,17 @@
 /// The text with the letters of ASCII in upper case and without the blanks at both ends.
 [[nodiscard]] std::string keywordOf(std::string_view text);
 
-/// The number that `sscanf` finds with "%d%c" when it finds nothing behind it: white space
-/// and a sign may stand in front of the digits. Nothing when the text is anything else, or
-/// its number has more than 64 bits.
-[[nodiscard]] std::optional<long long> wholeNumber(std::string_view text) noexcept;
+/// The number that `sscanf` reads from a text with "%d%c" for `int` and "%u%c" for `unsigned`,
+/// see readNumber(), when it lies from `minimum` to `maximum`. Nothing when there is no
+/// number, something behind it, or the number lies elsewhere.
+/// @{
+[[nodiscard]] std::optional<int> numberWithin(const EncodedString& text, int minimum, int maximum);
+[[nodiscard]] std::optional<unsigned> numberWithin(const EncodedString& text, unsigned minimum,
+                                                   unsigned maximum);
+/// @}
+
+/// The text without the white space at both ends.
+[[nodiscard]] EncodedString withoutWhiteSpace(EncodedString text);
 
 /// As in "1 - 8".
 [[nodiscard]] EncodedString rangeText(const EncodedString& minimum, const EncodedString& maximum);

@@ -38,25 +38,26 @@ TEST(DebuggerIntegerSetting, TakesNegativeNumbers) {
   EXPECT_EQ(valueOf(setting), "-2");
 }
 
-TEST(DebuggerIntegerSetting, TakesTheWholeRangeOfTheTypeAndNothingBeyond) {
+TEST(DebuggerIntegerSetting, TakesTheWholeRangeOfTheType) {
   DebuggerIntegerSetting setting = integer(INT_MIN, INT_MAX);
   EXPECT_TRUE(set(setting, "-2147483648"));
   EXPECT_EQ(setting.getValueAsInt(), INT_MIN);
   EXPECT_TRUE(set(setting, "2147483647"));
   EXPECT_EQ(setting.getValueAsInt(), INT_MAX);
-  for (const char* text :
-       {"2147483648", "-2147483649", "4294967296", "4294967297", "99999999999",
-        "9223372036854775807", "9223372036854775808", "18446744073709551616",
-        "18446744073709551617", "-9223372036854775809", "99999999999999999999999999"}) {
-    EXPECT_FALSE(set(setting, text)) << text;
-  }
-  EXPECT_FALSE(set(setting, repeated("9", 100000)));
-  EXPECT_EQ(setting.getValueAsInt(), INT_MAX);
 }
 
-// Whatever the C library reads with nothing behind it is taken, but for what wraps.
+TEST(DebuggerIntegerSetting, TakesTheLow32BitsOfAGreaterNumber) {
+  DebuggerIntegerSetting setting = integer(1, 8);
+  EXPECT_EQ(afterOffer(setting, "4294967296"), "refused  0");
+  EXPECT_EQ(afterOffer(setting, "4294967297"), "taken 4294967297 1");
+  EXPECT_EQ(afterOffer(setting, "-4294967290"), "taken -4294967290 6");
+  DebuggerIntegerSetting negative = integer(-1, -1);
+  EXPECT_TRUE(set(negative, repeated("9", 100000))) << "the greatest of 64 bits";
+}
+
+// Whatever the C library reads with nothing behind it is taken.
 TEST(DebuggerIntegerSetting, ReadsAsTheCLibraryDoes) {
-  DebuggerIntegerSetting setting = integer(-1000, 1000);
+  DebuggerIntegerSetting setting = integer(INT_MIN, INT_MAX);
   for (const char* text : {"5",
                            "+5",
                            "-5",
@@ -88,6 +89,17 @@ TEST(DebuggerIntegerSetting, ReadsAsTheCLibraryDoes) {
                            "５",
                            "5u",
                            "nan",
+                           "2147483648",
+                           "-2147483649",
+                           "4294967296",
+                           "4294967301",
+                           "-4294967301",
+                           "99999999999",
+                           "9223372036854775807",
+                           "9223372036854775808",
+                           "-9223372036854775809",
+                           "18446744073709551617",
+                           "99999999999999999999999999",
                            "\xC2\xA0"
                            "5",
                            "5\xC2\xA0"}) {
@@ -107,10 +119,19 @@ TEST(DebuggerIntegerSetting, StripsWhiteSpaceAndKeepsTheRestAsGiven) {
   EXPECT_EQ(afterOffer(setting, "   "), "refused +007 7");
 }
 
-TEST(DebuggerIntegerSetting, RefusesAZeroByteBehindTheNumber) {
+TEST(DebuggerIntegerSetting, ReadsUpToTheFirstZeroByte) {
   DebuggerIntegerSetting setting = integer(0, 100);
-  EXPECT_FALSE(set(setting, std::string("5\0", 2)));
-  EXPECT_FALSE(set(setting, std::string("5\0x", 3)));
+  EXPECT_TRUE(set(setting, std::string("5\0x", 3)));
+  EXPECT_EQ(valueOf(setting), std::string("5\0x", 3));
+  EXPECT_EQ(setting.getValueAsInt(), 5);
+  EXPECT_FALSE(set(setting, std::string("\0"
+                                        "6",
+                                        2)));
+}
+
+TEST(DebuggerIntegerSetting, RefusesAnOverlongFormOfADigit) {
+  DebuggerIntegerSetting setting = integer(0, 100);
+  EXPECT_FALSE(set(setting, "\xC0\xB5"));
 }
 
 TEST(DebuggerIntegerSetting, TakesItsDefault) {

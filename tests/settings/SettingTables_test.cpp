@@ -288,7 +288,8 @@ TEST(SettingTables, AreWorkedOffInTheirOrder) { expectGood(runChild("SettingTabl
 // The first argument is the text that every variable holds.
 CUL_CHILD(SettingTablesWithNumbers) {
   const std::string& text = childArguments()[0];
-  const unsigned long number = std::stoul(text);
+  // A sign and what is too great count as in the C library.
+  const auto number = static_cast<unsigned>(std::stoul(text));
   for (const ExpectedSetting& expected : expectedSettings) {
     if (expected.kind != Kind::number) {
       continue;
@@ -308,8 +309,10 @@ CUL_CHILD(SettingTablesWithNumbers) {
 }
 
 TEST(SettingTables, TakeTheVariablesOfNumbersWithinTheBoundsOnly) {
-  for (const char* text : {"0", "1", "2", "5", "8", "9", "10", "11", "20", "21", "255", "256",
-                           "257", "30000", "30001", "65534", "65535", "65536", "4294967296"}) {
+  for (const char* text :
+       {"0",     "1",     "2",          "5",          "8",   "9",      "10",         "11",
+        "20",    "21",    "255",        "256",        "257", "30000",  "30001",      "65534",
+        "65535", "65536", "4294967295", "4294967306", "-1",  "-65536", "-4294967286"}) {
     ChildOptions options = allOf(Kind::number, text);
     options.arguments = {text};
     SCOPED_TRACE(text);
