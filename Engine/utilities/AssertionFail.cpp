@@ -1,11 +1,17 @@
 #include "Engine/utilities/AssertionFail.h"
 
-#include <cstdio>
 #include <string>
 
 #include "Engine/utilities/AssertionMode.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/StandardError.h"
+
+namespace {
+
+const char* orEmpty(const char* text) { return text == nullptr ? "" : text; }
+
+}  // namespace
 
 void AssertionFail(int condition, const char* file, const char* function, unsigned line,
                    const char* expression) {
@@ -13,12 +19,12 @@ void AssertionFail(int condition, const char* file, const char* function, unsign
     return;
   }
   const int mode = assertionMode();
-  const std::string place = std::string(file) + " - " + function;
+  const std::string place = std::string(orEmpty(file)) + " - " + orEmpty(function);
+  expression = orEmpty(expression);
   CUL_TRACE(TraceType::error, place.c_str(), line, "%s", expression);
   if ((mode & assertionPrints) != 0) {
-    // One call, so that the text stays whole among those of other threads.
-    std::fprintf(stderr, "\nAssertion failure - %s(%d): %s\n", place.c_str(),
-                 static_cast<int>(line), expression);
+    printError("\nAssertion failure - %s(%d): %s\n", place.c_str(), static_cast<int>(line),
+               expression);
   }
   if ((mode & assertionThrows) != 0) {
     StdException::throwException(place.c_str(), line, expression, -1);

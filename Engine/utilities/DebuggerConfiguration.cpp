@@ -1,12 +1,12 @@
 #include "Engine/utilities/DebuggerConfiguration.h"
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/SharedEntry.h"
+#include "Engine/utilities/UNIX/StandardError.h"
 
 namespace {
 
@@ -21,14 +21,14 @@ DebuggerConfiguration* load() {
   }
   DebuggerConfiguration* const configuration = reinterpret_cast<Entry>(entry)();
   if (configuration == nullptr) {
-    std::fputs("libwobnConfig.so: configInstance gives no configuration object\n", stderr);
+    printError("libwobnConfig.so: configInstance gives no configuration object\n");
     std::abort();
   }
   const char* const theirs = configuration->buildStamp();
   const char* const ours = productData().buildStamp;
   if (theirs == nullptr || std::string_view(theirs) != ours) {
-    std::fprintf(stderr, "libwobnConfig.so: its build stamp %s is not %s, that of the library\n",
-                 theirs == nullptr ? "(none)" : theirs, ours);
+    printError("libwobnConfig.so: its build stamp %s is not %s, that of the library\n",
+               theirs == nullptr ? "(none)" : theirs, ours);
     std::abort();
   }
   return configuration;

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/Texts.h"
+#include "Engine/utilities/UNIX/StandardError.h"
 
 namespace {
 
@@ -99,10 +99,9 @@ EncodedString resolveSymbolicLink(const EncodedString& path, unsigned int depth)
     const ssize_t length = readlink(current.c_str(), link, linkRoom);
     if (length < 0) {
       if (errno == EACCES) {
-        std::fprintf(stderr,
-                     "Access denied! The user running the debugger doesn't have permission to "
-                     "access %s\n",
-                     current.c_str());
+        printError(
+            "Access denied! The user running the debugger doesn't have permission to access %s\n",
+            current.c_str());
       }
       return result;
     }
@@ -123,7 +122,7 @@ EncodedString resolveSymbolicLink(const EncodedString& path) {
   try {
     return resolveSymbolicLink(path, usualDepth);
   } catch (const EncodedString&) {
-    std::fprintf(stderr, "Cannot resolve symbolic link %s\n", systemPath(path).c_str());
+    printError("Cannot resolve symbolic link %s\n", systemPath(path).c_str());
     std::exit(-1);
   }
 }

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/Child.h"
+#include "tests/support/DeadStandardError.h"
 #include "tests/support/EnvironmentGuard.h"
 #include "tests/support/LongFolder.h"
 #include "tests/support/OrdinaryUser.h"
@@ -346,6 +347,22 @@ void printResolved() {
 }
 
 }  // namespace
+
+CUL_CHILD(ResolveALongChainUnheard) {
+  loseReaderOfStandardError();
+  const EncodedString result = resolveSymbolicLink(encoded(childArguments().at(0)));
+  ADD_FAILURE() << text(result);
+}
+
+TEST(ResolveSymbolicLink, EndsTheProcessWithItsStatusWhenNobodyReadsWhy) {
+  const TemporaryFolder folder;
+  makeChain(folder, 11);
+  ChildOptions options;
+  options.arguments = {folder.file("1")};
+  const ChildResult r = runChild("ResolveALongChainUnheard", options);
+  EXPECT_EQ(r.status, 255);
+  EXPECT_EQ(r.out, "");
+}
 
 CUL_CHILD(ResolveWithoutPermission) {
   const OrdinaryUser user;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <filesystem>
 #include <string>
 
 #include <gmock/gmock.h>
@@ -10,7 +11,9 @@
 
 #include "tests/processes/AbortedProcess.h"
 #include "tests/support/Child.h"
+#include "tests/support/DeadStandardError.h"
 #include "tests/support/ProgramTree.h"
+#include "tests/support/TemporaryFolder.h"
 
 namespace {
 
@@ -122,6 +125,26 @@ TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleIsOfAnotherBuild) {
 
 TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleHasNoStamp) {
   expectAbort(runWithForeignModule({}), refusalOf("(none)"));
+}
+
+CUL_CHILD(ConfigurationUnheard) {
+  loseReaderOfStandardError();
+  static_cast<void>(DebuggerConfiguration::instance());
+}
+
+// A search path of the user's comes before the folder of the library.
+TEST(DebuggerConfiguration, TakesTheModuleOfTheSearchPathAndEndsWithItsStatusWhenNobodyReadsWhy) {
+  for (const char* module : {"/libconfiguration.so", "/libconfigurationWithoutAddress.so"}) {
+    const TemporaryFolder folder;
+    std::filesystem::copy_file(libraries + module, folder.file("libwobnConfig.so"));
+    for (const char* object : {"MODULE_HAS_NO_OBJECT", "MODULE_STAMP"}) {
+      const ChildResult r =
+          runChild("ConfigurationUnheard",
+                   abortingWith({.environment = {{"LD_LIBRARY_PATH", folder.path()},
+                                                 {object, stampOfTheLibrary() + "0"}}}));
+      EXPECT_EQ(r.status, aborted) << r.out;
+    }
+  }
 }
 
 TEST(DebuggerConfiguration, TakesAnyModuleWithTheStampOfTheLibraryAndKeepsItsObject) {

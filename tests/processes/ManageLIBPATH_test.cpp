@@ -16,6 +16,7 @@
 
 #include "tests/processes/AbortedProcess.h"
 #include "tests/support/Child.h"
+#include "tests/support/DeadStandardError.h"
 #include "tests/support/EnvironmentGuard.h"
 #include "tests/support/LongFolder.h"
 #include "tests/support/ProgramTree.h"
@@ -495,6 +496,15 @@ TEST(GetLibPath, EndsTheProcessWhenTheExecutableIsNotFound) {
     expectAbort(runChild("GetLibPathOfNothing", abortingWith(options)),
                 "No such file or directory\n");
   }
+}
+
+CUL_CHILD(GetLibPathUnheard) {
+  loseReaderOfStandardError();
+  std::free(ManageLIBPATH::getLibPath("no-such-tool"));
+}
+
+TEST(GetLibPath, EndsTheProcessWithItsStatusWhenNobodyReadsWhy) {
+  EXPECT_EQ(runChild("GetLibPathUnheard", abortingWith()).status, aborted);
 }
 
 // The sanitizers' allocators do not live with a limit.

@@ -10,6 +10,7 @@
 
 #include "tests/processes/AbortedProcess.h"
 #include "tests/support/Child.h"
+#include "tests/support/DeadStandardError.h"
 #include "tests/threads/ThreadSupport.h"
 
 namespace {
@@ -105,6 +106,18 @@ TEST(loadSharedEntry, ReportsALibraryThatCannotBeOpened) {
   const std::string text = openingError("/nowhere/libabsent.so") + "\n";
   const std::string longPath = std::string("lib").append(100000, 'n').append(".so");
   EXPECT_EQ(child.err, text + text + openingError(longPath.c_str()) + "\n");
+}
+
+CUL_CHILD(AbsentLibraryUnheard) {
+  loseReaderOfStandardError();
+  EXPECT_EQ(loadSharedEntry("/nowhere/libabsent.so", "entry", nullptr), nullptr);
+  const FullStandardError full;
+  EXPECT_EQ(loadSharedEntry("/nowhere/libabsent.so", "entry", nullptr), nullptr);
+}
+
+TEST(loadSharedEntry, GoesOnWhenNobodyReadsTheReport) {
+  const ChildResult child = runChild("AbsentLibraryUnheard");
+  EXPECT_EQ(child.status, 0) << child.out;
 }
 
 CUL_CHILD(AbsentEntry) {

@@ -1,10 +1,13 @@
 #include "Engine/utilities/AssertionFail.h"
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <dlfcn.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -16,6 +19,7 @@
 #include "Engine/utilities/UTF8Converter.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/DeadStandardError.h"
 #include "tests/trace/TraceOutput.h"
 
 using testing::ElementsAre;
@@ -133,6 +137,81 @@ TEST(AssertionFail, TakesPercentSignsAndLongTextsAsTheyAre) {
 CUL_CHILD(AssertionWithALongText) {
   const std::string text(5000, 'x');
   AssertionFail(0, ("%s" + text).c_str(), ("%d" + text).c_str(), 0, ("%n" + text).c_str());
+}
+
+CUL_CHILD(AssertionWithNullTexts) {
+  try {
+    AssertionFail(0, nullptr, nullptr, 7, nullptr);
+  } catch (const StdException& exception) {
+    std::printf("thrown");
+    EXPECT_EQ(textOf(exception.fileName), " - ");
+    EXPECT_EQ(textOf(exception.text), "");
+  }
+}
+
+TEST(AssertionFail, TakesNullTextsForEmptyOnes) {
+  const ChildResult r =
+      runChild("AssertionWithNullTexts", childWith({{"GDIA_ID", "root"},
+                                                    {"QVX_DBG_ASSERTION", "EXCEPTION,POPUP"},
+                                                    {"QVX_DBG_TRACE", ",ERROR"}}));
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.out, "thrown");
+  EXPECT_THAT(r.err, HasSubstr("\nAssertion failure -  - (7): \n"));
+  EXPECT_THAT(bodyOf(r.err), testing::Contains("**ERROR:  - (7): "));
+}
+
+CUL_CHILD(AssertionWithoutAReader) {
+  loseReaderOfStandardError();
+  errno = 4711;
+  AssertionFail(0, "Engine/a.cpp", "void f(int)", 12, "condition");
+  EXPECT_EQ(errno, 4711);
+  std::printf("still there");
+  std::fflush(stdout);
+  // The caller's own writes end him as before.
+  EXPECT_EQ(write(STDERR_FILENO, "x", 1), -1);
+}
+
+TEST(AssertionFail, DoesNotEndAProcessWhoseStandardErrorNobodyReads) {
+  const ChildResult r =
+      runChild("AssertionWithoutAReader", childWith({{"QVX_DBG_ASSERTION", "POPUP"}}));
+  EXPECT_EQ(r.out, "still there");
+  EXPECT_EQ(r.status, 128 + SIGPIPE);
+}
+
+CUL_CHILD(AssertionInAFullFile) {
+  const FullStandardError full;
+  AssertionFail(0, "Engine/a.cpp", "void f(int)", 12, "condition");
+}
+
+TEST(AssertionFail, DoesNotEndAProcessWhoseStandardErrorIsAFullFile) {
+  const ChildResult r =
+      runChild("AssertionInAFullFile", childWith({{"QVX_DBG_ASSERTION", "POPUP"}}));
+  EXPECT_EQ(r.status, 0) << r.out;
+}
+
+CUL_CHILD(AssertionWithASignalWaiting) {
+  loseReaderOfStandardError();
+  sigset_t brokenPipe;
+  sigemptyset(&brokenPipe);
+  sigaddset(&brokenPipe, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &brokenPipe, nullptr);
+  AssertionFail(0, "Engine/a.cpp", "void f(int)", 12, "condition");
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_EQ(sigismember(&pending, SIGPIPE), 0) << "not of the assertion's making";
+  raise(SIGPIPE);
+  AssertionFail(0, "Engine/a.cpp", "void f(int)", 12, "condition");
+  sigpending(&pending);
+  EXPECT_EQ(sigismember(&pending, SIGPIPE), 1) << "but the caller's stays";
+  sigset_t mask;
+  pthread_sigmask(SIG_BLOCK, nullptr, &mask);
+  EXPECT_EQ(sigismember(&mask, SIGPIPE), 1);
+}
+
+TEST(AssertionFail, LeavesASignalOfTheCallersWaiting) {
+  const ChildResult r =
+      runChild("AssertionWithASignalWaiting", childWith({{"QVX_DBG_ASSERTION", "POPUP"}}));
+  EXPECT_EQ(r.status, 0) << r.out;
 }
 
 TEST(AssertionMode, IsZeroWithoutTheVariable) {

@@ -2,16 +2,17 @@
 
 #include <cerrno>
 #include <cstddef>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "Engine/utilities/UNIX/StandardError.h"
 
 /// \file
 /// What a launcher program does when it cannot go on. Internal to the library.
 
 /// Prints the system's text for the error and a newline on standard error, and aborts.
 [[noreturn]] inline void failLaunch(int error) {
-  std::fprintf(stderr, "%s\n", std::strerror(error));
+  printError("%s\n", std::strerror(error));
   std::abort();
 }
 

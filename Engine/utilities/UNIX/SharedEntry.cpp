@@ -1,10 +1,10 @@
 #include "Engine/utilities/SharedEntry.h"
 
-#include <cstdio>
 #include <dlfcn.h>
 #include <string>
 
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/StandardError.h"
 
 namespace {
 
@@ -17,7 +17,7 @@ void* fail(const char* path, const char* entry, const char** error) {
                 " is there, but has no address";
     text = noAddress.c_str();
   }
-  std::fprintf(stderr, "%s\n", text);
+  printError("%s\n", text);
   if (error != nullptr) {
     *error = text;
   }
