@@ -1,24 +1,24 @@
 #include "Engine/utilities/HeapMemoryAllocator.h"
 
-#include <atomic>
 #include <new>
 
 namespace {
 
-constinit std::atomic<HeapMemoryAllocator*> theInstance = nullptr;
+// Constant-initialised, so that it takes no memory to have it, and never destroyed.
+constinit union Instance {
+  constexpr Instance() noexcept : allocator() {}
+  Instance(const Instance&) = delete;
+  Instance& operator=(const Instance&) = delete;
+  ~Instance() {}
+
+  HeapMemoryAllocator allocator;
+} theInstance;
 
 }  // namespace
 
 HeapMemoryAllocator::~HeapMemoryAllocator() = default;
 
-HeapMemoryAllocator* HeapMemoryAllocator::instance() {
-  HeapMemoryAllocator* allocator = theInstance.load(std::memory_order_acquire);
-  if (allocator == nullptr) [[unlikely]] {
-    allocator = new HeapMemoryAllocator;
-    theInstance.store(allocator, std::memory_order_release);
-  }
-  return allocator;
-}
+HeapMemoryAllocator* HeapMemoryAllocator::instance() { return &theInstance.allocator; }
 
 void* HeapMemoryAllocator::get(unsigned int size) { return ::operator new(size); }
 

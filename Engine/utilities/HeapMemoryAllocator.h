@@ -12,8 +12,8 @@ class CUL_EXPORT HeapMemoryAllocator final : public MemoryAllocator {
   HeapMemoryAllocator() = default;
   ~HeapMemoryAllocator() override;
 
-  /// The process's one instance, made by the first call and never destroyed. Works from
-  /// static constructors and after exit.
+  /// The process's one instance, never destroyed. Works from static constructors, after exit
+  /// and when memory is out: it takes none itself.
   [[nodiscard]] static HeapMemoryAllocator* instance();
 
   void* get(unsigned int size) override;

@@ -15,7 +15,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <sys/resource.h>
 #include <sys/types.h>
 #include <thread>
 #include <unistd.h>
@@ -27,6 +26,7 @@
 #include "Engine/utilities/StringBuffer.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/Famine.h"
 
 namespace {
 
@@ -262,36 +262,6 @@ TEST(StringPoolManager, IsOneObject) {
 
 // The sanitizers end the process when memory is out instead of throwing.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-// Takes all memory until the end of the scope.
-class Famine {
- public:
-  Famine() {
-    EXPECT_EQ(getrlimit(RLIMIT_AS, &before_), 0);
-    const rlimit none = {0, before_.rlim_max};
-    EXPECT_EQ(setrlimit(RLIMIT_AS, &none), 0);
-    for (std::size_t size = std::size_t{1} << 20; size >= sizeof(void*); size /= 2) {
-      while (void* const block = malloc(size)) {
-        *static_cast<void**>(block) = hoard_;
-        hoard_ = block;
-      }
-    }
-  }
-  Famine(const Famine&) = delete;
-  Famine& operator=(const Famine&) = delete;
-  ~Famine() {
-    while (hoard_ != nullptr) {
-      void* const next = *static_cast<void**>(hoard_);
-      free(hoard_);
-      hoard_ = next;
-    }
-    EXPECT_EQ(setrlimit(RLIMIT_AS, &before_), 0);
-  }
-
- private:
-  rlimit before_ = {};
-  void* hoard_ = nullptr;
-};
-
 CUL_CHILD(PoolOutOfMemory) {
   // The library's own handler would end the process.
   std::set_new_handler(nullptr);

@@ -1,11 +1,13 @@
 #include "Engine/utilities/StdException.h"
 
+#include <new>
 #include <string>
 #include <type_traits>
 
 #include <gmock/gmock.h>
 
 #include "tests/support/Child.h"
+#include "tests/support/Famine.h"
 #include "tests/trace/TraceOutput.h"
 
 using testing::ElementsAre;
@@ -81,6 +83,43 @@ TEST(StdException, CanBeCopiedWithoutSharing) {
   EXPECT_EQ(textOf(copy.text), "text");
   EXPECT_EQ(copy.line, 1U);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+CUL_CHILD(ExceptionThrownWithoutMemory) {
+  // The library's own handler would end the process.
+  std::set_new_handler(nullptr);
+  // There are small blocks for texts, but the trace has not been made.
+  const EncodedString text("text", EncodedString::utf8);
+  int status = 0;
+  {
+    const Famine famine;
+    try {
+      StdException::throwException("file", 1, "text", 7);
+    } catch (const StdException& exception) {
+      status = exception.status;
+    }
+  }
+  EXPECT_EQ(status, 7);
+  const std::string large(100000, 't');
+  bool isThrown = false;
+  {
+    const Famine famine;
+    try {
+      StdException::throwException("file", 1, large.c_str(), 7);
+    } catch (const std::bad_alloc&) {
+      isThrown = true;
+    }
+  }
+  EXPECT_TRUE(isThrown);
+}
+
+TEST(StdException, IsThrownWithoutMemoryOrPassesBadAllocOn) {
+  const ChildResult r = runChild("ExceptionThrownWithoutMemory");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+#endif
 
 CUL_CHILD(ExceptionsMadeAndCaught) {
   try {
