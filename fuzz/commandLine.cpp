@@ -400,8 +400,9 @@ void fuzz(FuzzInput& input) {
       });
   if (hasSecret) {
     // Some as one argument, some as two.
-    constexpr std::array beginnings = {"-qkeystorepass=", "-qhrdmkey=", "-qkeystorepas=",
-                                       "-QHRDMKEY=",      "-qhrdmkey",  "-qkeystorepas"};
+    constexpr std::array beginnings = {
+        "-qkeystorepass=", "-qhrdmkey=", "-qkeystorepas=", "-QHRDMKEY=", "-keystorepass=",
+        "-qkeystroepass=", "-qhrdmkey",  "-qkeystorepas",  "-hrdmkey"};
     const size_t hash = std::hash<std::string>()(given.empty() ? "" : given.front());
     const auto place = given.begin() + static_cast<std::ptrdiff_t>(hash % (given.size() + 1));
     const std::string beginning = beginnings[hash / 16 % beginnings.size()];

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <initializer_list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -74,9 +75,14 @@ constexpr P::Option optionTable[] = {
     {L"-qFallbackUnencrypted", 0x01, true, false, 21, P::parmFallbackUnencrypted},
 };
 
-// Whoever mistypes one of the options with a secret still begins it like this, and puts one of
-// these before the secret.
-constexpr std::string_view secretBeginnings[] = {"-qkeystorep", "-qhrdmk"};
+// The options with a secret. Whoever mistypes one of them still begins it like this, or slips
+// once, and puts one of these before the secret.
+struct SecretOption {
+  std::string_view name;
+  std::string_view beginning;
+};
+
+constexpr SecretOption secretOptions[] = {{"qkeystorepass", "qkeystorep"}, {"qhrdmkey", "qhrdmk"}};
 constexpr std::string_view secretSeparators = "= :;,";
 
 std::atomic<DebuggerParameters*> theParameters = nullptr;
@@ -110,33 +116,75 @@ bool isAnyOf(CharString& text, std::initializer_list<const wchar_t*> words) {
   });
 }
 
-// Where the name of an option with a secret ends in `text`; npos when there is none.
-size_t behindSecretName(std::string_view text) {
+// Whether `word` is `name` but for one letter that is missing, too many or another one, or for two
+// neighbours that have changed places.
+bool isOneSlipFrom(std::string_view name, std::string_view word) {
+  const auto parting = std::mismatch(name.begin(), name.end(), word.begin(), word.end());
+  const std::string_view wanted(parting.first, name.end());
+  const std::string_view typed(parting.second, word.end());
+  const auto behind = [](std::string_view text, size_t n) {
+    return text.substr(std::min(n, text.size()));
+  };
+  return behind(wanted, 1) == typed || wanted == behind(typed, 1) ||
+         behind(wanted, 1) == behind(typed, 1) ||
+         (wanted.size() > 1 && typed.size() > 1 && wanted[0] == typed[1] && wanted[1] == typed[0] &&
+          behind(wanted, 2) == behind(typed, 2));
+}
+
+// How much of `word`, the lower-case name of an option, is its name where it stands for `option`;
+// nothing where it does not. What follows the whole name without a separator may be the secret.
+std::optional<size_t> nameLengthIn(std::string_view word, const SecretOption& option) {
+  // Also without the "q" in front.
+  for (const size_t omitted : {size_t{0}, size_t{1}}) {
+    const std::string_view name = option.name.substr(omitted);
+    if (word.starts_with(name)) {
+      return name.size();
+    }
+    if (word.starts_with(option.beginning.substr(omitted)) || isOneSlipFrom(name, word)) {
+      return word.size();
+    }
+  }
+  return std::nullopt;
+}
+
+// The name of an option with a secret in a text.
+struct SecretName {
+  size_t end;       // Behind the word that begins with the name.
+  size_t secretAt;  // Where the secret begins; the end of the text when there is none.
+};
+
+std::optional<SecretName> secretNameIn(std::string_view text) {
   std::string lowered(text);
   std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](char c) {
     return static_cast<char>(ASCII::toLower(static_cast<unsigned char>(c)));
   });
-  size_t name = std::string::npos;
-  for (const std::string_view beginning : secretBeginnings) {
-    name = std::min(name, lowered.find(beginning));
+  const std::string_view all = lowered;
+  for (size_t sign = all.find('-'); sign != std::string_view::npos;
+       sign = all.find('-', sign + 1)) {
+    const size_t start = sign + 1;
+    const size_t end = std::min(all.find_first_of(secretSeparators, start), all.size());
+    for (const SecretOption& option : secretOptions) {
+      if (const auto length = nameLengthIn(all.substr(start, end - start), option)) {
+        const bool isApart = end < all.size() && start + *length == end;
+        return SecretName{end, isApart ? end + 1 : start + *length};
+      }
+    }
   }
-  if (name == std::string::npos) {
-    return name;
-  }
-  return std::min(lowered.find_first_of(secretSeparators, name), text.size());
+  return std::nullopt;
 }
 
 // Whether `text` ends where the secret of an option would begin.
 bool lacksSecret(std::string_view text) {
-  const size_t behind = behindSecretName(text);
-  return behind != std::string::npos && behind + 1 >= text.size();
+  const std::optional<SecretName> name = secretNameIn(text);
+  return name && name->end + 1 >= text.size();
 }
 
 // `text` without the secret of an option, which is taken to reach to its end.
 std::string withoutSecret(std::string_view text) {
-  const size_t behind = behindSecretName(text);
-  return behind < text.size() ? std::string(text.substr(0, behind + 1)).append(asterisks)
-                              : std::string(text);
+  const std::optional<SecretName> name = secretNameIn(text);
+  return name && name->secretAt < text.size()
+             ? std::string(text.substr(0, name->secretAt)).append(asterisks)
+             : std::string(text);
 }
 
 // Whether an option lacks its secret, as after a slip of the user's. It may then be any of the

@@ -788,6 +788,58 @@ TEST(DebuggerParameters, NeverDumpsASecret) {
   EXPECT_THAT(dumpOf(commandLines.end()[-2]), Contains("\t>x -qhrdmkey ********<"));
 }
 
+namespace {
+
+// All that one slip makes of `name`.
+std::vector<std::string> slipsOf(const std::string& name) {
+  std::vector<std::string> result;
+  for (size_t i = 0; i < name.size(); ++i) {
+    for (const std::string& instead : {std::string(), std::string(2, name[i]), std::string("x")}) {
+      result.push_back(std::string(name).replace(i, 1, instead));
+    }
+    if (i + 1 < name.size()) {
+      result.push_back(name);
+      std::swap(result.back()[i], result.back()[i + 1]);
+    }
+  }
+  return result;
+}
+
+}  // namespace
+
+TEST(DebuggerParameters, NeverDumpsASecretBehindAnOptionWithOneSlip) {
+  for (const char* name : {"qkeystorepass", "keystorepass", "qhrdmkey", "hrdmkey", "QhrdmKey"}) {
+    std::vector<std::string> commandLine = {"/d"};
+    for (const std::string& slip : slipsOf(name)) {
+      commandLine.push_back("-" + slip + "=SECRET");
+      commandLine.push_back("-" + slip + ":SECRET");
+    }
+    commandLine.push_back(std::string("-") + name + "=SECRET");
+    commandLine.push_back(std::string("--") + name + "=SECRET");
+    commandLine.push_back(std::string("-") + name + "SECRET");
+    commandLine.push_back(std::string("-") + name + "-SECRET");
+    const std::vector<std::string> lines = dumpOf(commandLine);
+    EXPECT_GT(lines.size(), commandLine.size());
+    EXPECT_THAT(lines, testing::Each(Not(HasSubstr("SECRET"))));
+  }
+  for (const char* option :
+       {"-keystorepass", "-qkeystroepass", "-qhdrmkey", "-keystorepas", "-wkeystorepass"}) {
+    const std::vector<std::string> lines = dumpOf({"/d", option, "SECRET", "argument"});
+    EXPECT_THAT(lines,
+                AllOf(Contains("Debuggee Name: >********<"), Contains("Debuggee Args: >argument<"),
+                      Contains(std::string("\t>") + option + "<")));
+  }
+}
+
+TEST(DebuggerParameters, DumpsOptionsThatAreTwoSlipsFromASecret) {
+  EXPECT_THAT(
+      dumpOf({"/d", "-keystoreloc=1", "-qkesytroepass=2", "-hrdmport=3", "-qhkey=4", "-qkeystore=5",
+              "-pass=6", "prog", "-q", "hrdmkey=7"}),
+      AllOf(Contains("\t>-keystoreloc=1<"), Contains("\t>-qkesytroepass=2<"),
+            Contains("\t>-hrdmport=3<"), Contains("\t>-qhkey=4<"), Contains("\t>-qkeystore=5<"),
+            Contains("\t>-pass=6<"), Contains("Debuggee Args: >-q hrdmkey=7<")));
+}
+
 TEST(DebuggerParameters, DumpsWhatCannotBeASecret) {
   EXPECT_THAT(
       dumpOf({"/d", "-qkeystoreloc=/keys", "-qhrdmhost", "-qkeystorepass=SECRET", "-bad", "prog",
