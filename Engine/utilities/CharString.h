@@ -91,8 +91,10 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   [[nodiscard]] unsigned matchLength(const CharString& other, int exact) const noexcept;
 
   /// Replaces the first occurrence of `from` at or behind `start` (0 counts as 1), and no
-  /// other, by `to`. Both may be this object. Nothing happens when `start` is greater than
-  /// length(). When memory is out the text may be left cut in front of the occurrence.
+  /// other, by `to`. Both may be this object. An empty `from` stands at `start` itself, where
+  /// `to` is put in. Nothing happens when `start` is greater than length(): in an empty text
+  /// only an empty `from` at 0 is replaced. When memory is out the text may be left cut in front
+  /// of the occurrence.
   void change(const CharString& from, const CharString& to, unsigned start = 1);
 
   /// The position of the first value at or behind `pos` (0 counts as 1) that is not in
@@ -107,7 +109,7 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
 
   /// \name Scanning
   /// A scan starts at `pos` (0 counts as 1) and leaves it at the first value that it has
-  /// not consumed, which is never behind length() + 1.
+  /// not consumed, which is never behind length() + 1; for one exception see scanString().
   /// @{
 
   /// Skips blanks and tabs and reads decimal digits, modulo 2^32; 0 when there is none.
@@ -116,7 +118,9 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   unsigned scanHex(unsigned& pos) const noexcept;
   /// Skips delimiters and returns the values up to the next one, with `pos` on it. A run
   /// that reaches the end is returned whole with `pos` at length(), that is on its last
-  /// value; with nothing left the result is empty and `pos` length() + 1.
+  /// value: a scan from there gives that value once more, again and again, so that a loop ends
+  /// when `pos` has reached length(). With nothing left the result is empty and `pos`
+  /// length() + 1.
   CharString scanString(unsigned& pos, const wchar_t* delimiters) const;
   /// @}
 
@@ -148,7 +152,9 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   /// The text up to its first value of 0 read as `sscanf` reads "%d%c", "%u%c", "%lld%c" and
   /// "%llu%c": white space and a sign may stand in front, and the result is true only when a
   /// number was read and nothing follows it. When something does, `value` has changed all
-  /// the same; otherwise it keeps its value on false.
+  /// the same; otherwise it keeps its value on false. A number beyond 64 bits becomes the
+  /// nearest one, one beyond the bits of `value` loses the others, and an unsigned one may be
+  /// negative: for `int` "4294967297" is 1, for `unsigned int` "-1" is 4294967295.
   /// @{
   [[nodiscard]] bool asValue(int& value) const;
   [[nodiscard]] bool asValue(unsigned int& value) const;

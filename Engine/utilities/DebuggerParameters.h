@@ -29,7 +29,13 @@
 /// "-qhost=" is an empty value. Without a "=" the next argument is the value and is used up,
 /// as in "-qhost name", unless it is empty or begins with "-": then the value is empty. An
 /// option that takes no "=" may have a value behind a blank inside the same argument, as
-/// "-p- text" in quotes.
+/// "-p- text" in quotes; it never takes the next argument, and with a "=" ("-qquiet=1") it is no
+/// option at all but an invalid argument. So is one that takes "=" with a blank in its place.
+///
+/// **Quotes.** The object made by instance() takes the double quotes and the backslashes of
+/// quoting off every argument up to the debuggee's name, see unquote(), before it is looked at.
+/// The debuggee's arguments keep theirs and are quoted again as needed, see
+/// debuggeeArguments(). addDebuggerArg() by itself takes nothing off.
 ///
 /// **Start-up key.** A key may carry an argument of its own behind a blank:
 /// "-startupKey=KEY argument" as one argument.
@@ -156,11 +162,11 @@ class CUL_EXPORT DebuggerParameters {
   /// without argument.
   [[nodiscard]] EncodedString startupKeyArg() const;
 
-  /// The debuggee's name as given; the text of the process id when attaching.
+  /// The debuggee's name without its quotes; the text of the process id when attaching.
   [[nodiscard]] const EncodedString& debuggeeName() const noexcept { return debuggeeName_; }
 
   /// The debuggee's arguments as one text, separated by a blank, each quoted when needed, see
-  /// CharString::makeToken().
+  /// CharString::makeToken(). An empty one leaves nothing but the blanks around it.
   [[nodiscard]] const EncodedString& debuggeeArguments() const noexcept {
     return debuggeeArguments_;
   }

@@ -11,7 +11,8 @@
 ///
 /// Lengths are in bytes. The terminated forms end at the first zero byte, which stays a zero
 /// byte; no other byte becomes one. A null source counts as empty, with a null target nothing
-/// happens. Everything here is a constant table: any thread, any time, nothing throws.
+/// happens. A length is written 0U, not 0: for the compiler a literal 0 is as much a null source.
+/// Everything here is a constant table: any thread, any time, nothing throws.
 
 /// A set of static functions; there are no objects of this class.
 class CUL_EXPORT EBCDIC {

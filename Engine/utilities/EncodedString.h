@@ -4,7 +4,8 @@
 #include "Engine/utilities/StringBuffer.h"
 
 /// \file
-/// The library's main string type: text that is always held as UTF-8.
+/// The library's main string type: text that is held as UTF-8 (but for what is converted to a
+/// named code page, see convertToUTF8()).
 ///
 /// Whatever encoding a text arrives in, an EncodedString::Encoding says how its bytes are
 /// to be read, and convert() makes the bytes of another encoding on the way out. Positions
@@ -25,7 +26,9 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   enum Encoding : int {
     native,     ///< The native code page, see UTF8Converter.
     slashU,     ///< In: as `native`, then the escapes "\uhhhh" and "\Uhhhhhhhh" are replaced
-                ///< by their characters. Out: every character but ASCII is such an escape.
+                ///< by their characters, see convertFromSlashU(). Out: every character but
+                ///< ASCII is such an escape. Backslashes of the text itself are written as
+                ///< they are: what looks like an escape is read back as one.
     utf8,       ///< UTF-8, taken and given as it is.
     autodetect  ///< In: `utf8` when the bytes are valid UTF-8, else `native`. Out: `utf8`.
   };
@@ -40,7 +43,9 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   EncodedString(const unsigned char* text, Encoding encoding);
   EncodedString(const signed char* text, Encoding encoding);
 
-  /// `n` bytes; null counts as empty.
+  /// `n` bytes; null counts as empty. What is converted (`native`, `slashU`, and `autodetect`
+  /// when the bytes are not valid UTF-8) ends at its first zero byte, here and in convert() to
+  /// `native`; in everything else zero bytes are ordinary ones.
   EncodedString(const char* text, unsigned n, Encoding encoding);
   EncodedString(const unsigned char* text, unsigned n, Encoding encoding);
   EncodedString(const signed char* text, unsigned n, Encoding encoding);
@@ -95,7 +100,9 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   /// Replaces the text, read as bytes of the native code page, by its UTF-8 form, up to
   /// its first zero byte.
   /// \param codepage null or empty for that. Otherwise a code page that the text, read as
-  ///                 UTF-8, is converted to: the reverse of the default direction.
+  ///                 UTF-8, is converted to: the reverse of the default direction, after which
+  ///                 the text holds bytes of that code page and is no longer UTF-8. When iconv
+  ///                 does not know the name, ASCII stays and each other byte becomes "?".
   void convertToUTF8(const char* codepage = nullptr);
 
   /// The text in the native code page, up to its first zero byte.
@@ -103,7 +110,10 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   [[nodiscard]] ByteString convertToNative(const char* codepage = nullptr) const;
 
   /// Replaces every "\u" followed by four hexadecimal digits and every "\U" followed by
-  /// eight by the character of that value. Other backslashes stay.
+  /// eight by the character of that value, whatever stands in front: a backslash protects
+  /// nothing, "\\u0041" becomes "\A". Other backslashes stay, and what comes out is not read
+  /// again. "\u0000" puts in a zero byte, and of a surrogate pair each half becomes a character
+  /// of its own.
   void convertFromSlashU();
 
   /// Whether the bytes are well-shaped UTF-8, see UnicodeUtilities::isValid(); true for an

@@ -149,10 +149,12 @@ class CUL_EXPORT FileName : public EncodedString {
   /// The hash of the text, hashValue(), computed once and kept until the name changes.
   unsigned computeHash();
 
-  /// Whether two names mean the same file for the purposes of the engine. Trailing white
-  /// space does not count. When exactly one of them has an extension that is a number and
-  /// the other one's is ".so", the number does not count: "libz.so.1" equals "libz.so".
-  /// Otherwise the texts are compared. Equal names may have different hashes.
+  /// Whether two names mean the same file for the purposes of the engine. Where either has
+  /// trailing white space the texts are compared without that, and nothing else is looked at:
+  /// "libz.so.1 " equals "libz.so.1" and not "libz.so". Otherwise, when exactly one of them has
+  /// an extension that is a number and the other one's is ".so", the number does not count:
+  /// "libz.so.1" equals "libz.so". Else the texts are compared. "libz.so" thus equals two names
+  /// that differ, and equal names may have different hashes.
   [[nodiscard]] bool operator==(const FileName& other) const;
 
   /// \name Shared texts of one character

@@ -8,7 +8,8 @@
 ///
 /// As ManageLIBPATH, which does the first half, these work before any other part of the
 /// library is usable. Failures print the system's or the dynamic loader's text and a newline
-/// on standard error and abort. Not thread-safe.
+/// on standard error and abort as there: the status is 99, and exit handlers run. Not
+/// thread-safe.
 
 /// Runs `program` from the folder of this program's executable, in place of this program.
 /// The library path is set up as by ManageLIBPATH::getLibPath().

@@ -89,7 +89,8 @@ class List {
   }
 
   /// Makes room for `n` more elements at once, for whoever adds many one by one: a list that
-  /// grows by its growth step alone copies itself at every step.
+  /// grows by its growth step alone copies itself at every step. A list without a buffer gets
+  /// one of its growth step even when `n` is 0.
   void extend(unsigned int n) { implementation_.extend(n, Buffer(elements_)); }
 
   /// Forgets all elements and keeps the capacity.

@@ -53,7 +53,7 @@ class CUL_EXPORT ListImplementation {
   void deleteItems(void* buffer);
 
   /// Makes room for `n` more elements; grows by at least the growth step, or not at all
-  /// when there is room.
+  /// when there is room. A list without a buffer gets one in any case, also for 0 elements.
   /// \throws std::bad_alloc with the list unchanged.
   void extend(unsigned int n, void** buffer);
 

@@ -10,7 +10,10 @@
 /// characters out, no trace. Paths are taken as written; ".", ".." and repeated separators
 /// are not folded. Strings are made with malloc(). Failures that a program cannot go on
 /// without (lack of memory is one) print the system's text for the error on standard error
-/// and abort. Not thread-safe: the environment is read and changed. See also Launch.h.
+/// and abort. Abort means: abort() is called, of which the library's own handler makes an exit
+/// with status 99, exit handlers included (see signals.h); a program that has put another
+/// handler in its place, or the default one, ends as that has it. Not thread-safe: the
+/// environment is read and changed. See also Launch.h.
 
 class CUL_EXPORT ManageLIBPATH {
  public:

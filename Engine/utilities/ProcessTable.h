@@ -18,8 +18,10 @@
 ///   }
 /// \endcode
 /// Processes come and go while the table is walked. A walk also ends at a process that the
-/// index names and that has ended meanwhile; one that wants to see all starts again from 0.
-/// Each call reads the folder /proc anew.
+/// index names and that has ended meanwhile, and where anything but a process follows one in
+/// the folder /proc, of which only the one entry behind is looked at (the kernel lists all
+/// processes behind everything else). One that wants to see all starts again from 0. Each call
+/// reads the folder anew.
 ///
 /// Nothing is kept between calls but the caller's index: any thread may call, on its own index
 /// and buffers. Nothing is thrown; failures are traced under "ERROR".
@@ -38,8 +40,9 @@ struct fdsinfo {};
 /// \param files     not looked at, may be null.
 /// \param fileSize  not looked at.
 /// \param index     the place of the walk: 0 for the first process, otherwise the identifier of
-///                  the one to be found. Set to the identifier of the next process; where none
-///                  comes next, to the found identifier plus 1.
+///                  the one to be found. Set to the identifier of the process that is the
+///                  very next entry of the folder; where that is none, to the found identifier
+///                  plus 1, whether or not processes come further behind.
 /// \param count     not looked at: one process is stored at most.
 /// \return 1 with one process stored; -1 when there is no such process, when /proc cannot be
 ///         read (traced) or when `entries` or `index` is null.

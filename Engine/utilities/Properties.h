@@ -23,7 +23,8 @@
 ///   verbose                # verbose is empty
 ///   =lost                  # no key, no property
 /// \endcode
-/// Keys are case-sensitive, and a key that occurs again replaces its value. There are no
+/// Keys are case-sensitive, and a key that occurs again replaces its value, in the place that
+/// the property has. There are no
 /// quotes, escapes, continued lines or sections, and no line is an error. Keys and values that
 /// are valid UTF-8 are taken as they are; any other is read in the native code page, up to its
 /// first zero byte.
@@ -67,14 +68,16 @@ class CUL_EXPORT Properties {
   ///         the properties of the lines before stay.
   bool set(const FileName& file);
 
-  /// Adds a property or replaces its value; an empty key is ignored.
+  /// Adds a property or replaces its value; an empty key is ignored. A property that is there
+  /// keeps its place among the others, one that is added becomes the first of its bucket.
   /// \throws std::bad_alloc with the properties unchanged.
   void setProperty(const EncodedString& key, const EncodedString& value);
 
   /// The value, or an empty text when there is no such key.
   [[nodiscard]] EncodedString getString(const EncodedString& key) const;
 
-  /// The value as a decimal integer, see CharString::asValue().
+  /// The value as a decimal integer, see CharString::asValue(): one that is out of range wraps,
+  /// so that "4294967297" is 1.
   /// \throws StdException "Invalid property format.", status -1, when the value is absent,
   ///         empty or not an integer.
   [[nodiscard]] int getInteger(const EncodedString& key) const;
@@ -88,7 +91,9 @@ class CUL_EXPORT Properties {
   [[nodiscard]] bool isEmpty() const noexcept { return table_.isEmpty(); }
 
   /// A new cursor over the properties, which stands nowhere. Their order is the table's, not
-  /// that of the file. Values may be changed through it, keys not.
+  /// that of the file. Values may be changed through it, keys not. It stays where it is when
+  /// properties are looked up, added or replaced: a property that is added on the way comes by
+  /// when its bucket lies ahead, one in the cursor's own bucket or behind does not.
   [[nodiscard]] TableCursor cursor() noexcept { return TableCursor(table_); }
 
  private:

@@ -158,8 +158,9 @@ class CUL_EXPORT StringBuffer {
   void remove(unsigned pos, unsigned count);
 
   /// Replaces the first occurrence of `from` at or behind `start` (0 counts as 1), and no
-  /// other, by `to`. Both may be this object. Nothing happens when `start` is greater than
-  /// length().
+  /// other, by `to`. Both may be this object. An empty `from` stands at `start` itself. Nothing
+  /// happens when `start` is greater than length(): in an empty buffer only an empty `from` at 0
+  /// is replaced.
   void change(const StringBuffer& from, const StringBuffer& to, unsigned start = 1);
 
   /// Puts `pad` in front until there are `width` elements; a longer text stays as it is.

@@ -30,8 +30,13 @@ class CUL_EXPORT TimeDateStamp {
                 unsigned second) noexcept;
 
   /// Reads fourteen digits, as asString(true) writes them, with nothing behind; or else the
-  /// layout of ctime(), "Wed Jan 31 23:59:59 2024", with anything behind. Any other text
-  /// gives the time -1.
+  /// layout of ctime(), "Wed Jan 31 23:59:59 2024", with anything behind and any word for the
+  /// weekday. Any other text, and null, gives the time -1.
+  ///
+  /// Both are read as `sscanf` reads numbers. The digits are six numbers of four and five times
+  /// two characters at most: the last one may have one digit ("2024013123595" is five seconds
+  /// past), white space may stand in front of each ("2024 1 31 2 3 4"), and a sign counts as one
+  /// of a number's characters. Numbers out of range carry over as above.
   explicit TimeDateStamp(const char* text) noexcept;
 
   /// The local time as "20240131235959" when `compact`, else "2024/01/31 23:59:59"; all
@@ -50,6 +55,7 @@ class CUL_EXPORT TimeDateStamp {
   /// Seconds from `other` to this stamp; positive infinity when either is unset.
   [[nodiscard]] double difference(const TimeDateStamp& other) const noexcept;
 
-  /// Seconds since the epoch; 0 is unset, -1 a text that could not be read.
+  /// Seconds since the epoch; 0 is unset, -1 a text that could not be read. The two moments
+  /// that have these numbers cannot be told from that.
   time_t time = 0;
 };

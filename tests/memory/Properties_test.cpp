@@ -359,6 +359,44 @@ TEST(Properties, TakeNoEmptyKey) {
   EXPECT_FALSE(properties.doesContain(text("")));
 }
 
+TEST(Properties, KeepTheirPlaceWhenTheyAreReplacedAndTheirCursorsInAnyChange) {
+  Properties properties(nullptr);
+  const auto keys = [&properties] {
+    std::vector<std::string> result;
+    Properties::TableCursor cursor = properties.cursor();
+    for (bool isThere = cursor.first(); isThere; isThere = cursor.next()) {
+      result.push_back(bytesOf(cursor.element()->key));
+    }
+    return result;
+  };
+  for (int i = 0; i < 1000; ++i) {
+    properties.setProperty(text(std::to_string(i)), text("old"));
+  }
+  const std::vector<std::string> before = keys();
+  Properties::TableCursor cursor = properties.cursor();
+  size_t met = 0;
+  for (bool isThere = cursor.first(); isThere; isThere = cursor.next(), ++met) {
+    const std::string key = bytesOf(cursor.element()->key);
+    ASSERT_LT(met, before.size());
+    EXPECT_EQ(key, before[met]);
+    properties.setProperty(text(key), text("new"));
+    EXPECT_FALSE(properties.doesContain(text("absent")));
+    EXPECT_EQ(bytesOf(properties.getString(text("0"))).size(), 3U);
+  }
+  EXPECT_EQ(met, 1000U);
+  EXPECT_EQ(keys(), before);
+  // What is added comes first in its bucket: ahead of the cursor or behind it.
+  const std::string last = before.back();
+  ASSERT_TRUE(cursor.last());
+  EXPECT_EQ(bytesOf(cursor.element()->key), last);
+  for (int i = 1000; i < 3000; ++i) {
+    properties.setProperty(text(std::to_string(i)), text("added"));
+  }
+  EXPECT_EQ(bytesOf(cursor.element()->key), last);
+  EXPECT_FALSE(cursor.next());
+  EXPECT_EQ(keys().back(), last);
+}
+
 TEST(Properties, AreReplacedByTheirOwnValues) {
   Properties properties(nullptr);
   properties.setProperty(text("a"), text("1"));
@@ -379,6 +417,19 @@ TEST(Properties, AreReadAsIntegers) {
                                                           {"2147483647", INT_MAX},
                                                           {"-2147483648", INT_MIN},
                                                           {"  9", 9}};
+  for (const auto& [value, number] : cases) {
+    properties.setProperty(text("n"), text(value));
+    EXPECT_EQ(properties.getInteger(text("n")), number) << value;
+  }
+}
+
+TEST(Properties, WrapAsIntegersWhenTheyAreOutOfRange) {
+  Properties properties(nullptr);
+  const std::vector<std::pair<std::string, int>> cases = {{"2147483648", INT_MIN},
+                                                          {"-2147483649", INT_MAX},
+                                                          {"4294967297", 1},
+                                                          {"99999999999999999999", -1},
+                                                          {"-99999999999999999999", 0}};
   for (const auto& [value, number] : cases) {
     properties.setProperty(text("n"), text(value));
     EXPECT_EQ(properties.getInteger(text("n")), number) << value;

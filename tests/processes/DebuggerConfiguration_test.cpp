@@ -127,13 +127,25 @@ TEST(DebuggerConfiguration, EndsTheProcessWhenTheModuleHasNoStamp) {
   expectAbort(runWithForeignModule({}), refusalOf("(none)"));
 }
 
+CUL_CHILD(ConfigurationOfTheSearchPath) {
+  EXPECT_STREQ(DebuggerConfiguration::instance()->sourceFilterDefault(), "OTHER");
+}
+
+TEST(DebuggerConfiguration, IsFoundAlongTheSearchPathOfTheUserFirst) {
+  const TemporaryFolder folder;
+  std::filesystem::copy_file(libraries + "/libconfiguration.so", folder.file("libwobnConfig.so"));
+  const ChildResult r = runChild(
+      "ConfigurationOfTheSearchPath",
+      {.environment = {{"LD_LIBRARY_PATH", folder.path()}, {"MODULE_STAMP", stampOfTheLibrary()}}});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
 CUL_CHILD(ConfigurationUnheard) {
   loseReaderOfStandardError();
   static_cast<void>(DebuggerConfiguration::instance());
 }
 
-// A search path of the user's comes before the folder of the library.
-TEST(DebuggerConfiguration, TakesTheModuleOfTheSearchPathAndEndsWithItsStatusWhenNobodyReadsWhy) {
+TEST(DebuggerConfiguration, EndsTheProcessWithItsStatusWhenNobodyReadsWhy) {
   for (const char* module : {"/libconfiguration.so", "/libconfigurationWithoutAddress.so"}) {
     const TemporaryFolder folder;
     std::filesystem::copy_file(libraries + module, folder.file("libwobnConfig.so"));

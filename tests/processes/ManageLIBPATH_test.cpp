@@ -498,6 +498,17 @@ TEST(GetLibPath, EndsTheProcessWhenTheExecutableIsNotFound) {
   }
 }
 
+CUL_CHILD(GetLibPathWithAnExitHandler) {
+  ASSERT_EQ(std::atexit([] { std::puts("the handler"); }), 0);
+  std::free(ManageLIBPATH::getLibPath("no-such-tool"));
+}
+
+TEST(GetLibPath, RunsTheExitHandlersWhenItEndsTheProcess) {
+  const ChildResult r = runChild("GetLibPathWithAnExitHandler", abortingWith());
+  EXPECT_EQ(r.status, aborted);
+  EXPECT_EQ(r.out, "the handler\n");
+}
+
 CUL_CHILD(GetLibPathUnheard) {
   loseReaderOfStandardError();
   std::free(ManageLIBPATH::getLibPath("no-such-tool"));

@@ -275,6 +275,12 @@ TEST(DebuggerParameters, TakesAValueBehindABlankWhereThereCanBeNoEqualsSign) {
   EXPECT_EQ(selected("-qquiet=yes"), "");
 }
 
+TEST(DebuggerParameters, DoesNotTakeTheOtherSeparator) {
+  EXPECT_EQ(recordedPair("-qquiet=1"), "");
+  EXPECT_EQ(recordedPair("-help=1"), "");
+  EXPECT_EQ(recordedPair("-qhost name"), "");
+}
+
 TEST(DebuggerParameters, RecordsOptionsUnderTheirFullNames) {
   NoParameters parameters;
   parameters.add("-qh=one");

@@ -411,6 +411,12 @@ TEST(UNIXDebuggerParameters, QuoteTheDebuggeesArgumentsWhereNeeded) {
   EXPECT_EQ(plain(ParametersOf({"prog", "one"}).debuggeeArguments()), "one");
 }
 
+TEST(UNIXDebuggerParameters, TakeABackslashOffInTheQuotesOfTheDebuggeesName) {
+  const ParametersOf parameters({"-qhost=\\\"h", R"("my \ \"prog\"")", R"(\"kept\")"});
+  EXPECT_EQ(plain(parameters.parm(DebuggerParameters::parmHost)), "\"h");
+  EXPECT_EQ(plain(parameters.debuggeeName()), R"(my \ "prog")");
+}
+
 TEST(UNIXDebuggerParameters, TakeQuotesOffTheDebuggersOwnArguments) {
   const ParametersOf parameters({"\"-qhost=my host\"", "-qlang=\"C\"", "-qtrace", "\"a \\\"b\"",
                                  "\"my prog\"", "\"quoted\""});

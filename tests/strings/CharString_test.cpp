@@ -437,6 +437,10 @@ TEST(CharString, ChangeReplacesTheFirstOccurrenceOnly) {
   EXPECT_EQ(result(L"banana", L"", L"x", 3), L"baxnana");
   EXPECT_EQ(result(L"banana", L"", L"x", 7), L"banana");
   EXPECT_EQ(result(L"", L"a", L"x", 1), L"");
+  EXPECT_EQ(result(L"", L"a", L"x", 0), L"");
+  EXPECT_EQ(result(L"", L"", L"x", 1), L"");
+  EXPECT_EQ(result(L"", L"", L"x", 0), L"x") << "an empty text ends before position 1";
+  EXPECT_EQ(result(L"banana", L"", L"x", 0), L"xbanana");
 }
 
 TEST(CharString, ChangeTakesItselfForEitherArgument) {
@@ -572,6 +576,16 @@ TEST(CharString, ScanStringLeavesThePositionOnTheLastValueOfTheLastRun) {
   pos = 1;
   EXPECT_EQ(text(one.scanString(pos, L",")), L"a");
   EXPECT_EQ(pos, 1U);
+}
+
+TEST(CharString, ScanStringGivesTheLastValueAgainFromWhereTheLastRunLeftIt) {
+  const CharString s(L"ab,cd");
+  unsigned pos = 4;
+  EXPECT_EQ(text(s.scanString(pos, L",")), L"cd");
+  for (int again = 0; again < 3; ++again) {
+    EXPECT_EQ(text(s.scanString(pos, L",")), L"d");
+    EXPECT_EQ(pos, 5U);
+  }
 }
 
 TEST(CharString, ScanStringWithNothingLeftStandsBehindTheEnd) {

@@ -16,6 +16,16 @@
 
 namespace {
 
+// Whether a length is told from a source.
+template <class Length>
+constexpr bool takesLength = requires(unsigned char* p) {
+  EBCDIC::fromUCS7bit(p, Length{});
+};
+template <class Pointer>
+constexpr bool takesLiteralZero = requires(Pointer p) {
+  EBCDIC::fromUCS7bit(p, 0);
+};
+
 // The C library's code page 1047, with the two line feeds exchanged.
 std::array<unsigned, 256> publishedCodePage() {
   const IconvDescriptor descriptor("UTF-32LE", "IBM1047");
@@ -43,6 +53,14 @@ unsigned char toASCII(unsigned char byte) {
 
 // "Hello\n" in EBCDIC.
 constexpr std::string_view greeting = "\xC8\x85\x93\x93\x96\x15";
+
+TEST(EBCDIC, TakesALengthOf0UAndNoLiteral0) {
+  static_assert(takesLength<unsigned>);
+  static_assert(!takesLiteralZero<unsigned char*>);
+  unsigned char bytes[] = {'a'};
+  EXPECT_EQ(EBCDIC::fromUCS7bit(bytes, 0U), bytes);
+  EXPECT_EQ(bytes[0], 'a');
+}
 
 TEST(EBCDIC, HoldsThePublishedCodePageWithTheLineFeedsExchanged) {
   const std::array<unsigned, 256> published = publishedCodePage();

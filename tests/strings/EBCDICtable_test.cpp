@@ -66,9 +66,13 @@ std::wstring published(const char* codePage, std::string_view bytes) {
 std::string asPublished(const char* codePage, std::wstring_view text) {
   const IconvDescriptor descriptor(codePage, "WCHAR_T");
   std::vector<char> bytes(4 * text.size() + 2);
-  const size_t length = iconvDebug(descriptor.get(), reinterpret_cast<const char*>(text.data()),
-                                   text.size() * sizeof(wchar_t), bytes.data(), bytes.size());
-  return {bytes.data(), length};
+  char* out = bytes.data();
+  out += iconvDebug(descriptor.get(), reinterpret_cast<const char*>(text.data()),
+                    text.size() * sizeof(wchar_t), bytes.data(), bytes.size());
+  // Back to single bytes.
+  size_t room = static_cast<size_t>(bytes.data() + bytes.size() - out);
+  iconv(descriptor.get(), nullptr, nullptr, &out, &room);
+  return {bytes.data(), out};
 }
 
 std::string bytesOf(unsigned value) {

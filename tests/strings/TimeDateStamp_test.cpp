@@ -133,6 +133,30 @@ TEST(TimeDateStamp, TakesFewerDigitsOnlyWhereEveryFieldIsThere) {
   EXPECT_EQ(TimeDateStamp("202401312359").time, -1);
 }
 
+TEST(TimeDateStamp, TakesWhiteSpaceAndSignsInFrontOfEachNumber) {
+  const ZoneGuard zone("UTC0");
+  EXPECT_EQ(TimeDateStamp(" \n20240131235959").time, lastOfJanuary);
+  EXPECT_EQ(TimeDateStamp("2024 1 31 23 59 59").time, lastOfJanuary);
+  EXPECT_EQ(TimeDateStamp("2024 1\t31 235959").time, lastOfJanuary);
+  EXPECT_EQ(TimeDateStamp("2024+131235959").time, lastOfJanuary) << "two characters for the month";
+  EXPECT_EQ(TimeDateStamp("+20240131235959").time, -1) << "four characters for the year";
+  EXPECT_EQ(TimeDateStamp("2024-131235959").time, TimeDateStamp(2023, 11, 31, 23, 59, 59).time);
+  EXPECT_EQ(TimeDateStamp("2024 1 31 23 59 59 ").time, -1);
+}
+
+TEST(TimeDateStamp, CarriesNumbersOfATextThatAreOutOfRangeOver) {
+  const ZoneGuard zone("UTC0");
+  EXPECT_EQ(TimeDateStamp("20240131235999").time, lastOfJanuary + 40);
+  EXPECT_EQ(TimeDateStamp("20240200235959").time, lastOfJanuary);
+  EXPECT_EQ(TimeDateStamp("Wed Feb 0 23:59:59 2024").time, lastOfJanuary);
+}
+
+TEST(TimeDateStamp, CannotTellTwoMomentsFromUnsetAndUnreadable) {
+  const ZoneGuard zone("UTC0");
+  EXPECT_EQ(TimeDateStamp("19700101000000").time, 0);
+  EXPECT_EQ(TimeDateStamp("19691231235959").time, -1);
+}
+
 TEST(TimeDateStamp, ReadsTheTextOfCtime) {
   const ZoneGuard zone("UTC0");
   EXPECT_EQ(TimeDateStamp("Wed Jan 31 23:59:59 2024\n").time, lastOfJanuary);

@@ -11,7 +11,9 @@
 /// A module is asked for by the name between "lib" and ".so", or else by a name or path as
 /// the dynamic loader takes it. All its symbols are bound at once and seen by nobody else.
 /// Modules are never unloaded, not even by the destructor. Failures throw nothing: they are
-/// traced, give null and are not remembered, so that the next request tries again.
+/// traced, give null and are not remembered, so that the next request tries again. A module
+/// that is found by its name as given, and so only on the second try, is loaded all the same,
+/// but leaves an "ERROR" line "First try - Cannot load ..." in the trace.
 ///
 /// Not thread-safe: the cache has no lock.
 
@@ -21,7 +23,9 @@ class CUL_EXPORT UNIX_Engine_Loader : public Engine_Loader {
   ~UNIX_Engine_Loader() override;
 
   /// Finds a module, loading it on first use. Names are compared as file names are: a module
-  /// known as "x.so" is also found as "x.so.1".
+  /// known as "x.so" is also found as "x.so.1", without a look at the file. Of several modules
+  /// whose names equal the one asked for ("x.so.1" and "x.so.2" when that is "x.so") it is the
+  /// one that was loaded last.
   /// \param name in UTF-8, given to the system in its native code page. An empty name is the
   ///   program itself, as the dynamic loader has it.
   /// \return the dynamic loader's handle, null on failure.

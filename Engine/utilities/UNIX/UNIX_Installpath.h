@@ -13,7 +13,10 @@ class CUL_EXPORT UNIX_Installpath : public InstallPath {
 
   /// Turns the path of an executable into the install location: "/opt/prod" for
   /// "/opt/prod/bin/engine". A path with a "/" that does not begin with one starts from the
-  /// working directory, a bare name is searched for along "PATH". Symbolic links of the last
+  /// working directory, a bare name is searched for along "PATH", see searchPath(). What is
+  /// found by a relative entry there that does not begin with "." stays relative, and the
+  /// install location with it: "prod" for the entry "prod/bin", and none for the entry "bin",
+  /// which has no "/" in front. Symbolic links of the last
   /// component are followed, at most ten; a longer chain ends the process, see
   /// resolveSymbolicLink(). Otherwise the file need not exist. Nothing is folded.
   /// \param executable in UTF-8. Replaced by the install location, which is empty for an
