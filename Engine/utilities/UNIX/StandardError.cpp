@@ -7,10 +7,12 @@
 #include "Engine/utilities/UNIX/WriteSignalsHeld.h"
 
 void printError(const char* format, ...) {
-  const KeepErrno keepErrno;
-  const WriteSignalsHeld held;
   va_list arguments;
   va_start(arguments, format);
-  std::vfprintf(stderr, format, arguments);
+  {
+    const KeepErrno keepErrno;
+    const WriteSignalsHeld held;
+    std::vfprintf(stderr, format, arguments);
+  }
   va_end(arguments);
 }
