@@ -7,6 +7,8 @@
 #include <new>
 
 #include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/ProcessEnd.h"
 
 namespace {
 
@@ -31,11 +33,12 @@ constinit std::atomic<void*> reserve = nullptr;
 __attribute__((constructor)) void prepareForFailures() {
   registerErrorHandlers();
   reserve = std::malloc(reserveSize);
+  watchForExit();
 }
 
-[[noreturn]] void endProcess() {
+[[noreturn]] void failProcess() {
   dumpModulesAndChain(false);
-  exit(1);
+  endProcess(1, HoldRequests::level() != 0);
 }
 
 }  // namespace
@@ -69,12 +72,12 @@ void registerErrorHandlers() {
 
 void CUL_terminate() {
   CUL_TRACE(TraceType::error, sourceFile, 77, "*** FATAL DEBUGGER ERROR: C++ terminate() called");
-  endProcess();
+  failProcess();
 }
 
 void CUL_unexpected() {
   CUL_TRACE(TraceType::error, sourceFile, 91, "*** FATAL DEBUGGER ERROR: C++ unexpected() called");
-  endProcess();
+  failProcess();
 }
 
 void newHandler() {
@@ -82,5 +85,7 @@ void newHandler() {
   CUL_TRACE(TraceType::error, sourceFile, 111, "*** FATAL DEBUGGER ERROR: Out of memory");
   // puts() adds a newline of its own: two end the text, deliberately.
   std::puts("*** FATAL DEBUGGER ERROR: Out of memory\n");
-  endProcess();
+  // An ending that is cut short writes no streams out.
+  std::fflush(stdout);
+  failProcess();
 }

@@ -13,13 +13,18 @@
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/AlternateStack.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/ProcessEnd.h"
 #include "Engine/utilities/UNIX/RequestToEnd.h"
 #include "Engine/utilities/signals.h"
 
 namespace {
 
 constexpr const char* sourceFile = "Engine/utilities/UNIX/UNIXStdThread";
+
+// Of a process that ends because an exception escaped from a thread.
+constexpr int failureStatus = 99;
 
 // Tells the SIGUSR2 handler of the thread it runs on, from the entry function's frame.
 class RunningHere {
@@ -100,17 +105,19 @@ void StdThreadRun::run() {
 
 void StdThreadRun::fail(const StdException& exception) const {
   RequestToEnd::own().comeTooLate();
+  thread_->clearjmp();  // its place has been left
   CUL_TRACE(TraceType::error, charsOf(exception.fileName), exception.line,
             "Internal error on thread %s(%d).", charsOf(thread_->name_),
             static_cast<int>(pthread_self()));
-  exit(99);
+  endProcess(failureStatus);
 }
 
 void StdThreadRun::fail() const {
   RequestToEnd::own().comeTooLate();
+  thread_->clearjmp();  // its place has been left
   CUL_TRACE(TraceType::error, sourceFile, 79, "Unidentified internal error on thread %s(%d).",
             charsOf(thread_->name_), static_cast<int>(pthread_self()));
-  exit(99);
+  endProcess(failureStatus);
 }
 
 void StdThreadRun::end() {
@@ -132,6 +139,8 @@ void StdThreadRun::abandon() noexcept {
 __attribute__((no_sanitize("null"))) void* StdThreadRunFF(void* runRecord) {
   const HoldRequests hold;
   const std::unique_ptr<StdThreadRun> record(static_cast<StdThreadRun*>(runRecord));
+  const ExitWatch exitWatch;
+  const AlternateStack alternateStack;
   const RunningHere here(record->thread(), __builtin_frame_address(0));
   {
     // The starter has stored the thread's id and lets the object go when this lock is free.

@@ -1,13 +1,23 @@
+#include <array>
+#include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
+#include <dlfcn.h>
 #include <execinfo.h>
+#include <link.h>
 #include <memory>
+#include <sys/single_threaded.h>
 #include <ucontext.h>
+#include <unistd.h>
 
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/AlternateStack.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/ProcessEnd.h"
 #include "Engine/utilities/signals.h"
 
 namespace {
@@ -15,19 +25,49 @@ namespace {
 constexpr const char* sourceFile = "Engine/utilities/UNIX/UNIXsignals";
 
 constexpr int maximumCalls = 50;
+constexpr int signalStatus = 99;
 
-struct sigaction actionOf(void (*handler)(int, siginfo_t*, void*)) {
+// What a thread brings upon itself. The other signals are sent.
+constexpr int faults[] = {SIGTRAP, SIGABRT, SIGFPE, SIGILL, SIGBUS, SIGSEGV};
+
+constexpr bool isFault(int signal) noexcept {
+  for (const int fault : faults) {
+    if (fault == signal) {
+      return true;
+    }
+  }
+  return false;
+}
+
+enum class Serves { once, eachThread };
+
+// Handlers of faults run on the alternate stack. Those of other signals stay on the thread's
+// own, where the exit handlers that they run have all the room they are used to.
+struct sigaction handlerAction(int signal, Serves serves) {
   struct sigaction action = {};
-  action.sa_sigaction = handler;
-  action.sa_flags = static_cast<int>(SA_SIGINFO | SA_RESETHAND);
+  action.sa_sigaction = CUL_SignalHandler;
+  action.sa_flags = static_cast<int>(SA_SIGINFO | (serves == Serves::once ? SA_RESETHAND : 0U) |
+                                     (isFault(signal) ? static_cast<unsigned>(SA_ONSTACK) : 0U));
   sigemptyset(&action.sa_mask);
   return action;
 }
 
-struct sigaction defaultAction() {
-  struct sigaction action = actionOf(nullptr);
+void setDefaultAction(int signal) {
+  struct sigaction action = {};
   action.sa_handler = SIG_DFL;
-  return action;
+  action.sa_flags = static_cast<int>(SA_SIGINFO | SA_RESETHAND);
+  sigemptyset(&action.sa_mask);
+  sigaction(signal, &action, nullptr);
+}
+
+// Whether the thread that the handler runs on cannot go on: it has faulted or aborted, or has
+// called the handler as a function.
+bool hasFailed(int signal, const siginfo_t* info, const void* context) noexcept {
+  if (context == nullptr) {
+    return true;
+  }
+  return isFault(signal) &&
+         (info->si_code > 0 || (info->si_code == SI_TKILL && info->si_pid == getpid()));
 }
 
 // Signals are blocked while a handler runs, and a jump out of it does not undo that.
@@ -42,35 +82,178 @@ void unblock(int signal, const void* context) {
   pthread_sigmask(SIG_UNBLOCK, &one, nullptr);
 }
 
+// A fault of the handler itself, or of an exit handler, must find the handler again.
+void unblockFaults() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int fault : faults) {
+    sigaddset(&set, fault);
+  }
+  pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+}
+
+// Where the code of a function lies.
+struct Code {
+  std::uintptr_t start = 0;
+  std::uintptr_t size = 0;
+};
+
+constexpr std::array<const char*, 7> allocationNames = {
+    "malloc", "calloc", "realloc", "free", "memalign", "posix_memalign", "aligned_alloc"};
+constinit std::array<Code, allocationNames.size()> allocations = {};
+
+void findAllocations() {
+  for (std::size_t i = 0; i < allocationNames.size(); ++i) {
+    const void* function = dlsym(RTLD_DEFAULT, allocationNames[i]);
+    Dl_info info;
+    void* found = nullptr;
+    if (function != nullptr && dladdr1(function, &info, &found, RTLD_DL_SYMENT) != 0 &&
+        found != nullptr) {
+      allocations[i] = {reinterpret_cast<std::uintptr_t>(function),
+                        static_cast<const ElfW(Sym)*>(found)->st_size};
+    }
+  }
+}
+
+// Whether the signal has interrupted an allocation, whose lock then stays taken while the
+// handler runs. The C library takes none in a process with one thread.
+bool hasInterruptedAllocation() {
+  if (__libc_single_threaded != 0) {
+    return false;
+  }
+  void* addresses[maximumCalls];
+  const int count = backtrace(addresses, maximumCalls);
+  for (int i = 0; i < count; ++i) {
+    const auto call = reinterpret_cast<std::uintptr_t>(addresses[i]) - 1;
+    for (const Code& code : allocations) {
+      if (call - code.start < code.size) {
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+// Ends the process when its ending takes too long. One thread at a time has it.
+class Deadline {
+ public:
+  static void set() {
+    pid_t nobody = 0;
+    if (!owner_.compare_exchange_strong(nobody, gettid())) {
+      return;
+    }
+    struct sigaction action = {};
+    action.sa_handler = [](int) { endProcessAtOnce(signalStatus); };
+    sigaction(SIGALRM, &action, &former_);
+    unblock(SIGALRM, nullptr);
+    sigevent event = {};
+    event.sigev_notify = SIGEV_SIGNAL;
+    event.sigev_signo = SIGALRM;
+    const itimerspec limit = {{0, 0}, {endingLimit, 0}};
+    if (timer_create(CLOCK_MONOTONIC, &event, &timer_) == 0) {
+      timer_settime(timer_, 0, &limit, nullptr);
+    }
+  }
+
+  static void lift() {
+    if (owner_ == gettid()) {
+      timer_delete(timer_);
+      sigaction(SIGALRM, &former_, nullptr);
+      owner_ = 0;
+    }
+  }
+
+ private:
+  inline static constinit std::atomic<pid_t> owner_ = 0;
+  inline static struct sigaction former_ = {};
+  inline static timer_t timer_ = nullptr;
+};
+
+// How many handlers the calling thread is in that have not come to recovery or end. A report
+// that fails must not be begun again, and what fails then as well is not tried again.
+constinit thread_local unsigned handlersEntered __attribute__((tls_model("initial-exec"))) = 0;
+
+void report(int signal, const siginfo_t* info) {
+  if (isTraced(TraceType::active)) {
+    CUL_TRACE(TraceType::error, sourceFile, 56, "Signal %d (%s) at location %p; code = %d.", signal,
+              SignalOccurred(signal).signalName(), info->si_addr, info->si_code);
+    dumpModulesAndChain(false);
+  }
+}
+
+// What would have to be allocated, found or loaded in a handler otherwise.
+__attribute__((constructor)) void prepareForFaults() {
+  void* address = nullptr;
+  backtrace(&address, 1);
+  findAllocations();
+  if (gettid() == getpid()) {
+    [[maybe_unused]] static const auto* const stackOfTheFirstThread = new AlternateStack;
+  }
+}
+
 }  // namespace
 
 int registerHandlerForSignal(int signal) {
   struct sigaction current = {};
   const int result = sigaction(signal, nullptr, &current);
-  if (result != 0 || (current.sa_handler != SIG_DFL && current.sa_handler != SIG_IGN)) {
+  const Serves serves =
+      isFault(signal) && __libc_single_threaded == 0 ? Serves::eachThread : Serves::once;
+  const bool hasHandler = current.sa_handler != SIG_DFL && current.sa_handler != SIG_IGN;
+  // One that was installed before there was a second thread.
+  const bool isOutdated = current.sa_sigaction == CUL_SignalHandler &&
+                          serves == Serves::eachThread &&
+                          (static_cast<unsigned>(current.sa_flags) & SA_RESETHAND) != 0;
+  if (result != 0 || (hasHandler && !isOutdated)) {
     return result;
   }
-  const struct sigaction handled = actionOf(CUL_SignalHandler);
+  const struct sigaction handled = handlerAction(signal, serves);
   return sigaction(signal, &handled, nullptr);
 }
 
 void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
+  const bool isInsideLibrary = HoldRequests::level() != 0;
   const HoldRequests hold;
-  const struct sigaction byDefault = defaultAction();
-  sigaction(signal, &byDefault, nullptr);
+  const bool mustEnd = hasFailed(signal, info, context);
   if (signal == SIGPIPE) {
+    setDefaultAction(signal);
     return;
   }
-  if (isTraced(TraceType::active)) {
-    CUL_TRACE(TraceType::error, sourceFile, 56, "Signal %d (%s) at location %p; code = %d.", signal,
-              SignalOccurred(signal).signalName(), info->si_addr, info->si_code);
-    dumpModulesAndChain(false);
+  if (!mustEnd && isProcessEnding()) {
+    return;
+  }
+  // Other threads may fault as well: the default action would end the process under this
+  // one's hands. It is put back when this thread goes on.
+  if (isFault(signal)) {
+    const struct sigaction handled = handlerAction(signal, Serves::eachThread);
+    sigaction(signal, &handled, nullptr);
+  } else {
+    setDefaultAction(signal);
+  }
+  ++handlersEntered;
+  if (mustEnd && handlersEntered > 2) {
+    endProcessAtOnce(signalStatus);
+  }
+  if (mustEnd && context != nullptr) {
+    unblockFaults();
+  }
+  bool mayHoldLocks = isInsideLibrary;
+  if (handlersEntered == 1) {
+    if (hasInterruptedAllocation()) {
+      mayHoldLocks = true;
+      Deadline::set();
+    }
+    report(signal, info);
   }
   StdThread* thread = StdThread::currentThread();
   if (thread != nullptr) {
     CUL_TRACE(TraceType::error, sourceFile, 71, "Attempting longjmp recovery");
     // Without a recovery a second signal must not disturb the end of the process.
     if (thread->isRecoveryArmed()) {
+      handlersEntered = 0;
+      Deadline::lift();
+      if (isFault(signal) && !isProcessEnding()) {
+        setDefaultAction(signal);
+      }
       unblock(signal, context);
     }
     thread->longjmp(signal, 0);
@@ -78,7 +261,11 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
   } else {
     CUL_TRACE(TraceType::error, sourceFile, 68, "Not on recoverable thread");
   }
-  exit(99);
+  --handlersEntered;
+  if (mustEnd) {
+    endProcess(signalStatus, mayHoldLocks);
+  }
+  endProcessUnlessEnding(signalStatus);
 }
 
 void dumpModulesAndChain(bool toStandardError) {
