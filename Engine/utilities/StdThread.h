@@ -16,7 +16,9 @@
 /// started it belongs to its thread, which deletes it when run() returns: make it with
 /// `new`, and do not delete or even touch it after start_thread() unless something else
 /// keeps it alive. Whoever wants to wait for the thread keeps a StdThread::Termination. A
-/// thread whose run() lets an exception out ends the whole process with status 99.
+/// thread whose run() lets an exception out ends the whole process with status 99. When the
+/// process is ending already, that ending goes on with its own status, and the thread is as good
+/// as ended: it can be joined, its object stays registered (see signals.h on several endings).
 ///
 /// **Asking a thread to end.** requestTerminate() sends SIGUSR2. The thread ends where it
 /// is by unwinding its stack, so objects on the stack are destroyed; its thread object

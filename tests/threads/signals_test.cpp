@@ -1,5 +1,6 @@
 #include "Engine/utilities/signals.h"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -24,6 +25,7 @@
 #include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/Child.h"
+#include "tests/threads/SignalSupport.h"
 #include "tests/threads/ThreadSupport.h"
 
 namespace {
@@ -56,21 +58,6 @@ void* unmappedPage() {
 }
 
 void crash() { *static_cast<volatile int*>(unmappedPage()) = 1; }
-
-// The sanitizers install handlers of their own for fatal signals when they are loaded, which
-// the library then respects. A child that tests the library's handlers tells them not to.
-ChildOptions withoutSanitizerHandlers() {
-  ChildOptions options;
-  for (const char* variable : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) {
-    const char* present = getenv(variable);
-    options.environment[variable] =
-        std::string(present == nullptr ? "" : present) +
-        ":handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:handle_abort=0:"
-        // What a process that ends in a signal handler leaves behind is no leak.
-        "detect_leaks=0:report_thread_leaks=0:report_signal_unsafe=0";
-  }
-  return options;
-}
 
 TracedChild tracedChild(const std::string& name, std::vector<std::string> arguments = {}) {
   ChildOptions options = withoutSanitizerHandlers();
@@ -151,6 +138,39 @@ CUL_CHILD(HandlersAfterLoading) {
 
 TEST(registerErrorHandlers, HasRunWhenTheLibraryIsLoaded) {
   const ChildResult child = untracedChild("HandlersAfterLoading");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+CUL_CHILD(HandlersOfSeveralThreads) {
+  constexpr int faults[] = {SIGTRAP, SIGABRT, SIGFPE, SIGILL, SIGSEGV};
+  const auto expectFlags = [&faults](bool isReset) {
+    for (const int number : handledSignals) {
+      const bool isFault =
+          std::find(std::begin(faults), std::end(faults), number) != std::end(faults);
+      const struct sigaction action = actionOf(number);
+      EXPECT_EQ(action.sa_sigaction, &CUL_SignalHandler) << number;
+      EXPECT_EQ((action.sa_flags & SA_ONSTACK) != 0, isFault) << number;
+      EXPECT_EQ((static_cast<unsigned>(action.sa_flags) & SA_RESETHAND) != 0, isReset || !isFault)
+          << number;
+      EXPECT_EQ(sigisemptyset(&action.sa_mask), 1) << number;
+    }
+  };
+  // The thread sanitizer has a thread of its own from the start.
+  if (childArguments()[0] == "one thread at first") {
+    expectFlags(true);
+  }
+  runOnThread([&expectFlags] { expectFlags(false); });
+  signal(SIGFPE, ownHandler);
+  runOnThread([] { EXPECT_EQ(actionOf(SIGFPE).sa_handler, &ownHandler); });
+}
+
+TEST(registerErrorHandlers, LetsTheFaultsOfSeveralThreadsFindTheHandler) {
+#if defined(__SANITIZE_THREAD__)
+  const char* start = "several threads at once";
+#else
+  const char* start = "one thread at first";
+#endif
+  const ChildResult child = untracedChild("HandlersOfSeveralThreads", {start});
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 

@@ -39,7 +39,7 @@ void endProcessUnlessEnding(int status) noexcept;
 bool isProcessEnding() noexcept;
 
 /// How long an ending is waited for that may have to wait for a lock in vain, in seconds.
-inline constexpr unsigned endingLimit = 5;
+inline constexpr unsigned endingLimit = 3;
 
 /// While it lives, exit() on the calling thread is noticed before the first exit handler runs.
 /// To live in the frame of a thread's entry function, so that the thread's own end, which looks

@@ -13,6 +13,7 @@
 #include <ucontext.h>
 #include <unistd.h>
 
+#include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/AlternateStack.h"
@@ -50,6 +51,11 @@ struct sigaction handlerAction(int signal, Serves serves) {
                                      (isFault(signal) ? static_cast<unsigned>(SA_ONSTACK) : 0U));
   sigemptyset(&action.sa_mask);
   return action;
+}
+
+// Faults may come from several threads at once as soon as there are several.
+Serves servesNow(int signal) noexcept {
+  return isFault(signal) && __libc_single_threaded == 0 ? Serves::eachThread : Serves::once;
 }
 
 void setDefaultAction(int signal) {
@@ -169,14 +175,70 @@ class Deadline {
   inline static timer_t timer_ = nullptr;
 };
 
+// A signal that was sent and can wait until its thread is out of an allocation, or out of the
+// library's own critical code. One at a time.
+class Postponed {
+ public:
+  // Has the signal come again in a moment.
+  // \return false when it has waited long enough, or another one waits.
+  static bool put(int signal, const siginfo_t* info) {
+    bool isTaken = false;
+    if (info != &info_) {
+      if (!isTaken_.compare_exchange_strong(isTaken, true)) {
+        return false;
+      }
+      info_ = *info;
+      attempts_ = 0;
+      sigevent event = {};
+      // A thread may end before it gets a signal that was meant for all.
+      event.sigev_notify = info->si_code == SI_TKILL ? SIGEV_THREAD_ID : SIGEV_SIGNAL;
+      event._sigev_un._tid = gettid();
+      event.sigev_signo = signal;
+      event.sigev_value.sival_ptr = &info_;
+      if (timer_create(CLOCK_MONOTONIC, &event, &timer_) != 0) {
+        isTaken_ = false;
+        return false;
+      }
+    }
+    constexpr unsigned mostAttempts = 500;
+    constexpr itimerspec delay = {{0, 0}, {0, 200000}};
+    const struct sigaction again = handlerAction(signal, servesNow(signal));
+    return ++attempts_ < mostAttempts && sigaction(signal, &again, nullptr) == 0 &&
+           timer_settime(timer_, 0, &delay, nullptr) == 0;
+  }
+
+  // What a signal tells, or told when it came first.
+  static const siginfo_t* original(const siginfo_t* info) {
+    return info->si_code == SI_TIMER && info->si_value.sival_ptr == &info_ && attempts_ != 0
+               ? &info_
+               : info;
+  }
+
+  // The signal is handled now.
+  static siginfo_t take(const siginfo_t* info) {
+    const siginfo_t taken = *info;
+    if (info == &info_) {
+      timer_delete(timer_);
+      isTaken_ = false;
+    }
+    return taken;
+  }
+
+ private:
+  inline static constinit std::atomic<bool> isTaken_ = false;
+  inline static siginfo_t info_ = {};
+  inline static constinit std::atomic<unsigned> attempts_ = 0;
+  inline static timer_t timer_ = nullptr;
+};
+
 // How many handlers the calling thread is in that have not come to recovery or end. A report
 // that fails must not be begun again, and what fails then as well is not tried again.
 constinit thread_local unsigned handlersEntered __attribute__((tls_model("initial-exec"))) = 0;
 
-void report(int signal, const siginfo_t* info) {
+void report(int signal, const siginfo_t& info) {
   if (isTraced(TraceType::active)) {
     CUL_TRACE(TraceType::error, sourceFile, 56, "Signal %d (%s) at location %p; code = %d.", signal,
-              SignalOccurred(signal).signalName(), info->si_addr, info->si_code);
+              SignalOccurred(signal).signalName(), info.si_addr, info.si_code);
     dumpModulesAndChain(false);
   }
 }
@@ -196,8 +258,7 @@ __attribute__((constructor)) void prepareForFaults() {
 int registerHandlerForSignal(int signal) {
   struct sigaction current = {};
   const int result = sigaction(signal, nullptr, &current);
-  const Serves serves =
-      isFault(signal) && __libc_single_threaded == 0 ? Serves::eachThread : Serves::once;
+  const Serves serves = servesNow(signal);
   const bool hasHandler = current.sa_handler != SIG_DFL && current.sa_handler != SIG_IGN;
   // One that was installed before there was a second thread.
   const bool isOutdated = current.sa_sigaction == CUL_SignalHandler &&
@@ -211,6 +272,7 @@ int registerHandlerForSignal(int signal) {
 }
 
 void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
+  const KeepErrno keepErrno;
   const bool isInsideLibrary = HoldRequests::level() != 0;
   const HoldRequests hold;
   const bool mustEnd = hasFailed(signal, info, context);
@@ -221,6 +283,11 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
   if (!mustEnd && isProcessEnding()) {
     return;
   }
+  const siginfo_t* told = mustEnd ? info : Postponed::original(info);
+  if (!mustEnd && (isInsideLibrary || hasInterruptedAllocation()) && Postponed::put(signal, told)) {
+    return;
+  }
+  const siginfo_t information = Postponed::take(told);
   // Other threads may fault as well: the default action would end the process under this
   // one's hands. It is put back when this thread goes on.
   if (isFault(signal)) {
@@ -242,7 +309,7 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
       mayHoldLocks = true;
       Deadline::set();
     }
-    report(signal, info);
+    report(signal, information);
   }
   StdThread* thread = StdThread::currentThread();
   if (thread != nullptr) {
