@@ -18,7 +18,9 @@ inline ChildOptions withoutSanitizerHandlers() {
         std::string(present == nullptr ? "" : present) +
         ":handle_segv=0:handle_sigbus=0:handle_sigfpe=0:handle_sigill=0:handle_abort=0:"
         // What a process that ends in a signal handler leaves behind is no leak.
-        "detect_leaks=0:report_thread_leaks=0:report_signal_unsafe=0";
+        "detect_leaks=0:report_thread_leaks=0:report_signal_unsafe=0:"
+        // It need not wait for reports of other threads.
+        "atexit_sleep_ms=0";
   }
   return options;
 }

@@ -155,22 +155,14 @@ CUL_CHILD(HandlersOfSeveralThreads) {
       EXPECT_EQ(sigisemptyset(&action.sa_mask), 1) << number;
     }
   };
-  // The thread sanitizer has a thread of its own from the start.
-  if (childArguments()[0] == "one thread at first") {
-    expectFlags(true);
-  }
+  expectFlags(true);
   runOnThread([&expectFlags] { expectFlags(false); });
   signal(SIGFPE, ownHandler);
   runOnThread([] { EXPECT_EQ(actionOf(SIGFPE).sa_handler, &ownHandler); });
 }
 
 TEST(registerErrorHandlers, LetsTheFaultsOfSeveralThreadsFindTheHandler) {
-#if defined(__SANITIZE_THREAD__)
-  const char* start = "several threads at once";
-#else
-  const char* start = "one thread at first";
-#endif
-  const ChildResult child = untracedChild("HandlersOfSeveralThreads", {start});
+  const ChildResult child = untracedChild("HandlersOfSeveralThreads");
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 

@@ -74,7 +74,8 @@ void noticeExit() noexcept {
   switch (claimEnding(none)) {
     case Claim::made:
       // What armed the recovery point will never be returned to.
-      if (StdThread* self = StdThread::currentThread(); self->threadId() == pthread_self()) {
+      if (StdThread* self = StdThread::currentThread();
+          self->threadId() == pthread_self() && self->isRecoveryArmed()) {
         self->clearjmp();
       }
       return;

@@ -9,6 +9,7 @@
 #include <execinfo.h>
 #include <link.h>
 #include <memory>
+#include <new>
 #include <sys/single_threaded.h>
 #include <ucontext.h>
 #include <unistd.h>
@@ -249,7 +250,9 @@ __attribute__((constructor)) void prepareForFaults() {
   backtrace(&address, 1);
   findAllocations();
   if (gettid() == getpid()) {
-    [[maybe_unused]] static const auto* const stackOfTheFirstThread = new AlternateStack;
+    // Stays for the life of the process.
+    alignas(AlternateStack) static unsigned char stack[sizeof(AlternateStack)];
+    ::new (stack) AlternateStack;
   }
 }
 
