@@ -1,18 +1,18 @@
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <dlfcn.h>
 #include <execinfo.h>
-#include <link.h>
 #include <memory>
 #include <new>
 #include <sys/single_threaded.h>
 #include <ucontext.h>
 #include <unistd.h>
+#include <unwind.h>
 
 #include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/StdThread.h"
@@ -99,27 +99,13 @@ void unblockFaults() {
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
 }
 
-// Where the code of a function lies.
-struct Code {
-  std::uintptr_t start = 0;
-  std::uintptr_t size = 0;
-};
-
 constexpr std::array<const char*, 7> allocationNames = {
     "malloc", "calloc", "realloc", "free", "memalign", "posix_memalign", "aligned_alloc"};
-constinit std::array<Code, allocationNames.size()> allocations = {};
+constinit std::array<const void*, allocationNames.size()> allocations = {};
 
 void findAllocations() {
-  for (std::size_t i = 0; i < allocationNames.size(); ++i) {
-    const void* function = dlsym(RTLD_DEFAULT, allocationNames[i]);
-    Dl_info info;
-    void* found = nullptr;
-    if (function != nullptr && dladdr1(function, &info, &found, RTLD_DL_SYMENT) != 0 &&
-        found != nullptr) {
-      allocations[i] = {reinterpret_cast<std::uintptr_t>(function),
-                        static_cast<const ElfW(Sym)*>(found)->st_size};
-    }
-  }
+  std::transform(allocationNames.begin(), allocationNames.end(), allocations.begin(),
+                 [](const char* name) { return dlsym(RTLD_DEFAULT, name); });
 }
 
 // Whether the signal has interrupted an allocation, whose lock then stays taken while the
@@ -130,15 +116,12 @@ bool hasInterruptedAllocation() {
   }
   void* addresses[maximumCalls];
   const int count = backtrace(addresses, maximumCalls);
-  for (int i = 0; i < count; ++i) {
-    const auto call = reinterpret_cast<std::uintptr_t>(addresses[i]) - 1;
-    for (const Code& code : allocations) {
-      if (call - code.start < code.size) {
-        return true;
-      }
-    }
-  }
-  return false;
+  return std::any_of(addresses, addresses + count, [](void* address) {
+    // The address is behind the call, which may be the last instruction of its function.
+    const void* function = _Unwind_FindEnclosingFunction(static_cast<char*>(address) - 1);
+    return function != nullptr &&
+           std::find(allocations.begin(), allocations.end(), function) != allocations.end();
+  });
 }
 
 // Ends the process when its ending takes too long. One thread at a time has it.
