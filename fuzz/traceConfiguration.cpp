@@ -51,7 +51,9 @@ struct Reading {
     }
     while (at < text.size()) {
       const size_t end = std::min(text.find(',', at), text.size());
-      take(stripped(text.substr(at, end - at)));
+      if (end != at) {
+        take(stripped(text.substr(at, end - at)));
+      }
       at = end + 1;
     }
     complete();
@@ -69,13 +71,11 @@ struct Reading {
     unsigned long number = 0;
     char behind = 0;
     if (token.starts_with('~') || token.starts_with('!')) {
-      if (token.size() > 1) {
-        excluded.insert(token.substr(1));
-        included.erase(token.substr(1));
-      }
+      excluded.insert(token.substr(1));
+      included.erase(token.substr(1));
     } else if (std::sscanf(token.c_str(), "%lu%c", &number, &behind) == 1) {
       size = number >= 2 && number <= 511 ? static_cast<unsigned>(number) : size;
-    } else if (!token.empty()) {
+    } else {
       included.insert(token);
       excluded.erase(token);
     }
@@ -296,6 +296,12 @@ void fuzz(FuzzInput& input) {
   std::string file;
   if (expected.output != "stdout" && expected.output != "stderr" && !expected.output.empty()) {
     file = bytesOf(utf8Text(expected.output).convert(EncodedString::native));
+    const std::string name = stripped(upToZero(text).substr(0, text.find(',')));
+    const EncodedString read(name.data(), static_cast<unsigned>(name.size()),
+                             EncodedString::native);
+    if (source != 0 && bytesOf(read.convert(EncodedString::native)) != name) {
+      file = name;  // as it stands in the variable
+    }
     file = fileOf(file, id);
   }
   TraceImplementation* const trace =

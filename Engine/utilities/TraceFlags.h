@@ -80,10 +80,10 @@ extern CUL_EXPORT TraceFlags traceFlags;
 inline constexpr unsigned char undecidedTrace = 2;
 
 /// Makes the process's trace and tests the switch of `type`; isTraced() calls it once.
-[[nodiscard]] CUL_EXPORT bool decideTrace(TraceType type) noexcept;
+[[nodiscard]] CUL_EXPORT bool decideTrace(TraceType type);
 
 /// Whether the process's trace takes lines of `type`.
-[[nodiscard]] inline bool isTraced(TraceType type) noexcept {
+[[nodiscard]] inline bool isTraced(TraceType type) {
   const unsigned char flag =
       __atomic_load_n(&traceFlags.bytes[static_cast<unsigned>(type)], __ATOMIC_ACQUIRE);
   return flag != 0 && (flag != undecidedTrace || decideTrace(type));

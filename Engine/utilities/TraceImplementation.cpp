@@ -14,17 +14,20 @@
 #include <span>
 #include <stdio_ext.h>
 #include <string_view>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Engine/utilities/ElapsedTime.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/KeepErrno.h"
+#include "Engine/utilities/LocalTime.h"
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/Texts.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/WriteSignals.h"
 
 namespace {
 
@@ -32,6 +35,7 @@ constexpr unsigned megabyte = 1048576;
 constexpr unsigned defaultSizeInMegabytes = 16;
 constexpr unsigned long smallestSizeInMegabytes = 2;
 constexpr unsigned long largestSizeInMegabytes = 511;
+constexpr unsigned noLimit = UINT_MAX;
 constexpr std::uint64_t microsecondsPerSecond = 1000000;
 
 // The types that the header of the output lists and that complete the configured lists. A
@@ -142,6 +146,20 @@ bool isNumber(const ByteString& text, unsigned long& number) noexcept {
   return std::sscanf(reinterpret_cast<const char*>(bytes), "%lu%c", &number, &behind) == 1;
 }
 
+// Whether the native code page gives `bytes` back as they are when it has read them.
+bool isNative(std::string_view bytes) {
+  const auto length = static_cast<unsigned>(bytes.size());
+  const EncodedString text(bytes.data(), length, EncodedString::native);
+  return viewOf(text.convert(EncodedString::native)) == bytes;
+}
+
+// The output's name as it stands in the variable that a configuration was read from.
+std::string_view nameInVariable(std::string_view variable) noexcept {
+  const std::size_t start = std::min(variable.find_first_not_of(' '), variable.size());
+  const std::string_view name = variable.substr(start, variable.find(',', start) - start);
+  return name.substr(0, name.find_last_not_of(' ') + 1);
+}
+
 // Makes a stream of the trace's own ready. Each line is flushed anyway: without a buffer it
 // goes out whole, in one system call. The trace's lock serves for the stream's.
 void prepare(FILE* stream) noexcept {
@@ -149,11 +167,32 @@ void prepare(FILE* stream) noexcept {
   __fsetlocking(stream, FSETLOCKING_BYCALLER);
 }
 
+// Opens the trace's own output for writing, emptied; null when that fails, also for a FIFO
+// that nobody reads. Never waits, and gains no controlling terminal.
+FILE* openEmptied(const char* name) noexcept {
+  const int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
+  if (fd < 0) {
+    return nullptr;
+  }
+  fcntl(fd, F_SETFL, 0);  // a reader that is slow is waited for
+  FILE* stream = fdopen(fd, "w");
+  if (stream == nullptr) {
+    close(fd);
+    return nullptr;
+  }
+  prepare(stream);
+  return stream;
+}
+
+// Used under the lock of the trace.
+constinit LocalTime localTime;
+
 // The text of ctime(), which ends in a newline.
 class TimeText {
  public:
   explicit TimeText(std::time_t time) noexcept {
-    if (ctime_r(&time, text_) == nullptr) {
+    std::tm parts = {};
+    if (!localTime.breakDown(time, parts) || asctime_r(&parts, text_) == nullptr) {
       text_[0] = '\0';
     }
   }
@@ -338,8 +377,8 @@ TraceImplementation::~TraceImplementation() {
   const KeepErrno keepErrno;
   const HoldRequests hold;
   if (output_ != nullptr) {
-    traceInternal("Trace end at %s", TimeText(std::time(nullptr)).get());
     const LockGuard guard(lock_, "TraceImplementation::~TraceImplementation()", __LINE__);
+    traceInternal("Trace end at %s", TimeText(std::time(nullptr)).get());
     if (output_ != stdout && output_ != stderr) {
       std::fclose(output_);
     }
@@ -380,35 +419,45 @@ void TraceImplementation::abandonLines() noexcept {
 }
 
 void TraceImplementation::configure(const wchar_t* configuration) {
+  const char* variable = configuration != nullptr ? nullptr : traceVariable();
   CharString text =
-      configuration != nullptr ? CharString(configuration) : CharString::getEnvVar(traceVariable());
+      configuration != nullptr ? CharString(configuration) : CharString::getEnvVar(variable);
   stripBlanks(text);
   if (text.length() == 0) {
-    text = strippedVariable("WZ4_DBG_TRACE");
+    variable = "WZ4_DBG_TRACE";
+    text = strippedVariable(variable);
   }
   if (isHostSelected()) {
-    parse(text);
+    parse(text, variable != nullptr ? std::getenv(variable) : nullptr);
     openFiles();
   }
 }
 
-void TraceImplementation::parse(CharString configuration) {
+void TraceImplementation::parse(CharString configuration, const char* variable) {
+  std::string_view bytes;
   if (configuration.length() != 0 && configuration[1] == L',') {
     outputName_ = L"stderr";
   } else {
     outputName_ = configuration.firstToken(L",");
     stripBlanks(outputName_);
+    bytes = nameInVariable(variable != nullptr ? variable : "");
   }
-  const ByteString nativeName = outputName_.encoded().convert(EncodedString::native);
+  ByteString nativeName = outputName_.encoded().convert(EncodedString::native);
+  if (!isNative(bytes)) {
+    nativeName = nameOf(bytes);
+  }
   ownedBuffer_ = strndup(viewOf(nativeName).data(), nativeName.length());
   if (ownedBuffer_ == nullptr) {
     throw std::bad_alloc();
   }
   while (configuration.length() != 0) {
     CharString token = configuration.firstToken(L",");
-    stripBlanks(token);
-    token.upper();
-    parseToken(token);
+    // Between two commas, and behind the last, there is no token; blanks are one.
+    if (token.length() != 0) {
+      stripBlanks(token);
+      token.upper();
+      parseToken(token);
+    }
   }
   completeLists();
 }
@@ -418,16 +467,14 @@ void TraceImplementation::parseToken(const CharString& token) {
   const std::string_view text = viewOf(name);
   unsigned long size = 0;
   if (text.starts_with('~') || text.starts_with('!')) {
-    if (text.size() > 1) {
-      const ByteString excluded = nameOf(text.substr(1));
-      add(excludeList_, excluded);
-      remove(includeList_, excluded);
-    }
+    const ByteString excluded = nameOf(text.substr(1));
+    add(excludeList_, excluded);
+    remove(includeList_, excluded);
   } else if (isNumber(name, size)) {
     if (size >= smallestSizeInMegabytes && size <= largestSizeInMegabytes) {
       sizeLimit_ = static_cast<unsigned>(size) * megabyte;
     }
-  } else if (!text.empty()) {
+  } else {
     add(includeList_, name);
     remove(excludeList_, name);
   }
@@ -537,6 +584,7 @@ void TraceImplementation::openFiles() noexcept {
   reopenInChild_ = reopenInChild_ && isTraceBitSet("CHILD");
   rewindPoint_ = 0;
   currentSize_ = 0;
+  inspectOutput();
   state_.store(active, std::memory_order_release);
   refreshFlags();
   writeHeader();
@@ -582,14 +630,11 @@ FILE* TraceImplementation::openNamed() noexcept {
     }
     name = path;
   }
-  FILE* file = std::fopen(name, "we");
-  if (file != nullptr) {
-    prepare(file);
-  }
-  return file;
+  return openEmptied(name);
 }
 
-void TraceImplementation::writeHeader() noexcept {
+void TraceImplementation::writeHeader() {
+  const LockGuard guard(lock_, "void TraceImplementation::writeHeader()", __LINE__);
   const ProductData& product = productData();
   traceInternal("Trace start at %s", TimeText(startTime_).get());
   traceInternal("Debugger: %s;  Version: %s", product.name, product.version);
@@ -601,7 +646,7 @@ void TraceImplementation::writeHeader() noexcept {
   traceInternal("Trace size: %dMb", static_cast<int>(sizeLimit_ / megabyte));
 }
 
-void TraceImplementation::writeTypes(bool included) noexcept {
+void TraceImplementation::writeTypes(bool included) {
   for (const char* type : knownTypes) {
     if (isTraceBitSet(type) == included) {
       traceInternal("  %s", type);
@@ -610,7 +655,7 @@ void TraceImplementation::writeTypes(bool included) noexcept {
 }
 
 void TraceImplementation::taggedTrace(const char* function, unsigned line, const char* tag,
-                                      const char* format, ...) noexcept {
+                                      const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   writeLine(function, line, {tag}, format, arguments);
@@ -618,11 +663,11 @@ void TraceImplementation::taggedTrace(const char* function, unsigned line, const
 }
 
 void TraceImplementation::trace(const char* function, unsigned line, const char* tag,
-                                const char* format, va_list arguments) noexcept {
+                                const char* format, va_list arguments) {
   writeLine(function, line, {tag}, format, arguments);
 }
 
-void TraceImplementation::traceInternal(const char* format, ...) noexcept {
+void TraceImplementation::traceInternal(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   writeLine("void TraceImplementation::traceInternal(const char*, ...)", 718, {nullptr}, format,
@@ -642,7 +687,7 @@ void TraceImplementation::_traceGMH(const char* function, unsigned line, const c
 }
 
 void TraceImplementation::traceSession(const char* function, unsigned line, const char* tag,
-                                       const void* session, const char* format, ...) noexcept {
+                                       const void* session, const char* format, ...) {
   char address[32];
   std::snprintf(address, sizeof address, "%p", session);
   va_list arguments;
@@ -653,17 +698,18 @@ void TraceImplementation::traceSession(const char* function, unsigned line, cons
 }
 
 void TraceImplementation::writeLine(const char* function, unsigned line, const Tag& tag,
-                                    const char* format, va_list arguments) noexcept {
+                                    const char* format, va_list arguments) {
   if (!isActive() || !flags[TraceType::active]) {
     return;
   }
   const KeepErrno keepErrno;
-  const HoldRequests hold;
+  // The wait for the lock can be left, the line under it cannot.
   const LockGuard guard(
       lock_,
       "void TraceImplementation::trace(const char*, unsigned int, const char*, const char*, "
       "va_list)",
       __LINE__);
+  const HoldRequests hold;
   const LineBuffer buffer;
   if (output_ == nullptr || !buffer.isUsable()) {
     return;
@@ -696,50 +742,157 @@ void TraceImplementation::writeLine(const char* function, unsigned line, const T
     text.put(": ");
   }
   text.putFormatted(format, arguments);
-  const std::string_view whole = text.finish();
-  rewindWhenFull(static_cast<unsigned>(whole.size()));
-  write(whole);
+  write(text.finish(), sizeLimit_);
 }
 
-// Hours, minutes and seconds of `second`, broken down anew only when it has changed.
+// Hours, minutes and seconds of `second`, broken down anew only when it has changed. What the
+// program may do to the output's file and its limits is looked at as often.
 const char* TraceImplementation::clockText(std::time_t second) noexcept {
   if (second != clockSecond_) {
     std::tm parts = {};
-    localtime_r(&second, &parts);
+    static_cast<void>(localTime.breakDown(second, parts));
     std::snprintf(clockText_, sizeof clockText_, "%.2u:%.2u:%.2u.",
                   static_cast<unsigned>(parts.tm_hour), static_cast<unsigned>(parts.tm_min),
                   static_cast<unsigned>(parts.tm_sec));
     clockSecond_ = second;
+    mayRaiseSignals_ = canRaiseSignals();
   }
   return clockText_;
 }
 
-void TraceImplementation::rewindWhenFull(unsigned length) noexcept {
-  if (sizeLimit_ < currentSize_ + length - rewindPoint_) {
-    // What the present pass has not overwritten of the one before would stay behind it.
-    static_cast<void>(ftruncate(fileno(output_), currentSize_));
-    std::fseek(output_, rewindPoint_, SEEK_SET);
+// What a new output is. Whether a file holds anything yet is seen before the first line.
+void TraceImplementation::inspectOutput() noexcept {
+  struct stat info = {};
+  const int fd = fileno(output_);
+  const bool isFile = fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
+  isShared_ = isStandard();
+  const bool appends = isShared_ && (fcntl(fd, F_GETFL) & O_APPEND) != 0;
+  layout_ = isFile && !appends ? Layout::ring : Layout::stream;
+  fileSize_ = 0;
+  if (isFile) {
+    append(true);
+  }
+  mayRaiseSignals_ = canRaiseSignals();
+}
+
+// Whether a write to the output can raise SIGPIPE or SIGXFSZ.
+bool TraceImplementation::canRaiseSignals() const noexcept {
+  struct stat info = {};
+  struct rlimit limit = {};
+  if (fstat(fileno(output_), &info) != 0 || S_ISCHR(info.st_mode)) {
+    return false;
+  }
+  return !S_ISREG(info.st_mode) || getrlimit(RLIMIT_FSIZE, &limit) != 0 ||
+         limit.rlim_cur != RLIM_INFINITY;
+}
+
+// Lines at the end of the trace's own file are appended, so that what somebody else has added
+// meanwhile is not written over. A description that others share is left as they want it.
+void TraceImplementation::append(bool on) noexcept {
+  if (!isShared_) {
+    fcntl(fileno(output_), F_SETFL, on ? O_APPEND : 0);
+  }
+}
+
+// Whether the output stands where the trace has left it and, when asked for or at the end of
+// the file anyway, whether the file has the size that the trace has given it. If not, the
+// trace goes on at the end: for good where anybody else has written, behind a new rewind point
+// where the file was cut.
+bool TraceImplementation::isAsLeft(bool asksForSize) noexcept {
+  const int fd = fileno(output_);
+  const bool isAtEnd = currentSize_ == fileSize_;
+  struct stat info = {};
+  if (lseek(fd, 0, isAtEnd ? SEEK_END : SEEK_CUR) == off_t{currentSize_} &&
+      (isAtEnd || !asksForSize || (fstat(fd, &info) == 0 && info.st_size == fileSize_))) {
+    return true;
+  }
+  append(true);
+  if (isShared_) {
+    fseeko(output_, 0, SEEK_END);  // the stream keeps count of its position, too
+  }
+  const off_t size = lseek(fd, 0, SEEK_END);
+  if (size >= 0 && size < fileSize_) {
+    fileSize_ = size;
+    currentSize_ = static_cast<unsigned>(size);
+    rewindPoint_ = currentSize_;
+  } else {
+    layout_ = isShared_ ? Layout::mixed : Layout::stream;
+  }
+  return false;
+}
+
+// Puts the output where the next `length` bytes belong: behind the last line; or at the rewind
+// point, when more than `limit` bytes would stand behind that. Cuts and overwrites only what
+// the trace has written.
+void TraceImplementation::findPlace(unsigned length, unsigned limit) noexcept {
+  const bool isFull = limit < currentSize_ + length - rewindPoint_;
+  const int fd = fileno(output_);
+  if (isShared_ && layout_ != Layout::stream) {
+    std::fflush(output_);  // what the program has printed comes first
+  }
+  if (layout_ == Layout::mixed) {
+    lseek(fd, 0, SEEK_END);
+  } else if (layout_ == Layout::ring) {
+    // The line that passes the end of the pass before: from there on the file grows again.
+    const bool outgrows = currentSize_ < fileSize_ && fileSize_ < off_t{currentSize_} + length;
+    const bool cuts = isFull || outgrows;
+    if ((cuts || isShared_) && isAsLeft(cuts) && cuts) {
+      // What the present pass has not overwritten of the one before would stay behind it.
+      if (ftruncate(fd, currentSize_) == 0) {
+        fileSize_ = currentSize_;
+      }
+      append(!isFull);
+      if (isFull) {
+        fseeko(output_, rewindPoint_, SEEK_SET);
+      }
+    }
+  }
+  if (isFull) {
     currentSize_ = rewindPoint_;
   }
 }
 
-void TraceImplementation::write(std::string_view text) noexcept {
-  currentSize_ += static_cast<unsigned>(std::fwrite(text.data(), 1, text.size(), output_));
-  std::fflush(output_);
+// Writes and flushes `text`, a line or, without `limit`, the separator.
+void TraceImplementation::write(std::string_view text, unsigned limit) noexcept {
+  WriteSignals signals;
+  if (mayRaiseSignals_) {
+    signals.block();
+  }
+  findPlace(static_cast<unsigned>(text.size()), limit);
+  std::size_t written = 0;
+  if (isShared_) {
+    written = std::fwrite(text.data(), 1, text.size(), output_);
+    if (std::fflush(output_) != 0) {
+      signals.failed();
+    }
+  } else {
+    const int fd = fileno(output_);
+    for (ssize_t n = 1; n > 0 && written < text.size();) {
+      n = ::write(fd, text.data() + written, text.size() - written);
+      written += n > 0 ? static_cast<std::size_t>(n) : 0;
+      if (n < 0) {
+        signals.failed();
+      } else if (written < text.size()) {
+        signals.block();  // the rest may meet a limit that is new
+      }
+    }
+  }
+  currentSize_ += static_cast<unsigned>(written);
+  fileSize_ = std::max(fileSize_, off_t{currentSize_});
 }
 
-unsigned TraceImplementation::setRewindPoint() noexcept {
+unsigned TraceImplementation::setRewindPoint() {
   const KeepErrno keepErrno;
-  const HoldRequests hold;
   const LockGuard guard(lock_, "unsigned int TraceImplementation::setRewindPoint()", __LINE__);
+  const HoldRequests hold;
   if (output_ != nullptr) {
-    write(separatorLine);
+    write(separatorLine, noLimit);
     rewindPoint_ = currentSize_;
   }
   return rewindPoint_;
 }
 
-int TraceImplementation::wrap() noexcept {
+int TraceImplementation::wrap() {
   return flags[TraceType::active] ? static_cast<int>(setRewindPoint()) : 0;
 }
 
@@ -767,7 +920,11 @@ void TraceImplementation::processForked() noexcept {
     standardCopy_ =
         reopenInChild_ ? fcntl(fileno(output_), F_DUPFD_CLOEXEC, STDERR_FILENO + 1) : noCopy;
   }
-  std::fclose(output_);
+  WriteSignals signals;
+  signals.block();
+  if (std::fclose(output_) != 0) {
+    signals.failed();
+  }
   output_ = nullptr;
   state_.store(closed, std::memory_order_release);
   refreshFlags();
@@ -794,7 +951,7 @@ void TraceFlags::set(TraceImplementation& trace) {
   store(TraceType::active, trace.isActive());
 }
 
-bool decideTrace(TraceType type) noexcept {
+bool decideTrace(TraceType type) {
   static_cast<void>(traceImplementation());
   return traceFlags[type];
 }

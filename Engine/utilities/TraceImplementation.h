@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <ctime>
 #include <string_view>
+#include <sys/types.h>
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
@@ -90,8 +91,8 @@ class CUL_EXPORT TraceImplementation {
   static void operator delete(void*) noexcept {}
 
   /// Writes one line; see ::taggedTrace().
-  void taggedTrace(const char* function, unsigned line, const char* tag, const char* format,
-                   ...) noexcept __attribute__((format(printf, 5, 6)));
+  void taggedTrace(const char* function, unsigned line, const char* tag, const char* format, ...)
+      __attribute__((format(printf, 5, 6)));
 
   /// Writes one line. A newline at the start of `format` goes before the time stamp. What
   /// exceeds 128000 bytes is cut; a newline always ends the line.
@@ -101,10 +102,10 @@ class CUL_EXPORT TraceImplementation {
   /// \param format    as for printf().
   /// \param arguments what `format` asks for.
   void trace(const char* function, unsigned line, const char* tag, const char* format,
-             va_list arguments) noexcept __attribute__((format(printf, 5, 0)));
+             va_list arguments) __attribute__((format(printf, 5, 0)));
 
   /// Writes a line of the trace's own, without a tag.
-  void traceInternal(const char* format, ...) noexcept __attribute__((format(printf, 2, 3)));
+  void traceInternal(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
   /// Writes one line whose tag is "tag/text of the handler", or just `tag` without handler.
   void _traceGMH(const char* function, unsigned line, const char* tag,
@@ -113,7 +114,7 @@ class CUL_EXPORT TraceImplementation {
 
   /// Writes one line whose tag is "tag address of the session", or just `tag` without session.
   void traceSession(const char* function, unsigned line, const char* tag, const void* session,
-                    const char* format, ...) noexcept __attribute__((format(printf, 6, 7)));
+                    const char* format, ...) __attribute__((format(printf, 6, 7)));
 
   /// Whether lines of `type` are wanted. A name that the configuration does not know is on
   /// unless it is excluded; a null `type` is on; all are off without an output name.
@@ -137,11 +138,11 @@ class CUL_EXPORT TraceImplementation {
   /// Writes a separator line and lets the ring begin behind it: what was written so far is
   /// kept for good.
   /// \return the file position where the ring begins; unchanged while no output is open.
-  unsigned setRewindPoint() noexcept;
+  unsigned setRewindPoint();
 
   /// setRewindPoint() when tracing is on, paused or not.
   /// \return its result, else 0.
-  int wrap() noexcept;
+  int wrap();
 
   /// Counts requests to pause up or down and writes nothing while there are any.
   /// \return whether the trace is paused now; true when tracing is off.
@@ -161,6 +162,9 @@ class CUL_EXPORT TraceImplementation {
 
  private:
   enum State : unsigned { closed = 0, active = 1, paused = 2, opening = 4 };
+  // How lines stand in the output: one behind the other, as in a pipe or in a file that is
+  // open to append; in a ring that holds nothing else; or among what others write there.
+  enum class Layout : unsigned char { stream, ring, mixed };
   struct Tag;
 
   static constexpr int notTaken = -2;
@@ -172,7 +176,7 @@ class CUL_EXPORT TraceImplementation {
   static void releaseAfterFork() noexcept;
 
   void configure(const wchar_t* configuration);
-  void parse(CharString configuration);
+  void parse(CharString configuration, const char* variable);
   void parseToken(const CharString& token);
   void completeLists();
   void excludeUnlessNamed(const char* type);
@@ -181,13 +185,17 @@ class CUL_EXPORT TraceImplementation {
   FILE* openOutput() noexcept;
   FILE* openStandard(FILE* stream) noexcept;
   FILE* openNamed() noexcept;
-  void writeHeader() noexcept;
-  void writeTypes(bool included) noexcept;
+  void writeHeader();
+  void writeTypes(bool included);
   void writeLine(const char* function, unsigned line, const Tag& tag, const char* format,
-                 va_list arguments) noexcept __attribute__((format(printf, 5, 0)));
+                 va_list arguments) __attribute__((format(printf, 5, 0)));
   const char* clockText(std::time_t second) noexcept;
-  void write(std::string_view text) noexcept;
-  void rewindWhenFull(unsigned length) noexcept;
+  void inspectOutput() noexcept;
+  bool canRaiseSignals() const noexcept;
+  void append(bool on) noexcept;
+  bool isAsLeft(bool asksForSize) noexcept;
+  void findPlace(unsigned length, unsigned limit) noexcept;
+  void write(std::string_view text, unsigned limit) noexcept;
 
   List<ByteString*> excludeList_;
   List<ByteString*> includeList_;
@@ -206,6 +214,10 @@ class CUL_EXPORT TraceImplementation {
   int standardCopy_ = notTaken;  // a standard stream's descriptor, kept when it was closed
   std::time_t clockSecond_ = -1;
   char clockText_[32] = {};  // clockSecond_ broken down
+  Layout layout_ = Layout::stream;
+  bool isShared_ = false;         // a standard stream, or a copy of one
+  bool mayRaiseSignals_ = false;  // as of clockSecond_
+  off_t fileSize_ = 0;            // as the trace has made it, in a ring
 };
 
 /// The trace of this process, made from the environment by the first call.

@@ -401,7 +401,9 @@ std::set<std::string> allBut(const Strings& some) {
 }  // namespace
 
 TEST(TraceTypes, AreAllOnButChildWhenNoneIsNamed) {
-  for (const char* configuration : {"stderr", ",", ",,", ",64", "stderr, ,", "stderr,~"}) {
+  // Between commas and behind the last there is no token.
+  for (const char* configuration :
+       {"stderr", ",", ",,", ",64", ",,64", "stderr,", "stderr,,", ","}) {
     const Header header = headerWith(configuration);
     EXPECT_EQ(header.included, knownTypesBut({"CHILD"})) << configuration;
     EXPECT_EQ(header.excluded, Strings{"CHILD"}) << configuration;
@@ -502,6 +504,41 @@ TEST(TraceTypes, ErrorAndWarningAreOnWhenEveryTypeIsSwitchedOff) {
 TEST(TraceTypes, BehindTheExclusionMarkAreTakenAsTheyStand) {
   // The blank belongs to the name, and so no type of the table is switched off.
   EXPECT_EQ(headerWith(",~ GMH").excluded, Strings{"CHILD"});
+}
+
+TEST(TraceTypes, OfNothingButBlanksAreTheEmptyNameAndSwitchTheOthersOff) {
+  for (const char* configuration :
+       {"stderr, ,", "stderr,  ,", ",  ,!GMH", ", ,,64", ",~, ,", ",!, ,3"}) {
+    EXPECT_EQ(headerWith(configuration).included, (Strings{"ERROR", "WARNING"})) << configuration;
+  }
+}
+
+TEST(TraceTypes, OfAnExclusionMarkAloneAreTheEmptyNameSwitchedOff) {
+  for (const char* configuration : {"stderr,~", ",!", ", ~ ,", ",~,!,64", ", ,~"}) {
+    EXPECT_EQ(headerWith(configuration).included, knownTypesBut({"CHILD"})) << configuration;
+    EXPECT_EQ(switchesOf(configuration), allBut({"TLS"})) << configuration;
+  }
+}
+
+CUL_CHILD(AskForTheEmptyName) {
+  const TraceImplementation* trace = TraceImplementation::instance(L",  ,!GMH");
+  EXPECT_TRUE(trace->isIncluded(ByteString()));
+  EXPECT_FALSE(trace->isExcluded(ByteString()));
+  EXPECT_TRUE(trace->isTraceBitSet(""));
+  EXPECT_TRUE(trace->isExcluded(ByteString("GMH")));
+}
+
+CUL_CHILD(AskForTheExcludedEmptyName) {
+  const TraceImplementation* trace = TraceImplementation::instance(L", ,~");
+  EXPECT_FALSE(trace->isIncluded(ByteString()));
+  EXPECT_TRUE(trace->isExcluded(ByteString()));
+  EXPECT_FALSE(trace->isTraceBitSet(""));
+  EXPECT_TRUE(trace->isTraceBitSet("GMH"));
+}
+
+TEST(TraceTypes, CanBeAskedForByTheEmptyName) {
+  runWith("AskForTheEmptyName", {{"GDIA_ID", "root"}});
+  runWith("AskForTheExcludedEmptyName", {{"GDIA_ID", "root"}});
 }
 
 CUL_CHILD(AskForTypes) {
