@@ -827,9 +827,6 @@ bool TraceImplementation::isAsLeft(bool asksForSize) noexcept {
 void TraceImplementation::findPlace(unsigned length, unsigned limit) noexcept {
   const bool isFull = limit < currentSize_ + length - rewindPoint_;
   const int fd = fileno(output_);
-  if (isShared_ && layout_ != Layout::stream) {
-    std::fflush(output_);  // what the program has printed comes first
-  }
   if (layout_ == Layout::mixed) {
     lseek(fd, 0, SEEK_END);
   } else if (layout_ == Layout::ring) {
@@ -858,27 +855,46 @@ void TraceImplementation::write(std::string_view text, unsigned limit) noexcept 
   if (mayRaiseSignals_) {
     signals.block();
   }
-  findPlace(static_cast<unsigned>(text.size()), limit);
-  std::size_t written = 0;
-  if (isShared_) {
-    written = std::fwrite(text.data(), 1, text.size(), output_);
-    if (std::fflush(output_) != 0) {
-      signals.failed();
-    }
-  } else {
-    const int fd = fileno(output_);
-    for (ssize_t n = 1; n > 0 && written < text.size();) {
-      n = ::write(fd, text.data() + written, text.size() - written);
-      written += n > 0 ? static_cast<std::size_t>(n) : 0;
-      if (n < 0) {
-        signals.failed();
-      } else if (written < text.size()) {
-        signals.block();  // the rest may meet a limit that is new
-      }
-    }
+  // What the program has printed comes first.
+  if (isShared_ && layout_ != Layout::stream && std::fflush(output_) != 0) {
+    signals.failed();
   }
+  findPlace(static_cast<unsigned>(text.size()), limit);
+  const std::size_t written = isShared_ ? writeToStream(text, signals) : writeToFile(text, signals);
   currentSize_ += static_cast<unsigned>(written);
   fileSize_ = std::max(fileSize_, off_t{currentSize_});
+}
+
+std::size_t TraceImplementation::writeToStream(std::string_view text,
+                                               const WriteSignals& signals) noexcept {
+  const std::size_t written = std::fwrite(text.data(), 1, text.size(), output_);
+  if (written < text.size()) {
+    signals.failed();
+  }
+  if (std::fflush(output_) != 0) {
+    signals.failed();
+  }
+  return written;
+}
+
+// As fwrite(). The first that is heard of a limit on file sizes that is new is that not all
+// bytes found room; only the next write raises the signal.
+std::size_t TraceImplementation::writeToFile(std::string_view text,
+                                             WriteSignals& signals) noexcept {
+  std::size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t n = ::write(fileno(output_), text.data() + written, text.size() - written);
+    if (n <= 0) {
+      signals.failed();
+      break;
+    }
+    written += static_cast<std::size_t>(n);
+    if (written < text.size()) {
+      signals.block();
+      mayRaiseSignals_ = true;
+    }
+  }
+  return written;
 }
 
 unsigned TraceImplementation::setRewindPoint() {
@@ -922,9 +938,11 @@ void TraceImplementation::processForked() noexcept {
   }
   WriteSignals signals;
   signals.block();
-  if (std::fclose(output_) != 0) {
+  if (std::fflush(output_) != 0) {
     signals.failed();
+    __fpurge(output_);  // or it would be tried again
   }
+  std::fclose(output_);
   output_ = nullptr;
   state_.store(closed, std::memory_order_release);
   refreshFlags();

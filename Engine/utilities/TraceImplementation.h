@@ -52,6 +52,8 @@
 /// Nothing here reports an error or changes `errno`: a trace that cannot be written is
 /// silently off.
 
+class WriteSignals;
+
 /// A handler that can name itself in trace lines. The operation is the first virtual one.
 class CUL_EXPORT GMH_HandlerDiagnostic {
  public:
@@ -196,6 +198,8 @@ class CUL_EXPORT TraceImplementation {
   bool isAsLeft(bool asksForSize) noexcept;
   void findPlace(unsigned length, unsigned limit) noexcept;
   void write(std::string_view text, unsigned limit) noexcept;
+  std::size_t writeToStream(std::string_view text, const WriteSignals& signals) noexcept;
+  std::size_t writeToFile(std::string_view text, WriteSignals& signals) noexcept;
 
   List<ByteString*> excludeList_;
   List<ByteString*> includeList_;

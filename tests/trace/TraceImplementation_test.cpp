@@ -1822,13 +1822,15 @@ TEST(TraceWithoutMemory, IsOffWhenItCannotBeConfigured) {
 
 CUL_CHILD(TraceWithoutMemory) {
   TraceImplementation::add(*new List<ByteString*>, ByteString("first use of the pools"));
+  void* const reserve = malloc(100000);
   struct rlimit limit = {};
   ASSERT_EQ(getrlimit(RLIMIT_AS, &limit), 0);
   limit.rlim_cur = 0;
   ASSERT_EQ(setrlimit(RLIMIT_AS, &limit), 0);
   // Small blocks are left, one of the size of the line buffer is not.
-  while (malloc(100000) != nullptr) {
+  while (malloc(1000) != nullptr) {
   }
+  free(reserve);
   const std::string text(10000, 'q');
   taggedTrace("f()", 1, "X", "%.3000s", text.c_str());
   taggedTrace("f()", 2, "X", "short");
