@@ -14,7 +14,8 @@
 ///
 /// The process's trace is made by the first test of a switch, wherever that happens; as
 /// with every process-wide object, that first test belongs on the main thread before a
-/// second thread exists. Testing and tracing keep `errno` and never throw. Any thread may
+/// second thread exists. Testing and tracing keep `errno` and throw nothing; they are not
+/// `noexcept`, since a thread that is asked to end can be unwound from there. Any thread may
 /// trace.
 
 class TraceImplementation;

@@ -25,32 +25,54 @@
 /// is null comes from the environment: "QVX_DBG_TRACE_ROOT", "QVX_DBG_TRACE_MIDDLE" or
 /// "QVX_DBG_TRACE_LEAF" in a process whose "GDIA_ID" starts with root, middle or leaf (any
 /// case) when that variable is set, else "QVX_DBG_TRACE". When any of these is empty or
-/// blank, "WZ4_DBG_TRACE" takes its place. "QVX_DBG_TRACEHOST", a list of host names separated
-/// by ":", keeps every other host silent.
+/// blank, "WZ4_DBG_TRACE" takes its place.
+///
+/// "QVX_DBG_TRACEHOST", unless it is blank, is a list of host names separated by ":" and keeps
+/// every other host silent. An entry is compared, case and blanks included, with the name that
+/// gethostname() tells and with the part of that before its first "."; a host that cannot tell
+/// its name stays silent.
 ///
 /// The output is "stdout", "stderr" (also when the text starts with ","), a file, or a
 /// directory: there the file is named by "GDIA_ID" and ".", if set, the process id and
-/// ".trc". A name switches its type on, with "~" or "!" before it off; the last mention
-/// counts, the case of letters does not, a token without a name is passed over. "ALL" is
-/// every type but "CHILD", "TLS" and "ISD"; no name at all is every type but "CHILD"; names
-/// switched off and none on leave the others on but "CHILD" and "TLS". "ERROR" and "WARNING"
-/// are always on. "CHILD" is no kind of line: it lets a forked child go on tracing. A number
-/// from 2 to 511 is the size of the ring in megabytes, 16 otherwise; other numbers are
-/// ignored.
+/// ".trc". An existing file is emptied. A FIFO must have a reader when it is opened. The name
+/// is used in the native code page; one that came from the environment in bytes which that
+/// cannot carry is used as it stands there.
+///
+/// A name switches its type on, with "~" or "!" before it off; the last mention counts, the
+/// case of letters a to z and blanks around it do not, but those behind "~" do. "ALL" is every
+/// type but "CHILD", "TLS" and "ISD", which can be named beside it; no name at all is every
+/// type but "CHILD"; names switched off and none on leave the others on but "CHILD" and "TLS".
+/// "ERROR" and "WARNING" are always on. "CHILD" is no kind of line: it lets a forked child go
+/// on tracing. Nothing but blanks is the empty name, which is one like any other: alone it
+/// switches every known type off but "ERROR" and "WARNING". Between two commas and behind the last
+/// there is no name. A number from 2 to 511 is the size of the ring in megabytes, 16 otherwise;
+/// other numbers are ignored.
 ///
 /// When the type "PMD" is off, a process whose "GDIA_ID" does not start with root, middle
 /// or leaf traces nothing.
 ///
 /// **The file** begins with a header, then is a ring: when the lines behind the rewind
 /// point exceed the size, writing goes on at the rewind point. Each line is flushed at once.
+/// Only what the trace has written is cut or overwritten. Where anything else is in the file
+/// (a standard stream opened to append, or shared with what the program or another process
+/// prints; a file that somebody has added to), all lines go to its end, and it grows without
+/// limit. When somebody has cut the file, the ring begins anew behind what is left. In the file
+/// of the trace's own, lines at the end are appended.
+///
+/// **The program** is left as it is: a limit on file sizes and a pipe without reader cost
+/// lines, and the signals SIGXFSZ and SIGPIPE that they raise do not reach it. (One exception:
+/// of a limit that the program has set below the size of the file within the second, the trace
+/// has not heard yet.) A pipe that is full is waited for.
 ///
 /// **Threads.** Any thread may write lines, and a line is whole. openFiles(), pause(),
 /// processForked() and the destructor belong to start-up, a child just forked, or one
-/// controlling thread. A thread asked to end while it writes a line ends after the line. A
-/// child forked while other threads trace can trace.
+/// controlling thread. A thread asked to end while it writes a line ends after the line; one
+/// that waits for its turn ends without it. What writes lines is therefore not `noexcept`,
+/// but throws nothing of its own. A child forked while other threads trace can trace, with
+/// the local time of its parent.
 ///
 /// Nothing here reports an error or changes `errno`: a trace that cannot be written is
-/// silently off.
+/// silently off, a line that cannot be written is lost.
 
 class WriteSignals;
 
@@ -72,21 +94,23 @@ class CUL_EXPORT TraceImplementation {
   /// The row of switch bytes, under the name by which the engine knows it.
   using TraceFlags = ::TraceFlags;
 
-  /// The answers of isTraceBitSet() for the types with a switch, as of the last opening or
-  /// closing of the output. traceFlags mirrors them.
+  /// The answers of isTraceBitSet() for the types with a switch and, for TraceType::active,
+  /// that of isActive(), as of the last opening or closing of the output. A pause leaves them
+  /// as they are: callers go on composing lines, which are dropped. traceFlags mirrors them.
   TraceFlags flags;
 
   /// The trace of this process, made by the first call. The object lives in static storage
   /// and is not destroyed at exit.
-  /// \param configuration null: the environment. Ignored by every call but the first.
+  /// \param configuration null: the environment. Ignored by every call but the first, and but
+  ///   the first after the destructor.
   static TraceImplementation* instance(const wchar_t* configuration) noexcept;
 
   TraceImplementation(const TraceImplementation&) = delete;
   TraceImplementation& operator=(const TraceImplementation&) = delete;
 
-  /// Writes the line "Trace end at ..." and closes the output, unless that is a standard
-  /// stream. Lines asked for afterwards are dropped; only an explicit call of instance() would
-  /// begin a new trace.
+  /// Writes the line "Trace end at ...", unless the trace is paused, and closes the output,
+  /// unless that is a standard stream; all switches are off then. Lines asked for afterwards are
+  /// dropped; only an explicit call of instance() or traceImplementation() begins a new trace.
   ~TraceImplementation();
 
   /// The object's storage is static: `delete` runs the destructor and frees nothing.
@@ -118,8 +142,9 @@ class CUL_EXPORT TraceImplementation {
   void traceSession(const char* function, unsigned line, const char* tag, const void* session,
                     const char* format, ...) __attribute__((format(printf, 6, 7)));
 
-  /// Whether lines of `type` are wanted. A name that the configuration does not know is on
-  /// unless it is excluded; a null `type` is on; all are off without an output name.
+  /// Whether lines of `type` are wanted, be the output open or not. A name that the
+  /// configuration does not know is on unless it is excluded; a null `type` is on; all are off
+  /// without an output name. Types are in upper case; others are not found in the lists.
   [[nodiscard]] bool isTraceBitSet(const char* type) const noexcept;
 
   /// Whether the configuration switched `type` on, or completed its list with it.
@@ -137,8 +162,8 @@ class CUL_EXPORT TraceImplementation {
   /// Whether the output is open and not paused.
   [[nodiscard]] bool isActive() const noexcept;
 
-  /// Writes a separator line and lets the ring begin behind it: what was written so far is
-  /// kept for good.
+  /// Writes a separator line, also while paused, and lets the ring begin behind it: what was
+  /// written so far is kept for good.
   /// \return the file position where the ring begins; unchanged while no output is open.
   unsigned setRewindPoint();
 
@@ -146,17 +171,21 @@ class CUL_EXPORT TraceImplementation {
   /// \return its result, else 0.
   int wrap();
 
-  /// Counts requests to pause up or down and writes nothing while there are any.
-  /// \return whether the trace is paused now; true when tracing is off.
+  /// Counts requests to pause up or down and writes no lines while there are any; rewind points
+  /// are set all the same. The switches stay on.
+  /// \return whether the trace is paused now; true, and nothing is counted, when tracing is off.
   bool pause(bool on) noexcept;
 
-  /// Opens the output and writes the header. Does nothing after the first time, unless a
-  /// fork has closed the output meanwhile.
+  /// Opens the output and writes the header; done by instance(). Does nothing after the first
+  /// time, also when that opened nothing, unless processForked() has closed the output
+  /// meanwhile.
   void openFiles() noexcept;
 
   /// To be called in a child after `fork`: closes the output (standard output and standard
   /// error, too) and opens it again when it was a directory or a standard stream and the
-  /// type "CHILD" is on. What was a standard stream continues on a descriptor of its own.
+  /// type "CHILD" is on. What was a standard stream continues on a descriptor of its own. What
+  /// the parent has left unflushed in a standard stream is flushed by the child, too. Requests
+  /// to pause stay counted, but the child's trace is paused only by the next one.
   void processForked() noexcept;
 
   /// See abandonTraceLines().
