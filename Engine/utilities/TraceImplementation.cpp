@@ -264,6 +264,30 @@ class Line {
   char* end_;
 };
 
+// Takes a lock and holds requests until it has been given back. A thread that is asked to end
+// can leave the wait for the lock, but nothing behind that.
+class HeldLock {
+ public:
+  // `file` is the signature text of the caller.
+  HeldLock(CUL_Critical_Section& lock, const char* file, unsigned line)
+      : lock_(requested(lock, file, line)), file_(file), line_(line) {}
+  HeldLock(const HeldLock&) = delete;
+  HeldLock& operator=(const HeldLock&) = delete;
+  ~HeldLock() noexcept(false) { lock_.release(file_, line_); }
+
+ private:
+  static CUL_Critical_Section& requested(CUL_Critical_Section& lock, const char* file,
+                                         unsigned line) {
+    lock.request(file, line);
+    return lock;
+  }
+
+  CUL_Critical_Section& lock_;
+  const HoldRequests hold_;
+  const char* file_;
+  unsigned line_;
+};
+
 // The buffers that lines are composed in; used under the lock of the trace.
 //
 // A line can begin inside another one of the same thread: a fatal-signal handler tells of a
@@ -703,13 +727,11 @@ void TraceImplementation::writeLine(const char* function, unsigned line, const T
     return;
   }
   const KeepErrno keepErrno;
-  // The wait for the lock can be left, the line under it cannot.
-  const LockGuard guard(
+  const HeldLock held(
       lock_,
       "void TraceImplementation::trace(const char*, unsigned int, const char*, const char*, "
       "va_list)",
       __LINE__);
-  const HoldRequests hold;
   const LineBuffer buffer;
   if (output_ == nullptr || !buffer.isUsable()) {
     return;
@@ -899,8 +921,7 @@ std::size_t TraceImplementation::writeToFile(std::string_view text,
 
 unsigned TraceImplementation::setRewindPoint() {
   const KeepErrno keepErrno;
-  const LockGuard guard(lock_, "unsigned int TraceImplementation::setRewindPoint()", __LINE__);
-  const HoldRequests hold;
+  const HeldLock held(lock_, "unsigned int TraceImplementation::setRewindPoint()", __LINE__);
   if (output_ != nullptr) {
     write(separatorLine, noLimit);
     rewindPoint_ = currentSize_;

@@ -61,8 +61,8 @@
 ///
 /// **The program** is left as it is: a limit on file sizes and a pipe without reader cost
 /// lines, and the signals SIGXFSZ and SIGPIPE that they raise do not reach it. (One exception:
-/// of a limit that the program has set below the size of the file within the second, the trace
-/// has not heard yet.) A pipe that is full is waited for.
+/// a limit no larger than the file already is, set within the present second, of which the
+/// trace has not heard yet.) A pipe that is full is waited for.
 ///
 /// **Threads.** Any thread may write lines, and a line is whole. openFiles(), pause(),
 /// processForked() and the destructor belong to start-up, a child just forked, or one
