@@ -184,6 +184,50 @@ FILE* openEmptied(const char* name) noexcept {
   return stream;
 }
 
+// Whether a write to `output` can raise SIGPIPE or SIGXFSZ.
+bool canRaiseSignals(FILE* output) noexcept {
+  struct stat info = {};
+  struct rlimit limit = {};
+  if (fstat(fileno(output), &info) != 0 || S_ISCHR(info.st_mode)) {
+    return false;
+  }
+  return !S_ISREG(info.st_mode) || getrlimit(RLIMIT_FSIZE, &limit) != 0 ||
+         limit.rlim_cur != RLIM_INFINITY;
+}
+
+// Writes `text` and flushes it.
+// \return how much of it was written.
+std::size_t writeToStream(FILE* output, std::string_view text,
+                          const WriteSignals& signals) noexcept {
+  const std::size_t written = std::fwrite(text.data(), 1, text.size(), output);
+  if (written < text.size()) {
+    signals.failed();
+  }
+  if (std::fflush(output) != 0) {
+    signals.failed();
+  }
+  return written;
+}
+
+// The same for the trace's own output, in one system call. The first that is heard of a limit
+// on file sizes that is new is that not all bytes found room; only the next write raises the
+// signal.
+std::size_t writeToFile(FILE* output, std::string_view text, WriteSignals& signals) noexcept {
+  std::size_t written = 0;
+  while (written < text.size()) {
+    const ssize_t n = ::write(fileno(output), text.data() + written, text.size() - written);
+    if (n <= 0) {
+      signals.failed();
+      break;
+    }
+    written += static_cast<std::size_t>(n);
+    if (written < text.size()) {
+      signals.block();
+    }
+  }
+  return written;
+}
+
 // Used under the lock of the trace.
 constinit LocalTime localTime;
 
@@ -777,7 +821,7 @@ const char* TraceImplementation::clockText(std::time_t second) noexcept {
                   static_cast<unsigned>(parts.tm_hour), static_cast<unsigned>(parts.tm_min),
                   static_cast<unsigned>(parts.tm_sec));
     clockSecond_ = second;
-    mayRaiseSignals_ = canRaiseSignals();
+    mayRaiseSignals_ = canRaiseSignals(output_);
   }
   return clockText_;
 }
@@ -794,18 +838,7 @@ void TraceImplementation::inspectOutput() noexcept {
   if (isFile) {
     append(true);
   }
-  mayRaiseSignals_ = canRaiseSignals();
-}
-
-// Whether a write to the output can raise SIGPIPE or SIGXFSZ.
-bool TraceImplementation::canRaiseSignals() const noexcept {
-  struct stat info = {};
-  struct rlimit limit = {};
-  if (fstat(fileno(output_), &info) != 0 || S_ISCHR(info.st_mode)) {
-    return false;
-  }
-  return !S_ISREG(info.st_mode) || getrlimit(RLIMIT_FSIZE, &limit) != 0 ||
-         limit.rlim_cur != RLIM_INFINITY;
+  mayRaiseSignals_ = canRaiseSignals(output_);
 }
 
 // Lines at the end of the trace's own file are appended, so that what somebody else has added
@@ -882,41 +915,11 @@ void TraceImplementation::write(std::string_view text, unsigned limit) noexcept 
     signals.failed();
   }
   findPlace(static_cast<unsigned>(text.size()), limit);
-  const std::size_t written = isShared_ ? writeToStream(text, signals) : writeToFile(text, signals);
+  const std::size_t written =
+      isShared_ ? writeToStream(output_, text, signals) : writeToFile(output_, text, signals);
+  mayRaiseSignals_ = signals.areBlocked();
   currentSize_ += static_cast<unsigned>(written);
   fileSize_ = std::max(fileSize_, off_t{currentSize_});
-}
-
-std::size_t TraceImplementation::writeToStream(std::string_view text,
-                                               const WriteSignals& signals) noexcept {
-  const std::size_t written = std::fwrite(text.data(), 1, text.size(), output_);
-  if (written < text.size()) {
-    signals.failed();
-  }
-  if (std::fflush(output_) != 0) {
-    signals.failed();
-  }
-  return written;
-}
-
-// As fwrite(). The first that is heard of a limit on file sizes that is new is that not all
-// bytes found room; only the next write raises the signal.
-std::size_t TraceImplementation::writeToFile(std::string_view text,
-                                             WriteSignals& signals) noexcept {
-  std::size_t written = 0;
-  while (written < text.size()) {
-    const ssize_t n = ::write(fileno(output_), text.data() + written, text.size() - written);
-    if (n <= 0) {
-      signals.failed();
-      break;
-    }
-    written += static_cast<std::size_t>(n);
-    if (written < text.size()) {
-      signals.block();
-      mayRaiseSignals_ = true;
-    }
-  }
-  return written;
 }
 
 unsigned TraceImplementation::setRewindPoint() {

@@ -74,8 +74,6 @@
 /// Nothing here reports an error or changes `errno`: a trace that cannot be written is
 /// silently off, a line that cannot be written is lost.
 
-class WriteSignals;
-
 /// A handler that can name itself in trace lines. The operation is the first virtual one.
 class CUL_EXPORT GMH_HandlerDiagnostic {
  public:
@@ -207,7 +205,7 @@ class CUL_EXPORT TraceImplementation {
   static void releaseAfterFork() noexcept;
 
   void configure(const wchar_t* configuration);
-  void parse(CharString configuration, const char* variable);
+  __attribute__((visibility("hidden"))) void parse(CharString configuration, const char* variable);
   void parseToken(const CharString& token);
   void completeLists();
   void excludeUnlessNamed(const char* type);
@@ -221,14 +219,11 @@ class CUL_EXPORT TraceImplementation {
   void writeLine(const char* function, unsigned line, const Tag& tag, const char* format,
                  va_list arguments) __attribute__((format(printf, 5, 0)));
   const char* clockText(std::time_t second) noexcept;
-  void inspectOutput() noexcept;
-  bool canRaiseSignals() const noexcept;
-  void append(bool on) noexcept;
-  bool isAsLeft(bool asksForSize) noexcept;
-  void findPlace(unsigned length, unsigned limit) noexcept;
-  void write(std::string_view text, unsigned limit) noexcept;
-  std::size_t writeToStream(std::string_view text, const WriteSignals& signals) noexcept;
-  std::size_t writeToFile(std::string_view text, WriteSignals& signals) noexcept;
+  __attribute__((visibility("hidden"))) void inspectOutput() noexcept;
+  __attribute__((visibility("hidden"))) void append(bool on) noexcept;
+  __attribute__((visibility("hidden"))) bool isAsLeft(bool asksForSize) noexcept;
+  __attribute__((visibility("hidden"))) void findPlace(unsigned length, unsigned limit) noexcept;
+  __attribute__((visibility("hidden"))) void write(std::string_view text, unsigned limit) noexcept;
 
   List<ByteString*> excludeList_;
   List<ByteString*> includeList_;

@@ -41,6 +41,8 @@ class WriteSignals {
     isBlocked_ = true;
   }
 
+  [[nodiscard]] bool areBlocked() const noexcept { return isBlocked_; }
+
   /// After a write that failed with `errno`.
   void failed() const noexcept {
     const int error = errno;
