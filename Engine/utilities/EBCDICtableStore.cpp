@@ -1,5 +1,6 @@
 #include "Engine/utilities/EBCDICtableStore.h"
 
+#include <atomic>
 #include <string_view>
 
 #include "Engine/utilities/Texts.h"
@@ -13,8 +14,15 @@ bool isEmpty(const char* name) { return name == nullptr || *name == '\0'; }
 }  // namespace
 
 EBCDICtableStore& EBCDICtableStore::instance() {
-  static EBCDICtableStore* const store = new EBCDICtableStore;
-  return *store;
+  // Not left to the compiler's own guard: a child that is forked meanwhile would wait for ever
+  // for the end of the making.
+  static constinit std::atomic<EBCDICtableStore*> store = nullptr;
+  EBCDICtableStore* made = store.load(std::memory_order_acquire);
+  if (made == nullptr) {
+    made = new EBCDICtableStore;
+    store.store(made, std::memory_order_release);
+  }
+  return *made;
 }
 
 EBCDICtableStore::EBCDICtableStore() { tables_.push_back(std::make_unique<EBCDICtable>()); }

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <mutex>
 
+#include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
@@ -59,3 +60,10 @@ void ConvertedText::convert(iconv_t descriptor, const char* input, size_t inputL
 unsigned ConvertedText::length() const noexcept {
   return static_cast<unsigned>(std::min<size_t>(length_, UINT_MAX));
 }
+
+bool AcrossFork::holdConversions() noexcept {
+  iconvMutex.lock();
+  return true;
+}
+
+void AcrossFork::releaseConversions() noexcept { iconvMutex.unlock(); }

@@ -33,7 +33,9 @@ CUL_EXPORT size_t iconvDebug(iconv_t descriptor, const char* input, size_t input
 /// What iconv_open() gives when it fails.
 inline const iconv_t invalidIconv = std::bit_cast<iconv_t>(~size_t{0});
 
-/// A descriptor that is closed with its object.
+/// A descriptor that is closed with its object. The C library opens and closes under a lock
+/// that its fork does not look after: the library's own descriptors come and go under a
+/// LoaderGuard.
 class IconvDescriptor {
  public:
   /// Longest name of a code page in bytes. No real one comes near it, and the C library

@@ -1,37 +1,57 @@
 #include "Engine/utilities/RunningThreads.h"
 
 #include <atomic>
+#include <memory>
+#include <utility>
 
+#include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/UNIXStdThread.h"
+
+namespace {
+
+constinit std::atomic<RunningThreads*> registry = nullptr;
+
+}  // namespace
 
 RunningThreads& RunningThreads::instance() {
-  static std::atomic<RunningThreads*> registry = nullptr;
   RunningThreads* made = registry.load(std::memory_order_acquire);
   if (made == nullptr) {
     made = new RunningThreads;
     registry.store(made, std::memory_order_release);
-    pthread_atfork(holdAcrossFork, releaseAfterFork, releaseAfterFork);
   }
   return *made;
 }
 
-// A child must not find the lock held by a thread that it does not have.
-void RunningThreads::holdAcrossFork() {
-  HoldRequests::enter();
-  instance().lock_.request("void RunningThreads::holdAcrossFork()", __LINE__);
-}
-
-void RunningThreads::releaseAfterFork() {
-  instance().lock_.release("void RunningThreads::releaseAfterFork()", __LINE__);
-  HoldRequests::leave();
-}
-
 void RunningThreads::append(StdThread* thread) {
+  static constexpr const char* function = "void RunningThreads::append(StdThread*)";
   HoldRequests hold;
-  LockGuard guard(lock_, "void RunningThreads::append(StdThread*)", 24);
-  threads_.add(thread);
+  for (;;) {
+    unsigned int needed = 0;
+    {
+      LockGuard guard(lock_, function, 24);
+      if (threads_.count() < threads_.capacity()) {
+        threads_.add(thread);
+        return;
+      }
+      needed = threads_.count() + 1;
+    }
+    makeRoom(needed);
+  }
+}
+
+// Memory is asked for without the lock. When there is none, the new-handler traces, and who
+// traces looks a thread up here while he holds the lock of the trace.
+void RunningThreads::makeRoom(unsigned int needed) {
+  List<StdThread*> larger(2 * needed);
+  LockGuard guard(lock_, "void RunningThreads::makeRoom(unsigned int)", __LINE__);
+  if (threads_.count() < larger.capacity()) {
+    larger.append(threads_.begin(), threads_.count());
+    std::destroy_at(&threads_);
+    std::construct_at(&threads_, std::move(larger));
+  }
 }
 
 void RunningThreads::remove(StdThread* thread) {
@@ -49,4 +69,32 @@ StdThread* RunningThreads::find(pthread_t id) {
     }
   }
   return nullptr;
+}
+
+bool AcrossFork::holdThreads() noexcept {
+  RunningThreads* const made = registry.load(std::memory_order_acquire);
+  if (made != nullptr) {
+    made->lock_.request("bool AcrossFork::holdThreads()", __LINE__);
+  }
+  return made != nullptr;
+}
+
+void AcrossFork::releaseThreads() noexcept {
+  RunningThreads::instance().lock_.release("void AcrossFork::releaseThreads()", __LINE__);
+}
+
+// The system uses the ids of threads that the child does not have again.
+void AcrossFork::renewThreads() noexcept {
+  const pthread_t self = pthread_self();
+  bool isOwn = false;
+  for (StdThread* thread : RunningThreads::instance().threads_) {
+    if (thread->threadId() == self) {
+      isOwn = true;
+    } else {
+      StdThreadRun::leaveBehind(*thread);
+    }
+  }
+  if (!isOwn && !RunningThreads::instance().threads_.isEmpty()) {
+    StdThreadRun::beMain();
+  }
 }

@@ -15,7 +15,8 @@ class StdThread;
 /// A StdThread is registered from its construction to its destruction, whether started or
 /// not. The registry owns nothing. Any thread may call it; the first call of instance()
 /// belongs on the main thread before a second thread exists. It works before main and is
-/// never destroyed. A forked child can go on using it.
+/// never destroyed. In a forked child, threads that are not there have the id 0, see
+/// AcrossFork.
 
 class CUL_EXPORT RunningThreads {
  public:
@@ -38,8 +39,9 @@ class CUL_EXPORT RunningThreads {
  private:
   RunningThreads() = default;
   ~RunningThreads() = default;
-  static void holdAcrossFork();
-  static void releaseAfterFork();
+  friend class AcrossFork;
+
+  __attribute__((visibility("hidden"))) void makeRoom(unsigned int needed);
 
   List<StdThread*> threads_{64};
   UNIX_Critical_Section lock_;

@@ -4,6 +4,7 @@
 #include <new>
 #include <sys/single_threaded.h>
 
+#include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
@@ -124,4 +125,16 @@ StringPoolManager::FreeBlock* StringPoolManager::refillFromHeap(SizeClass empty)
     push(empty, chunk + (i - 1) * rule.blockSize);
   }
   return pop(empty);
+}
+
+bool AcrossFork::holdStrings() noexcept {
+  StringPoolManager* const pool = StringPoolManager::theInstance_.load(std::memory_order_acquire);
+  if (pool != nullptr) {
+    pool->lock_.request("bool AcrossFork::holdStrings()", __LINE__);
+  }
+  return pool != nullptr;
+}
+
+void AcrossFork::releaseStrings() noexcept {
+  StringPoolManager::instance().lock_.release("void AcrossFork::releaseStrings()", __LINE__);
 }

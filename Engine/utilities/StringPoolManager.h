@@ -53,6 +53,8 @@ class CUL_EXPORT StringPoolManager {
   struct ClassRule;
   static const ClassRule classRules[sizeClasses];
 
+  friend class AcrossFork;
+
   StringPoolManager() = default;
   ~StringPoolManager() = delete;
 

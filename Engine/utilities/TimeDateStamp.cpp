@@ -6,6 +6,7 @@
 #include <limits>
 
 #include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/UNIX/LocalTime.h"
 
 namespace {
 
@@ -81,7 +82,7 @@ TimeDateStamp::TimeDateStamp(unsigned year, unsigned month, unsigned day, unsign
   fields.tm_min = static_cast<int>(minute);
   fields.tm_sec = static_cast<int>(second);
   fields.tm_isdst = 0;  // Deliberate, also for dates in summer.
-  time = mktime(&fields);
+  time = fromLocalTime(fields);
 }
 
 TimeDateStamp::TimeDateStamp(const char* text) noexcept {
@@ -94,7 +95,7 @@ EncodedString TimeDateStamp::asString(bool compact) const {
   long year = 0;
   int month = 0;
   struct tm fields = {};
-  if (localtime_r(&time, &fields) != nullptr) {
+  if (toLocalTime(time, fields)) {
     year = long{fields.tm_year} + firstYear;
     month = fields.tm_mon + 1;
   } else {

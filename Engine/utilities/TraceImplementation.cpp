@@ -18,6 +18,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/ElapsedTime.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/KeepErrno.h"
@@ -420,13 +421,8 @@ TraceImplementation* TraceImplementation::instance(const wchar_t* configuration)
   // Whoever tests a switch while the trace is being built finds it off.
   traceFlags.clear();
   ::new (storage) TraceImplementation(configuration);
-  // A line is written under the trace's lock and looks its thread up under that of the
-  // registry of threads. Handlers run in the reverse order before a fork: the registry's
-  // must be there first.
+  // A line looks its thread up under the trace's lock, where the object "main" must not be made.
   static_cast<void>(currentThreadName());
-  static const int forkHandlers =
-      pthread_atfork(holdAcrossFork, releaseAfterFork, releaseAfterFork);
-  static_cast<void>(forkHandlers);
   return place;
 }
 
@@ -464,20 +460,19 @@ TraceImplementation::~TraceImplementation() {
   std::free(ownedBuffer_);
 }
 
-// A child must not find the lock held by a thread that it does not have: the lock is taken
-// around every fork, which also keeps a line from being half written in both processes.
-void TraceImplementation::holdAcrossFork() noexcept {
-  HoldRequests::enter();
-  if (TraceImplementation* trace = theTrace.load(std::memory_order_acquire); trace != nullptr) {
-    trace->lock_.request("void TraceImplementation::holdAcrossFork()", __LINE__);
+// Taken around every fork, which also keeps a line from being half written in both processes.
+bool AcrossFork::holdTrace() noexcept {
+  TraceImplementation* const trace = theTrace.load(std::memory_order_acquire);
+  if (trace != nullptr) {
+    trace->lock_.request("bool AcrossFork::holdTrace()", __LINE__);
   }
+  return trace != nullptr;
 }
 
-void TraceImplementation::releaseAfterFork() noexcept {
+void AcrossFork::releaseTrace() noexcept {
   if (TraceImplementation* trace = theTrace.load(std::memory_order_acquire); trace != nullptr) {
-    trace->lock_.release("void TraceImplementation::releaseAfterFork()", __LINE__);
+    trace->lock_.release("void AcrossFork::releaseTrace()", __LINE__);
   }
-  HoldRequests::leave();
 }
 
 void TraceImplementation::abandonLines() noexcept {

@@ -201,8 +201,7 @@ class CUL_EXPORT TraceImplementation {
 
   explicit TraceImplementation(const wchar_t* configuration) noexcept;
 
-  static void holdAcrossFork() noexcept;
-  static void releaseAfterFork() noexcept;
+  friend class AcrossFork;
 
   void configure(const wchar_t* configuration);
   __attribute__((visibility("hidden"))) void parse(CharString configuration, const char* variable);

@@ -10,7 +10,7 @@
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/KeepErrno.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/LoaderGuard.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ UTF8Converter& UTF8Converter::instance() {
 }
 
 UTF8Converter::UTF8Converter() : toNative(invalidIconv), toUTF8(invalidIconv), codepage(nullptr) {
-  const HoldRequests hold;
+  const LoaderGuard guard("UTF8Converter::UTF8Converter()", __LINE__);
   const KeepErrno keepErrno;
   const char* name = getenv("QVX_DBG_CODEPAGE");
   if (name != nullptr && *name != 0 && open(name, true)) {
@@ -98,6 +98,9 @@ EncodedString UTF8Converter::convertToUTF8(const char* bytes, unsigned n, const 
   if (named == nullptr || *named == 0) {
     convertTo(toUTF8, bytes, n, false, result);
   } else {
+    const LoaderGuard guard(
+        "EncodedString UTF8Converter::convertToUTF8(const char*, unsigned int, const char*) const",
+        __LINE__);
     // Deliberately from UTF-8 to the named code page: callers depend on this direction.
     const IconvDescriptor descriptor(named, utf8Name);
     convertTo(descriptor.get(), bytes, n, false, result);

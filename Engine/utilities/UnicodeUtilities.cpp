@@ -8,6 +8,7 @@
 
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
+#include "Engine/utilities/UNIX/LoaderGuard.h"
 
 namespace {
 
@@ -435,6 +436,8 @@ EncodedString UnicodeUtilities::convertFromCP(const char* text, const char* code
   if (strcmp(codepage, "UTF-8") == 0) {
     return {text, EncodedString::utf8};
   }
+  const LoaderGuard guard(
+      "static EncodedString UnicodeUtilities::convertFromCP(const char*, const char*)", __LINE__);
   const IconvDescriptor descriptor("UTF-8", codepage);
   if (!descriptor.isOpen()) {
     return {text, EncodedString::native};

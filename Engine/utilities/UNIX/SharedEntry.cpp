@@ -3,7 +3,7 @@
 #include <dlfcn.h>
 #include <string>
 
-#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/LoaderGuard.h"
 #include "Engine/utilities/UNIX/StandardError.h"
 
 namespace {
@@ -30,8 +30,8 @@ void* loadSharedEntry(const char* path, const char* entry, const char** error) {
   if (error != nullptr) {
     *error = "";
   }
-  // A thread that ended within the loader would leave it locked for all others.
-  const HoldRequests hold;
+  const LoaderGuard guard("void* loadSharedEntry(const char*, const char*, const char**)",
+                          __LINE__);
   void* library = dlopen(path, RTLD_NOW | RTLD_GLOBAL);
   if (library == nullptr) {
     return fail(path, entry, error);

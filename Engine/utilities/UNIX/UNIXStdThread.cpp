@@ -1,12 +1,12 @@
 #include "Engine/utilities/UNIX/UNIXStdThread.h"
 
-#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <cxxabi.h>
 #include <memory>
 #include <sched.h>
 
+#include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/StdException.h"
@@ -16,6 +16,7 @@
 #include "Engine/utilities/UNIX/AlternateStack.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/UNIX/ProcessEnd.h"
+#include "Engine/utilities/UNIX/ProcessLock.h"
 #include "Engine/utilities/UNIX/RequestToEnd.h"
 #include "Engine/utilities/signals.h"
 
@@ -25,6 +26,8 @@ constexpr const char* sourceFile = "Engine/utilities/UNIX/UNIXStdThread";
 
 // Of a process that ends because an exception escaped from a thread.
 constexpr int failureStatus = 99;
+
+constinit ProcessLock theStartLock;
 
 // Tells the SIGUSR2 handler of the thread it runs on, from the entry function's frame.
 class RunningHere {
@@ -54,14 +57,33 @@ class Attributes {
 
 }  // namespace
 
-UNIX_Critical_Section& StdThreadRun::startLock() {
-  static std::atomic<UNIX_Critical_Section*> lock = nullptr;
-  UNIX_Critical_Section* made = lock.load(std::memory_order_acquire);
-  if (made == nullptr) {
-    made = new UNIX_Critical_Section;
-    lock.store(made, std::memory_order_release);
+UNIX_Critical_Section& StdThreadRun::startLock() { return theStartLock.get(); }
+
+bool AcrossFork::holdStarts() noexcept {
+  UNIX_Critical_Section* const lock = theStartLock.present();
+  if (lock != nullptr) {
+    lock->request("bool AcrossFork::holdStarts()", __LINE__);
   }
-  return *made;
+  return lock != nullptr;
+}
+
+void AcrossFork::releaseStarts() noexcept {
+  theStartLock.get().release("void AcrossFork::releaseStarts()", __LINE__);
+}
+
+// Requests are not inherited, nor are timers.
+void AcrossFork::renewStarts() noexcept {
+  requestState.attempts = 0;
+  requestState.hasTimer = false;
+}
+
+void StdThreadRun::beMain() noexcept { StdThread::thread1()->setThreadId(pthread_self()); }
+
+void StdThreadRun::leaveBehind(StdThread& thread) noexcept {
+  thread.setThreadId(0);
+  if (thread.termination_ != nullptr) {
+    __atomic_store_n(&thread.termination_->threadId_, pthread_t{0}, __ATOMIC_RELEASE);
+  }
 }
 
 pthread_t StdThreadRun::start(StdThread* thread) {

@@ -38,6 +38,11 @@ class StdThreadRun {
   /// Ends the calling thread for the request that has diverted the return of a call, unless
   /// something has come between; see RequestToEnd.h.
   static void diversionReturned();
+  /// Notes in a forked child that it does not have the thread of an object.
+  static void leaveBehind(StdThread& thread) noexcept;
+
+  /// Has the object "main" stand for the calling thread.
+  static void beMain() noexcept;
 
   [[nodiscard]] StdThread* thread() const noexcept { return thread_; }
 

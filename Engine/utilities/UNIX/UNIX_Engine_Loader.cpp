@@ -7,7 +7,7 @@
 
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/LoaderGuard.h"
 
 namespace {
 
@@ -45,14 +45,13 @@ UNIX_Engine_Loader::~UNIX_Engine_Loader() {
 }
 
 void* UNIX_Engine_Loader::get_korv_module(const FileName& name) const {
+  const LoaderGuard guard(getModuleText, __LINE__);
   for (unsigned int i = modules_.count(); i > 0; --i) {
     const Module& module = modules_[i - 1];
     if (*module.name == name) {
       return module.handle;
     }
   }
-  // A thread that ended within the loader would leave it locked for all others.
-  const HoldRequests hold;
   const std::string given = systemPath(name);
   void* handle =
       open("lib" + given + ".so", 69, 75, "First try - Cannot load debugger engine module");
@@ -72,6 +71,7 @@ void* UNIX_Engine_Loader::get_korv_module(const FileName& name) const {
 
 void* UNIX_Engine_Loader::get_procedure_entry(const FileName& module,
                                               const EncodedString& entry) const {
+  const LoaderGuard guard(getEntryText, __LINE__);
   void* const handle = get_korv_module(module);
   if (handle == nullptr) {
     return nullptr;

@@ -15,7 +15,7 @@
 /// that is found by its name as given, and so only on the second try, is loaded all the same,
 /// but leaves an "ERROR" line "First try - Cannot load ..." in the trace.
 ///
-/// Not thread-safe: the cache has no lock.
+/// Any thread may ask; see LoaderGuard for what the constructors of a module must not do.
 
 class CUL_EXPORT UNIX_Engine_Loader : public Engine_Loader {
  public:

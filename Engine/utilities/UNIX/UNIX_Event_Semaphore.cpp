@@ -2,12 +2,16 @@
 
 #include <atomic>
 #include <cerrno>
+#include <memory>
 #include <sys/time.h>
 #include <unistd.h>
 
+#include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/CUL_SemaphoreError.h"
 #include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/ProcessLock.h"
 
 namespace {
 
@@ -18,22 +22,45 @@ constexpr unsigned millisecondsPerSecond = 1000;
 constexpr unsigned shortestSleep = 10;
 constexpr unsigned longestSleep = 50;
 
-// Null until the first timed wait: events that never needed the timer do not start it when
-// they end.
+// Null until the first timed wait of the process: events that never needed the timer do not
+// start it when they end.
 constinit std::atomic<UNIX_Event_Semaphore::MillisecondTimer*> theTimer = nullptr;
+
+// Held while the timer is made, or an event of the parent process is made anew.
+constinit ProcessLock eventsLock;
 
 void sleepFor(unsigned milliseconds) { usleep(milliseconds * microsecondsPerMillisecond); }
 
 }  // namespace
 
-UNIX_Event_Semaphore::UNIX_Event_Semaphore() {
+UNIX_Event_Semaphore::UNIX_Event_Semaphore() : generation_(AcrossFork::generation()) {
   if (const int result = pthread_cond_init(&condition_, nullptr); result != 0) {
     throw CUL_SemaphoreError("UNIX_Event_Semaphore::UNIX_Event_Semaphore()", 28, this, result);
   }
 }
 
+// A thread of the parent may have been in the middle of an operation. The child does not have
+// it, and would wait for it: for the mutex, to wake it up, or to destroy the condition.
+void UNIX_Event_Semaphore::makeOwn() {
+  const unsigned int generation = AcrossFork::generation();
+  if (__atomic_load_n(&generation_, __ATOMIC_ACQUIRE) != generation) [[unlikely]] {
+    makeAnew(generation);
+  }
+}
+
+void UNIX_Event_Semaphore::makeAnew(unsigned int generation) {
+  const LockGuard guard(eventsLock.get(), "void UNIX_Event_Semaphore::makeAnew(unsigned int)",
+                        __LINE__);
+  if (generation_ != generation) {
+    std::construct_at(&mutex_);
+    pthread_cond_init(&condition_, nullptr);
+    __atomic_store_n(&generation_, generation, __ATOMIC_RELEASE);
+  }
+}
+
 UNIX_Event_Semaphore::~UNIX_Event_Semaphore() {
   const HoldRequests hold;
+  makeOwn();
   if (MillisecondTimer* const timer = theTimer.load(std::memory_order_acquire); timer != nullptr) {
     timer->remove(*this);
   }
@@ -50,6 +77,7 @@ void UNIX_Event_Semaphore::post() {
   int result = 0;
   {
     const HoldRequests hold;
+    makeOwn();
     const LockGuard guard(mutex_, function, 47);
     __atomic_store_n(&posted_, 1, __ATOMIC_RELEASE);
     result = pthread_cond_broadcast(&condition_);
@@ -61,6 +89,7 @@ void UNIX_Event_Semaphore::post() {
 
 void UNIX_Event_Semaphore::reset() {
   const HoldRequests hold;
+  makeOwn();
   const LockGuard guard(mutex_, "virtual void UNIX_Event_Semaphore::reset()", 40);
   __atomic_store_n(&posted_, 0, __ATOMIC_RELEASE);
 }
@@ -68,6 +97,7 @@ void UNIX_Event_Semaphore::reset() {
 void UNIX_Event_Semaphore::wait() {
   static constexpr const char* function = "virtual void UNIX_Event_Semaphore::wait()";
   const HoldRequests hold;
+  makeOwn();
   const LockGuard guard(mutex_, function, 69);
   while (!isPosted()) {
     int result = 0;
@@ -115,11 +145,47 @@ UNIX_Event_Semaphore::MillisecondTimer* UNIX_Event_Semaphore::timerInstance() {
   MillisecondTimer* timer = theTimer.load(std::memory_order_acquire);
   if (timer == nullptr) {
     const HoldRequests hold;
-    static MillisecondTimer* const made = new MillisecondTimer;
-    timer = made;
-    theTimer.store(timer, std::memory_order_release);
+    // What a thread leans on is made without the lock.
+    static_cast<void>(StdThread::thread1());
+    static_cast<void>(isTraced(TraceType::active));
+    const LockGuard guard(eventsLock.get(),
+                          "static UNIX_Event_Semaphore::MillisecondTimer* "
+                          "UNIX_Event_Semaphore::timerInstance()",
+                          __LINE__);
+    timer = theTimer.load(std::memory_order_acquire);
+    if (timer == nullptr) {
+      timer = new MillisecondTimer;
+      theTimer.store(timer, std::memory_order_release);
+    }
   }
   return timer;
+}
+
+bool AcrossFork::holdEvents() noexcept {
+  UNIX_Critical_Section* const lock = eventsLock.present();
+  if (lock == nullptr) {
+    return false;
+  }
+  lock->request("bool AcrossFork::holdEvents()", __LINE__);
+  if (auto* const timer = theTimer.load(std::memory_order_acquire); timer != nullptr) {
+    timer->lock_.request("bool AcrossFork::holdEvents()", __LINE__);
+  }
+  return true;
+}
+
+void AcrossFork::releaseEvents() noexcept {
+  if (auto* const timer = theTimer.load(std::memory_order_acquire); timer != nullptr) {
+    timer->lock_.release("void AcrossFork::releaseEvents()", __LINE__);
+  }
+  eventsLock.get().release("void AcrossFork::releaseEvents()", __LINE__);
+}
+
+// The timer thread is the parent's. Waits that the child may still have to end know their timer,
+// so it stays, and its lock is given back.
+void AcrossFork::renewEvents() noexcept {
+  if (auto* const timer = theTimer.exchange(nullptr); timer != nullptr) {
+    timer->lock_.release("void AcrossFork::renewEvents()", __LINE__);
+  }
 }
 
 UNIX_Event_Semaphore::MsecTime::MsecTime(unsigned int offset) noexcept {
@@ -132,6 +198,7 @@ UNIX_Event_Semaphore::MsecTime::MsecTime(unsigned int offset) noexcept {
 UNIX_Event_Semaphore::WaitInstance::WaitInstance(UNIX_Event_Semaphore& semaphore,
                                                  unsigned int milliseconds)
     : semaphore_(&semaphore), deadline_(milliseconds), timer_(timerInstance()) {
+  semaphore.makeOwn();
   timer_->add(*this);
 }
 

@@ -20,12 +20,14 @@
 /// after it, and a limit of 0 on a closed event takes one look of the timer. Setting the
 /// clock moves all deadlines. The timer thread is started by the first timed wait that
 /// finds its event closed, and lives until the process ends; a process without one has
-/// no timer thread. A child made by fork() alone has none either.
+/// no timer thread. A forked child has none either until it waits; then it starts its own.
+///
+/// **Forked children.** A child uses an event of its parent as one of its own: it is as open
+/// or closed as it was when the child was forked, and those who waited for it are not there.
 ///
 /// **Locks.** The timer's lock is taken before an event's mutex: the timer thread holds
 /// both while it wakes a waiter. A waiter talks to the timer only while it does not hold the
-/// mutex. Every operation may be called from any thread; only the first timed wait belongs
-/// on the main thread, where the process starts up.
+/// mutex. Every operation may be called from any thread.
 ///
 /// **Errors.** What fails on the condition is a CUL_SemaphoreError with the function's
 /// signature text as the file and the POSIX result as the status. What fails on the mutex is
@@ -67,7 +69,8 @@ class CUL_EXPORT UNIX_Event_Semaphore : public CUL_Event_Semaphore {
   ///   open then, but those who wait may not have noticed.
   void post() override;
 
-  /// The timer of the process, made and started by the first call, never destroyed.
+  /// The timer of the process, made and started by the first call, never destroyed. A forked
+  /// child gets another.
   /// \throws StdException status -1 when it cannot be started; the next call tries again.
   [[nodiscard]] static MillisecondTimer* timerInstance();
 
@@ -75,11 +78,15 @@ class CUL_EXPORT UNIX_Event_Semaphore : public CUL_Event_Semaphore {
   [[nodiscard]] bool isPosted() const noexcept {
     return __atomic_load_n(&posted_, __ATOMIC_ACQUIRE) != 0;
   }
+  __attribute__((visibility("hidden"))) void makeOwn();
+  __attribute__((visibility("hidden"))) void makeAnew(unsigned int generation);
 
   UNIX_Mutex mutex_;
   pthread_cond_t condition_ = PTHREAD_COND_INITIALIZER;
   // Written under the mutex, read without it, too. Loads and stores are atomic.
   unsigned char posted_ = 0;
+  // The process, counted in forks, whose threads use the mutex and the condition. Atomically.
+  unsigned int generation_;
 };
 
 /// A point in time: milliseconds of wall time since the epoch.
@@ -164,6 +171,8 @@ class CUL_EXPORT UNIX_Event_Semaphore::MillisecondTimer final : public StdThread
   [[noreturn]] void run() override;
 
  private:
+  friend class AcrossFork;
+
   unsigned int expireDue();
 
   UNIX_Critical_Section lock_;

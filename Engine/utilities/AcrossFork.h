@@ -1,0 +1,118 @@
+#pragma once
+
+#include <atomic>
+
+/// \file
+/// What a fork promises, and the order in which the library's locks are taken.
+///
+/// **The promise.** A child made by fork(), whatever threads of the parent did at that moment,
+/// can use the whole library: nothing of the library waits there for a thread that the child
+/// does not have. For that, every lock of the library is taken around every fork, in the order
+/// below, and is free in both processes afterwards. The handlers are registered when the
+/// library is loaded, before a program can register its own: those run outside of ours, may
+/// use the library, and must not leave a lock of it held that is taken before one they wait for.
+///
+/// **The locks**, outermost first. Who holds one may only ask for those below it, or again for
+/// the same where it is recursive. What a new-handler or a module's constructor may do counts,
+/// too: memory is asked for under most of them, and the library's new-handler traces.
+///
+/// | participant | lock | asked for meanwhile |
+/// |---|---|---|
+/// | loader | LoaderGuard: loading modules and code pages, the process's locale; recursive | all,
+/// as constructors of modules run under it | | events | of UNIX_Event_Semaphore: making the timer,
+/// then the timer's list; recursive | an event's mutex, starts, strings | | starts |
+/// StdThreadRun::startLock(); recursive | strings, memory | | strings | of StringPoolManager;
+/// recursive | memory | | trace | of TraceImplementation; recursive | threads, local time | |
+/// threads | of RunningThreads; recursive | nothing, not even memory | | conversions | of
+/// iconvDebug() | nothing | | local time | of LocalTime.h | nothing |
+///
+/// A participant takes part as soon as it exists. Behind ours come the locks that the C library
+/// takes around a fork itself: those of its memory and its streams. Whoever adds a lock or a
+/// thread to the library adds it here.
+///
+/// Locks of single objects (an event, a manager and its handles, a listener and its worker, an
+/// RWlock, a critical section of the program's) are not taken. A thread asks for them in the
+/// order manager's link, manager, listener or handle, worker, and for all of these before it
+/// asks for "events"; an event's mutex comes behind "events", with "strings" and what follows
+/// below it.
+///
+/// **The threads.** The library's own are the timer ("msecTimer") and the workers
+/// ("ThrdListener").
+/// - A child has no timer thread. Its first wait that needs one starts one of its own; the
+///   parent's timer object stays in memory, and the waits listed there are forgotten.
+/// - Thread objects of threads that the child does not have stay registered, since somebody may
+///   own them, but count as not running: their id is 0, requestTerminate() gives ESRCH, a
+///   Termination's wait() gives -1. So an id that the system uses again for a thread of the
+///   child is that thread's alone. The forking thread keeps its object; a thread of the program's
+///   is "main" in the child. Requests to end that the forking thread had not met are the
+///   parent's. A token of a thread that had ended before the fork must not be waited for.
+///
+/// **Objects that other threads were using.**
+/// - An event can be used, and destroyed, as if it had been made in the child: it is as open or
+///   closed as it was, and nobody waits for it.
+/// - Another lock (critical section, mutex, RWlock) that a thread has which the child does not
+///   have stays taken. That also goes for a ThreadManager, a listener or a handle that a thread
+///   was just inside of: a manager is for 10 to 50 ms while it starts a run or takes note of
+///   an end. The child makes its own. Runs that the parent had started never end there, and its
+///   spawned processes are not the child's to wait for.
+/// - An object without a lock is as the threads left it.
+///
+/// **The trace** of the child writes into the parent's file until it is told of the fork by
+/// TraceImplementation::processForked().
+///
+/// **What the C library does not look after.** Its fork leaves some of its locks as they are:
+/// those of the time zone (localtime(), mktime()), of the locale, of the environment's changes,
+/// of iconv_open() and of the exit handlers, and the state of its module loader. The library's
+/// own calls are made under the locks above. What other threads of the program call directly
+/// may be held in a child for ever: there, a program that does so must not call the same, which
+/// for localtime() includes TimeDateStamp.
+///
+/// **No handlers** run for vfork(), posix_spawn(), _Fork() and clone(). Their children can only
+/// start a program, which is all they are for; nothing is promised about the library there.
+///
+/// Internal to the library.
+
+class AcrossFork {
+ public:
+  AcrossFork() = delete;
+
+  /// How many forks lie between the program's start and this process. What has noted another
+  /// number was last used by a process that this one descends from.
+  [[nodiscard]] static unsigned int generation() noexcept {
+    return generation_.load(std::memory_order_acquire);
+  }
+
+ private:
+  struct Participant;
+  struct Handlers;
+  static const Participant participants[];
+
+  static void prepare() noexcept;
+  static void resumeParent() noexcept;
+  static void resumeChild() noexcept;
+
+  // Each participant's functions stand beside its lock. The first takes the lock if it exists,
+  // and tells whether it did; the second gives it back in both processes. The third, where
+  // there is one, puts the child right, with all locks held.
+  static bool holdLoader() noexcept;
+  static void releaseLoader() noexcept;
+  static bool holdEvents() noexcept;
+  static void releaseEvents() noexcept;
+  static void renewEvents() noexcept;
+  static bool holdStarts() noexcept;
+  static void releaseStarts() noexcept;
+  static void renewStarts() noexcept;
+  static bool holdStrings() noexcept;
+  static void releaseStrings() noexcept;
+  static bool holdTrace() noexcept;
+  static void releaseTrace() noexcept;
+  static bool holdThreads() noexcept;
+  static void releaseThreads() noexcept;
+  static void renewThreads() noexcept;
+  static bool holdConversions() noexcept;
+  static void releaseConversions() noexcept;
+  static bool holdLocalTime() noexcept;
+  static void releaseLocalTime() noexcept;
+
+  static constinit std::atomic<unsigned int> generation_;
+};
