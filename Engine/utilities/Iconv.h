@@ -34,8 +34,8 @@ CUL_EXPORT size_t iconvDebug(iconv_t descriptor, const char* input, size_t input
 inline const iconv_t invalidIconv = std::bit_cast<iconv_t>(~size_t{0});
 
 /// A descriptor that is closed with its object. The C library opens and closes under a lock
-/// that its fork does not look after: the library's own descriptors come and go under a
-/// LoaderGuard.
+/// that its fork does not look after: a child that is forked meanwhile by another thread cannot
+/// open one. The library's own conversions see to it that this does not happen to them.
 class IconvDescriptor {
  public:
   /// Longest name of a code page in bytes. No real one comes near it, and the C library

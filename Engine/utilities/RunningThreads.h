@@ -15,8 +15,8 @@ class StdThread;
 /// A StdThread is registered from its construction to its destruction, whether started or
 /// not. The registry owns nothing. Any thread may call it; the first call of instance()
 /// belongs on the main thread before a second thread exists. It works before main and is
-/// never destroyed. In a forked child, threads that are not there have the id 0, see
-/// AcrossFork.
+/// never destroyed. In a forked child the objects of threads that are not there stay, with
+/// the id 0.
 
 class CUL_EXPORT RunningThreads {
  public:

@@ -12,10 +12,12 @@
 /// and take no lock.
 ///
 /// The one pool is made on first use, serves static objects before main and after exit,
-/// and is never destroyed. Memory once taken for small blocks is kept for small blocks.
-/// First use belongs on the main thread before a second thread exists; afterwards any thread
-/// may take and free blocks, also one that another thread has taken. A new-handler may use
-/// strings on the thread that it is called on; it must not wait for another thread that does.
+/// and is never destroyed. A forked child goes on with the pool, whatever other threads of its
+/// parent did; blocks that only those knew of are lost there. Memory once taken for small blocks is
+/// kept for small blocks. First use belongs on the main thread before a second thread exists;
+/// afterwards any thread may take and free blocks, also one that another thread has taken. A
+/// new-handler may use strings on the thread that it is called on; it must not wait for another
+/// thread that does.
 
 class CUL_EXPORT StringPoolManager {
  public:
@@ -42,7 +44,8 @@ class CUL_EXPORT StringPoolManager {
   void freeBuffer(void* p, unsigned size);
 
   /// For diagnosis: how many free blocks stand ready for requests of `size` bytes without
-  /// splitting larger ones. 0 above maximumPooledSize.
+  /// splitting larger ones. 0 above maximumPooledSize. Walks the whole list while all other
+  /// threads that need a small block wait: time and cache misses grow with the result.
   [[nodiscard]] unsigned freeBlocks(unsigned size);
 
  private:

@@ -25,9 +25,9 @@ class ThreadManagerLink;
 ///   manager.allEnded().wait();
 /// \endcode
 /// The event allEnded() is closed when the manager is made and by each start(); it opens when
-/// the last handle leaves the list because its run has ended or could not start, and with
-/// orphanThreads(). Whoever waits for a manager that never started anything waits for ever.
-/// Taking handles off by hand does not open it. A run whose thread is asked to end inside
+/// the last handle leaves the list because its run has ended or there could be no thread for
+/// it, and with orphanThreads(). Whoever waits for a manager that never started anything waits for
+/// ever. Taking handles off by hand does not open it. A run whose thread is asked to end inside
 /// Runnable::work() never ends here: its handle stays listed.
 ///
 /// **Ids.** The threads are detached, so the system gives the id of a thread that has ended
@@ -37,6 +37,9 @@ class ThreadManagerLink;
 /// **Threads.** Every operation may be called on any thread. The manager has one recursive
 /// lock that each operation holds throughout; start() holds it also while it looks at the
 /// timer, 10 to 50 ms. It is never asked for by a thread that holds a handle's lock.
+///
+/// **Forked children.** A child makes managers and runs of its own. In one of its parent's the
+/// runs never end, and it is locked for ever when another thread was just inside of an operation.
 ///
 /// **End.** Destroying a manager does not wait for its runs: they go on without it. It waits
 /// for those that are just telling it of their end. No other operation may be under way.
@@ -59,7 +62,8 @@ class CUL_EXPORT ThreadManager {
   /// Lists a new handle and starts its run, see ThreadListener::start().
   /// \param runnable not owned; must live until the run has ended.
   /// \return the id of the new thread; 0 when the run counted as ended before it could be
-  ///   started.
+  ///   started. Its handle stays listed then, and allEnded() closed, until somebody takes it
+  ///   off.
   /// \throws StdException status -1 when there can be no thread; nothing stays listed then.
   pthread_t start(Runnable& runnable);
 

@@ -469,6 +469,10 @@ std::span<const Deed> parentDeeds() { return ofParents; }
 
 std::span<const Deed> childDeeds() { return ofChildren; }
 
+bool isPromised(const Deed& parent, const Deed& child) {
+  return parent.isDone != callLocaltime || child.isDone != tellTheTime;
+}
+
 void prepareForTable(const std::string& folder) {
   traceFolder = folder;
   setenv("GDIA_ID", "root", 1);

@@ -22,6 +22,11 @@ std::span<const Deed> parentDeeds();
 /// The columns.
 std::span<const Deed> childDeeds();
 
+/// Whether the library promises that the child's deed can be done. It does not where the program
+/// itself calls localtime() on another thread: that holds the C library's own lock, which a child
+/// can only wait for.
+bool isPromised(const Deed& parent, const Deed& child);
+
 /// What became of the children of one pairing.
 struct Outcome {
   unsigned forks = 0;

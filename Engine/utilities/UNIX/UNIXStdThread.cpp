@@ -73,8 +73,7 @@ void AcrossFork::releaseStarts() noexcept {
 
 // Requests are not inherited, nor are timers.
 void AcrossFork::renewStarts() noexcept {
-  requestState.attempts = 0;
-  requestState.hasTimer = false;
+  RequestToEnd::own().dropInChild();
 }
 
 void StdThreadRun::beMain() noexcept { StdThread::thread1()->setThreadId(pthread_self()); }

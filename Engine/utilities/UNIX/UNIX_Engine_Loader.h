@@ -15,7 +15,8 @@
 /// that is found by its name as given, and so only on the second try, is loaded all the same,
 /// but leaves an "ERROR" line "First try - Cannot load ..." in the trace.
 ///
-/// Any thread may ask; see LoaderGuard for what the constructors of a module must not do.
+/// Any thread may ask, also in a forked child. The constructors of a module may use the library,
+/// but must not wait for another thread that loads something or forks.
 
 class CUL_EXPORT UNIX_Engine_Loader : public Engine_Loader {
  public:

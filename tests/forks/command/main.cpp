@@ -1,6 +1,7 @@
 // Prints the table of what children can do that are forked off a busy process.
 // usage: fork_table [forks [parent's deed [child's deed]]]
-// A cell tells how many of the children hung, and behind a "+" how many failed.
+// A cell tells how many of the children hung, and behind a "+" how many failed; "-" stands where
+// nothing is promised. A child counts as hung after 20 seconds.
 
 #include <cstdio>
 #include <cstdlib>
@@ -44,7 +45,9 @@ int main(int argc, char** argv) try {
     }
     std::printf("\n%-14s", parent.name);
     for (const Deed& child : childDeeds()) {
-      if (isWanted(child, argc, argv, 3)) {
+      if (isWanted(child, argc, argv, 3) && !isPromised(parent, child)) {
+        std::printf(" %12s", "-");
+      } else if (isWanted(child, argc, argv, 3)) {
         std::fflush(stdout);
         const Outcome outcome = runPairing(parent, child, forks);
         std::printf(" %12s", cellOf(outcome).c_str());
