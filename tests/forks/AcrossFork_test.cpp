@@ -111,6 +111,8 @@ class Bystander {
 
 }  // namespace
 
+// Under the thread sanitizer a child of a process with threads cannot start any.
+#if !defined(__SANITIZE_THREAD__)
 CUL_CHILD(TimerOfAChild) {
   EXPECT_TRUE(waitBriefly());
   const auto usesATimerOfItsOwn = [] {
@@ -163,6 +165,8 @@ TEST(AcrossFork, AChildUsesAndDestroysAnEventThatThreadsOfTheParentWaitFor) {
   EXPECT_EQ(r.status, 0) << r.out;
 }
 
+#endif
+
 CUL_CHILD(ThreadsThatAChildDoesNotHave) {
   const Bystander bystander;
   EXPECT_EQ(statusOfForked([&bystander] {
@@ -178,6 +182,7 @@ TEST(AcrossFork, ThreadsThatAChildDoesNotHaveCountAsNotRunning) {
   EXPECT_EQ(r.status, 0) << r.out;
 }
 
+#if !defined(__SANITIZE_THREAD__)
 CUL_CHILD(IdsThatAreUsedAgain) {
   const Bystander bystander;
   const pthread_t id = bystander.thread->threadId();
@@ -240,6 +245,8 @@ TEST(AcrossFork, AThreadThatForksIsTheSameThreadInTheChild) {
   EXPECT_EQ(r.status, 0) << r.out;
 }
 
+#endif
+
 CUL_CHILD(ForkOnAThreadOfTheProgram) {
   EXPECT_EQ(StdThread::thread1()->threadId(), pthread_self());
   int status = -1;
@@ -276,6 +283,8 @@ void useTheLibrary() {
 
 }  // namespace
 
+// The address sanitizer's allocator is not safe in children of a busy process.
+#if !defined(__SANITIZE_ADDRESS__)
 CUL_CHILD(HandlersOfTheProgram) {
   EXPECT_EQ(pthread_atfork(useTheLibrary, useTheLibrary, useTheLibrary), 0);
   useTheLibrary();
@@ -304,6 +313,8 @@ TEST(AcrossFork, HandlersOfTheProgramMayUseTheLibrary) {
       {.environment = {{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", folder.path() + ",ERROR,2"}}});
   EXPECT_EQ(r.status, 0) << r.out;
 }
+
+#endif
 
 CUL_CHILD(ForkThatFails) {
   useTheLibrary();
@@ -350,6 +361,8 @@ void* operator new(std::size_t size) {
   throw std::bad_alloc();
 }
 void* operator new[](std::size_t size) { return operator new(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size); }
 void operator delete(void* block) noexcept { std::free(block); }
 void operator delete[](void* block) noexcept { std::free(block); }
 void operator delete(void* block, std::size_t) noexcept { std::free(block); }

@@ -1,7 +1,9 @@
 #include "tests/forks/ForkTable.h"
 
-#include <iostream>
+#include <cctype>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -10,7 +12,22 @@
 
 namespace {
 
+// What is left of the table under the thread sanitizer: its children cannot start threads.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool canStartThreads = false;
+constexpr unsigned forks = 10;
+#else
+constexpr bool canStartThreads = true;
 constexpr unsigned forks = 50;
+#endif
+
+std::vector<std::string> namesOfParentDeeds() {
+  std::vector<std::string> names;
+  for (const Deed& deed : parentDeeds()) {
+    names.emplace_back(deed.name);
+  }
+  return names;
+}
 
 const Deed& parentDeedNamed(const std::string& name) {
   for (const Deed& deed : parentDeeds()) {
@@ -28,31 +45,34 @@ CUL_CHILD(RowOfTheTable) {
   prepareForTable(childArguments()[1]);
   const Deed& parent = parentDeedNamed(childArguments()[0]);
   for (const Deed& child : childDeeds()) {
-    if (!isPromised(parent, child)) {
-      continue;
+    if (isPromised(parent, child) && (canStartThreads || !child.startsThreads)) {
+      const Outcome outcome = runPairing(parent, child, forks);
+      EXPECT_EQ(outcome.forks, forks);
+      EXPECT_EQ(outcome.hung, 0U) << child.name;
+      EXPECT_EQ(outcome.failed, 0U) << child.name;
     }
-    const Outcome outcome = runPairing(parent, child, forks);
-    EXPECT_EQ(outcome.forks, forks);
-    EXPECT_EQ(outcome.hung, 0U) << child.name;
-    EXPECT_EQ(outcome.failed, 0U) << child.name;
   }
 }
 
-class ForkTable : public testing::TestWithParam<Deed> {};
+class ForkTable : public testing::TestWithParam<std::string> {};
 
 TEST_P(ForkTable, ChildrenCanDoEverythingWhileThreadsOfTheParent) {
   const TemporaryFolder folder;
-  const ChildResult r = runChild(
-      "RowOfTheTable", {.arguments = {GetParam().name, folder.path()}, .limitInSeconds = 280});
+  // A thread that ends does so in its signal handler, which the thread sanitizer dislikes.
+  const char* const options = getenv("TSAN_OPTIONS");
+  const std::string moreOptions =
+      (options != nullptr ? std::string(options) + ":" : std::string()) + "report_signal_unsafe=0";
+  const ChildResult r = runChild("RowOfTheTable", {.environment = {{"TSAN_OPTIONS", moreOptions}},
+                                                   .arguments = {GetParam(), folder.path()},
+                                                   .limitInSeconds = 280});
   EXPECT_EQ(r.status, 0) << r.out;
 }
 
-INSTANTIATE_TEST_SUITE_P(Do, ForkTable,
-                         testing::ValuesIn(parentDeeds().begin(), parentDeeds().end()),
+INSTANTIATE_TEST_SUITE_P(Do, ForkTable, testing::ValuesIn(namesOfParentDeeds()),
                          [](const auto& row) {
                            std::string name;
-                           for (const char c : std::string(row.param.name)) {
-                             if (isalnum(static_cast<unsigned char>(c)) != 0) {
+                           for (const char c : row.param) {
+                             if (std::isalnum(static_cast<unsigned char>(c)) != 0) {
                                name += c;
                              }
                            }
