@@ -2,17 +2,15 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <vector>
 
 #include "Catalog.h"
 #include "MessageSource.h"
+#include "OutputFile.h"
 
 /// \file
 /// Makes the C++ source of a message catalog's library from the message sources of its
@@ -22,6 +20,9 @@ namespace {
 
 constexpr int statusFailed = 1;
 constexpr int statusUsage = 2;
+
+// What a message source may have. No translator writes more: it is a device, or a disk image.
+constexpr std::size_t mostBytes = 16 << 20;
 
 constexpr const char* usage =
     "usage: cul-message-compiler -o output.cpp locale=file...\n"
@@ -39,32 +40,19 @@ std::optional<std::string> contentsOf(const std::string& file) {
   if (stream != nullptr) {
     std::string contents;
     char part[4096];
-    while (const std::size_t size = std::fread(part, 1, sizeof part, stream.get())) {
+    std::size_t size;
+    do {
+      size = std::fread(part, 1, sizeof part, stream.get());
       contents.append(part, size);
-    }
-    if (std::ferror(stream.get()) == 0) {
+    } while (size != 0 && contents.size() <= mostBytes);
+    if (contents.size() > mostBytes) {
+      errno = EFBIG;
+    } else if (std::ferror(stream.get()) == 0) {
       return contents;
     }
   }
   printFileError(file);
   return std::nullopt;
-}
-
-bool write(const std::string& file, const std::string& contents) {
-  errno = 0;
-  std::ofstream stream(file, std::ios::binary);
-  stream << contents;
-  stream.close();
-  if (!stream) {
-    printFileError(file);
-    std::error_code ignored;
-    if (std::filesystem::is_regular_file(file, ignored)) {
-      // Half of it would be taken for the whole by the next build.
-      std::filesystem::remove(file, ignored);
-    }
-    return false;
-  }
-  return true;
 }
 
 // The translation that "locale=file" names, not read yet; nothing when it names none.
@@ -86,7 +74,11 @@ int compile(const std::string& output, std::vector<Translation>& translations) {
       }
       translation.messages = parseMessages(*source, translation.file);
     }
-    return write(output, Catalog(translations).source()) ? 0 : statusFailed;
+    if (!writeOutput(output, Catalog(translations).source())) {
+      printFileError(output);
+      return statusFailed;
+    }
+    return 0;
   } catch (const MessageError& e) {
     std::fprintf(stderr, "%s:%u: error: %s\n", e.file.c_str(), e.line, e.text.c_str());
     return statusFailed;
@@ -115,5 +107,13 @@ int main(int argc, char** argv) {
     }
     translations.push_back(std::move(*translation));
   }
-  return compile(argv[2], translations);
+  const std::string output = argv[2];
+  for (const Translation& translation : translations) {
+    if (isSameFile(output, translation.file)) {
+      std::fprintf(stderr, "cul-message-compiler: %s: it is a source as well as the output\n",
+                   output.c_str());
+      return statusUsage;
+    }
+  }
+  return compile(output, translations);
 }

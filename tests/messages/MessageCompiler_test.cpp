@@ -1,8 +1,17 @@
 #include <climits>
+#include <csignal>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <string>
+#include <sys/ptrace.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -14,6 +23,8 @@
 #include "programs/messagecompiler/MessageSource.h"
 #include "tests/messages/SystemCatalog.h"
 #include "tests/support/Child.h"
+#include "tests/support/ChildMain.h"
+#include "tests/support/OrdinaryUser.h"
 #include "tests/support/TemporaryFolder.h"
 
 /// The compiler of message catalogs and the libraries that come of it.
@@ -189,17 +200,267 @@ TEST(MessageCompiler, TellsFilesThatItCannotReadOrWrite) {
   EXPECT_TRUE(std::filesystem::exists("/dev/full"));
 }
 
-TEST(MessageCompiler, LeavesNoOutputThatItCannotWriteToItsEnd) {
-  const TemporaryFolder folder;
-  const std::string output = folder.file("output.cpp");
-  const std::string source = folder.file("en");
-  writeFile(source, "1 " + std::string().append(100000, 'x') + "\n");
-  // No file may have more than a few blocks.
-  const ChildResult r = runProgram({"/bin/sh", "-c", "trap '' XFSZ; ulimit -f 16; exec \"$@\"",
-                                    "sh", CUL_MESSAGE_COMPILER, "-o", output, "en=" + source});
+// A folder with a source whose catalog fills many blocks, and perhaps an output of earlier days.
+class Workshop {
+ public:
+  explicit Workshop(const std::string& earlierOutput = {}) {
+    writeFile(source, "1 " + std::string().append(100000, 'x') + "\n");
+    if (!earlierOutput.empty()) {
+      writeFile(output, earlierOutput);
+    }
+  }
+
+  std::vector<std::string> command() const {
+    return {CUL_MESSAGE_COMPILER, "-o", output, "en=" + source};
+  }
+
+  const std::string& folder() const { return folder_.path(); }
+
+  // All files with what is in them; the source without.
+  std::map<std::string, std::string> files() const {
+    std::map<std::string, std::string> result;
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
+      result[entry.path().filename()] =
+          entry.path() == source ? std::string() : contentsOf(entry.path());
+    }
+    return result;
+  }
+
+  // The same with this output, without one where it is empty.
+  static std::map<std::string, std::string> untouched(const std::string& output) {
+    std::map<std::string, std::string> result = {{"en", ""}};
+    if (!output.empty()) {
+      result["output.cpp"] = output;
+    }
+    return result;
+  }
+
+ private:
+  TemporaryFolder folder_;
+
+ public:
+  const std::string source = folder_.file("en");
+  const std::string output = folder_.file("output.cpp");
+};
+
+std::string wholeOutput() {
+  const Workshop workshop;
+  EXPECT_EQ(runProgram(workshop.command()).status, 0);
+  return contentsOf(workshop.output);
+}
+
+TEST(MessageCompiler, LeavesAnOutputThatItCannotWriteToItsEndAsItWas) {
+  for (const char* earlier : {"", "earlier"}) {
+    const Workshop workshop(earlier);
+    // No file may have more than a few blocks.
+    std::vector<std::string> words = workshop.command();
+    words.insert(words.begin(), {"/bin/sh", "-c", "ulimit -f 16; exec \"$@\"", "sh"});
+    const ChildResult r = runProgram(words);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "cul-message-compiler: " + workshop.output + ": File too large\n");
+    EXPECT_EQ(workshop.files(), workshop.untouched(earlier));
+  }
+}
+
+// How a program ended that got a signal at one of its system calls.
+struct Interrupted {
+  bool isSent = false;  // There were that many calls.
+  bool isKilled = false;
+};
+
+// Runs a program and sends it a signal at one of its system calls, counted from the one by which
+// it makes a file.
+Interrupted runInterrupted(const std::vector<std::string>& command, int signal, unsigned calls) {
+  std::vector<std::string> words = command;
+  // The leak sanitizer is a tracer, too.
+  std::vector<std::string> variables = childEnvironment({{"ASAN_OPTIONS", "detect_leaks=0"}});
+  const std::vector<char*> argv = pointersTo(words);
+  const std::vector<char*> envp = pointersTo(variables);
+  const pid_t child = fork();
+  if (child == 0) {
+    ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
+    execve(argv[0], argv.data(), envp.data());
+    _exit(127);
+  }
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_TRUE(WIFSTOPPED(status)) << status;
+  ptrace(PTRACE_SETOPTIONS, child, nullptr, PTRACE_O_EXITKILL | PTRACE_O_TRACESYSGOOD);
+  constexpr int systemCall = SIGTRAP | 0x80;
+  bool hasFile = false;
+  Interrupted result;
+  long sent = 0;
+  for (;;) {
+    ptrace(PTRACE_SYSCALL, child, nullptr, sent);
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    if (!WIFSTOPPED(status)) {
+      break;
+    }
+    sent = WSTOPSIG(status) == systemCall ? 0 : WSTOPSIG(status);
+    if (sent != 0 || result.isSent) {
+      continue;
+    }
+    user_regs_struct state = {};
+    ptrace(PTRACE_GETREGS, child, nullptr, &state);
+    hasFile = hasFile || (state.orig_rax == SYS_openat && (state.rdx & O_CREAT) != 0);
+    if (hasFile && calls-- == 0) {
+      result.isSent = true;
+      sent = signal;
+    }
+  }
+  EXPECT_TRUE(hasFile);
+  result.isKilled = WIFSIGNALED(status) && WTERMSIG(status) == signal;
+  EXPECT_TRUE(result.isKilled || (WIFEXITED(status) && WEXITSTATUS(status) == 0)) << status;
+  return result;
+}
+
+TEST(MessageCompiler, LeavesTheOutputWholeOrAsItWasWhenItIsInterrupted) {
+  const std::string whole = wholeOutput();
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    for (const char* earlier : {"", "earlier"}) {
+      unsigned kills = 0;
+      Interrupted r = {.isSent = true};
+      for (unsigned calls = 0; r.isSent; ++calls) {
+        const Workshop workshop(earlier);
+        r = runInterrupted(workshop.command(), signal, calls);
+        kills += r.isKilled ? 1 : 0;
+        const std::map<std::string, std::string> files = workshop.files();
+        EXPECT_TRUE(files == workshop.untouched(whole) ||
+                    (r.isKilled && files == workshop.untouched(earlier)))
+            << calls << testing::PrintToString(files).substr(0, 200);
+      }
+      EXPECT_GE(kills, 5U);
+    }
+  }
+}
+
+// Gives what the compiler says when it cannot write to an output that is there.
+void expectUntouched(const Workshop& workshop, const ChildResult& r, const std::string& earlier,
+                     const std::string& reason) {
   EXPECT_EQ(r.status, 1);
-  EXPECT_THAT(r.err, HasSubstr("cul-message-compiler: " + output + ": File too large\n"));
-  EXPECT_FALSE(std::filesystem::exists(output));
+  EXPECT_EQ(r.err, "cul-message-compiler: " + workshop.output + ": " + reason + "\n");
+  EXPECT_TRUE(workshop.files() == workshop.untouched(earlier));
+}
+
+TEST(MessageCompiler, LeavesAProgramThatRunsWhereItsOutputWouldGo) {
+  const std::string program = contentsOf("/bin/sleep");
+  const Workshop workshop(program);
+  ASSERT_EQ(chmod(workshop.output.c_str(), 0700), 0);
+  std::vector<std::string> words = workshop.command();
+  words.insert(words.begin(),
+               {"/bin/sh", "-c",
+                "\"$0\" 1000 & "
+                "until [ \"$(readlink /proc/$!/exe)\" = \"$0\" ]; do sleep 0.01; done;"
+                "\"$@\"; status=$?; kill $!; exit $status",
+                workshop.output});
+  expectUntouched(workshop, runProgram(words), program, "Text file busy");
+}
+
+CUL_CHILD(CompileAsOrdinaryUser) {
+  const OrdinaryUser user;
+  std::vector<std::string> words = childArguments();
+  execv(words[0].c_str(), pointersTo(words).data());
+}
+
+TEST(MessageCompiler, LeavesAnOutputThatMayNotBeWrittenTo) {
+  const Workshop workshop("earlier");
+  // The folder may.
+  ASSERT_EQ(chmod(workshop.folder().c_str(), 0777), 0);
+  ASSERT_EQ(chmod(workshop.output.c_str(), 0444), 0);
+  expectUntouched(workshop, runChild("CompileAsOrdinaryUser", {.arguments = workshop.command()}),
+                  "earlier", "Permission denied");
+}
+
+mode_t permissionsOf(const std::string& file) {
+  struct stat state = {};
+  EXPECT_EQ(lstat(file.c_str(), &state), 0);
+  return state.st_mode & 07777;
+}
+
+TEST(MessageCompiler, GivesAFreshOutputThePermissionsThatTheMaskLeaves) {
+  for (const auto& [mask, permissions] : {std::pair{"022", 0644}, {"077", 0600}, {"002", 0664}}) {
+    const Workshop workshop;
+    std::vector<std::string> words = workshop.command();
+    words.insert(words.begin(), {"/bin/sh", "-c", "umask \"$0\"; exec \"$@\"", mask});
+    EXPECT_EQ(runProgram(words).status, 0);
+    EXPECT_EQ(permissionsOf(workshop.output), static_cast<mode_t>(permissions));
+  }
+}
+
+TEST(MessageCompiler, LeavesAnOutputItsPermissions) {
+  const Workshop workshop("earlier");
+  ASSERT_EQ(chmod(workshop.output.c_str(), 0751), 0);
+  EXPECT_EQ(runProgram(workshop.command()).status, 0);
+  EXPECT_EQ(permissionsOf(workshop.output), 0751U);
+  EXPECT_THAT(contentsOf(workshop.output), StartsWith("// Made by"));
+}
+
+TEST(MessageCompiler, WritesToWhereALinkLeads) {
+  const std::string whole = wholeOutput();
+  for (const bool isThere : {true, false}) {
+    const Workshop workshop;
+    std::filesystem::create_directory(workshop.folder() + "/far");
+    const std::string target = workshop.folder() + "/far/target";
+    if (isThere) {
+      writeFile(target, "earlier");
+    }
+    std::filesystem::create_symlink("near", workshop.output);
+    std::filesystem::create_symlink("far/target", workshop.folder() + "/near");
+    EXPECT_EQ(runProgram(workshop.command()).status, 0);
+    EXPECT_TRUE(std::filesystem::is_symlink(workshop.output));
+    EXPECT_TRUE(contentsOf(target) == whole);
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(workshop.folder() + "/far"), {}),
+              1);
+  }
+}
+
+TEST(MessageCompiler, WritesToAPipe) {
+  const Workshop workshop;
+  const ChildResult r =
+      runProgram({CUL_MESSAGE_COMPILER, "-o", "/dev/stdout", "en=" + workshop.source});
+  EXPECT_EQ(r.status, 0) << r.err;
+  EXPECT_TRUE(r.out == wholeOutput());
+}
+
+TEST(MessageCompiler, DoesNotOverwriteItsSource) {
+  const Workshop workshop;
+  const std::string source = contentsOf(workshop.source);
+  const std::string other = workshop.folder() + "/other";
+  const std::string link = workshop.folder() + "/link";
+  const std::string sameFile = workshop.folder() + "/same";
+  writeFile(other, source);
+  std::filesystem::create_symlink("en", link);
+  std::filesystem::create_hard_link(workshop.source, sameFile);
+  for (const std::string& output :
+       {workshop.source, workshop.folder() + "/.//en", link, sameFile}) {
+    std::vector<std::string> words = {"-o", output, "en=" + workshop.source, "de=" + other};
+    for (int order = 0; order < 2; ++order) {
+      const ChildResult r = compile(words);
+      EXPECT_EQ(r.status, 2);
+      EXPECT_EQ(r.err,
+                "cul-message-compiler: " + output + ": it is a source as well as the output\n");
+      EXPECT_TRUE(contentsOf(workshop.source) == source);
+      std::swap(words[2], words[3]);
+    }
+  }
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+}
+
+TEST(MessageCompiler, RefusesASourceThatIsEndless) {
+  const Workshop workshop;
+  const auto errorFor = [&](const std::string& source) {
+    const ChildResult r = compile({"-o", workshop.output, "en=" + source});
+    EXPECT_EQ(r.status, 1);
+    return r.err;
+  };
+  EXPECT_EQ(errorFor("/dev/zero"), "cul-message-compiler: /dev/zero: File too large\n");
+  const std::string source = "1 a\n" + std::string(16 << 20, '\n');
+  const std::size_t most = 16 << 20;
+  writeFile(workshop.source, source.substr(0, most + 1));
+  EXPECT_EQ(errorFor(workshop.source),
+            "cul-message-compiler: " + workshop.source + ": File too large\n");
+  writeFile(workshop.source, source.substr(0, most));
+  EXPECT_EQ(runProgram(workshop.command()).status, 0);
 }
 
 TEST(MessageCompiler, TellsHowItIsCalled) {
