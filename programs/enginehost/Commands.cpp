@@ -7,10 +7,13 @@
 #include "ProcessesCommand.h"
 #include "PropertiesCommand.h"
 #include "SettingsListing.h"
+#include "Usage.h"
 
 namespace {
 
 constexpr Command table[] = {
+    {"--help", "", helpCommand},
+    {"--version", "", versionCommand},
     {"-convert", "FROM TO", convertCommand},
     {"-processes", "[--json]", processesCommand},
     {"-properties", "file [key]", propertiesCommand},

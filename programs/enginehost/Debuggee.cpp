@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
@@ -19,34 +20,59 @@
 
 namespace {
 
-// How a child tells why there is no program: it is closed without a word when there is one.
-class ReasonPipe {
+// Between the host and the child that becomes the program. The child waits for its word; it then
+// tells why there is no program, and closes its end without one when there is.
+class StartLine {
  public:
-  ReasonPipe() {
-    if (pipe2(ends_, O_CLOEXEC) != 0) {
+  StartLine() {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_) != 0) {
       StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(errno), errno);
     }
   }
-  ReasonPipe(const ReasonPipe&) = delete;
-  ReasonPipe& operator=(const ReasonPipe&) = delete;
-  ~ReasonPipe() {
+  StartLine(const StartLine&) = delete;
+  StartLine& operator=(const StartLine&) = delete;
+  ~StartLine() {
     close(ends_[0]);
     close(ends_[1]);
   }
 
-  void tell(int error) const noexcept { static_cast<void>(!write(ends_[1], &error, sizeof error)); }
+  // In the host.
+
+  void giveWord() const noexcept {
+    // To a child that was killed meanwhile it is no matter.
+    send(ends_[0], "", 1, MSG_NOSIGNAL);
+  }
 
   /// \return an `errno` value, 0 when the program runs.
   int hear() noexcept {
-    close(ends_[1]);
-    ends_[1] = -1;
+    closeEnd(1);
     int error = 0;
     while (read(ends_[0], &error, sizeof error) < 0 && errno == EINTR) {
     }
     return error;
   }
 
+  // In the child.
+
+  /// \return false when the host has ended without a word.
+  bool awaitWord() noexcept {
+    closeEnd(0);
+    char word;
+    ssize_t n;
+    do {
+      n = read(ends_[1], &word, 1);
+    } while (n < 0 && errno == EINTR);
+    return n == 1;
+  }
+
+  void tell(int error) const noexcept { send(ends_[1], &error, sizeof error, MSG_NOSIGNAL); }
+
  private:
+  void closeEnd(int end) noexcept {
+    close(ends_[end]);
+    ends_[end] = -1;
+  }
+
   int ends_[2] = {-1, -1};
 };
 
@@ -80,8 +106,11 @@ bool putOnConsole(const DebuggeeStreams& streams) {
 }
 
 [[noreturn]] void becomeProgram(const char* path, char* const* arguments,
-                                const DebuggeeStreams& streams, const ReasonPipe& reason,
+                                const DebuggeeStreams& streams, StartLine& line,
                                 const SignalsBlocked& signals) {
+  if (!line.awaitWord()) {
+    _exit(1);
+  }
   errno = 0;
   if (streams.console == nullptr || putOnConsole(streams)) {
     // The program gets the signals it would have without a host.
@@ -89,7 +118,7 @@ bool putOnConsole(const DebuggeeStreams& streams) {
     signals.unblock();
     execv(path, arguments);
   }
-  reason.tell(errno != 0 ? errno : EIO);
+  line.tell(errno != 0 ? errno : EIO);
   _exit(1);
 }
 
@@ -99,29 +128,38 @@ Debuggee::Debuggee(const EncodedString& path, char* const* arguments,
                    const DebuggeeStreams& streams)
     : reaper_(*this) {
   const char* const file = path;
-  ReasonPipe reason;
+  StartLine line;
   // What reaches the child before it is the program waits for the program.
   const SignalsBlocked signals;
   // Before the first thread, so that the child may do more than system calls.
   id_ = fork();
   if (id_ == 0) {
-    becomeProgram(file, arguments, streams, reason, signals);
+    becomeProgram(file, arguments, streams, line, signals);
   }
   signals.unblock();
   if (id_ < 0) {
     StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(errno), errno);
   }
-  if (const int error = reason.hear(); error != 0) {
-    waitpid(id_, &rawStatus_, 0);
-    StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(error), error);
-  }
-  CUL_TRACE(TraceType::active, __PRETTY_FUNCTION__, __LINE__, "Process %d started: %s", id_, file);
+  // All that the host needs comes before the program.
   try {
     threads_.start(reaper_);
-  } catch (const StdException&) {
+  } catch (const StdException& e) {
+    e.trace(__PRETTY_FUNCTION__, __LINE__);
     kill(id_, SIGKILL);
     waitpid(id_, &rawStatus_, 0);
-    throw;
+    StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(EAGAIN), -1);
+  }
+  line.giveWord();
+  const int error = line.hear();
+  isProgram_ = error == 0;
+  if (isProgram_) {
+    CUL_TRACE(TraceType::active, __PRETTY_FUNCTION__, __LINE__, "Process %d started: %s", id_,
+              file);
+  }
+  isSettled_.post();
+  if (!isProgram_) {
+    wait();
+    StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(error), error);
   }
 }
 
@@ -139,8 +177,12 @@ int Debuggee::Reaper::work() {
   sigset_t all;
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, nullptr);
+  debuggee_.isSettled_.wait();
   debuggee_.rawStatus_ = ProcessWaiter(debuggee_.id_).work();
   const int status = debuggee_.rawStatus_;
+  if (!debuggee_.isProgram_) {
+    return status;
+  }
   if (WIFSIGNALED(status)) {
     CUL_TRACE(TraceType::active, "int Debuggee::Reaper::work()", __LINE__,
               "Process %d was killed by signal %d.", debuggee_.id_, WTERMSIG(status));

@@ -6,6 +6,7 @@
 #include "Engine/utilities/ProcessWaiter.h"
 #include "Engine/utilities/Runnable.h"
 #include "Engine/utilities/ThreadManager.h"
+#include "Engine/utilities/UNIX/UNIX_Event_Semaphore.h"
 
 class StdioPipes;
 
@@ -24,7 +25,8 @@ struct DebuggeeStreams {
 /// A running program, reaped by a worker thread, which posts HostEvents::debuggeeEnded.
 class Debuggee {
  public:
-  /// Starts the program in the file `path`.
+  /// Starts the program in the file `path`, or nothing at all: what the host itself needs in
+  /// order to wait for it is there before.
   /// \param arguments null-terminated, with the program's name first.
   /// \throws StdException with the reason as its text and an `errno` value as its status.
   Debuggee(const EncodedString& path, char* const* arguments, const DebuggeeStreams& streams);
@@ -56,6 +58,8 @@ class Debuggee {
 
   pid_t id_ = 0;
   int rawStatus_ = 0;
+  bool isProgram_ = false;          // rather than a child that could not become one
+  UNIX_Event_Semaphore isSettled_;  // whether it is
   Reaper reaper_;
   ThreadManager threads_;
 };

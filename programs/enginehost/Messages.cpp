@@ -47,20 +47,12 @@ constexpr MessageRow rows[] = {
     {4, 7, "standard input: %s"},
     {4, 8, "standard output: %s"},
     {4, 9, "standard output cannot be written"},
+    {4, 10, "it is no regular file"},
+    {4, 11, "it has a line of more than %u MB"},
 };
-static_assert(std::size(rows) == static_cast<std::size_t>(Message::outputNotWritten) + 1);
+static_assert(std::size(rows) == static_cast<std::size_t>(Message::lineTooLong) + 1);
 
 const MessageRow& rowOf(Message message) { return rows[static_cast<std::size_t>(message)]; }
-
-std::string native(const EncodedString& text) {
-  const ByteString bytes = text.convertToNative();
-  if (EncodedString(bytes, EncodedString::native) == text) {
-    const unsigned char* const characters = bytes;
-    return {reinterpret_cast<const char*>(characters), bytes.length()};
-  }
-  const char* const characters = text;
-  return {characters, text.length()};
-}
 
 // Null when assertions throw and there is no catalog.
 const XPG4MsgServer* catalog() {
@@ -82,7 +74,7 @@ std::string translated(Message message) {
   if (const XPG4MsgServer* server = catalog(); server != nullptr) {
     text = server->getMessage(row.set, row.number);
   }
-  return text.length() == 0 ? row.english : native(text);
+  return text.length() == 0 ? row.english : inNativeCodePage(text);
 }
 
 std::string formatted(const char* format, va_list arguments) {
@@ -99,6 +91,16 @@ std::string formatted(const char* format, va_list arguments) {
 }  // namespace
 
 std::span<const MessageRow> messageRows() { return rows; }
+
+std::string inNativeCodePage(const EncodedString& text) {
+  const ByteString bytes = text.convertToNative();
+  if (EncodedString(bytes, EncodedString::native) == text) {
+    const unsigned char* const characters = bytes;
+    return {reinterpret_cast<const char*>(characters), bytes.length()};
+  }
+  const char* const characters = text;
+  return {characters, text.length()};
+}
 
 std::string messageText(Message message, ...) {
   va_list arguments;

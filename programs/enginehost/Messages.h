@@ -12,6 +12,8 @@
 #include <span>
 #include <string>
 
+#include "Engine/utilities/EncodedString.h"
+
 /// In the order of the rows of messageRows().
 enum class Message : std::size_t {
   notFound,
@@ -51,6 +53,8 @@ enum class Message : std::size_t {
   inputFailed,
   outputFailed,
   outputNotWritten,
+  noRegularFile,
+  lineTooLong,
 };
 
 struct MessageRow {
@@ -60,6 +64,9 @@ struct MessageRow {
 };
 
 [[nodiscard]] std::span<const MessageRow> messageRows();
+
+/// The bytes of a text in the native code page; in UTF-8 where that cannot hold it.
+[[nodiscard]] std::string inNativeCodePage(const EncodedString& text);
 
 /// The text of a message with its arguments, in the user's language and in the native code
 /// page; in UTF-8 where that cannot hold it.

@@ -1,11 +1,15 @@
 #include "PropertiesCommand.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
+#include <sys/stat.h>
+#include <vector>
 
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/Properties.h"
@@ -19,6 +23,8 @@
 namespace {
 
 constexpr int statusNoSuchKey = 1;
+
+constexpr std::size_t longestLine = 16 << 20;
 
 // In the order of the bytes.
 void printAll(Properties& properties) {
@@ -42,6 +48,43 @@ int printValue(const Properties& properties, const EncodedString& key) {
   return finishOutput();
 }
 
+// What speaks against reading a file; empty when nothing does. What has no end, or a line without
+// one, would take all memory, and a pipe would be waited for.
+std::string reasonToRefuse(const std::string& path) {
+  struct stat state;
+  if (stat(path.c_str(), &state) != 0) {
+    return std::strerror(errno);
+  }
+  if (S_ISDIR(state.st_mode)) {
+    return std::strerror(EISDIR);
+  }
+  if (!S_ISREG(state.st_mode)) {
+    return messageText(Message::noRegularFile);
+  }
+  const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "re"),
+                                                             std::fclose);
+  if (file == nullptr) {
+    return std::strerror(errno);
+  }
+  std::vector<char> part(65536);
+  std::size_t length = 0;  // of the line that goes on
+  while (const std::size_t size = std::fread(part.data(), 1, part.size(), file.get())) {
+    // A line that begins and ends within a part is not too long.
+    const std::string_view bytes(part.data(), size);
+    if (length + std::min(bytes.find('\n'), size) > longestLine) {
+      return messageText(Message::lineTooLong, static_cast<unsigned>(longestLine >> 20));
+    }
+    const std::size_t last = bytes.rfind('\n');
+    length = last == std::string_view::npos ? length + size : size - last - 1;
+  }
+  return std::ferror(file.get()) != 0 ? std::strerror(errno) : "";
+}
+
+int refuse(const char* file, const std::string& reason) {
+  std::fprintf(stderr, "enginehost: %s: %s\n", printable(file).c_str(), reason.c_str());
+  return statusHostFailed;
+}
+
 }  // namespace
 
 int propertiesCommand(std::span<char* const> arguments) {
@@ -49,11 +92,14 @@ int propertiesCommand(std::span<char* const> arguments) {
     complain(Message::propertiesTake);
     return statusUsage;
   }
+  const FileName file(arguments[0], EncodedString::utf8);
+  // As the library looks it up.
+  if (const std::string reason = reasonToRefuse(inNativeCodePage(file)); !reason.empty()) {
+    return refuse(arguments[0], reason);
+  }
   Properties properties(nullptr);
-  if (properties.set(FileName(arguments[0], EncodedString::utf8))) {
-    const char* const reason = std::strerror(errno);
-    std::fprintf(stderr, "enginehost: %s: %s\n", printable(arguments[0]).c_str(), reason);
-    return statusHostFailed;
+  if (properties.set(file)) {
+    return refuse(arguments[0], std::strerror(errno));
   }
   if (arguments.size() == 2) {
     // Keys are read as the file's are.

@@ -9,10 +9,12 @@
 #include "Engine/utilities/DebuggerParameters.h"
 #include "Engine/utilities/DebuggerSetting.h"
 #include "Engine/utilities/DebuggerSettings.h"
+#include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/SettingNames.h"
 
 #include "Commands.h"
 #include "Messages.h"
+#include "Output.h"
 #include "Printable.h"
 
 namespace {
@@ -63,12 +65,13 @@ void printSetting(const DebuggerSetting& setting) {
 
 void printShortUsage() { std::fprintf(stderr, "%s\n", messageText(Message::usage).c_str()); }
 
-void printUsage() {
+int helpCommand(std::span<char* const> /*arguments*/) {
   const std::string usage = messageText(Message::usage);
   std::printf("%s\n", usage.c_str());
   const std::string below(columnsOf(usage.substr(0, usage.find("enginehost"))), ' ');
   for (const Command& command : commands()) {
-    std::printf("%senginehost %s %s\n", below.c_str(), command.name, command.arguments);
+    const char* const gap = *command.arguments != '\0' ? " " : "";
+    std::printf("%senginehost %s%s%s\n", below.c_str(), command.name, gap, command.arguments);
   }
   std::printf("%s\n\n", messageText(Message::whatItDoes).c_str());
   std::printf("%s\n", messageText(Message::options).c_str());
@@ -83,4 +86,11 @@ void printUsage() {
   for (const DebuggerSetting* setting : DebuggerSettings::instance()->getAllSettings()) {
     printSetting(*setting);
   }
+  return finishOutput();
+}
+
+int versionCommand(std::span<char* const> /*arguments*/) {
+  const ProductData& product = productData();
+  std::printf("enginehost %s (%s, build %s)\n", product.version, product.name, product.buildStamp);
+  return finishOutput();
 }

@@ -3,8 +3,14 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdint>
 #include <cstdlib>
+#include <sched.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include "Engine/utilities/KeepErrno.h"
+#include "Engine/utilities/UNIX/SignalsBlocked.h"
 
 namespace {
 
@@ -13,46 +19,123 @@ std::atomic<UserTerminal*> restoredAtExit = nullptr;
 
 void restoreAtExit() {
   if (UserTerminal* const terminal = restoredAtExit; terminal != nullptr) {
-    terminal->restore();
+    terminal->restoreForGood();
   }
 }
 
-// The signal has its default action again when this runs.
-extern "C" void restoreAndEnd(int signal) {
-  restoreAtExit();
-  std::raise(signal);
+// Makes changes of the terminal one after another. A signal may want one on any thread, but not
+// on the thread that is at it.
+class Change {
+ public:
+  Change() noexcept {
+    while (isUnderWay.test_and_set(std::memory_order_acquire)) {
+      sched_yield();
+    }
+  }
+  Change(const Change&) = delete;
+  Change& operator=(const Change&) = delete;
+  ~Change() { isUnderWay.clear(std::memory_order_release); }
+
+ private:
+  static inline std::atomic_flag isUnderWay;
+
+  const SignalsBlocked signals_;
+};
+
+// The signals that the C library keeps to itself, for pthread_cancel() and setuid(), and handles
+// when they are first needed. Until then anybody's end the process.
+constexpr int firstInternal = 32;
+constexpr int lastInternal = 33;
+
+bool isInternal(int signal) { return signal >= firstInternal && signal <= lastInternal; }
+
+// An action as the system has it. The C library's own sigaction() refuses the internal signals.
+struct SystemAction {
+  void (*handler)(int);
+  unsigned long flags;
+  void (*restorer)();  // where the handler returns to; it has to be there
+  std::uint64_t mask;
+};
+constexpr unsigned long hasRestorer = 0x04000000;
+
+long setSystemAction(int signal, const SystemAction* action, SystemAction* former) {
+  return syscall(SYS_rt_sigaction, signal, action, former, sizeof action->mask);
 }
 
-bool endsByDefault(int signal) {
+// The signal has its default action again when these run.
+
+extern "C" void restoreAndEnd(int signal) {
+  restoreAtExit();
+  // Not raise(), which refuses the internal signals.
+  syscall(SYS_tgkill, getpid(), gettid(), signal);
+  // Still here: the signal is put off, as it may be under an emulator.
+  _exit(128 + signal);
+}
+
+extern "C" void restoreAndStop(int signal);
+
+bool hasDefaultAction(int signal) {
+  struct sigaction action;
+  return sigaction(signal, nullptr, &action) == 0 && (action.sa_flags & SA_SIGINFO) == 0 &&
+         action.sa_handler == SIG_DFL;
+}
+
+void setAction(int signal, void (*handler)(int)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
+  sigaction(signal, &action, nullptr);
+}
+
+void restoreAndStop(int signal) {
+  const KeepErrno keep;
+  if (UserTerminal* const terminal = restoredAtExit; terminal != nullptr) {
+    terminal->restore();
+  }
+  std::raise(signal);
+  setAction(signal, restoreAndStop);
+  // Continued, or not stopped since nobody could continue it: whoever made the terminal raw is
+  // to do so again.
+  std::raise(SIGCONT);
+}
+
+// What a signal does to a process that does not handle it.
+enum class Default { nothing, stop, end };
+
+Default defaultOf(int signal) {
   switch (signal) {
     case SIGKILL:
+    case SIGSTOP:
+      // Nobody can handle these.
     case SIGCHLD:
     case SIGCONT:
-    case SIGSTOP:
+    case SIGURG:
+    case SIGWINCH:
+      return Default::nothing;
     case SIGTSTP:
     case SIGTTIN:
     case SIGTTOU:
-    case SIGURG:
-    case SIGWINCH:
-      return false;
+      return Default::stop;
     default:
-      return true;
+      return Default::end;
   }
 }
 
-// A signal that ends the process does so with the terminal restored. Those that are handled or
-// ignored are left alone.
+// A signal that ends or stops the process does so with the terminal restored. Those that are
+// handled or ignored are left alone.
 void restoreAtSignals() {
   for (int signal = 1; signal < NSIG; ++signal) {
-    struct sigaction former;
-    if (!endsByDefault(signal) || sigaction(signal, nullptr, &former) != 0 ||
-        (former.sa_flags & SA_SIGINFO) != 0 || former.sa_handler != SIG_DFL) {
-      continue;
+    const Default byDefault = defaultOf(signal);
+    if (isInternal(signal)) {
+      SystemAction former = {};
+      const SystemAction action = {restoreAndEnd, SA_RESETHAND | SA_NODEFER | hasRestorer,
+                                   std::abort, 0};
+      if (setSystemAction(signal, nullptr, &former) == 0 && former.handler == SIG_DFL) {
+        setSystemAction(signal, &action, nullptr);
+      }
+    } else if (byDefault != Default::nothing && hasDefaultAction(signal)) {
+      setAction(signal, byDefault == Default::stop ? restoreAndStop : restoreAndEnd);
     }
-    struct sigaction action = {};
-    action.sa_handler = restoreAndEnd;
-    action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
-    sigaction(signal, &action, nullptr);
   }
 }
 
@@ -82,21 +165,40 @@ UserTerminal::~UserTerminal() {
 }
 
 void UserTerminal::makeRaw() {
-  termios raw = original_;
-  cfmakeraw(&raw);
-  isRaw_ = true;
-  setModes(handle_, raw);
+  const Change change;
+  if (!isForGood_ && !isInBackground()) {
+    termios raw = original_;
+    cfmakeraw(&raw);
+    setModes(handle_, raw);
+    isRaw_ = true;
+  }
 }
 
 void UserTerminal::restore() noexcept {
+  const Change change;
   if (isRaw_ && !isInBackground()) {
     setModes(handle_, original_);
-    // Only now: a signal may end the process in between.
     isRaw_ = false;
   }
 }
 
-void UserTerminal::stopInBackground() noexcept { std::raise(SIGTTOU); }
+void UserTerminal::restoreForGood() noexcept {
+  const Change change;
+  isForGood_ = true;
+  if (isRaw_ && !isInBackground()) {
+    setModes(handle_, original_);
+    isRaw_ = false;
+  }
+}
+
+void UserTerminal::stopInBackground() noexcept {
+  struct sigaction former;
+  struct sigaction byDefault = {};
+  byDefault.sa_handler = SIG_DFL;
+  sigaction(SIGTTOU, &byDefault, &former);
+  std::raise(SIGTTOU);
+  sigaction(SIGTTOU, &former, nullptr);
+}
 
 bool UserTerminal::isInBackground() const noexcept {
   // No group: it is not the terminal that controls this process, and no job control applies.

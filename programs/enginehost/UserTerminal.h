@@ -1,6 +1,5 @@
 #pragma once
 
-#include <atomic>
 #include <termios.h>
 
 /// \file
@@ -8,8 +7,9 @@
 
 /// The modes of the terminal on a descriptor. Made raw, every key is handed on as it is
 /// typed; the original modes are put back by the destructor, and also when the process
-/// ends by exit() or by a signal that has its default action when the object is made.
-/// One at a time.
+/// ends by exit() or by a signal that has its default action when the object is made, and while
+/// such a signal stops the process; when it is continued it gets a SIGCONT, and is to make the
+/// terminal raw again. One at a time.
 class UserTerminal {
  public:
   /// Reads the modes that restore() puts back. In the background they are the shell's own:
@@ -19,11 +19,15 @@ class UserTerminal {
   UserTerminal& operator=(const UserTerminal&) = delete;
   ~UserTerminal();
 
-  /// In the foreground only: in the background the process would be stopped here.
+  /// Does nothing in the background: the terminal is somebody else's then. The same holds for
+  /// the others.
   void makeRaw();
 
-  /// Does nothing in the background: the terminal is somebody else's then.
   void restore() noexcept;
+
+  /// The process is ending: from now on makeRaw() does nothing. Any thread, and signal handlers
+  /// too.
+  void restoreForGood() noexcept;
 
   /// Stops the process, as the system does with one that changes a terminal from the
   /// background. Returns at once when nobody could continue it.
@@ -37,6 +41,7 @@ class UserTerminal {
 
  private:
   int handle_;
-  std::atomic<bool> isRaw_ = false;  // read on the thread that takes a signal
+  bool isRaw_ = false;
+  bool isForGood_ = false;
   termios original_ = {};
 };

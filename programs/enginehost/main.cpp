@@ -13,6 +13,7 @@
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/StdException.h"
+#include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/UNIX_Engine_Loader.h"
@@ -22,7 +23,6 @@
 #include "Debuggee.h"
 #include "HostEvents.h"
 #include "Messages.h"
-#include "Output.h"
 #include "Printable.h"
 #include "Statuses.h"
 #include "Usage.h"
@@ -30,13 +30,21 @@
 
 namespace {
 
-// A descriptor opened later must not take the place of a standard stream.
+// A descriptor opened later must not take the place of a standard stream. What stands in for one
+// can be used as little as one that is closed: nobody takes output for written.
 void openMissingStandardStreams() {
   for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
     if (fcntl(stream, F_GETFD) < 0) {
-      static_cast<void>(open("/dev/null", O_RDWR));
+      static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));
     }
   }
+}
+
+// The library's request to end a thread, SIGUSR2, is for its own threads. One that somebody sends
+// to the process would end this thread alone, and leave a host behind that nothing can end: here
+// it means nothing, also when main() has returned.
+void ignoreRequestsToEnd() {
+  [[maybe_unused]] static const auto* const block = new StdThread::BlockTermination;
 }
 
 // A name with a "/" is relative to the working directory, any other is looked up in PATH.
@@ -203,8 +211,7 @@ int start(int argc, char** argv) {
   const DebuggerSettings& settings = *DebuggerSettings::instance();
   parameters.diagnosticDump();
   if (parameters.helpRequested()) {
-    printUsage();
-    return finishOutput();
+    return helpCommand({});
   }
   char** const command = commandIn(parameters, argc, argv);
   if (command == nullptr) {
@@ -218,6 +225,7 @@ int start(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   openMissingStandardStreams();
+  ignoreRequestsToEnd();
   try {
     const Command* const command = argc > 1 ? findCommand(argv[1]) : nullptr;
     return command != nullptr ? command->run({argv + 2, argv + argc}) : start(argc, argv);

@@ -11,9 +11,8 @@
 
 #include <gmock/gmock.h>
 
-#include "tests/programs/Host.h"
+#include "tests/programs/HostAtTerminal.h"
 #include "tests/support/TemporaryFolder.h"
-#include "tests/support/Terminal.h"
 #include "tests/support/WaitUntil.h"
 
 /// The host at a terminal: what a user sees who runs programs under it.
@@ -25,33 +24,11 @@ using testing::AnyOf;
 using testing::HasSubstr;
 using testing::Not;
 
-void startHost(Terminal& terminal, std::vector<std::string> words, TerminalOptions options = {}) {
-  words.insert(words.begin(), {host, "--"});
-  options.environment["TERM"] = "xterm";
-  terminal.startProgram(words, options);
-}
-
-void startHostedShell(Terminal& terminal, const std::string& script,
-                      const TerminalOptions& options = {}) {
-  startHost(terminal, {"sh", "-c", script}, options);
-}
-
 std::string hostedShell(const std::string& script, const TerminalOptions& options = {}) {
   Terminal terminal;
   startHostedShell(terminal, script, options);
   EXPECT_EQ(terminal.wait(), 0);
   return terminal.readToTheEnd();
-}
-
-// A program that shows that it reads what is typed.
-constexpr const char* answering = "echo ready; while read line; do echo \"<$line>\"; done";
-
-bool isRaw(const Terminal& terminal) { return (terminal.modes().c_lflag & (ICANON | ISIG)) == 0; }
-
-bool hasModesOf(const Terminal& terminal, const termios& modes) {
-  const termios now = terminal.modes();
-  return now.c_lflag == modes.c_lflag && now.c_iflag == modes.c_iflag &&
-         now.c_oflag == modes.c_oflag;
 }
 
 bool isAlive(pid_t process) { return kill(process, 0) == 0; }

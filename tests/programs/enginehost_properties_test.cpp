@@ -1,3 +1,4 @@
+#include <filesystem>
 #include <map>
 #include <string>
 #include <sys/stat.h>
@@ -62,7 +63,6 @@ TEST(EngineHostProperties, AreListedWithoutWhatUpsetsATerminal) {
 TEST(EngineHostProperties, OfAnEmptyFileAreNone) {
   expectOutput(runProperties({File("").path}), "");
   expectOutput(runProperties({File("# nothing\n\n=1\n").path}), "");
-  expectOutput(runProperties({"/dev/null"}), "");
 }
 
 TEST(EngineHostProperties, AreLookedUpByKey) {
@@ -139,9 +139,72 @@ TEST(EngineHostProperties, AreFoundUnderAnyNameOfAFile) {
   }
 }
 
-TEST(EngineHostProperties, AreReadFromStandardInput) {
-  const ChildResult r = runProgram({host, "-properties", "/dev/stdin"}, {.input = "b=2\na=1"});
+TEST(EngineHostProperties, AreReadFromAFileThatIsStandardInput) {
+  const File file("b=2\na=1");
+  const ChildResult r =
+      runProgram({"/bin/sh", "-c", std::string(host) + " -properties /dev/stdin <" + file.path});
   expectOutput(r, "a=1\nb=2\n");
+}
+
+TEST(EngineHostProperties, AreReadFromARegularFileOnly) {
+  const TemporaryFolder folder;
+  const std::string pipe = folder.file("pipe");
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  for (const std::string& path : {std::string("/dev/zero"), std::string("/dev/null"), pipe}) {
+    const std::string line = "enginehost: " + path + ": it is no regular file\n";
+    expectFailure(runProperties({path}), line, 125);
+    expectFailure(runProperties({path, "a"}), line, 125);
+  }
+  expectFailure(runProgram({host, "-properties", "/dev/stdin"}, {.input = "a=1\n"}),
+                "enginehost: /dev/stdin: it is no regular file\n", 125);
+}
+
+// The same with little memory, so that nothing of the size of the file is taken up.
+ChildResult runPropertiesWithLittleMemory(const std::string& path) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+  // A sanitizer reserves more than there is.
+  return runProperties({path});
+#else
+  return runProgram(
+      {"/bin/sh", "-c", "ulimit -v 500000; exec \"$@\"", "sh", host, "-properties", path});
+#endif
+}
+
+TEST(EngineHostProperties, AreNotInALineOfMoreThan16Megabytes) {
+  const TemporaryFolder folder;
+  const std::string path = folder.file("properties");
+  const std::string refusal = "enginehost: " + path + ": it has a line of more than 16 MB\n";
+  constexpr std::size_t most = 16 << 20;
+  const std::string comment = "#" + std::string(most - 1, 'x');
+  for (const std::string before : {"", "a=1\n", "\n\n"}) {
+    const std::string out = before == "a=1\n" ? "a=1\n" : "";
+    for (const std::string after : {"", "\n", "\nb=2\n"}) {
+      writeFile(path, before + comment + after);
+      expectOutput(runProperties({path}), after.size() > 1 ? out + "b=2\n" : out);
+      writeFile(path, before + comment + "x" + after);
+      expectFailure(runProperties({path}), refusal, 125);
+    }
+  }
+  // A hole is a line of zero bytes.
+  writeFile(path, "a=1\n");
+  std::filesystem::resize_file(path, 1UL << 30);
+  expectFailure(runPropertiesWithLittleMemory(path), refusal, 125);
+}
+
+TEST(EngineHostProperties, MayBeInAFileOfAnyLength) {
+  std::string bytes;
+  for (int i = 0; i < 20; ++i) {
+    bytes += "#" + std::string(1 << 20, 'x') + "\n";
+  }
+  expectOutput(runProperties({File(bytes + "a=1").path}), "a=1\n");
+}
+
+TEST(EngineHostProperties, AreFoundUnderTheNameThatTheNativeCodePageGives) {
+  const TemporaryFolder folder;
+  writeFile(folder.file("gr\xFC\xDF"), "a=1\n");
+  expectOutput(
+      runProperties({folder.file("gr\xC3\xBC\xC3\x9F")}, {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}}),
+      "a=1\n");
 }
 
 TEST(EngineHostProperties, FailWhenTheyCannotBeWritten) {

@@ -1,9 +1,16 @@
+#include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <signal.h>
+#include <sstream>
 #include <string>
+#include <sys/resource.h>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
+
+#include "Engine/utilities/ProductData.h"
 
 #include "tests/programs/Host.h"
 #include "tests/support/TemporaryFolder.h"
@@ -139,7 +146,7 @@ TEST(EngineHost, TakesTheDebuggersOptionsInFrontOfTheProgram) {
 }
 
 TEST(EngineHost, TellsItsOptionsAndTheSettings) {
-  for (const char* option : {"-?", "-help", "-he"}) {
+  for (const char* option : {"-?", "-help", "-he", "--help"}) {
     const ChildResult r = runHost({option, "echo", "started"});
     EXPECT_EQ(r.status, 0);
     EXPECT_THAT(r.err, IsEmpty());
@@ -151,6 +158,72 @@ TEST(EngineHost, TellsItsOptionsAndTheSettings) {
     EXPECT_THAT(r.out, testing::Not(HasSubstr("-qconsole")));
     EXPECT_THAT(r.out, HasSubstr("\n  REPLY_TIMEOUT                  10 - 65535\n"));
   }
+}
+
+TEST(EngineHost, NamesItsSmallCommandsInItsUsage) {
+  EXPECT_THAT(runHost({"--help"}).out, HasSubstr("\n       enginehost --help\n"
+                                                 "       enginehost --version\n"
+                                                 "       enginehost -convert FROM TO\n"));
+  EXPECT_EQ(runHost({"--help"}).out, runHost({"-?"}).out);
+}
+
+TEST(EngineHost, TellsItsVersionInOneLine) {
+  const ProductData& product = productData();
+  const ChildResult r = runHost({"--version"});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, std::string("enginehost ") + product.version + " (Debugger Engine, build " +
+                       product.buildStamp + ")\n");
+  EXPECT_THAT(r.err, IsEmpty());
+}
+
+TEST(EngineHost, TakesHelpAndVersionForProgramsBehindTheDoubleDash) {
+  for (const char* name : {"--help", "--version", "-settings"}) {
+    const ChildResult r = runHost({"--", name});
+    EXPECT_EQ(r.status, 127);
+    EXPECT_EQ(r.err, std::string("enginehost: ") + name + ": not found\n");
+  }
+}
+
+// A property file for the command that needs one.
+std::string commandsWithOutput(const TemporaryFolder& folder) {
+  writeFile(folder.file("p"), "a=1\n");
+  return "-settings|-settings --json|-processes|-processes --json|-? |-help|--help|--version|"
+         "-convert UTF-8 UTF-16|-properties " +
+         folder.file("p") + "|-properties " + folder.file("p") + " a";
+}
+
+TEST(EngineHost, TellsThatItsOutputCannotBeWritten) {
+  const TemporaryFolder folder;
+  std::istringstream commands(commandsWithOutput(folder));
+  for (std::string words; std::getline(commands, words, '|');) {
+    for (const char* out : {">&-", ">/dev/full"}) {
+      const ChildResult r = runProgram(
+          {"/bin/sh", "-c", "echo text | " + std::string(host) + " " + words + " " + out});
+      EXPECT_EQ(r.status, 125) << words << out;
+      EXPECT_THAT(r.err, testing::MatchesRegex("enginehost: standard output[^\n]*\n"))
+          << words << out;
+      EXPECT_THAT(r.out, IsEmpty());
+    }
+  }
+}
+
+TEST(EngineHost, TellsNobodyWhereItsErrorsAreClosedToo) {
+  const TemporaryFolder folder;
+  std::istringstream commands(commandsWithOutput(folder));
+  for (std::string words; std::getline(commands, words, '|');) {
+    EXPECT_EQ(runProgram(
+                  {"/bin/sh", "-c", "echo text | " + std::string(host) + " " + words + " >&- 2>&-"})
+                  .status,
+              125)
+        << words;
+  }
+}
+
+TEST(EngineHost, TellsThatItsInputIsClosed) {
+  const ChildResult r =
+      runProgram({"/bin/sh", "-c", std::string(host) + " -convert UTF-8 UTF-16 <&-"});
+  EXPECT_EQ(r.status, 125);
+  EXPECT_EQ(r.err, "enginehost: standard input: Bad file descriptor\n");
 }
 
 TEST(EngineHost, TracesTheCommandLine) {
@@ -217,6 +290,85 @@ TEST(EngineHost, RunsWithItsStandardStreamsClosed) {
   const ChildResult r = runProgram(
       {"/bin/sh", "-c", std::string(host) + " sh -c 'echo hidden; exit 4' <&- >&- 2>&-; echo $?"});
   EXPECT_EQ(r.out, "4\n");
+}
+
+TEST(EngineHost, GivesTheProgramStreamsAsUselessAsClosedOnes) {
+  const TemporaryFolder folder;
+  const ChildResult r =
+      runProgram({"/bin/sh", "-c",
+                  std::string(host) + " sh -c 'read line; echo $? >" + folder.file("read") +
+                      "; echo hidden; echo $? >" + folder.file("written") +
+                      "; exit 4' <&- >&- 2>&-; echo $?"});
+  EXPECT_EQ(r.out, "4\n");
+  EXPECT_NE(contentsOf(folder.file("read")), "0\n");
+  EXPECT_NE(contentsOf(folder.file("written")), "0\n");
+}
+
+// Runs a host as an ordinary user who may have so many processes and threads only.
+CUL_CHILD(RunWithFewProcesses) {
+  // Of the user's own, where there may be one: others count, too.
+  constexpr uid_t base = 100000;
+  const uid_t user = geteuid() == 0 ? base + static_cast<uid_t>(getpid()) : geteuid();
+  const rlim_t most = std::stoul(childArguments()[0]);
+  const rlimit limit = {most, most};
+  if (setresuid(user, user, user) != 0 || setrlimit(RLIMIT_NPROC, &limit) != 0) {
+    std::abort();
+  }
+  execl(host, host, "--", "sh", "-c", "echo started", nullptr);
+}
+
+// The threads of this user.
+unsigned long presentThreads() {
+  const ChildResult r = runProgram({"/bin/sh", "-c", "ps -L -u $(id -u) -o lwp= | wc -l"});
+  return std::stoul(r.out);
+}
+
+TEST(EngineHost, StartsTheProgramOnlyWhenThereIsRoomForAllThatItNeedsItself) {
+  const bool hasOwnUser = geteuid() == 0;
+  const unsigned long present = hasOwnUser ? 0 : presentThreads();
+  unsigned starts = 0;
+  constexpr unsigned enough = 8;
+  for (unsigned more = 1; more <= enough; ++more) {
+    const ChildResult r =
+        runChild("RunWithFewProcesses", {.arguments = {std::to_string(present + more)}});
+    if (r.out == "started\n") {
+      ++starts;
+      EXPECT_EQ(r.err, "");
+      EXPECT_EQ(r.status, 0);
+    } else {
+      EXPECT_EQ(r.out, "");
+      EXPECT_THAT(r.err, testing::MatchesRegex(
+                             "enginehost: [^\n]*Resource temporarily unavailable[^\n]*\n"));
+      EXPECT_THAT(r.status, testing::AnyOf(125, 126)) << more;
+    }
+  }
+  if (hasOwnUser) {
+    EXPECT_GE(starts, 1U);
+    EXPECT_LE(starts, enough - 3);
+  }
+}
+
+TEST(EngineHost, EndsWith99WithoutAConfigurationModuleOfItsBuild) {
+  const TemporaryFolder folder;
+  const std::filesystem::path libraries =
+      std::filesystem::path(host).parent_path().parent_path() / "lib";
+  for (const char* name : {"libcul.so.1", "libwobnhost.so"}) {
+    std::filesystem::copy_file(libraries / name, folder.file(name));
+  }
+  const ChildOptions options = {.environment = {{"LD_LIBRARY_PATH", folder.path()}}};
+  for (const char* why : {"cannot open shared object file", "file too short"}) {
+    for (const std::vector<std::string>& words :
+         {std::vector<std::string>{"echo", "started"}, {"-settings"}, {"--help"}}) {
+      const ChildResult r = runHost(words, options);
+      EXPECT_EQ(r.status, 99);
+      EXPECT_THAT(r.err, HasSubstr(why));
+      EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << r.err;
+      EXPECT_THAT(r.out, testing::Not(HasSubstr("started")));
+    }
+    // Who asks for the version may do so because of that.
+    EXPECT_EQ(runHost({"--version"}, options).status, 0);
+    writeFile(folder.file("libwobnConfig.so"), "");
+  }
 }
 
 TEST(EngineHost, TracesTheLifeOfTheProgram) {
