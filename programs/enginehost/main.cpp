@@ -1,8 +1,10 @@
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <fcntl.h>
+#include <new>
 #include <string>
 #include <unistd.h>
 
@@ -44,7 +46,9 @@ void openMissingStandardStreams() {
 // to the process would end this thread alone, and leave a host behind that nothing can end: here
 // it means nothing, also when main() has returned.
 void ignoreRequestsToEnd() {
-  [[maybe_unused]] static const auto* const block = new StdThread::BlockTermination;
+  using Block = StdThread::BlockTermination;
+  alignas(Block) static std::byte neverDestroyed[sizeof(Block)];
+  new (neverDestroyed) Block;
 }
 
 // A name with a "/" is relative to the working directory, any other is looked up in PATH.
