@@ -4,12 +4,13 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <termios.h>
 #include <unistd.h>
 
+#include "Engine/utilities/ProcessWaiter.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -125,8 +126,7 @@ bool putOnConsole(const DebuggeeStreams& streams) {
 }  // namespace
 
 Debuggee::Debuggee(const EncodedString& path, char* const* arguments,
-                   const DebuggeeStreams& streams)
-    : reaper_(*this) {
+                   const DebuggeeStreams& streams) {
   const char* const file = path;
   StartLine line;
   // What reaches the child before it is the program waits for the program.
@@ -142,12 +142,12 @@ Debuggee::Debuggee(const EncodedString& path, char* const* arguments,
   }
   // All that the host needs comes before the program.
   try {
-    threads_.start(reaper_);
-  } catch (const StdException& e) {
-    e.trace(__PRETTY_FUNCTION__, __LINE__);
+    startReaper();
+  } catch (const std::system_error& e) {
     kill(id_, SIGKILL);
     waitpid(id_, &rawStatus_, 0);
-    StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(EAGAIN), -1);
+    StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(e.code().value()),
+                                 -1);
   }
   line.giveWord();
   const int error = line.hear();
@@ -163,33 +163,36 @@ Debuggee::Debuggee(const EncodedString& path, char* const* arguments,
   }
 }
 
+// No thread of the library's: its threads take every signal, also when they are not asked to end
+// but the host is. This one takes none from its beginning on.
+void Debuggee::startReaper() {
+  const SignalsBlocked signals;
+  reaper_ = std::thread([this] { reap(); });
+}
+
 Debuggee::~Debuggee() { wait(); }
 
 int Debuggee::wait() {
-  threads_.allEnded().wait();
+  if (reaper_.joinable()) {
+    reaper_.join();
+  }
   return WIFSIGNALED(rawStatus_) ? 128 + WTERMSIG(rawStatus_) : WEXITSTATUS(rawStatus_);
 }
 
 int Debuggee::killer() const noexcept { return WIFSIGNALED(rawStatus_) ? WTERMSIG(rawStatus_) : 0; }
 
-int Debuggee::Reaper::work() {
-  // The host's signals are for the thread that waits for its events.
-  sigset_t all;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, nullptr);
-  debuggee_.isSettled_.wait();
-  debuggee_.rawStatus_ = ProcessWaiter(debuggee_.id_).work();
-  const int status = debuggee_.rawStatus_;
-  if (!debuggee_.isProgram_) {
-    return status;
+void Debuggee::reap() {
+  isSettled_.wait();
+  rawStatus_ = ProcessWaiter(id_).work();
+  if (!isProgram_) {
+    return;
   }
-  if (WIFSIGNALED(status)) {
-    CUL_TRACE(TraceType::active, "int Debuggee::Reaper::work()", __LINE__,
-              "Process %d was killed by signal %d.", debuggee_.id_, WTERMSIG(status));
+  if (WIFSIGNALED(rawStatus_)) {
+    CUL_TRACE(TraceType::active, "void Debuggee::reap()", __LINE__,
+              "Process %d was killed by signal %d.", id_, WTERMSIG(rawStatus_));
   } else {
-    CUL_TRACE(TraceType::active, "int Debuggee::Reaper::work()", __LINE__,
-              "Process %d ended with status %d.", debuggee_.id_, WEXITSTATUS(status));
+    CUL_TRACE(TraceType::active, "void Debuggee::reap()", __LINE__,
+              "Process %d ended with status %d.", id_, WEXITSTATUS(rawStatus_));
   }
   HostEvents::post(HostEvents::debuggeeEnded);
-  return status;
 }

@@ -1,11 +1,9 @@
 #pragma once
 
 #include <sys/types.h>
+#include <thread>
 
 #include "Engine/utilities/EncodedString.h"
-#include "Engine/utilities/ProcessWaiter.h"
-#include "Engine/utilities/Runnable.h"
-#include "Engine/utilities/ThreadManager.h"
 #include "Engine/utilities/UNIX/UNIX_Event_Semaphore.h"
 
 class StdioPipes;
@@ -22,7 +20,7 @@ struct DebuggeeStreams {
   bool consoleEchoes = false;
 };
 
-/// A running program, reaped by a worker thread, which posts HostEvents::debuggeeEnded.
+/// A running program, reaped by a thread of its own, which posts HostEvents::debuggeeEnded.
 class Debuggee {
  public:
   /// Starts the program in the file `path`, or nothing at all: what the host itself needs in
@@ -45,21 +43,12 @@ class Debuggee {
   [[nodiscard]] int killer() const noexcept;
 
  private:
-  // Reaps the program and tells the host.
-  // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, nobody derives from it.
-  class Reaper final : public Runnable {
-   public:
-    explicit Reaper(Debuggee& debuggee) : debuggee_(debuggee) {}
-    int work() override;
-
-   private:
-    Debuggee& debuggee_;
-  };
+  void startReaper();
+  void reap();
 
   pid_t id_ = 0;
   int rawStatus_ = 0;
   bool isProgram_ = false;          // rather than a child that could not become one
   UNIX_Event_Semaphore isSettled_;  // whether it is
-  Reaper reaper_;
-  ThreadManager threads_;
+  std::thread reaper_;
 };

@@ -62,8 +62,7 @@ long setSystemAction(int signal, const SystemAction* action, SystemAction* forme
   return syscall(SYS_rt_sigaction, signal, action, former, sizeof action->mask);
 }
 
-// The signal has its default action again when these run.
-
+// The signal has its default action again when this runs.
 extern "C" void restoreAndEnd(int signal) {
   restoreAtExit();
   // Not raise(), which refuses the internal signals.
@@ -72,31 +71,37 @@ extern "C" void restoreAndEnd(int signal) {
   _exit(128 + signal);
 }
 
-extern "C" void restoreAndStop(int signal);
+// Does what the system does by default at a signal that stops a process. Returns when the process
+// is continued, and at once when nobody could do so.
+void stopBy(int signal) {
+  struct sigaction former;
+  struct sigaction byDefault = {};
+  byDefault.sa_handler = SIG_DFL;
+  sigaction(signal, &byDefault, &former);
+  sigset_t one;
+  sigset_t mask;
+  sigemptyset(&one);
+  sigaddset(&one, signal);
+  pthread_sigmask(SIG_UNBLOCK, &one, &mask);
+  std::raise(signal);
+  pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+  sigaction(signal, &former, nullptr);
+}
+
+extern "C" void restoreAndStop(int signal) {
+  const KeepErrno keep;
+  if (UserTerminal* const terminal = restoredAtExit; terminal != nullptr) {
+    terminal->restore();
+  }
+  stopBy(signal);
+  // Whoever made the terminal raw is to do so again, also when nothing was stopped.
+  std::raise(SIGCONT);
+}
 
 bool hasDefaultAction(int signal) {
   struct sigaction action;
   return sigaction(signal, nullptr, &action) == 0 && (action.sa_flags & SA_SIGINFO) == 0 &&
          action.sa_handler == SIG_DFL;
-}
-
-void setAction(int signal, void (*handler)(int)) {
-  struct sigaction action = {};
-  action.sa_handler = handler;
-  action.sa_flags = static_cast<int>(SA_RESETHAND | SA_NODEFER);
-  sigaction(signal, &action, nullptr);
-}
-
-void restoreAndStop(int signal) {
-  const KeepErrno keep;
-  if (UserTerminal* const terminal = restoredAtExit; terminal != nullptr) {
-    terminal->restore();
-  }
-  std::raise(signal);
-  setAction(signal, restoreAndStop);
-  // Continued, or not stopped since nobody could continue it: whoever made the terminal raw is
-  // to do so again.
-  std::raise(SIGCONT);
 }
 
 // What a signal does to a process that does not handle it.
@@ -134,7 +139,11 @@ void restoreAtSignals() {
         setSystemAction(signal, &action, nullptr);
       }
     } else if (byDefault != Default::nothing && hasDefaultAction(signal)) {
-      setAction(signal, byDefault == Default::stop ? restoreAndStop : restoreAndEnd);
+      struct sigaction action = {};
+      const bool ends = byDefault == Default::end;
+      action.sa_handler = ends ? restoreAndEnd : restoreAndStop;
+      action.sa_flags = ends ? static_cast<int>(SA_RESETHAND | SA_NODEFER) : 0;
+      sigaction(signal, &action, nullptr);
     }
   }
 }
@@ -191,14 +200,7 @@ void UserTerminal::restoreForGood() noexcept {
   }
 }
 
-void UserTerminal::stopInBackground() noexcept {
-  struct sigaction former;
-  struct sigaction byDefault = {};
-  byDefault.sa_handler = SIG_DFL;
-  sigaction(SIGTTOU, &byDefault, &former);
-  std::raise(SIGTTOU);
-  sigaction(SIGTTOU, &former, nullptr);
-}
+void UserTerminal::stopInBackground() noexcept { stopBy(SIGTTOU); }
 
 bool UserTerminal::isInBackground() const noexcept {
   // No group: it is not the terminal that controls this process, and no job control applies.

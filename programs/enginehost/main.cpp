@@ -42,9 +42,9 @@ void openMissingStandardStreams() {
   }
 }
 
-// The library's request to end a thread, SIGUSR2, is for its own threads. One that somebody sends
-// to the process would end this thread alone, and leave a host behind that nothing can end: here
-// it means nothing, also when main() has returned.
+// The library's request to end a thread, SIGUSR2, is for its own threads, which modules may start.
+// From then on one that somebody sends to the process would end this thread alone, and leave a
+// host behind that nothing can end: it means nothing here, also when main() has returned.
 void ignoreRequestsToEnd() {
   using Block = StdThread::BlockTermination;
   alignas(Block) static std::byte neverDestroyed[sizeof(Block)];
