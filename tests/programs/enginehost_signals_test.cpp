@@ -77,8 +77,12 @@ std::string program(const std::string& fileOfTheHangUp) {
 // A host with a console, its terminal raw.
 class HostWithConsole {
  public:
-  HostWithConsole() {
-    startHostedShell(terminal, program(folder_.file("left")), withSignalsLeftAlone());
+  using Environment = std::map<std::string, std::string>;
+
+  HostWithConsole() : HostWithConsole(Environment()) {}
+  explicit HostWithConsole(const Environment& environment) {
+    startHostedShell(terminal, program(folder_.file("left")),
+                     withSignalsLeftAlone({.environment = environment}));
     terminal.readUntil("ready");
     EXPECT_TRUE(waitUntil([&] { return isRaw(terminal); }));
   }
@@ -125,10 +129,10 @@ TEST(EngineHostSignals, EndAHostWithAConsoleWhoseTerminalIsAsBefore) {
 // A host that is a plain program: its standard input is a pipe.
 class HostInPipeline {
  public:
-  explicit HostInPipeline(const std::map<std::string, std::string>& environment = {}) {
+  HostInPipeline() {
     int ends[2];
     EXPECT_EQ(pipe2(ends, O_CLOEXEC), 0);
-    TerminalOptions options = withSignalsLeftAlone({.in = ends[0], .environment = environment});
+    TerminalOptions options = withSignalsLeftAlone({.in = ends[0]});
     startHostedShell(terminal,
                      "trap '' INT QUIT TERM HUP; echo ready; "
                      "while read line; do echo \"<$line>\"; done; echo end",
@@ -216,26 +220,29 @@ TEST(EngineHostSignals, EndAHostThatWaitsAtItsStartBeforeItHasStartedAnything) {
 
 // A module of the host has started a thread of the library's.
 TEST(EngineHostSignals, ThatAskAThreadToEndMeanNothingToAHostThatHasSome) {
-  HostInPipeline hosted(std::map<std::string, std::string>{
+  HostWithConsole hosted(HostWithConsole::Environment{
       {"QVX_DBG_RUNTIME_MODULES", CUL_TEST_LIBRARIES "/libstartsThread.so"}});
   for (int times = 0; times < 100; ++times) {
+    const std::string line = "after " + std::to_string(times);
     hosted.terminal.send(SIGUSR2);
-    hosted.say("after " + std::to_string(times));
+    hosted.terminal.type(line + "\n");
+    hosted.terminal.readUntil("<" + line + ">");
   }
-  hosted.end();
+  hosted.terminal.type("end\n");
   EXPECT_EQ(hosted.terminal.wait(), 0);
+  EXPECT_TRUE(hosted.isAsBefore());
 }
 
 // Signals that come while it starts, runs and ends.
 TEST(EngineHostSignals, NeverLeaveADeadHost) {
   for (const int signal : {SIGUSR2, SIGTERM, SIGUSR1}) {
-    for (int delay = 0; delay < 100; ++delay) {
-      const std::string microseconds = std::to_string(delay * 200);
+    for (int delay = 0; delay < 40; ++delay) {
+      const std::string microseconds = std::to_string(delay * 500);
       const ChildResult r = runProgram(
           {"/bin/bash", "-c",
            std::string(host) + " -- sh -c 'exit 3' & sleep $(printf 0.%06d " + microseconds +
                "); kill -" + std::to_string(signal) + " $! 2>/dev/null; wait $! 2>/dev/null"},
-          {.limitInSeconds = 20});
+          {.environment = withSignalsLeftAlone().environment, .limitInSeconds = 20});
       // The program is sent some as well, and the library ends the process by some.
       EXPECT_THAT(r.status, testing::AnyOf(3, 99, 128 + signal)) << signal << ' ' << delay;
     }
