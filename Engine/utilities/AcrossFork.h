@@ -16,15 +16,16 @@
 /// the same where it is recursive. What a new-handler or a module's constructor may do counts,
 /// too: memory is asked for under most of them, and the library's new-handler traces.
 ///
-/// | participant | lock | asked for meanwhile |
-/// |---|---|---|
-/// | loader | LoaderGuard: loading modules and code pages, the process's locale; recursive | all,
-/// as constructors of modules run under it | | events | of UNIX_Event_Semaphore: making the timer,
-/// then the timer's list; recursive | an event's mutex, starts, strings | | starts |
-/// StdThreadRun::startLock(); recursive | strings, memory | | strings | of StringPoolManager;
-/// recursive | memory | | trace | of TraceImplementation; recursive | threads, local time | |
-/// threads | of RunningThreads; recursive | nothing, not even memory | | conversions | of
-/// iconvDebug() | nothing | | local time | of LocalTime.h | nothing |
+/// - loader: of LoaderGuard, for loading modules and code pages and the process's locale;
+///   recursive. Constructors of modules run under it and may ask for all the others.
+/// - events: of UNIX_Event_Semaphore, for making the timer, then the timer's list; recursive.
+///   Under it an event's mutex, starts and strings are asked for.
+/// - starts: StdThreadRun::startLock(); recursive. Under it strings and memory.
+/// - strings: of StringPoolManager; recursive. Under it memory.
+/// - trace: of TraceImplementation; recursive. Under it threads.
+/// - threads: of RunningThreads; recursive. Under it nothing, not even memory.
+/// - conversions: of iconvDebug(). Under it nothing.
+/// - local time: of CalendarTime.h. Under it nothing.
 ///
 /// A participant takes part as soon as it exists. Behind ours come the locks that the C library
 /// takes around a fork itself: those of its memory and its streams. Whoever adds a lock or a

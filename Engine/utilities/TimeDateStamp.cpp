@@ -6,7 +6,7 @@
 #include <limits>
 
 #include "Engine/utilities/EncodedString.h"
-#include "Engine/utilities/UNIX/LocalTime.h"
+#include "Engine/utilities/UNIX/CalendarTime.h"
 
 namespace {
 

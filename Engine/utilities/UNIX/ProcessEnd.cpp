@@ -11,6 +11,7 @@
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/RequestToEnd.h"
 
 namespace {
 
@@ -41,6 +42,8 @@ Claim claimEnding(int status) noexcept {
       failureStatus = status;
       // Neither a request to end nor a cancellation may end the thread from now on.
       HoldRequests::enter();
+      RequestToEnd::own().comeTooLate();
+      RequestToEnd::own().drop();
       pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
       return Claim::made;
     }

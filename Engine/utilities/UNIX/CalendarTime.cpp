@@ -1,4 +1,4 @@
-#include "Engine/utilities/UNIX/LocalTime.h"
+#include "Engine/utilities/UNIX/CalendarTime.h"
 
 #include <mutex>
 
