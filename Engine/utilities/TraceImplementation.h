@@ -204,7 +204,7 @@ class CUL_EXPORT TraceImplementation {
   friend class AcrossFork;
 
   void configure(const wchar_t* configuration);
-  __attribute__((visibility("hidden"))) void parse(CharString configuration, const char* variable);
+  [[gnu::visibility("hidden")]] void parse(CharString configuration, const char* variable);
   void parseToken(const CharString& token);
   void completeLists();
   void excludeUnlessNamed(const char* type);
@@ -218,11 +218,11 @@ class CUL_EXPORT TraceImplementation {
   void writeLine(const char* function, unsigned line, const Tag& tag, const char* format,
                  va_list arguments) __attribute__((format(printf, 5, 0)));
   const char* clockText(std::time_t second) noexcept;
-  __attribute__((visibility("hidden"))) void inspectOutput() noexcept;
-  __attribute__((visibility("hidden"))) void append(bool on) noexcept;
-  __attribute__((visibility("hidden"))) bool isAsLeft(bool asksForSize) noexcept;
-  __attribute__((visibility("hidden"))) void findPlace(unsigned length, unsigned limit) noexcept;
-  __attribute__((visibility("hidden"))) void write(std::string_view text, unsigned limit) noexcept;
+  [[gnu::visibility("hidden")]] void inspectOutput() noexcept;
+  [[gnu::visibility("hidden")]] void append(bool on) noexcept;
+  [[gnu::visibility("hidden")]] bool isAsLeft(bool asksForSize) noexcept;
+  [[gnu::visibility("hidden")]] void findPlace(unsigned length, unsigned limit) noexcept;
+  [[gnu::visibility("hidden")]] void write(std::string_view text, unsigned limit) noexcept;
 
   List<ByteString*> excludeList_;
   List<ByteString*> includeList_;
