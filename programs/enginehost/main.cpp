@@ -26,6 +26,7 @@
 #include "HostEvents.h"
 #include "Messages.h"
 #include "Printable.h"
+#include "StartSignals.h"
 #include "Statuses.h"
 #include "Usage.h"
 #include "UserTerminal.h"
@@ -230,6 +231,8 @@ int start(int argc, char** argv) {
 int main(int argc, char** argv) {
   openMissingStandardStreams();
   ignoreRequestsToEnd();
+  setStartSignal(SIGHUP);
+  setStartSignal(SIGTERM);
   try {
     const Command* const command = argc > 1 ? findCommand(argv[1]) : nullptr;
     return command != nullptr ? command->run({argv + 2, argv + argc}) : start(argc, argv);
