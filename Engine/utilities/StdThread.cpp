@@ -10,6 +10,7 @@
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/UNIX/UNIXStdThread.h"
 #include "Engine/utilities/UNIX/WayOut.h"
@@ -70,8 +71,8 @@ void StdThread::start_thread(unsigned int stackSize) {
 
 int StdThread::requestTerminate() const {
   // A thread that ends clears the id under this lock, before its id becomes invalid.
-  HoldRequests hold;
-  LockGuard guard(StdThreadRun::startLock(), "int StdThread::requestTerminate() const", __LINE__);
+  const HeldLock held(StdThreadRun::startLock(), "int StdThread::requestTerminate() const",
+                      __LINE__);
   const pthread_t id = threadId();
   return id == 0 ? ESRCH : pthread_kill(id, SIGUSR2);
 }

@@ -6,6 +6,7 @@
 
 #include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
@@ -80,9 +81,7 @@ unsigned StringPoolManager::freeBlocks(unsigned size) {
   if (size > maximumPooledSize) {
     return 0;
   }
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "unsigned int StringPoolManager::freeBlocks(unsigned int)",
-                        __LINE__);
+  const HeldLock held(lock_, "unsigned int StringPoolManager::freeBlocks(unsigned int)", __LINE__);
   unsigned count = 0;
   for (const FreeBlock* block = freeLists_[classOf(size)]; block != nullptr; block = block->next) {
     ++count;

@@ -5,6 +5,7 @@
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/ThreadManager.h"
 #include "Engine/utilities/ThreadManagerLink.h"
+#include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
@@ -68,7 +69,6 @@ void ThreadHandle::setManager(ThreadManager* manager) {
 }
 
 ThreadManager* ThreadHandle::manager() const {
-  const HoldRequests hold;
-  const LockGuard guard(lock(), "ThreadManager* ThreadHandle::manager() const", __LINE__);
+  const HeldLock held(lock(), "ThreadManager* ThreadHandle::manager() const", __LINE__);
   return manager_ ? manager_->manager() : nullptr;
 }

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/WorkerThread.h"
 
@@ -48,8 +48,7 @@ void ThreadListener::end(int result) {
 }
 
 void ThreadListener::notify(pthread_t, int result) {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "virtual void ThreadListener::notify(pthread_t, int)", __LINE__);
+  const HeldLock held(lock_, "virtual void ThreadListener::notify(pthread_t, int)", __LINE__);
   end(result);
 }
 
@@ -58,8 +57,7 @@ pthread_t ThreadListener::start() {
   if (!semaphore_.wait(0, CUL_Event_Semaphore::Seconds, false)) {
     return 0;
   }
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "pthread_t ThreadListener::start()", __LINE__);
+  const HeldLock held(lock_, "pthread_t ThreadListener::start()", __LINE__);
   WorkerThread* const worker = __atomic_load_n(&worker_, __ATOMIC_ACQUIRE);
   if (worker == nullptr) {
     return 0;  // started before

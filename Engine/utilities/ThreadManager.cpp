@@ -5,6 +5,7 @@
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/ThreadManagerLink.h"
+#include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
 // Takes a handle off the list again when its run could not be started.
@@ -39,8 +40,7 @@ ThreadManager::~ThreadManager() {
 }
 
 pthread_t ThreadManager::start(Runnable& runnable) {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "pthread_t ThreadManager::start(Runnable&)", 33);
+  const HeldLock held(lock_, "pthread_t ThreadManager::start(Runnable&)", 33);
   Reference<ThreadHandle> handle = ThreadHandle::instance(*this, runnable);
   append(handle);
   Unlisting unlisting(*this, handle);
@@ -51,8 +51,7 @@ pthread_t ThreadManager::start(Runnable& runnable) {
 }
 
 ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>& handle) {
-  const HoldRequests hold;
-  const LockGuard guard(
+  const HeldLock held(
       lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>&)", 25);
   if (findThread(handle) >= 0) {
     return THREADMANAGER_FAILED;
@@ -62,17 +61,15 @@ ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>& h
 }
 
 ThreadManager::THREADMANAGER_RC ThreadManager::remove(Reference<ThreadHandle>& handle) {
-  const HoldRequests hold;
-  const LockGuard guard(
+  const HeldLock held(
       lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::remove(Reference<ThreadHandle>&)", 59);
   const int index = findThread(handle);
   return index < 0 ? THREADMANAGER_FAILED : destroy(static_cast<unsigned int>(index));
 }
 
 ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t id) {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t)",
-                        71);
+  const HeldLock held(lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t)",
+                      71);
   const int index = findThread(id);
   if (index < 0) {
     return THREADMANAGER_FAILED;
@@ -85,9 +82,8 @@ ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t id) {
 }
 
 ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int index) {
-  const HoldRequests hold;
-  const LockGuard guard(lock_,
-                        "ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int)", 40);
+  const HeldLock held(lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int)",
+                      40);
   if (index >= handles_.count()) {
     return THREADMANAGER_FAILED;
   }
@@ -96,15 +92,13 @@ ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int index) {
 }
 
 void ThreadManager::notify(pthread_t id, int) {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "void ThreadManager::notify(pthread_t, int)", 105);
+  const HeldLock held(lock_, "void ThreadManager::notify(pthread_t, int)", 105);
   remove(id);
   postIfEmpty();
 }
 
 int ThreadManager::findThread(Reference<ThreadHandle>& handle) {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "int ThreadManager::findThread(Reference<ThreadHandle>&)", 124);
+  const HeldLock held(lock_, "int ThreadManager::findThread(Reference<ThreadHandle>&)", 124);
   for (unsigned int i = 0; i < handles_.count(); ++i) {
     if (handles_[i] == handle) {
       return static_cast<int>(i);
@@ -114,8 +108,7 @@ int ThreadManager::findThread(Reference<ThreadHandle>& handle) {
 }
 
 int ThreadManager::findThread(pthread_t id) const {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "int ThreadManager::findThread(pthread_t) const", 104);
+  const HeldLock held(lock_, "int ThreadManager::findThread(pthread_t) const", 104);
   for (unsigned int i = 0; i < handles_.count(); ++i) {
     if (handles_[i]->threadId() == id) {
       return static_cast<int>(i);
@@ -128,8 +121,7 @@ int ThreadManager::findThread(pthread_t id) const {
 const Reference<ThreadListener> ThreadManager::getThread(pthread_t id) const {
   static constexpr const char* function =
       "const Reference<ThreadListener> ThreadManager::getThread(pthread_t) const";
-  const HoldRequests hold;
-  const LockGuard guard(lock_, function, 66);
+  const HeldLock held(lock_, function, 66);
   const int index = findThread(id);
   if (index < 0) {
     throw StdException(function, 80, "Thread not found.", -1);
@@ -138,8 +130,7 @@ const Reference<ThreadListener> ThreadManager::getThread(pthread_t id) const {
 }
 
 List<unsigned long> ThreadManager::getThreadIds() {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "List<long unsigned int> ThreadManager::getThreadIds()", 46);
+  const HeldLock held(lock_, "List<long unsigned int> ThreadManager::getThreadIds()", 46);
   List<unsigned long> ids;
   for (const Reference<ThreadHandle>* holder : handles_.list()) {
     ids.add((*holder)->threadId());
@@ -148,8 +139,7 @@ List<unsigned long> ThreadManager::getThreadIds() {
 }
 
 void ThreadManager::orphanThreads() {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "void ThreadManager::orphanThreads()", 86);
+  const HeldLock held(lock_, "void ThreadManager::orphanThreads()", 86);
   while (handles_.count() != 0) {
     Reference<ThreadHandle> handle = handles_[0];
     remove(handle);

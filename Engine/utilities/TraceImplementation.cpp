@@ -27,6 +27,7 @@
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/Texts.h"
+#include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/UNIX/WriteSignals.h"
 
@@ -307,30 +308,6 @@ class Line {
   char* start_;
   char* next_;
   char* end_;
-};
-
-// Takes a lock and holds requests until it has been given back. A thread that is asked to end
-// can leave the wait for the lock, but nothing behind that.
-class HeldLock {
- public:
-  // `file` is the signature text of the caller.
-  HeldLock(CUL_Critical_Section& lock, const char* file, unsigned line)
-      : lock_(requested(lock, file, line)), file_(file), line_(line) {}
-  HeldLock(const HeldLock&) = delete;
-  HeldLock& operator=(const HeldLock&) = delete;
-  ~HeldLock() noexcept(false) { lock_.release(file_, line_); }
-
- private:
-  static CUL_Critical_Section& requested(CUL_Critical_Section& lock, const char* file,
-                                         unsigned line) {
-    lock.request(file, line);
-    return lock;
-  }
-
-  CUL_Critical_Section& lock_;
-  const HoldRequests hold_;
-  const char* file_;
-  unsigned line_;
 };
 
 // The buffers that lines are composed in; used under the lock of the trace.

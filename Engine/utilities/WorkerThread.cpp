@@ -2,6 +2,7 @@
 
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/ThreadListener.h"
+#include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 
 WorkerThread::WorkerThread(ThreadListener& listener, Runnable& runnable)
@@ -12,20 +13,17 @@ WorkerThread::WorkerThread(ThreadListener& listener, Runnable& runnable)
 WorkerThread::~WorkerThread() = default;
 
 WorkerThread::State WorkerThread::state() const {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "WorkerThread::State WorkerThread::state() const", __LINE__);
+  const HeldLock held(lock_, "WorkerThread::State WorkerThread::state() const", __LINE__);
   return state_;
 }
 
 unsigned int WorkerThread::result() const {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "unsigned int WorkerThread::result() const", __LINE__);
+  const HeldLock held(lock_, "unsigned int WorkerThread::result() const", __LINE__);
   return result_;
 }
 
 pthread_t WorkerThread::start() {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "pthread_t WorkerThread::start()", __LINE__);
+  const HeldLock held(lock_, "pthread_t WorkerThread::start()", __LINE__);
   if (state_ == created) {
     start_thread(0);
   }

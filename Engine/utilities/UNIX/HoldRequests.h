@@ -10,14 +10,9 @@
 /// waits, or calls what may wait, while it is half-way through a change of what other threads
 /// see would leave ruins behind. While a HoldRequests object lives, its thread does not end; the
 /// request is met soon afterwards. Locks are requested first, since the wait for one is a place
-/// that can be left:
-/// \code
-///   const LockGuard guard(lock_, "void RunningThreads::append(StdThread*)", 24);
-///   const HoldRequests hold;
-/// \endcode
-/// A thread that waits while it holds requests cannot be asked to end. Where a wait may
-/// last, lift the hold around it:
-/// \code
+/// that can be left; HeldLock.h does both. A thread that waits while it holds requests cannot be
+/// asked to end. Where a wait may
+/// asked to end. Where a wait may last, lift the hold around it: \code
 ///   HoldRequests hold;
 ///   ...
 ///   HoldRequests::Lift lift(hold);

@@ -4,15 +4,18 @@
 #include <cstdio>
 
 #include "Engine/utilities/KeepErrno.h"
-#include "Engine/utilities/UNIX/WriteSignalsHeld.h"
+#include "Engine/utilities/UNIX/WriteSignals.h"
 
 void printError(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
   {
     const KeepErrno keepErrno;
-    const WriteSignalsHeld held;
-    std::vfprintf(stderr, format, arguments);
+    WriteSignals signals;
+    signals.block();
+    if (std::vfprintf(stderr, format, arguments) < 0) {
+      signals.failed();
+    }
   }
   va_end(arguments);
 }

@@ -10,6 +10,7 @@
 #include "Engine/utilities/CUL_SemaphoreError.h"
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/TraceFlags.h"
+#include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/UNIX/ProcessLock.h"
 
@@ -208,8 +209,7 @@ void UNIX_Event_Semaphore::WaitInstance::expire() {
   static constexpr const char* function = "void UNIX_Event_Semaphore::WaitInstance::expire()";
   int result = 0;
   {
-    const HoldRequests hold;
-    const LockGuard guard(semaphore_->mutex_, function, 282);
+    const HeldLock held(semaphore_->mutex_, function, 282);
     __atomic_store_n(&expired_, 1, __ATOMIC_RELEASE);
     result = pthread_cond_broadcast(&semaphore_->condition_);
   }
@@ -223,11 +223,10 @@ UNIX_Event_Semaphore::MillisecondTimer::MillisecondTimer() : StdThread("msecTime
 }
 
 void UNIX_Event_Semaphore::MillisecondTimer::add(WaitInstance& wait) {
-  const HoldRequests hold;
-  const LockGuard guard(lock_,
-                        "void UNIX_Event_Semaphore::MillisecondTimer::add("
-                        "UNIX_Event_Semaphore::WaitInstance&)",
-                        167);
+  const HeldLock held(lock_,
+                      "void UNIX_Event_Semaphore::MillisecondTimer::add("
+                      "UNIX_Event_Semaphore::WaitInstance&)",
+                      167);
   remove(wait);
   const unsigned count = pending_.count();
   if (count == 0 || wait.deadline() < pending_[0]->deadline()) {
@@ -244,11 +243,10 @@ void UNIX_Event_Semaphore::MillisecondTimer::add(WaitInstance& wait) {
 }
 
 void UNIX_Event_Semaphore::MillisecondTimer::remove(WaitInstance& wait) {
-  const HoldRequests hold;
-  const LockGuard guard(lock_,
-                        "void UNIX_Event_Semaphore::MillisecondTimer::remove("
-                        "UNIX_Event_Semaphore::WaitInstance&)",
-                        196);
+  const HeldLock held(lock_,
+                      "void UNIX_Event_Semaphore::MillisecondTimer::remove("
+                      "UNIX_Event_Semaphore::WaitInstance&)",
+                      196);
   for (unsigned i = pending_.count(); i > 0; --i) {
     if (pending_[i - 1] == &wait) {
       pending_.removeAt(i - 1);
@@ -258,8 +256,7 @@ void UNIX_Event_Semaphore::MillisecondTimer::remove(WaitInstance& wait) {
 }
 
 void UNIX_Event_Semaphore::MillisecondTimer::remove(UNIX_Event_Semaphore& semaphore) {
-  const HoldRequests hold;
-  const LockGuard guard(
+  const HeldLock held(
       lock_, "void UNIX_Event_Semaphore::MillisecondTimer::remove(UNIX_Event_Semaphore&)", 210);
   for (unsigned i = pending_.count(); i > 0; --i) {
     if (pending_[i - 1]->semaphore() == &semaphore) {
@@ -269,11 +266,10 @@ void UNIX_Event_Semaphore::MillisecondTimer::remove(UNIX_Event_Semaphore& semaph
 }
 
 void UNIX_Event_Semaphore::MillisecondTimer::copyPending(List<const WaitInstance*>& copy) {
-  const HoldRequests hold;
-  const LockGuard guard(lock_,
-                        "void UNIX_Event_Semaphore::MillisecondTimer::copyPending("
-                        "List<const UNIX_Event_Semaphore::WaitInstance*>&)",
-                        __LINE__);
+  const HeldLock held(lock_,
+                      "void UNIX_Event_Semaphore::MillisecondTimer::copyPending("
+                      "List<const UNIX_Event_Semaphore::WaitInstance*>&)",
+                      __LINE__);
   for (const WaitInstance* wait : pending_) {
     copy.add(wait);
   }
@@ -281,8 +277,7 @@ void UNIX_Event_Semaphore::MillisecondTimer::copyPending(List<const WaitInstance
 
 // Returns the milliseconds until the next look.
 unsigned int UNIX_Event_Semaphore::MillisecondTimer::expireDue() {
-  const HoldRequests hold;
-  const LockGuard guard(lock_, "virtual void UNIX_Event_Semaphore::MillisecondTimer::run()", 230);
+  const HeldLock held(lock_, "virtual void UNIX_Event_Semaphore::MillisecondTimer::run()", 230);
   const MsecTime now(0);
   // A waiter that wakes up cannot end its wait, or the event, before the lock is free.
   while (!pending_.isEmpty() && pending_[0]->deadline() <= now) {
@@ -298,6 +293,9 @@ unsigned int UNIX_Event_Semaphore::MillisecondTimer::expireDue() {
 }
 
 void UNIX_Event_Semaphore::MillisecondTimer::run() {
+  // A SIGUSR2 that somebody sends to the process may come to any thread of it. Without this one
+  // no timed wait would ever end.
+  const BlockTermination block;
   sleepFor(shortestSleep);
   for (;;) {
     const unsigned int untilNext = expireDue();
