@@ -7,9 +7,7 @@
 #include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/StdThread.h"
-#include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/UNIXStdThread.h"
 
 namespace {
 
@@ -56,12 +54,14 @@ void RunningThreads::makeRoom(unsigned int needed) {
 }
 
 void RunningThreads::remove(StdThread* thread) {
-  const HeldLock held(lock_, "void RunningThreads::remove(StdThread*)", 31);
+  const HoldRequests hold;  // nobody expects to end here
+  const LockGuard guard(lock_, "void RunningThreads::remove(StdThread*)", 31);
   threads_.remove(thread);
 }
 
 StdThread* RunningThreads::find(pthread_t id) {
-  const HeldLock held(lock_, "StdThread* RunningThreads::find(pthread_t)", 38);
+  const HoldRequests hold;  // nobody expects to end here
+  const LockGuard guard(lock_, "StdThread* RunningThreads::find(pthread_t)", 38);
   for (unsigned i = threads_.count(); i > 0; --i) {
     if (threads_[i - 1]->threadId() == id) {
       return threads_[i - 1];

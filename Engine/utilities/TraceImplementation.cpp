@@ -442,6 +442,7 @@ bool AcrossFork::holdTrace() noexcept {
   TraceImplementation* const trace = theTrace.load(std::memory_order_acquire);
   if (trace != nullptr) {
     trace->lock_.request("bool AcrossFork::holdTrace()", __LINE__);
+    localTime.prepareFork(std::time(nullptr));
   }
   return trace != nullptr;
 }

@@ -11,8 +11,8 @@
 /// see would leave ruins behind. While a HoldRequests object lives, its thread does not end; the
 /// request is met soon afterwards. Locks are requested first, since the wait for one is a place
 /// that can be left; HeldLock.h does both. A thread that waits while it holds requests cannot be
-/// asked to end. Where a wait may
-/// asked to end. Where a wait may last, lift the hold around it: \code
+/// asked to end. Where a wait may last, lift the hold around it:
+/// \code
 ///   HoldRequests hold;
 ///   ...
 ///   HoldRequests::Lift lift(hold);

@@ -72,9 +72,7 @@ void AcrossFork::releaseStarts() noexcept {
 }
 
 // Requests are not inherited, nor are timers.
-void AcrossFork::renewStarts() noexcept {
-  RequestToEnd::own().dropInChild();
-}
+void AcrossFork::renewStarts() noexcept { RequestToEnd::own().dropInChild(); }
 
 void StdThreadRun::beMain() noexcept { StdThread::thread1()->setThreadId(pthread_self()); }
 

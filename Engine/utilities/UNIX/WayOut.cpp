@@ -283,12 +283,13 @@ bool isCancellationPoint() noexcept {
 
 // One frame: a call, or the place of a signal.
 struct Frame {
-  explicit Frame(_Unwind_Context* context) noexcept {
-    int interrupted = 0;
-    next = _Unwind_GetIPInfo(context, &interrupted);
-    isInterrupted = interrupted != 0;
+  // A frame behind a diversion looks interrupted, for the unwinder's sake, and is not.
+  Frame(_Unwind_Context* context, bool isBehindDiversion) noexcept {
+    int isAtInstruction = 0;
+    next = _Unwind_GetIPInfo(context, &isAtInstruction);
+    isInterrupted = isAtInstruction != 0 && !isBehindDiversion;
     // NOLINTBEGIN(performance-no-int-to-ptr): addresses come as integers from the unwinder.
-    instruction = reinterpret_cast<const unsigned char*>(isInterrupted ? next : next - 1);
+    instruction = reinterpret_cast<const unsigned char*>(isAtInstruction != 0 ? next : next - 1);
     const auto* table =
         reinterpret_cast<const unsigned char*>(_Unwind_GetLanguageSpecificData(context));
     // NOLINTEND(performance-no-int-to-ptr)
@@ -329,7 +330,7 @@ class Walk {
 
   // Takes the next frame.
   // \return whether there is more to see.
-  bool take(Frame frame) noexcept {
+  bool take(const Frame& frame) noexcept {
     if (entryFrame_ != 0 && frame.stackPointer > entryFrame_) {
       isEntrySeen_ = true;
       return false;
@@ -338,10 +339,7 @@ class Walk {
       isBehindDiversion_ = sawDiversion_ = true;
       return true;
     }
-    if (isBehindDiversion_) {
-      frame.isInterrupted = false;  // looks like it, for the unwinder's sake
-      isBehindDiversion_ = false;
-    }
+    isBehindDiversion_ = false;
     if (frame.isInterrupted && !isInterrupted_) {
       // What came before the first signal are the frames of its handler, that is, ours.
       const std::uintptr_t entryFrame = entryFrame_;
@@ -357,6 +355,8 @@ class Walk {
     calledFunction_ = frame.function;
     return !isAmidJump_;
   }
+
+  [[nodiscard]] bool isBehindDiversion() const noexcept { return isBehindDiversion_; }
 
   [[nodiscard]] bool canEndInCall() const noexcept {
     return isSound_ && isCallSound_ && (entryFrame_ == 0 || isEntrySeen_);
@@ -381,9 +381,6 @@ class Walk {
                callDeed_ == Deed::takesOwnLock || callDeed_ == Deed::remembers ||
                callDeed_ == Deed::throws) {
       return way;
-    } else if (!isInterrupted_) {
-      way.kind = isCallSound_ ? WayOut::Kind::here : WayOut::Kind::none;
-      way.isCertain = mayThrow_;
     } else if (returnAddress_ != nullptr) {
       way.kind = WayOut::Kind::atReturn;
       way.isCertain = mayThrow_;
@@ -488,7 +485,8 @@ class Walk {
 };
 
 _Unwind_Reason_Code visit(_Unwind_Context* context, void* walk) noexcept {
-  return static_cast<Walk*>(walk)->take(Frame(context)) ? _URC_NO_REASON : _URC_NORMAL_STOP;
+  Walk& own = *static_cast<Walk*>(walk);
+  return own.take(Frame(context, own.isBehindDiversion())) ? _URC_NO_REASON : _URC_NORMAL_STOP;
 }
 
 }  // namespace

@@ -4,8 +4,8 @@
 #include <cstdint>
 
 /// \file
-/// How the stack of the calling thread can be left, from wherever it is. Internal to the
-/// library; RequestToEnd.h tells what for.
+/// How the stack of the calling thread can be left, from wherever it is; RequestToEnd.h tells
+/// what for. Internal to the library.
 ///
 /// Unwinding a stack is sound only where the compiler has prepared for it: at calls. Anywhere
 /// else in a function with something to destroy the exception table lists nothing, and the C++
