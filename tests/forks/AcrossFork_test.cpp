@@ -86,7 +86,7 @@ bool areAsleep(int n) {
   return asleep == n;
 }
 
-std::size_t threadCount() { return tasks().size(); }
+[[maybe_unused]] std::size_t threadCount() { return tasks().size(); }
 
 // A thread that waits for the end of the object.
 class Bystander {

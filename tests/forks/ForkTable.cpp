@@ -152,6 +152,7 @@ bool startAThread() {
   return termination.wait(0) == 0 && isRun;
 }
 
+#if !defined(__SANITIZE_THREAD__)
 class Sleeping : public StdThread {
  public:
   Sleeping(std::atomic<bool>& isRunning, Termination& termination)
@@ -180,6 +181,8 @@ bool askAThreadToEnd() {
   delete thread;
   return isAsked && isEnded;
 }
+
+#endif
 
 bool traceLines() {
   if (!isTraced(TraceType::error)) {
@@ -328,7 +331,10 @@ constexpr Deed deeds[] = {
     {"code pages", convertOtherCodePages},
     {"exceptions", throwAndCatch},
     {"threads", startAThread, true},
+// The thread sanitizer keeps signals back while a thread waits, and with them requests to end.
+#if !defined(__SANITIZE_THREAD__)
     {"requests", askAThreadToEnd, true},
+#endif
     {"trace", traceLines},
     {"timed waits", waitWithALimit, true},
     {"events", postAnEvent},

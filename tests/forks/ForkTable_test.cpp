@@ -1,7 +1,6 @@
 #include "tests/forks/ForkTable.h"
 
 #include <cctype>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -58,13 +57,8 @@ class ForkTable : public testing::TestWithParam<std::string> {};
 
 TEST_P(ForkTable, ChildrenCanDoEverythingWhileThreadsOfTheParent) {
   const TemporaryFolder folder;
-  // A thread that ends does so in its signal handler, which the thread sanitizer dislikes.
-  const char* const options = getenv("TSAN_OPTIONS");
-  const std::string moreOptions =
-      (options != nullptr ? std::string(options) + ":" : std::string()) + "report_signal_unsafe=0";
-  const ChildResult r = runChild("RowOfTheTable", {.environment = {{"TSAN_OPTIONS", moreOptions}},
-                                                   .arguments = {GetParam(), folder.path()},
-                                                   .limitInSeconds = 280});
+  const ChildResult r =
+      runChild("RowOfTheTable", {.arguments = {GetParam(), folder.path()}, .limitInSeconds = 280});
   EXPECT_EQ(r.status, 0) << r.out;
 }
 

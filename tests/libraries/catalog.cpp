@@ -1,4 +1,4 @@
-// A message catalog that knows every locale and tells which one it has been given.
+// A message catalog that knows every locale and tells which one it has been given on a thread.
 
 #include <climits>
 #include <cstdio>
@@ -11,7 +11,7 @@ __attribute__((visibility("default"))) const char* getMessage(int set, int numbe
 
 namespace {
 
-char chosen[64] = "none";
+thread_local char chosen[64] = "none";
 
 }  // namespace
 
