@@ -8,6 +8,7 @@
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/UNIXStdThread.h"
 
 namespace {
 
