@@ -6,8 +6,6 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
-#include <memory>
-#include <new>
 #include <pthread.h>
 #include <string>
 #include <sys/resource.h>
@@ -20,7 +18,6 @@
 #include <gtest/gtest.h>
 
 #include "Engine/utilities/EncodedString.h"
-#include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/UNIX_Event_Semaphore.h"
@@ -290,6 +287,7 @@ CUL_CHILD(HandlersOfTheProgram) {
   useTheLibrary();
   std::atomic<bool> isOver = false;
   std::vector<std::thread> busy;
+  busy.reserve(2);
   for (int i = 0; i < 2; ++i) {
     busy.emplace_back([&isOver] {
       while (!isOver) {
@@ -336,62 +334,5 @@ CUL_CHILD(ForkThatFails) {
 
 TEST(AcrossFork, AForkThatFailsLeavesNoLockHeld) {
   const ChildResult r = runChild("ForkThatFails", {.limitInSeconds = 30});
-  EXPECT_EQ(r.status, 0) << r.out;
-}
-
-// The free store of this program asks the new-handler for each block, if it is told to.
-namespace {
-
-thread_local bool asksHandler = false;
-
-void* allocate(std::size_t size) {
-  if (std::exchange(asksHandler, false)) {
-    std::get_new_handler()();
-    asksHandler = true;
-  }
-  return std::malloc(size == 0 ? 1 : size);
-}
-
-}  // namespace
-
-void* operator new(std::size_t size) {
-  if (void* const block = allocate(size); block != nullptr) {
-    return block;
-  }
-  throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size); }
-void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return std::malloc(size); }
-void operator delete(void* block) noexcept { std::free(block); }
-void operator delete[](void* block) noexcept { std::free(block); }
-void operator delete(void* block, std::size_t) noexcept { std::free(block); }
-void operator delete[](void* block, std::size_t) noexcept { std::free(block); }
-
-CUL_CHILD(NewHandlerThatWaitsForATrace) {
-  useTheLibrary();
-  static unsigned asked = 0;
-  std::set_new_handler([] {
-    ++asked;
-    std::thread([] {
-      taggedTrace("CUL_CHILD", __LINE__, "ERROR", "memory is out on %p",
-                  static_cast<void*>(StdThread::currentThread()));
-    }).join();
-  });
-  std::vector<std::unique_ptr<StdThread>> threads(200);
-  asksHandler = true;
-  for (std::unique_ptr<StdThread>& thread : threads) {
-    thread = std::make_unique<FunctionThread>([] {}, nullptr);
-  }
-  asksHandler = false;
-  EXPECT_GT(asked, threads.size());
-}
-
-TEST(RunningThreads, AsksForMemoryWhileOtherThreadsMayTrace) {
-  const TemporaryFolder folder;
-  const ChildResult r =
-      runChild("NewHandlerThatWaitsForATrace",
-               {.environment = {{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", folder.path() + ",ERROR,2"}},
-                .limitInSeconds = 30});
   EXPECT_EQ(r.status, 0) << r.out;
 }

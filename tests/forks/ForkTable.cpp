@@ -1,11 +1,16 @@
 #include "tests/forks/ForkTable.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <deque>
 #include <dlfcn.h>
 #include <exception>
+#include <iterator>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <sys/resource.h>
@@ -222,7 +227,9 @@ bool postAnEvent() {
   return true;
 }
 
-struct Answer final : Runnable {
+class Answer final : public Runnable {
+ public:
+  virtual ~Answer() = default;
   int work() override { return 42; }
 };
 
@@ -456,11 +463,10 @@ class Children {
     int status = 0;
     const pid_t child = children_.front();
     children_.pop_front();
-    if (waitpid(child, &status, 0) != child) {
-      ++outcome_.failed;
-    } else if (WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
+    const bool isReaped = waitpid(child, &status, 0) == child;
+    if (isReaped && WIFSIGNALED(status) && WTERMSIG(status) == SIGALRM) {
       ++outcome_.hung;
-    } else if (status != 0) {
+    } else if (!isReaped || status != 0) {
       ++outcome_.failed;
     }
   }
