@@ -47,6 +47,8 @@
 ///   child is that thread's alone. The forking thread keeps its object; a thread of the program's
 ///   is "main" in the child. Requests to end that the forking thread had not met are the
 ///   parent's. A token of a thread that had ended before the fork must not be waited for.
+/// - An end of the process that another thread of the parent had begun is not the child's (see
+///   UNIX/ProcessEnd.h).
 ///
 /// **Objects that other threads were using.**
 /// - An event can be used, and destroyed, as if it had been made in the child: it is as open or
