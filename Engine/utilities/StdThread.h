@@ -57,8 +57,10 @@
 /// be volatile.
 ///
 /// **Other threads.** All threads that are not started by this class share the one object
-/// "main". Named slots, recovery point and block count of an object are for its own thread
-/// only.
+/// "main", and with it its named slots, its recovery point and its block count. These are not
+/// locked and serve one thread only: of such threads let one, say the process's first, use them.
+/// A BlockTermination on one of them keeps requests from all of them, and a fault on any of them
+/// resumes at the point that "main" has armed, on the stack of another thread.
 
 class CUL_EXPORT StdThread {
  public:
@@ -71,7 +73,9 @@ class CUL_EXPORT StdThread {
     Termination& operator=(const Termination&) = delete;
     ~Termination() = default;
 
-    /// Waits until the thread has ended. A thread can be waited for once.
+    /// Waits until the thread has ended. A thread can be waited for once: its id means nothing
+    /// afterwards, and as the token keeps it, a second wait is undefined like a second
+    /// pthread_join(); it may wait for another thread or crash.
     /// \param timeout ignored.
     /// \return the result of pthread_join() once the thread was started; before that -1
     ///   while a thread object uses the token, 0 when none does.
