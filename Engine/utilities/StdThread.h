@@ -26,7 +26,7 @@
 /// condition, a sleep, join; for a lock of this library, a pthread mutex, a std::mutex) and
 /// when it is throwing an exception; soon when it makes calls that may throw (allocation, strings,
 /// lists, traces, input and output, thread_yield()): the call it is in returns first, and what it
-/// hands over, memory or a descriptor, is lost. In code that makes no such call it ends after a
+/// hands over, an object or a descriptor, is lost. In code that makes no such call it ends after a
 /// twentieth of a second. It never ends while it takes a lock or has one of this library that
 /// nothing would give back, and other threads can go on.
 ///

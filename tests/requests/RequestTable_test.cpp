@@ -150,7 +150,7 @@ CUL_CHILD(AskedToEnd) {
   std::printf("%.1f ms in the mean, %.1f ms at most", outcome.meanMs, outcome.slowestMs);
 }
 
-class RequestTable : public testing::TestWithParam<std::tuple<const char*, const char*>> {};
+class RequestTable : public testing::TestWithParam<std::tuple<std::string, std::string>> {};
 
 TEST_P(RequestTable, EndsTheThreadAndLeavesNoLock) {
   const TemporaryFolder folder;
@@ -163,15 +163,15 @@ TEST_P(RequestTable, EndsTheThreadAndLeavesNoLock) {
   options.limitInSeconds = 60 + rounds;
   const ChildResult result = runChild("AskedToEnd", options);
   EXPECT_EQ(result.status, 0) << name << ": " << result.out << result.err;
-  std::printf("%-45s %-9s %s\n", name, code, result.out.c_str());
+  std::printf("%-45s %-9s %s\n", name.c_str(), code.c_str(), result.out.c_str());
 }
 
 namespace {
 
-std::vector<const char*> names() {
-  std::vector<const char*> result;
+std::vector<std::string> names() {
+  std::vector<std::string> result;
   for (const RequestWork& work : plainRequestWork()) {
-    result.push_back(work.name);
+    result.emplace_back(work.name);
   }
   return result;
 }
@@ -180,11 +180,12 @@ std::vector<const char*> names() {
 
 INSTANTIATE_TEST_SUITE_P(All, RequestTable,
                          testing::Combine(testing::ValuesIn(names()),
-                                          testing::Values("plain", "optimized")),
+                                          testing::Values(std::string("plain"),
+                                                          std::string("optimized"))),
                          [](const auto& row) {
                            std::string name;
-                           for (const char* c = std::get<0>(row.param); *c != '\0'; ++c) {
-                             name += std::isalnum(static_cast<unsigned char>(*c)) != 0 ? *c : '_';
+                           for (const char c : std::get<0>(row.param)) {
+                             name += std::isalnum(static_cast<unsigned char>(c)) != 0 ? c : '_';
                            }
                            return name + "_" + std::get<1>(row.param);
                          });

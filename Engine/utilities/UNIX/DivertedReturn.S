@@ -54,6 +54,7 @@ callReturned:
         pushq   %rdx
         subq    $512, %rsp
         fxsave64 (%rsp)
+        movq    %rax, %rdi
         call    divertedCallReturned
         fxrstor64 (%rsp)
         addq    $512, %rsp

@@ -3,14 +3,15 @@
 #include <algorithm>
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <new>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include "Engine/utilities/UNIX/DivertedReturn.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/WayOut.h"
 
 namespace {
 
@@ -73,7 +74,7 @@ bool RequestToEnd::canEndInHandler() {
       way.isCertain || (looks_ >= enoughLooks && now() - since_ >= patience &&
                         LocksHeld::count() == 0 && (!usesRuntimeLocks_ || way.unlocks));
   if (way.kind == WayOut::Kind::atReturn && isPossible && divertedPlace_ == nullptr) {
-    divert(way.returnAddress);
+    divert(way);
   }
   return way.kind == WayOut::Kind::here && isPossible && HoldRequests::level() == 0;
 }
@@ -86,6 +87,19 @@ bool RequestToEnd::canEndAtReturn() noexcept {
   undivert();
   // A child of a fork has not been asked.
   return requestIsPending && !isTooLate_ && HoldRequests::level() == 0;
+}
+
+void RequestToEnd::dispose(void* result) const noexcept {
+  switch (divertedResult_) {
+    case WayOut::Result::memory:
+      return std::free(result);
+    case WayOut::Result::object:
+      return ::operator delete(result);
+    case WayOut::Result::array:
+      return ::operator delete[](result);
+    case WayOut::Result::unknown:
+      return;
+  }
 }
 
 void RequestToEnd::undivert() noexcept {
@@ -101,15 +115,16 @@ void RequestToEnd::undivert() noexcept {
 }
 
 // Does nothing when all places are in use: the next look may find one.
-void RequestToEnd::divert(std::uintptr_t* returnAddress) noexcept {
+void RequestToEnd::divert(const WayOut& way) noexcept {
   static constinit std::atomic<std::size_t> next = 0;
   for (std::size_t i = 0; i < diversionCount; ++i) {
     diversion_ = next.fetch_add(1, std::memory_order_relaxed) % diversionCount;
     std::uintptr_t unused = 0;
-    if (__atomic_compare_exchange_n(&divertedFrom[diversion_], &unused, *returnAddress, false,
+    if (__atomic_compare_exchange_n(&divertedFrom[diversion_], &unused, *way.returnAddress, false,
                                     __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
-      divertedPlace_ = returnAddress;
-      *returnAddress = diversionPlace(diversion_);
+      divertedPlace_ = way.returnAddress;
+      divertedResult_ = way.result;
+      *way.returnAddress = diversionPlace(diversion_);
       return;
     }
   }

@@ -4,6 +4,8 @@
 #include <cstdint>
 #include <ucontext.h>
 
+#include "Engine/utilities/UNIX/WayOut.h"
+
 /// \file
 /// How a request to end is met: the whole rule. Internal to the library.
 ///
@@ -20,7 +22,8 @@
 ///    yet, no lock is held, and the exception gives way to the end;
 /// 5. when it is in a call that is known to throw at times, ends it when the call returns to the
 ///    program: the return address is diverted (DivertedReturn.S) to a place that ends the thread
-///    as if the call had thrown. What the call hands over, memory or a descriptor, is lost;
+///    as if the call had thrown. Memory that was just allocated is given back; what another call
+///    hands over, a descriptor say, is lost;
 /// 6. in any other call or between two calls does the same, but not before it has seen the
 ///    innermost function with something to destroy in one and the same call for a
 ///    twentieth of a second: what the program is in the middle of leaves nothing half done that is
@@ -28,8 +31,8 @@
 ///    nothing throws. So the thread must have none of the library; and if it was seen to take or
 ///    give back locks of the C library meanwhile, it ends only where it has just given one back.
 ///
-/// No call is ended that takes a lock. Besides, a thread in a call of the library that takes a lock
-/// or yields ends there, before it has the lock (endIfAsked()).
+/// No call is ended that takes a lock or gives memory back. Besides, a thread in a call of the
+/// library that takes a lock or yields ends there, before it has the lock (endIfAsked()).
 ///
 /// Each time, all frames from there to the thread's entry must be such as can be left: every
 /// call is one that its function's exception table lists. What is not met is looked at again,
@@ -87,6 +90,9 @@ class RequestToEnd {
   /// \return whether the thread can end where the call was.
   [[nodiscard]] bool canEndAtReturn() noexcept;
 
+  /// Gives back what that call has allocated, when the thread ends.
+  void dispose(void* result) const noexcept;
+
   /// Has the thread signalled again in a moment.
   void putOff() noexcept;
 
@@ -98,18 +104,19 @@ class RequestToEnd {
 
  private:
   void undivert() noexcept;
-  void divert(std::uintptr_t* returnAddress) noexcept;
+  void divert(const WayOut& way) noexcept;
 
   StdThread* thread_ = nullptr;
   const void* entryFrame_ = nullptr;  // of the thread's entry function
   const ucontext_t* context_ = nullptr;
   std::uintptr_t* divertedPlace_ = nullptr;  // where the return address was, null: nowhere
-  std::size_t diversion_ = 0;                // which of the places to return to is in use
-  std::uintptr_t anchor_ = 0;                // see WayOut
-  std::uint64_t since_ = 0;                  // nanoseconds; when that was first seen
-  std::uintptr_t restsAt_ = 0;               // the stack pointer that the last look has found
-  unsigned looks_ = 0;                       // since then
-  unsigned attempts_ = 0;                    // of a request that could not be met at once
+  WayOut::Result divertedResult_ = WayOut::Result::unknown;
+  std::size_t diversion_ = 0;     // which of the places to return to is in use
+  std::uintptr_t anchor_ = 0;     // see WayOut
+  std::uint64_t since_ = 0;       // nanoseconds; when that was first seen
+  std::uintptr_t restsAt_ = 0;    // the stack pointer that the last look has found
+  unsigned looks_ = 0;            // since then
+  unsigned attempts_ = 0;         // of a request that could not be met at once
   unsigned restingAttempts_ = 0;  // the last of these that have found the thread at one place
   bool usesRuntimeLocks_ = false;
   bool isTooLate_ = false;

@@ -184,17 +184,18 @@ __attribute__((no_sanitize("null"))) void* StdThreadRunFF(void* runRecord) {
   return nullptr;
 }
 
-void StdThreadRun::diversionReturned() {
+void StdThreadRun::diversionReturned(void* result) {
   const KeepErrno keepErrno;
   RequestToEnd& request = RequestToEnd::own();
   const StdThread* const self =
       request.thread() != nullptr ? request.thread() : StdThread::thread1();
   if (request.canEndAtReturn() && __atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) == 0) {
+    request.dispose(result);
     end();
   }
 }
 
-void divertedCallReturned() { StdThreadRun::diversionReturned(); }
+void divertedCallReturned(void* result) { StdThreadRun::diversionReturned(result); }
 
 void StdThread::sigUSR2handler(int) {
   const KeepErrno keepErrno;

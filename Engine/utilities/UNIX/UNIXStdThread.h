@@ -37,7 +37,8 @@ class StdThreadRun {
 
   /// Ends the calling thread for the request that has diverted the return of a call, unless
   /// something has come between; see RequestToEnd.h.
-  static void diversionReturned();
+  /// \param result what the call has returned, where that is a pointer.
+  static void diversionReturned(void* result);
   /// Notes in a forked child that it does not have the thread of an object.
   static void leaveBehind(StdThread& thread) noexcept;
 
@@ -58,4 +59,4 @@ class StdThreadRun {
 extern "C" void* StdThreadRunFF(void* runRecord);
 
 /// Where DivertedReturn.S goes on when a diverted call has returned.
-extern "C" void divertedCallReturned() __attribute__((visibility("hidden")));
+extern "C" void divertedCallReturned(void* result) __attribute__((visibility("hidden")));

@@ -18,9 +18,13 @@ namespace {
 // What a function does that matters here.
 enum class Deed : unsigned char {
   nothing,
-  mayThrow,      // callers count on it: what they have half done is undone
-  takesLock,     // whoever ends when it returns has a lock that nobody gives back
-  takesOwnLock,  // the same, of this library
+  mayThrow,         // callers count on it: what they have half done is undone
+  allocates,        // as malloc() does
+  allocatesObject,  // as operator new does, which may throw
+  allocatesArray,   // the same with brackets
+  givesMemory,      // whoever ends when it returns may still take the memory for his
+  takesLock,        // whoever ends when it returns has a lock that nobody gives back
+  takesOwnLock,     // the same, of this library
   givesLock,
   remembers,      // its return address, to return once more
   throws,         // unwinds the stack itself
@@ -77,9 +81,21 @@ constexpr KnownFunction knownFunctions[] = {
     {Deed::throws, "_Unwind_Resume_or_Rethrow"},
     {Deed::endsThread, "_Unwind_ForcedUnwind"},
     {Deed::looksForCatch, "_Unwind_Find_FDE"},
-    // Allocation, and what the C library does not declare to throw nothing.
-    {Deed::mayThrow, "_Znwm"},
-    {Deed::mayThrow, "_Znam"},
+    {Deed::allocates, "malloc"},
+    {Deed::allocates, "calloc"},
+    {Deed::allocatesObject, "_Znwm"},
+    {Deed::allocatesArray, "_Znam"},
+    {Deed::givesMemory, "realloc"},
+    {Deed::givesMemory, "free"},
+    {Deed::givesMemory, "_ZdlPv"},
+    {Deed::givesMemory, "_ZdlPvm"},
+    {Deed::givesMemory, "_ZdaPv"},
+    {Deed::givesMemory, "_ZdaPvm"},
+    {Deed::givesMemory, "_ZdlPvSt11align_val_t"},
+    {Deed::givesMemory, "_ZdlPvmSt11align_val_t"},
+    {Deed::givesMemory, "_ZdaPvSt11align_val_t"},
+    {Deed::givesMemory, "_ZdaPvmSt11align_val_t"},
+    // What the C library does not declare to throw nothing, and operator new.
     {Deed::mayThrow, "_ZnwmSt11align_val_t"},
     {Deed::mayThrow, "_ZnamSt11align_val_t"},
     {Deed::mayThrow, "fopen"},
@@ -378,13 +394,17 @@ class Walk {
       way.kind = WayOut::Kind::here;
       way.isCertain = true;
     } else if (isInCall_ || !isLearned || callDeed_ == Deed::takesLock ||
-               callDeed_ == Deed::takesOwnLock || callDeed_ == Deed::remembers ||
-               callDeed_ == Deed::throws) {
+               callDeed_ == Deed::takesOwnLock || callDeed_ == Deed::givesMemory ||
+               callDeed_ == Deed::remembers || callDeed_ == Deed::throws) {
       return way;
     } else if (returnAddress_ != nullptr) {
       way.kind = WayOut::Kind::atReturn;
       way.isCertain = mayThrow_;
       way.returnAddress = returnAddress_;
+      way.result = callDeed_ == Deed::allocates         ? WayOut::Result::memory
+                   : callDeed_ == Deed::allocatesObject ? WayOut::Result::object
+                   : callDeed_ == Deed::allocatesArray  ? WayOut::Result::array
+                                                        : WayOut::Result::unknown;
     }
     return way;
   }
@@ -446,7 +466,8 @@ class Walk {
     const Deed inner = callDeed_;
     callDeed_ = deedOf(frame.function);
     callCode_ = frame.code;
-    mayThrow_ = mayThrow_ || callDeed_ == Deed::mayThrow;
+    mayThrow_ = mayThrow_ || callDeed_ == Deed::mayThrow || callDeed_ == Deed::allocatesObject ||
+                callDeed_ == Deed::allocatesArray;
     seesSearch_ = seesSearch_ || inner == Deed::looksForCatch;
     isLookingForCatch_ = isLookingForCatch_ || (callDeed_ == Deed::throws && seesSearch_);
     // A function that unwinds the stack gets ready for the jump in its own frame: what lies

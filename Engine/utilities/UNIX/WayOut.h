@@ -32,8 +32,10 @@ struct WayOut {
   bool usesRuntimeLocks = false;
   /// Whether it gives one back.
   bool unlocks = false;
-  /// At a return: where the call's return address lies.
+  /// At a return: where the call's return address lies, and what it returns: what malloc(),
+  /// operator new or new[] has allocated, or something else.
   std::uintptr_t* returnAddress = nullptr;
+  enum class Result : unsigned char { unknown, memory, object, array } result = Result::unknown;
   /// Whether all frames could be looked at, and one of them was that of a diverted call. Set for
   /// every kind.
   bool sawAll = false;
