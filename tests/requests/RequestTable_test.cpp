@@ -168,10 +168,22 @@ TEST_P(RequestTable, EndsTheThreadAndLeavesNoLock) {
 
 namespace {
 
+// The thread sanitizer puts signals off while a thread is in one of its mutex calls, and bears
+// no condition wait that is left otherwise than by pthread_cancel().
+bool canRun([[maybe_unused]] const std::string& name) {
+#if defined(__SANITIZE_THREAD__)
+  return !name.starts_with("waits") && name != "counts under a std::mutex";
+#else
+  return true;
+#endif
+}
+
 std::vector<std::string> names() {
   std::vector<std::string> result;
   for (const RequestWork& work : plainRequestWork()) {
-    result.emplace_back(work.name);
+    if (canRun(work.name)) {
+      result.emplace_back(work.name);
+    }
   }
   return result;
 }
@@ -193,7 +205,7 @@ INSTANTIATE_TEST_SUITE_P(All, RequestTable,
 TEST(RequestTable, EndsAThousandThreads) {
   const TemporaryFolder folder;
   ChildOptions options;
-  options.arguments = {"waits for an event", "plain", "1", "1000", folder.path()};
+  options.arguments = {"sleeps", "plain", "1", "1000", folder.path()};
   const ChildResult result = runChild("AskedToEnd", options);
   EXPECT_EQ(result.status, 0) << result.out << result.err;
   std::printf("1,000 threads: %s\n", result.out.c_str());
