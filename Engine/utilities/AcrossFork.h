@@ -94,9 +94,9 @@ class AcrossFork {
   static void resumeParent() noexcept;
   static void resumeChild() noexcept;
 
-  // Each participant's functions stand beside its lock. The first takes the lock if it exists,
-  // and tells whether it did; the second gives it back in both processes. The third, where
-  // there is one, puts the child right, with all locks held.
+  // Each participant's functions stand beside its lock. The first takes the lock, unless what it
+  // belongs to does not exist yet, and tells whether it did; the second gives it back in both
+  // processes. The third, where there is one, puts the child right, with all locks held.
   static bool holdLoader() noexcept;
   static void releaseLoader() noexcept;
   static bool holdEvents() noexcept;

@@ -4,10 +4,9 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
-#include <mutex>
 
 #include "Engine/utilities/AcrossFork.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/LeafLock.h"
 
 namespace {
 
@@ -26,8 +25,7 @@ size_t iconvDebug(iconv_t descriptor, const char* input, size_t inputLength, cha
   char* out = output;
   size_t room = outputSize - 1;
   {
-    const HoldRequests hold;
-    const std::lock_guard lock(iconvMutex);
+    const LeafLock lock(iconvMutex);
     iconv(descriptor, nullptr, nullptr, nullptr, nullptr);
     while (inputLength != 0) {
       // With input left it has failed.

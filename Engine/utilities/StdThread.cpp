@@ -12,6 +12,7 @@
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/LeafLock.h"
 #include "Engine/utilities/UNIX/UNIXStdThread.h"
 #include "Engine/utilities/UNIX/WayOut.h"
 
@@ -120,6 +121,7 @@ void StdThread::longjmp(int value, int keepArmed) {
   }
   recoveryArmed_ = keepArmed != 0;
   abandonTraceLines();
+  LeafLock::abandon();
   HoldRequests::leaveAll();
   ::longjmp(recoveryPoint_, value);
 }

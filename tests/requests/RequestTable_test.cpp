@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -210,3 +211,69 @@ TEST(RequestTable, EndsAThousandThreads) {
   EXPECT_EQ(result.status, 0) << result.out << result.err;
   std::printf("1,000 threads: %s\n", result.out.c_str());
 }
+
+#if !defined(__SANITIZE_THREAD__)  // see canRun()
+namespace {
+
+// Asks a thread to end that waits for a lock, and lets it have the lock afterwards.
+template <class Wait>
+void askBehindALock(Wait wait, const std::function<void()>& unlock) {
+  std::atomic<pid_t> task = 0;
+  StdThread::Termination termination;
+  const StdThread* thread = startThread(
+      [&] {
+        task = gettid();
+        for (;;) {
+          wait();
+          usleep(10000);
+        }
+      },
+      &termination);
+  waitUntilAsleep(task);
+  EXPECT_EQ(thread->requestTerminate(), 0);
+  usleep(200000);  // the thread is looked at many times
+  unlock();
+  EXPECT_EQ(termination.wait(0), 0);
+}
+
+// A guard whose functions may throw, as far as the compiler knows.
+class NativeGuard {
+ public:
+  explicit NativeGuard(pthread_mutex_t& mutex) : mutex_(mutex) {
+    static int (*volatile const lock)(pthread_mutex_t*) = pthread_mutex_lock;
+    lock(&mutex_);
+  }
+  NativeGuard(const NativeGuard&) = delete;
+  NativeGuard& operator=(const NativeGuard&) = delete;
+  ~NativeGuard() { pthread_mutex_unlock(&mutex_); }
+
+ private:
+  pthread_mutex_t& mutex_;
+};
+
+}  // namespace
+
+TEST(RequestBehindALock, DoesNotKeepATimedMutex) {
+  std::timed_mutex mutex;
+  mutex.lock();
+  askBehindALock([&mutex] { const std::unique_lock lock(mutex, std::chrono::seconds(60)); },
+                 [&mutex] { mutex.unlock(); });
+  EXPECT_TRUE(mutex.try_lock_for(std::chrono::seconds(60)));
+  mutex.unlock();
+}
+
+TEST(RequestBehindALock, DoesNotKeepAMutexWithPriorityInheritance) {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
+  pthread_mutex_t mutex;
+  pthread_mutex_init(&mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  pthread_mutex_lock(&mutex);
+  askBehindALock([&mutex] { const NativeGuard guard(mutex); },
+                 [&mutex] { pthread_mutex_unlock(&mutex); });
+  EXPECT_EQ(pthread_mutex_trylock(&mutex), 0);
+  pthread_mutex_unlock(&mutex);
+  pthread_mutex_destroy(&mutex);
+}
+#endif

@@ -19,6 +19,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -693,3 +694,52 @@ TEST(ProcessEnd, ComesWhenTheAllocatorItselfAborts) {
   EXPECT_NE(child.err.find("malloc"), std::string::npos) << child.err;
 }
 #endif
+
+namespace {
+
+// What the converter reads from is not there.
+void convertFromNowhere() {
+  char area[100];
+  const iconv_t descriptor = iconv_open("UTF-8", "ISO-8859-1");
+  iconvDebug(descriptor, reinterpret_cast<const char*>(64), 50, area, sizeof area);
+  iconv_close(descriptor);
+}
+
+bool canConvert() {
+  char area[100];
+  const iconv_t descriptor = iconv_open("UTF-8", "ISO-8859-1");
+  const size_t length = iconvDebug(descriptor, "x", 1, area, sizeof area);
+  iconv_close(descriptor);
+  return length == 1;
+}
+
+}  // namespace
+
+CUL_CHILD(FaultInAConversion) {
+  std::atexit([] {
+    if (canConvert()) {
+      std::puts("converted");
+    }
+  });
+  convertFromNowhere();
+}
+
+TEST(ProcessEnd, LetsExitHandlersConvertAfterAFaultInAConversion) {
+  const ChildResult child = runChild("FaultInAConversion");
+  EXPECT_EQ(child.status, 99) << child.out << child.err;
+  EXPECT_NE(child.out.find("converted"), std::string::npos) << child.out;
+}
+
+CUL_CHILD(RecoveryFromAFaultInAConversion) {
+  StdThread* const self = StdThread::currentThread();
+  if (self->_setjmp() == 0) {
+    convertFromNowhere();
+    ADD_FAILURE() << "no fault";
+  }
+  std::thread([] { EXPECT_TRUE(canConvert()); }).join();
+}
+
+TEST(ProcessEnd, LetsAllThreadsConvertAfterARecoveryInsideOfAConversion) {
+  const ChildResult child = runChild("RecoveryFromAFaultInAConversion");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}

@@ -1,9 +1,7 @@
 #include "Engine/utilities/UNIX/CalendarTime.h"
 
-#include <mutex>
-
 #include "Engine/utilities/AcrossFork.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/LeafLock.h"
 
 namespace {
 
@@ -12,14 +10,12 @@ constinit std::mutex localTimeMutex;
 }  // namespace
 
 bool toLocalTime(std::time_t time, std::tm& fields) noexcept {
-  const HoldRequests hold;
-  const std::lock_guard lock(localTimeMutex);
+  const LeafLock lock(localTimeMutex);
   return localtime_r(&time, &fields) != nullptr;
 }
 
 std::time_t fromLocalTime(std::tm& fields) noexcept {
-  const HoldRequests hold;
-  const std::lock_guard lock(localTimeMutex);
+  const LeafLock lock(localTimeMutex);
   return mktime(&fields);
 }
 

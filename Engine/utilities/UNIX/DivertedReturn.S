@@ -41,7 +41,8 @@ divertedReturns:
         .size   divertedReturns, .-divertedReturns
 
 // The true return address is on the stack: as at the start of a function that the call's caller
-// has called. Whatever a call may return is kept.
+// has called. What a call may return in registers is kept, but for the upper halves of vectors
+// wider than 16 bytes.
         .type   callReturned, @function
 callReturned:
         .cfi_startproc

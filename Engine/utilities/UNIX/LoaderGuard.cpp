@@ -13,11 +13,9 @@ LoaderGuard::LoaderGuard(const char* function, unsigned int line)
     : guard_(loaderLock.get(), function, line) {}
 
 bool AcrossFork::holdLoader() noexcept {
-  UNIX_Critical_Section* const lock = loaderLock.present();
-  if (lock != nullptr) {
-    lock->request("bool AcrossFork::holdLoader()", __LINE__);
-  }
-  return lock != nullptr;
+  // Made now if it was not there, or another thread might make and take it before the fork.
+  loaderLock.get().request("bool AcrossFork::holdLoader()", __LINE__);
+  return true;
 }
 
 void AcrossFork::releaseLoader() noexcept {

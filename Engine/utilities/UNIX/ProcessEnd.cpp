@@ -11,6 +11,7 @@
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/LeafLock.h"
 #include "Engine/utilities/UNIX/RequestToEnd.h"
 
 namespace {
@@ -105,10 +106,15 @@ thread_local ThreadObject threadObject;
 void endProcess(int status, bool mayHoldLocks) noexcept {
   switch (claimEnding(status)) {
     case Claim::made:
+      LeafLock::abandon();
+      if (mayHoldLocks) {
+        limitEnding();
+      }
       exit(status);
     case Claim::ownAlready:
       endProcessAtOnce(status);
     case Claim::another:
+      LeafLock::abandon();
       stop(status, mayHoldLocks);
   }
   __builtin_unreachable();
@@ -116,6 +122,7 @@ void endProcess(int status, bool mayHoldLocks) noexcept {
 
 void endProcessUnlessEnding(int status) noexcept {
   if (claimEnding(status) == Claim::made) {
+    LeafLock::abandon();
     exit(status);
   }
 }

@@ -38,6 +38,9 @@ void endProcessUnlessEnding(int status) noexcept;
 /// Whether some thread ends the process. Safe in a signal handler.
 bool isProcessEnding() noexcept;
 
+/// Has the process end at once when its ending takes longer than endingLimit.
+void limitEnding() noexcept;
+
 /// How long an ending is waited for that may have to wait for a lock in vain, in seconds.
 inline constexpr unsigned endingLimit = 3;
 

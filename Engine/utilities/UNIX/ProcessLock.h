@@ -15,7 +15,7 @@ class ProcessLock {
 
   /// The lock.
   [[nodiscard]] UNIX_Critical_Section& get() {
-    UNIX_Critical_Section* made = present();
+    UNIX_Critical_Section* made = lock_.load(std::memory_order_acquire);
     if (made == nullptr) {
       auto* const mine = new UNIX_Critical_Section;
       if (lock_.compare_exchange_strong(made, mine, std::memory_order_acq_rel)) {
@@ -24,11 +24,6 @@ class ProcessLock {
       delete mine;
     }
     return *made;
-  }
-
-  /// The lock, null as long as nobody has used it.
-  [[nodiscard]] UNIX_Critical_Section* present() const noexcept {
-    return lock_.load(std::memory_order_acquire);
   }
 
  private:

@@ -80,13 +80,15 @@ bool RequestToEnd::canEndInHandler() {
 }
 
 bool RequestToEnd::canEndInCall() const {
-  return !isTooLate_ && HoldRequests::level() == 0 && canLeaveCall(entryFrame_);
+  return !isTooLate_ && task_ == gettid() && HoldRequests::level() == 0 &&
+         canLeaveCall(entryFrame_);
 }
 
 bool RequestToEnd::canEndAtReturn() noexcept {
   undivert();
-  // A child of a fork has not been asked.
-  return requestIsPending && !isTooLate_ && HoldRequests::level() == 0;
+  // The call may have taken a lock; and a child of a fork without handlers was not asked.
+  return requestIsPending && !isTooLate_ && task_ == gettid() && HoldRequests::level() == 0 &&
+         (divertedIsCertain_ || LocksHeld::count() == 0);
 }
 
 void RequestToEnd::dispose(void* result) const noexcept {
@@ -124,6 +126,7 @@ void RequestToEnd::divert(const WayOut& way) noexcept {
                                     __ATOMIC_ACQ_REL, __ATOMIC_RELAXED)) {
       divertedPlace_ = way.returnAddress;
       divertedResult_ = way.result;
+      divertedIsCertain_ = way.isCertain;
       *way.returnAddress = diversionPlace(diversion_);
       return;
     }
@@ -135,11 +138,12 @@ void RequestToEnd::divert(const WayOut& way) noexcept {
 void RequestToEnd::putOff() noexcept {
   ++attempts_;
   requestIsPending = true;
+  task_ = gettid();
   if (!hasTimer_) {
     sigevent event = {};
     event.sigev_notify = SIGEV_THREAD_ID;
     event.sigev_signo = SIGUSR2;
-    event._sigev_un._tid = gettid();
+    event._sigev_un._tid = task_;
     hasTimer_ = syscall(SYS_timer_create, CLOCK_MONOTONIC, &event, &timer_) == 0;
   }
   if (hasTimer_) {
@@ -170,6 +174,10 @@ void RequestToEnd::drop() noexcept {
 void RequestToEnd::dropInChild() noexcept {
   hasTimer_ = false;  // a child has none of its parent's timers
   drop();
+  // Nor its threads.
+  for (std::uintptr_t& address : divertedFrom) {
+    __atomic_store_n(&address, 0, __ATOMIC_RELEASE);
+  }
 }
 
 const ucontext_t* interruptedBy(const void* returnAddress, const void* frame) noexcept {

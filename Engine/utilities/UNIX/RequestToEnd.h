@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <sys/types.h>
 #include <ucontext.h>
 
 #include "Engine/utilities/UNIX/WayOut.h"
@@ -36,7 +37,9 @@
 ///
 /// Each time, all frames from there to the thread's entry must be such as can be left: every
 /// call is one that its function's exception table lists. What is not met is looked at again,
-/// soon at first, then each millisecond, and less often when the thread sleeps.
+/// soon at first, then each millisecond, and less often when the thread sleeps. For that it
+/// takes a timer of the system; without one (RLIMIT_SIGPENDING) the thread looks again when it is
+/// asked again, or in endIfAsked().
 ///
 /// What remains is told in StdThread.h: a thread that makes none of these calls, in a loop of a
 /// function with something to destroy, or in a noexcept one.
@@ -118,6 +121,8 @@ class RequestToEnd {
   unsigned looks_ = 0;            // since then
   unsigned attempts_ = 0;         // of a request that could not be met at once
   unsigned restingAttempts_ = 0;  // the last of these that have found the thread at one place
+  pid_t task_ = 0;                // the thread that was asked: a child of a fork was not
+  bool divertedIsCertain_ = false;
   bool usesRuntimeLocks_ = false;
   bool isTooLate_ = false;
   bool hasTimer_ = false;

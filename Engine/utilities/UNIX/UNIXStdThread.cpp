@@ -60,11 +60,9 @@ class Attributes {
 UNIX_Critical_Section& StdThreadRun::startLock() { return theStartLock.get(); }
 
 bool AcrossFork::holdStarts() noexcept {
-  UNIX_Critical_Section* const lock = theStartLock.present();
-  if (lock != nullptr) {
-    lock->request("bool AcrossFork::holdStarts()", __LINE__);
-  }
-  return lock != nullptr;
+  // Made now if it was not there, or another thread might make and take it before the fork.
+  theStartLock.get().request("bool AcrossFork::holdStarts()", __LINE__);
+  return true;
 }
 
 void AcrossFork::releaseStarts() noexcept {

@@ -163,11 +163,8 @@ UNIX_Event_Semaphore::MillisecondTimer* UNIX_Event_Semaphore::timerInstance() {
 }
 
 bool AcrossFork::holdEvents() noexcept {
-  UNIX_Critical_Section* const lock = eventsLock.present();
-  if (lock == nullptr) {
-    return false;
-  }
-  lock->request("bool AcrossFork::holdEvents()", __LINE__);
+  // Made now if it was not there, or another thread might make and take it before the fork.
+  eventsLock.get().request("bool AcrossFork::holdEvents()", __LINE__);
   if (auto* const timer = theTimer.load(std::memory_order_acquire); timer != nullptr) {
     timer->lock_.request("bool AcrossFork::holdEvents()", __LINE__);
   }

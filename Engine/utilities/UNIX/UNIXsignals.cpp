@@ -241,6 +241,8 @@ __attribute__((constructor)) void prepareForFaults() {
 
 }  // namespace
 
+void limitEnding() noexcept { Deadline::set(); }
+
 int registerHandlerForSignal(int signal) {
   struct sigaction current = {};
   const int result = sigaction(signal, nullptr, &current);
@@ -293,6 +295,8 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
   if (handlersEntered == 1) {
     if (hasInterruptedAllocation()) {
       mayHoldLocks = true;
+    }
+    if (mayHoldLocks) {
       Deadline::set();
     }
     report(signal, information);

@@ -64,6 +64,10 @@ constexpr KnownFunction knownFunctions[] = {
     {Deed::takesLock, "mtx_trylock"},
     {Deed::takesLock, "mtx_timedlock"},
     {Deed::givesLock, "mtx_unlock"},
+    {Deed::takesLock, "flock"},
+    {Deed::takesLock, "lockf"},
+    {Deed::takesLock, "semop"},
+    {Deed::takesLock, "semtimedop"},
     {Deed::takesLock, "flockfile"},
     {Deed::takesLock, "ftrylockfile"},
     {Deed::givesLock, "funlockfile"},
@@ -348,9 +352,10 @@ class Walk {
   // \return whether there is more to see.
   bool take(const Frame& frame) noexcept {
     if (entryFrame_ != 0 && frame.stackPointer > entryFrame_) {
-      isEntrySeen_ = true;
+      isEntrySeen_ = isInside_;
       return false;
     }
+    isInside_ = true;
     if (frame.code == Code::own && isDivertedReturn(frame.next)) {
       isBehindDiversion_ = sawDiversion_ = true;
       return true;
@@ -361,6 +366,7 @@ class Walk {
       const std::uintptr_t entryFrame = entryFrame_;
       *this = Walk(nullptr);
       entryFrame_ = entryFrame;
+      isInside_ = true;
       isInterrupted_ = true;
       takeInterrupted(frame);
     } else if (isInCall_) {
@@ -397,7 +403,8 @@ class Walk {
                callDeed_ == Deed::takesOwnLock || callDeed_ == Deed::givesMemory ||
                callDeed_ == Deed::remembers || callDeed_ == Deed::throws) {
       return way;
-    } else if (returnAddress_ != nullptr) {
+    } else if (returnAddress_ != nullptr && !isCutShort_) {
+      // A call that waits in the kernel may wait for a lock, whatever its name.
       way.kind = WayOut::Kind::atReturn;
       way.isCertain = mayThrow_;
       way.returnAddress = returnAddress_;
@@ -488,6 +495,7 @@ class Walk {
   std::uintptr_t anchor_ = 0;
   Deed callDeed_ = Deed::nothing;  // of the function that the program has called
   Code callCode_ = Code::none;
+  bool isInside_ = false;  // on the stack of the entry function, not on one above it
   bool isEntrySeen_ = false;
   bool isInterrupted_ = false;
   bool isInCall_ = true;      // no frame of the program so far
