@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <csignal>
@@ -6,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <iterator>
+#include <new>
 #include <pthread.h>
 #include <string>
 #include <sys/resource.h>
@@ -180,6 +182,37 @@ TEST(AcrossFork, ThreadsThatAChildDoesNotHaveCountAsNotRunning) {
 }
 
 #if !defined(__SANITIZE_THREAD__)
+CUL_CHILD(TokenOfAThreadThatHasEndedByARequest) {
+  class Waiting : public StdThread {
+   public:
+    explicit Waiting(Termination& token) : StdThread("waiting", 0, &token) {}
+    void run() override {
+      for (;;) {
+        usleep(100000);
+      }
+    }
+  };
+  // The thread's object stays registered; its token goes when the thread has been waited for.
+  alignas(StdThread::Termination) unsigned char place[sizeof(StdThread::Termination)];
+  auto* const token = new (place) StdThread::Termination;
+  auto* const thread = new Waiting(*token);
+  thread->start_thread(0);
+  EXPECT_EQ(thread->requestTerminate(), 0);
+  EXPECT_EQ(token->wait(0), 0);
+  token->~Termination();
+  std::fill(std::begin(place), std::end(place), static_cast<unsigned char>(0xff));
+  EXPECT_EQ(statusOfForked([&place] {
+              return std::all_of(std::begin(place), std::end(place),
+                                 [](unsigned char byte) { return byte == 0xff; });
+            }),
+            0);
+}
+
+TEST(AcrossFork, AChildLeavesTheTokenOfAThreadAloneThatHasEnded) {
+  const ChildResult child = runChild("TokenOfAThreadThatHasEndedByARequest");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
 CUL_CHILD(IdsThatAreUsedAgain) {
   const Bystander bystander;
   const pthread_t id = bystander.thread->threadId();

@@ -75,6 +75,10 @@ void AcrossFork::renewStarts() noexcept { RequestToEnd::own().dropInChild(); }
 void StdThreadRun::beMain() noexcept { StdThread::thread1()->setThreadId(pthread_self()); }
 
 void StdThreadRun::leaveBehind(StdThread& thread) noexcept {
+  // A thread that had ended by a request has no id, and its token may be gone.
+  if (thread.threadId() == 0) {
+    return;
+  }
   thread.setThreadId(0);
   if (thread.termination_ != nullptr) {
     __atomic_store_n(&thread.termination_->threadId_, pthread_t{0}, __ATOMIC_RELEASE);
