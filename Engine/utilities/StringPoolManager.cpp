@@ -8,6 +8,7 @@
 #include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/RequestToEnd.h"
 
 namespace {
 
@@ -46,6 +47,9 @@ StringPoolManager::SizeClass StringPoolManager::classOf(unsigned size) noexcept 
 }
 
 void* StringPoolManager::getBuffer(unsigned size) {
+  if (requestIsPending) [[unlikely]] {
+    endIfAsked();
+  }
   // A thread must not end while it has a lock, this one or one inside the heap.
   const HoldRequests hold;
   if (size > maximumPooledSize) {

@@ -22,7 +22,7 @@
 /// 4. ends it at once when an exception that it throws looks for its handler: nothing has moved
 ///    yet, no lock is held, and the exception gives way to the end;
 /// 5. when it is in a call that is known to throw at times, ends it when the call returns to the
-///    program: the return address is diverted (DivertedReturn.S) to a place that ends the thread
+///    program (one of the library: when it hands nothing over): the return address is diverted (DivertedReturn.S) to a place that ends the thread
 ///    as if the call had thrown. Memory that was just allocated is given back; what another call
 ///    hands over, a descriptor say, is lost;
 /// 6. in any other call or between two calls does the same, but not before it has seen the
@@ -33,7 +33,8 @@
 ///    give back locks of the C library meanwhile, it ends only where it has just given one back.
 ///
 /// No call is ended that takes a lock or gives memory back. Besides, a thread in a call of the
-/// library that takes a lock or yields ends there, before it has the lock (endIfAsked()).
+/// library that takes a lock, asks for the memory of a string or yields ends there, before it has
+/// the lock or the memory (endIfAsked()).
 ///
 /// Each time, all frames from there to the thread's entry must be such as can be left: every
 /// call is one that its function's exception table lists. What is not met is looked at again,

@@ -144,7 +144,6 @@ CUL_OWN_FUNCTION(mutexRequest, "_ZN10UNIX_Mutex7requestEPKcj")
 CUL_OWN_FUNCTION(readRequest, "_ZN6RWlock11requestReadEv")
 CUL_OWN_FUNCTION(writeRequest, "_ZN6RWlock12requestWriteEv")
 CUL_OWN_FUNCTION(armRecovery, "_ZN9StdThread7_setjmpEv")
-CUL_OWN_FUNCTION(poolGet, "_ZN17StringPoolManager9getBufferEj")
 CUL_OWN_FUNCTION(traceTagged, "_Z11taggedTracePKcjS0_S0_z")
 CUL_OWN_FUNCTION(listAppend, "_ZN18ListImplementation11appendItemsEPPvPKvj")
 CUL_OWN_FUNCTION(listInsert, "_ZN18ListImplementation9insert_atEjPPvPKv")
@@ -162,10 +161,10 @@ struct OwnFunction {
 constexpr OwnFunction ownFunctions[] = {
     {Deed::takesOwnLock, sectionRequest}, {Deed::takesOwnLock, mutexRequest},
     {Deed::takesOwnLock, readRequest},    {Deed::takesOwnLock, writeRequest},
-    {Deed::remembers, armRecovery},       {Deed::mayThrow, poolGet},
-    {Deed::mayThrow, traceTagged},        {Deed::mayThrow, listAppend},
-    {Deed::mayThrow, listInsert},         {Deed::mayThrow, listExtend},
-    {Deed::mayThrow, listRemove},         {Deed::mayThrow, convert},
+    {Deed::remembers, armRecovery},       {Deed::mayThrow, traceTagged},
+    {Deed::mayThrow, listAppend},         {Deed::mayThrow, listInsert},
+    {Deed::mayThrow, listExtend},         {Deed::mayThrow, listRemove},
+    {Deed::mayThrow, convert},
 };
 
 // Where they are. A sanitizer stands in for many of them: a program calls its functions, which
@@ -406,7 +405,9 @@ class Walk {
     } else if (returnAddress_ != nullptr && !isCutShort_) {
       // A call that waits in the kernel may wait for a lock, whatever its name.
       way.kind = WayOut::Kind::atReturn;
-      way.isCertain = mayThrow_;
+      // Another function of the library may hand an object over, which would be lost; it ends by
+      // itself where it asks for memory (endIfAsked()).
+      way.isCertain = mayThrow_ && (callCode_ != Code::own || callDeed_ == Deed::mayThrow);
       way.returnAddress = returnAddress_;
       way.result = callDeed_ == Deed::allocates         ? WayOut::Result::memory
                    : callDeed_ == Deed::allocatesObject ? WayOut::Result::object
