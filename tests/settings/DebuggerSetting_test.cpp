@@ -13,6 +13,7 @@
 
 #include "tests/settings/SettingSupport.h"
 #include "tests/support/EnvironmentGuard.h"
+#include "tests/support/VirtualSlot.h"
 
 namespace {
 
@@ -45,6 +46,23 @@ std::string conversionsOf(DebuggerSetting& setting) {
 }
 
 }  // namespace
+
+TEST(DebuggerSetting, KeepsItsVirtualOperationsInTheirOrderBehindTheTwoDestructors) {
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::getPermittedValues), 2U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::getEnvValue), 3U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::asStringSetting), 4U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::asPathSetting), 5U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::asNumericSetting), 6U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::asIntegerSetting), 7U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::asUnsignedSetting), 8U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::asBooleanSetting), 9U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::asEnumSetting), 10U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::asListSetting), 11U);
+  EXPECT_EQ(virtualSlot(&DebuggerSetting::setValue), 12U);
+  EXPECT_EQ(virtualSlot(&DebuggerNumericSetting::getValueAsUnsigned), 13U);
+  EXPECT_EQ(virtualSlot(&DebuggerNumericSetting::getValueAsInt), 14U);
+  EXPECT_EQ(virtualSlot(&DebuggerNumericSetting::getValueAsBool), 15U);
+}
 
 TEST(DebuggerSetting, ConvertsToTheClassesItIsOfAndNoOther) {
   const auto control = controlOf(67);

@@ -22,6 +22,7 @@
 #include "tests/settings/SettingSupport.h"
 #include "tests/support/Child.h"
 #include "tests/support/TracedChild.h"
+#include "tests/support/VirtualSlot.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -98,6 +99,22 @@ class DebuggerSettingsListeners : public testing::Test {
 };
 
 }  // namespace
+
+TEST(DebuggerSettings, KeepsItsVirtualOperationsInTheirOrderWithoutADestructor) {
+  EXPECT_EQ(virtualSlot(&DebuggerSettings::registerHandler), 0U);
+  EXPECT_EQ(virtualSlot(&DebuggerSettings::setSetting), 1U);
+  EXPECT_EQ(virtualSlot(&DebuggerSettings::getNamedSetting), 2U);
+  EXPECT_EQ(virtualSlot(&DebuggerSettings::allSettings), 3U);
+  EXPECT_EQ(virtualSlot(&DebuggerSettings::getSettings), 4U);
+  EXPECT_EQ(virtualSlot(&DebuggerSettings::getSetting), 5U);
+  EXPECT_EQ(virtualSlot(&DebuggerSettings::defaultSetting), 6U);
+  EXPECT_EQ(virtualSlot(&DebuggerSettings::getAllSettings), 7U);
+  EXPECT_EQ(virtualSlot(&DebuggerSettingsHKORV::initialize), 8U);
+}
+
+TEST_F(DebuggerSettingsListeners, AreToldThroughTheirFirstVirtualOperation) {
+  EXPECT_EQ(virtualSlot(&DebuggerSettings::Notification::settingChanged), 0U);
+}
 
 TEST_F(DebuggerSettingsListeners, AreToldFromTheLastRegisteredToTheFirst) {
   EXPECT_TRUE(change("yes"));

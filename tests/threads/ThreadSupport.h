@@ -15,6 +15,7 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/VirtualSlot.h"
 #include "tests/support/WaitUntil.h"
 
 /// \file
@@ -101,13 +102,3 @@ struct TracedChild {
   ChildResult result;
   std::vector<std::string> lines;
 };
-
-/// The position of a virtual function in the table of its class, 0-based.
-template <typename Function>
-size_t virtualSlot(Function function) {
-  // Itanium C++ ABI: a pointer to a virtual member function is 1 plus the offset.
-  size_t words[2];
-  static_assert(sizeof function == sizeof words);
-  __builtin_memcpy(words, &function, sizeof words);
-  return (words[0] - 1) / sizeof(void*);
-}
