@@ -1,0 +1,89 @@
+#!/usr/bin/env bash
+# One test of docs/contract.md: what the page names must be there.
+# usage: cases.sh case
+# The environment names SOURCE_FOLDER.
+set -euo pipefail
+export LC_ALL=C
+
+cd "$SOURCE_FOLDER"
+page=docs/contract.md
+folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
+trap 'rm -rf "$folder"' EXIT
+
+fail() { echo "$*" >&2; exit 1; }
+
+# What stands in backticks on the page, each once and on a line.
+marked() { awk -F '\140' '{ for (i = 2; i < NF; i += 2) print $i }' "$page" | sort -u; }
+
+files() { find Engine programs tests cmake docs script -type f; }
+
+# The sources, with literals that continue each other joined.
+sources() {
+  find Engine programs -name '*.cpp' -o -name '*.h' -o -name '*.S' | sort | xargs cat |
+    awk 'BEGIN { RS = "\001" } { gsub(/"[ \t\n]+"/, ""); print }'
+}
+
+# expect_none what lines
+expect_none() { [ -z "$2" ] || fail "$page names $1 that the tree does not have:"$'\n'"$2"; }
+
+# expect_many number lines: a page that is read wrongly must not pass.
+expect_many() {
+  [ "$(grep -c . <<<"$2")" -ge "$1" ] || fail "$page is no longer read by this test: $2"
+}
+
+EachFileThatItNamesIsThere() {
+  local name named missing=
+  named=$(marked | grep -E '^[A-Za-z0-9_./-]+\.(h|cpp|sh|symbols|md)$')
+  expect_many 80 "$named"
+  files >"$folder/files"
+  for name in $named; do
+    grep -qE "(^|/)${name//./\\.}\$" "$folder/files" || missing+="$name"$'\n'
+  done
+  expect_none files "$missing"
+}
+
+EachTextThatItQuotesStandsInTheSources() {
+  local text texts missing=
+  texts=$(marked | grep '^".*"$')
+  expect_many 60 "$texts"
+  sources >"$folder/sources"
+  while read -r text; do
+    grep -qF -e "$text" "$folder/sources" || missing+="$text"$'\n'
+  done <<<"$texts"
+  expect_none texts "$missing"
+}
+
+EachNameThatItGivesStandsInTheSources() {
+  local name names missing=
+  names=$(marked | grep -E '^[A-Za-z_][A-Za-z0-9_:]*$' | sed 's/.*:://' | sort -u)
+  expect_many 150 "$names"
+  { sources; files; cat tests/CMakeLists.txt Engine/CMakeLists.txt; } >"$folder/sources"
+  for name in $names; do
+    grep -qw -e "$name" "$folder/sources" || missing+="$name"$'\n'
+  done
+  expect_none names "$missing"
+}
+
+# The rows of the section that look like "| `StdPipe.cpp` | constructor 46 47 |".
+places() {
+  awk -F '\140' '/^## / { here = $0 == "## Numbers of places" } here && $2 ~ /\.cpp$/ { print $2, $3 }' \
+    "$page"
+}
+
+EachNumberOfAPlaceStandsInItsSource() {
+  local file row number rows count=0 missing=
+  rows=$(places)
+  expect_many 21 "$rows"
+  while read -r file row; do
+    sed 's://.*::' "$(find Engine -name "$file")" >"$folder/source"
+    while read -r number; do
+      grep -qE "(^|[^0-9A-Za-z_.])$number(_[a-z]+)?([^0-9A-Za-z_.]|\$)" "$folder/source" ||
+        missing+="$file $number"$'\n'
+      count=$((count + 1))
+    done < <(grep -oE '\<[0-9]+\>' <<<"$row")
+  done <<<"$rows"
+  [ "$count" -ge 118 ] || fail "$page has only $count numbers of places"
+  expect_none "numbers of places" "$missing"
+}
+
+"$1"
