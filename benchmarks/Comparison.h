@@ -9,9 +9,13 @@
 #include <benchmark/benchmark.h>
 
 /// \file
-/// How a benchmark is paired with its peer. A benchmark's name is its case, "/" and "ours"
-/// or the peer's name; table.py finds the pairs by it. Both sides of a pair do the same
+/// How a benchmark is paired with its peer. A benchmark's name is its case, "/" and "ours",
+/// "bound" or the peer's name; table.py finds the pairs by it. Both sides of a pair do the same
 /// work on the same data, in the same process and, interleaved at random, at the same time.
+/// Only peers on another allocator than the C library's have processes of their own.
+///
+/// Where what is promised keeps ours above its peer, the bound shows by how much: the peer's
+/// means, made to do what is promised and nothing else.
 
 /// Which other threads the process has. The C library leaves out the atomic operations of
 /// its locks in a process that never had a second thread, so where a lock takes part the
@@ -42,7 +46,7 @@ void addBenchmark(const std::string& name, Operation operation, int threads) {
         }
       });
   if (threads > 1) {
-    // What two threads do to each other shows in the wall time only.
+    // What threads do to each other shows in the wall time only.
     added->Threads(threads)->UseRealTime();
   }
 }
@@ -61,6 +65,12 @@ void compare(const std::string& what, Ours ours, const std::string& peer, Peer p
              int threads = 1) {
   addPeer(what, "ours", std::move(ours), threads);
   addPeer(what, peer, std::move(peers), threads);
+}
+
+/// Registers the bound of a case.
+template <typename Operation>
+void addBound(const std::string& what, Operation operation, int threads = 1) {
+  addBenchmark(what + "/bound", std::move(operation), threads);
 }
 
 /// Ends the program when the two sides of a case do not do the same.
@@ -82,10 +92,22 @@ void compareMemory();
 void compareLocks(Company company);
 void compareEvents();
 void compareTrace();
+void compareTraceLine(const std::string& company);
 void compareConsole();
 void compareProcesses();
-void compareProcessTable();
+void compareArguments();
 void compareFiles();
 void compareSettings();
 void compareProperties();
 void compareStartup();
+
+/// Each registers the cases of its subject on many threads, in a process that has `count` sleeping
+/// ones besides the main and the second one, with `count` MB resident, or with `count` child
+/// processes that sleep. They register nothing where the machine has no room for so many.
+void compareManyThreads(unsigned count);
+void compareResident(unsigned megabytes);
+void compareManyProcesses(unsigned count);
+
+/// Registers only the peers of the cases in which memory is allocated, on an allocator that was
+/// preloaded.
+void addStringPeers(const std::string& allocator);

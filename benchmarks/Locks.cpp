@@ -1,7 +1,9 @@
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <pthread.h>
 #include <string>
+#include <vector>
 
 #include "Engine/utilities/RWlock.h"
 #include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
@@ -25,6 +27,24 @@ class PosixRWlock {
 
  private:
   pthread_rwlock_t lock_;
+};
+
+/// A lock that knows who holds it, as nesting, upgrading and asking for holders demand: each
+/// side changes a list of holders under a mutex.
+class ListedHolders {
+ public:
+  void request() {
+    const std::lock_guard guard(mutex_);
+    holders_.push_back(pthread_self());
+  }
+  void release() {
+    const std::lock_guard guard(mutex_);
+    holders_.erase(std::find(holders_.begin(), holders_.end(), pthread_self()));
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<pthread_t> holders_;
 };
 
 void compareCriticalSection(const std::string& state, unsigned depth, int threads) {
@@ -60,6 +80,11 @@ void compareCriticalSection(const std::string& state, unsigned depth, int thread
 void compareReadWrite(const std::string& state, int threads) {
   const auto ours = std::make_shared<RWlock>(RWlockBase::NoPriority);
   const auto peer = std::make_shared<PosixRWlock>();
+  const auto listed = std::make_shared<ListedHolders>();
+  const auto hold = [listed] {
+    listed->request();
+    listed->release();
+  };
   compare(
       "RWlock: read, " + state,
       [ours] {
@@ -72,6 +97,7 @@ void compareReadWrite(const std::string& state, int threads) {
         peer->release();
       },
       threads);
+  addBound("RWlock: read, " + state, hold, threads);
   if (threads == 1) {
     compare(
         "RWlock: write, " + state,
@@ -84,6 +110,7 @@ void compareReadWrite(const std::string& state, int threads) {
           peer->requestWrite();
           peer->release();
         });
+    addBound("RWlock: write, " + state, hold);
   }
 }
 
@@ -94,7 +121,7 @@ void compareLocks(Company company) {
   compareCriticalSection(nameOf(company), 3, 1);
   compareReadWrite(nameOf(company), 1);
   if (company == Company::idle) {
-    compareCriticalSection("two threads", 1, 2);
-    compareReadWrite("two threads", 2);
+    compareCriticalSection("2 threads", 1, 2);
+    compareReadWrite("2 threads", 2);
   }
 }

@@ -1,7 +1,9 @@
 #include <algorithm>
+#include <cstddef>
 #include <memory>
 #include <memory_resource>
 #include <numeric>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -75,6 +77,17 @@ void compareAppending(int count) {
         }
         benchmark::DoNotOptimize(vector.data());
       });
+  // How far a list grows shows in its capacity.
+  addBound(what, [count] {
+    std::vector<int> vector;
+    for (int i = 0; i < count; ++i) {
+      if (vector.size() == vector.capacity()) {
+        vector.reserve(vector.size() + 8);
+      }
+      vector.push_back(i);
+    }
+    benchmark::DoNotOptimize(vector.data());
+  });
   compare(
       what + " with room",
       [count] {
@@ -109,6 +122,46 @@ void compareFinding(int count) {
       });
 }
 
+int compareInts(const void* a, const void* b) {
+  const int first = *static_cast<const int*>(a);
+  const int second = *static_cast<const int*>(b);
+  return (first > second) - (first < second);
+}
+
+// Both sides begin with a copy of the same elements, and call the same function.
+void compareSorting(const std::string& what, const std::vector<int>& elements) {
+  const auto list = std::make_shared<List<int>>(static_cast<unsigned>(elements.size()));
+  const auto vector = std::make_shared<std::vector<int>>();
+  const auto sortOurs = [elements, list] {
+    list->removeAll();
+    list->append(elements.data(), static_cast<unsigned>(elements.size()));
+    list->sort(compareInts);
+    benchmark::DoNotOptimize(list->begin());
+  };
+  const auto sortPeers = [elements, vector] {
+    vector->assign(elements.begin(), elements.end());
+    std::stable_sort(vector->begin(), vector->end(),
+                     [](int a, int b) { return compareInts(&a, &b) < 0; });
+    benchmark::DoNotOptimize(vector->data());
+  };
+  sortOurs();
+  sortPeers();
+  require(std::equal(list->begin(), list->end(), vector->begin(), vector->end()), "sorted lists");
+  compare("List<int>: sort " + std::to_string(elements.size()) + what, sortOurs, "std::stable_sort",
+          sortPeers);
+}
+
+void compareSorts(unsigned count) {
+  std::vector<int> elements(count);
+  std::iota(elements.begin(), elements.end(), 1);
+  compareSorting(", in order already", elements);
+  std::swap(elements.front(), elements.back());
+  compareSorting(", the first and the last exchanged", elements);
+  // NOLINTNEXTLINE(cert-msc32-c,cert-msc51-cpp): the same order in every run.
+  std::shuffle(elements.begin(), elements.end(), std::mt19937());
+  compareSorting(", shuffled", elements);
+}
+
 }  // namespace
 
 void compareMemory() {
@@ -121,5 +174,8 @@ void compareMemory() {
   }
   for (const int count : {8, 100, 10000}) {
     compareFinding(count);
+  }
+  for (const unsigned count : {100U, 10000U}) {
+    compareSorts(count);
   }
 }

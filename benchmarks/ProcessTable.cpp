@@ -2,9 +2,12 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -16,22 +19,24 @@
 /// \file
 /// All processes of the machine with their arguments, beside a program that reads /proc by
 /// itself: it opens the folder once for all processes and reads each list with one call. Our walk
-/// opens the folder again for each process and reads on to the place where it was, so that its
-/// cost grows with the square of the number of processes. The rows with more processes show it;
-/// the one of a single process shows what the arguments alone cost.
+/// opens the folder again for each process. The rows with more processes show how that grows; the
+/// one of a single process shows what the arguments alone cost.
 
 namespace {
 
 constexpr int bufferSize = 4096;
 
-// Processes that sleep, until the end of the scope.
+// Processes that sleep as long as the object is there.
 class Sleepers {
  public:
+  /// May have fewer, where the limit of processes is lower.
   explicit Sleepers(unsigned count) {
     const pid_t parent = getpid();
-    for (unsigned i = 0; i < count; ++i) {
+    while (processes_.size() < count) {
       const pid_t process = fork();
-      require(process != -1, "fork");
+      if (process == -1) {
+        return;
+      }
       if (process == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         while (getppid() == parent) {
@@ -52,6 +57,8 @@ class Sleepers {
       waitpid(process, nullptr, 0);
     }
   }
+
+  [[nodiscard]] std::size_t count() const { return processes_.size(); }
 
  private:
   std::vector<pid_t> processes_;
@@ -96,15 +103,15 @@ unsigned listPeers() {
   return count;
 }
 
-void addListing(const std::string& name, unsigned sleepers, unsigned (*list)()) {
+void addListing(const std::string& name, const std::shared_ptr<Sleepers>& sleepers,
+                unsigned (*list)()) {
   benchmark::RegisterBenchmark(name.c_str(), [sleepers, list](benchmark::State& state) {
-    const Sleepers more(sleepers);
     unsigned least = ~0U;
     for (auto _ : state) {
       least = std::min(least, list());
     }
     // A walk of ours ends early when a process of another program ends under it.
-    if (least < sleepers) {
+    if (least < sleepers->count()) {
       state.SkipWithError("Other processes ended meanwhile.");
     }
   });
@@ -112,13 +119,19 @@ void addListing(const std::string& name, unsigned sleepers, unsigned (*list)()) 
 
 }  // namespace
 
-void compareProcessTable() {
-  for (const unsigned sleepers : {0U, 100U, 400U}) {
-    const std::string what =
-        "process table: all with arguments, " + std::to_string(sleepers) + " more processes";
-    addListing(what + "/ours", sleepers, listOurs);
-    addListing(what + "/opendir + read", sleepers, listPeers);
+void compareManyProcesses(unsigned count) {
+  const auto sleepers = std::make_shared<Sleepers>(count);
+  if (sleepers->count() < count) {
+    std::fprintf(stderr, "There cannot be %u processes.\n", count);
+    return;
   }
+  const std::string what =
+      "process table: all with arguments, " + std::to_string(count) + " more processes";
+  addListing(what + "/ours", sleepers, listOurs);
+  addListing(what + "/opendir + read", sleepers, listPeers);
+}
+
+void compareArguments() {
   compare(
       "process table: the arguments of one process",
       [] {

@@ -1,11 +1,16 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <spawn.h>
 #include <string>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <thread>
@@ -15,6 +20,7 @@
 
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/SpawnedProcess.h"
+#include "Engine/utilities/UNIX/UNIX_Event_Semaphore.h"
 
 #include "benchmarks/Comparison.h"
 
@@ -23,7 +29,9 @@
 /// start takes one pass of the timer thread before the child is waited for (10 to 50 ms),
 /// and so does asking whether a child still runs. How soon the program runs is measured on
 /// its own: a thread starts it, another reads what it prints. `posix_spawn` lends the child its
-/// memory; the plainest `fork` shows what the copy of the page tables costs on this machine.
+/// memory; the plainest `fork` shows what the copy of the page tables costs on this machine. That
+/// grows with what is resident, in a process for each size. The bound of a row with the timer's
+/// pass is the pass alone.
 
 namespace {
 
@@ -142,6 +150,9 @@ class OutputPipe {
   int read_ = -1;
 };
 
+// Starts for each measurement. Each sleeps before, so that no number is found by trying.
+constexpr benchmark::IterationCount starts = 5;
+
 template <typename Start, typename End>
 void measureStart(benchmark::State& state, Start start, End end) {
   const OutputPipe output;
@@ -168,36 +179,56 @@ void measureStart(benchmark::State& state, Start start, End end) {
 
 // The wall time: the work is done by the kernel, other threads and the child.
 template <typename Operation>
-void addProcessBenchmark(const std::string& name, int descriptors, Operation operation) {
-  benchmark::RegisterBenchmark(name.c_str(), [descriptors, operation](benchmark::State& state) {
-    const ManyDescriptors many(descriptors);
-    if (!many.isEnough()) {
-      state.SkipWithError("The limit of descriptors is too low.");
-      return;
-    }
-    operation(state);
-  })->UseRealTime();
+benchmark::internal::Benchmark* addProcessBenchmark(const std::string& name, int descriptors,
+                                                    Operation operation) {
+  return benchmark::RegisterBenchmark(
+             name.c_str(),
+             [descriptors, operation](benchmark::State& state) {
+               const ManyDescriptors many(descriptors);
+               if (!many.isEnough()) {
+                 state.SkipWithError("The limit of descriptors is too low.");
+                 return;
+               }
+               operation(state);
+             })
+      ->UseRealTime();
 }
 
-void compareStarts(int descriptors) {
-  const std::string open = ", " + std::to_string(descriptors) + " descriptors open";
-  const std::string first = "process: start until it runs" + open;
-  addProcessBenchmark(first + "/ours", descriptors, [](benchmark::State& state) {
+constexpr int fewDescriptors = 20;
+
+void compareStartUntilItRuns(const std::string& where, int descriptors) {
+  const std::string what = "process: start until it runs, " + where;
+  addProcessBenchmark(what + "/ours", descriptors, [](benchmark::State& state) {
     measureStart(
         state, [] { return startOurs("/bin/echo", "x"); },
         [](const auto& process) { endOurs(*process); });
-  });
+  })->Iterations(starts);
   constexpr std::pair<const char*, pid_t (*)(const char*, const char*)> peers[] = {
       {"posix_spawn", startPeers}, {"fork", forkPeers}};
   for (const auto& [name, startPeer] : peers) {
     const auto start = startPeer;
-    addProcessBenchmark(first + "/" + name, descriptors, [start](benchmark::State& state) {
+    addProcessBenchmark(what + "/" + name, descriptors, [start](benchmark::State& state) {
       measureStart(
           state, [start] { return start("/bin/echo", "x"); },
           [](pid_t process) { require(endPeers(process) == 0, "the status of a process"); });
-    });
+    })->Iterations(starts);
   }
-  const std::string whole = "process: start and reap, with the timer's pass" + open;
+}
+
+// One look of the timer.
+void addPass(const std::string& what) {
+  addProcessBenchmark(what + "/bound", fewDescriptors, [](benchmark::State& state) {
+    UNIX_Event_Semaphore event;
+    for (auto _ : state) {
+      require(event.wait(0, CUL_Event_Semaphore::Seconds, false), "a closed event");
+    }
+  });
+}
+
+void compareStarts(int descriptors) {
+  const std::string open = std::to_string(descriptors) + " descriptors open";
+  compareStartUntilItRuns(open, descriptors);
+  const std::string whole = "process: start and reap, with the timer's pass, " + open;
   addProcessBenchmark(whole + "/ours", descriptors, [](benchmark::State& state) {
     for (auto _ : state) {
       endOurs(*startOurs("/bin/true", ""));
@@ -208,6 +239,7 @@ void compareStarts(int descriptors) {
       require(endPeers(startPeers("/bin/true", "")) == 0, "the status of a process");
     }
   });
+  addPass(whole);
 }
 
 // What is started meanwhile reads from a pipe, and comes to its end with the scope.
@@ -235,7 +267,7 @@ class InputPipe {
 
 void comparePolls() {
   const std::string whole = "process: ask whether it runs, with the timer's pass";
-  addProcessBenchmark(whole + "/ours", 20, [](benchmark::State& state) {
+  addProcessBenchmark(whole + "/ours", fewDescriptors, [](benchmark::State& state) {
     auto input = std::make_optional<InputPipe>();
     const auto process = startOurs("/bin/cat", "-");
     for (auto _ : state) {
@@ -244,7 +276,7 @@ void comparePolls() {
     input.reset();
     endOurs(*process);
   });
-  addProcessBenchmark(whole + "/waitpid", 20, [](benchmark::State& state) {
+  addProcessBenchmark(whole + "/waitpid", fewDescriptors, [](benchmark::State& state) {
     auto input = std::make_optional<InputPipe>();
     const pid_t process = startPeers("/bin/cat", "-");
     for (auto _ : state) {
@@ -253,12 +285,42 @@ void comparePolls() {
     input.reset();
     require(endPeers(process) == 0, "the status of a process");
   });
+  addPass(whole);
+}
+
+// Whether the machine has so much and half of it to spare: what is resident is not all.
+bool hasRoomFor(std::size_t bytes) {
+  std::ifstream memory("/proc/meminfo");
+  for (std::string word; memory >> word;) {
+    std::size_t kilobytes = 0;
+    if (word == "MemAvailable:" && memory >> kilobytes) {
+      return kilobytes / 3 * 2 > bytes / 1024;
+    }
+  }
+  return false;
 }
 
 }  // namespace
 
+void compareResident(unsigned megabytes) {
+  const std::size_t size = std::size_t{megabytes} << 20;
+  if (!hasRoomFor(size)) {
+    std::fprintf(stderr, "There is no room for %u MB.\n", megabytes);
+    return;
+  }
+  if (size != 0) {
+    void* const memory =
+        mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    require(memory != MAP_FAILED, "mmap");
+    // In small pages, as what grew bit by bit.
+    madvise(memory, size, MADV_NOHUGEPAGE);
+    std::memset(memory, 1, size);
+  }
+  compareStartUntilItRuns(std::to_string(megabytes) + " MB resident", fewDescriptors);
+}
+
 void compareProcesses() {
-  compareStarts(20);
+  compareStarts(fewDescriptors);
   compareStarts(10000);
   comparePolls();
 }

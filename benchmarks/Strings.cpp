@@ -1,9 +1,13 @@
 #include <array>
+#include <atomic>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
+#include <thread>
 
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/StringPoolManager.h"
@@ -14,11 +18,31 @@ namespace {
 
 constexpr unsigned batch = 100;
 
+// How the rows scale: one thread beside one that sleeps, and several at work.
+constexpr int threadCounts[] = {1, 2, 4, 8};
+constexpr unsigned scalingBlock = 24;
+constexpr unsigned scalingText = 20;
+
 std::string bytes(unsigned n) { return std::to_string(n) + " bytes"; }
 
+std::string nameOf(Company company, int threads) {
+  return threads > 1 ? std::to_string(threads) + " threads" : nameOf(company);
+}
+
+std::string poolBlockCase(unsigned size, Company company, int threads) {
+  return "string pool: get and free " + bytes(size) + ", " + nameOf(company, threads);
+}
+
+auto mallocBlock(unsigned size) {
+  return [size] {
+    void* const block = std::malloc(size);
+    benchmark::DoNotOptimize(block);
+    std::free(block);
+  };
+}
+
 void comparePoolBlock(unsigned size, Company company, int threads) {
-  const std::string what = "string pool: get and free " + bytes(size) + ", " +
-                           (threads > 1 ? "two threads" : nameOf(company));
+  const std::string what = poolBlockCase(size, company, threads);
   compare(
       what,
       [size] {
@@ -27,13 +51,7 @@ void comparePoolBlock(unsigned size, Company company, int threads) {
         benchmark::DoNotOptimize(block);
         pool.freeBuffer(block, size);
       },
-      "malloc",
-      [size] {
-        void* const block = std::malloc(size);
-        benchmark::DoNotOptimize(block);
-        std::free(block);
-      },
-      threads);
+      "malloc", mallocBlock(size), threads);
   if (size > StringPoolManager::maximumPooledSize) {
     // What the pool passes such a request to.
     addPeer(
@@ -95,18 +113,128 @@ std::string onHeap(const char* text, std::size_t n) {
   return s;
 }
 
+std::string buildCase(unsigned n, Company company, int threads) {
+  return "EncodedString: build and destroy " + bytes(n) + ", " + nameOf(company, threads);
+}
+
+auto buildOurs(const std::string& text) {
+  return [text] {
+    const EncodedString s(text.data(), static_cast<unsigned>(text.size()), EncodedString::utf8);
+    benchmark::DoNotOptimize(static_cast<const char*>(s));
+  };
+}
+
+auto buildPeers(const std::string& text) {
+  return [text] {
+    const std::string s(text.data(), text.size());
+    benchmark::DoNotOptimize(s.data());
+  };
+}
+
+void compareBuildingAtOnce(unsigned n, int threads) {
+  const std::string text = prose(n);
+  compare(buildCase(n, Company::idle, threads), buildOurs(text), "std::string", buildPeers(text),
+          threads);
+}
+
+/// What one thread makes and another destroys. Both work on a batch at a time, so that what the
+/// queue itself costs is little; who finds no batch lets the other one run.
+template <class Value>
+class Queue {
+ public:
+  Queue() = default;
+  Queue(const Queue&) = delete;
+  Queue& operator=(const Queue&) = delete;
+  ~Queue() = default;
+
+  /// Has one more value made in its place.
+  template <typename Make>
+  void add(const Make& make) {
+    if (filled_ == 0) {
+      while (made_.load(std::memory_order_relaxed) - destroyed_.load(std::memory_order_acquire) ==
+             batches_.size()) {
+        std::this_thread::yield();
+      }
+    }
+    make(batchOf(made_.load(std::memory_order_relaxed))[filled_]);
+    if (++filled_ == batch) {
+      filled_ = 0;
+      made_.fetch_add(1, std::memory_order_release);
+    }
+  }
+
+  /// Hands an unfinished batch over as well; nothing may be added afterwards.
+  void close() {
+    made_.fetch_add(1, std::memory_order_release);
+    isClosed_.store(true, std::memory_order_release);
+  }
+
+  /// Destroys what is made, until the queue is closed and empty.
+  void drain() {
+    for (;;) {
+      const bool isLast = isClosed_.load(std::memory_order_acquire);
+      const std::size_t next = destroyed_.load(std::memory_order_relaxed);
+      if (made_.load(std::memory_order_acquire) != next) {
+        for (std::optional<Value>& value : batchOf(next)) {
+          value.reset();
+        }
+        destroyed_.fetch_add(1, std::memory_order_release);
+      } else if (isLast) {
+        return;
+      } else {
+        std::this_thread::yield();
+      }
+    }
+  }
+
+ private:
+  using Batch = std::array<std::optional<Value>, batch>;
+
+  Batch& batchOf(std::size_t n) { return batches_[n % batches_.size()]; }
+
+  std::array<Batch, 16> batches_;
+  unsigned filled_ = 0;  // of the batch that is being made
+  alignas(64) std::atomic<std::size_t> made_ = 0;
+  alignas(64) std::atomic<std::size_t> destroyed_ = 0;
+  std::atomic<bool> isClosed_ = false;
+};
+
+constexpr const char* passingCase = "EncodedString: build here, destroy there 20 bytes";
+
+template <class Value, typename Make>
+void addPassing(const std::string& side, Make make) {
+  benchmark::RegisterBenchmark((std::string(passingCase) + "/" + side).c_str(),
+                               [make](benchmark::State& state) {
+                                 const auto queue = std::make_unique<Queue<Value>>();
+                                 std::thread destroying([&] { queue->drain(); });
+                                 for (auto _ : state) {
+                                   queue->add(make);
+                                 }
+                                 queue->close();
+                                 destroying.join();
+                               })
+      ->UseRealTime();
+}
+
+void addPassingPeer(const std::string& peer) {
+  addPassing<std::string>(peer, [text = prose(scalingText)](std::optional<std::string>& place) {
+    place.emplace(text.data(), text.size());
+  });
+}
+
+void comparePassing() {
+  addPassing<EncodedString>(
+      "ours", [text = prose(scalingText)](std::optional<EncodedString>& place) {
+        place.emplace(text.data(), static_cast<unsigned>(text.size()), EncodedString::utf8);
+      });
+  addPassingPeer("std::string");
+}
+
 void compareBuilding(unsigned n, Company company) {
   const std::string state = bytes(n) + ", " + nameOf(company);
   const std::string text = prose(n);
   const char* const peer = n < 16 ? "std::string (in place)" : "std::string";
-  const auto ours = [text] {
-    const EncodedString s(text.data(), static_cast<unsigned>(text.size()), EncodedString::utf8);
-    benchmark::DoNotOptimize(static_cast<const char*>(s));
-  };
-  compare("EncodedString: build and destroy " + state, ours, peer, [text] {
-    const std::string s(text.data(), text.size());
-    benchmark::DoNotOptimize(s.data());
-  });
+  compare(buildCase(n, company, 1), buildOurs(text), peer, buildPeers(text));
   if (n < 16) {
     addPeer("EncodedString: build and destroy " + state, "std::string (heap)", [text] {
       const std::string s = onHeap(text.data(), text.size());
@@ -162,8 +290,10 @@ void compareAssignment(unsigned n) {
 void comparePieces(unsigned pieces, Company company) {
   const std::string piece = prose(8);
   const EncodedString oursPiece(piece.data(), 8, EncodedString::utf8);
+  const std::string what =
+      "EncodedString: append " + std::to_string(pieces) + " x 8 bytes, " + nameOf(company);
   compare(
-      "EncodedString: append " + std::to_string(pieces) + " x 8 bytes, " + nameOf(company),
+      what,
       [oursPiece, pieces] {
         EncodedString s;
         for (unsigned i = 0; i < pieces; ++i) {
@@ -179,6 +309,26 @@ void comparePieces(unsigned pieces, Company company) {
         }
         benchmark::DoNotOptimize(s.data());
       });
+  // A string owns memory for its length and not for more.
+  addBound(what, [piece, pieces] {
+    std::string s;
+    for (unsigned i = 0; i < pieces; ++i) {
+      std::string longer;
+      longer.reserve(s.size() + piece.size());
+      longer.append(s).append(piece);
+      s.swap(longer);
+    }
+    benchmark::DoNotOptimize(s.data());
+  });
+}
+
+// The hash whose values are stored: a chain of multiplications.
+unsigned fnv1a(const std::string& text) {
+  std::uint64_t hash = 0xcbf29ce484222325;
+  for (const char c : text) {
+    hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+  }
+  return static_cast<unsigned>(hash);
 }
 
 void compareReading(unsigned n) {
@@ -195,9 +345,13 @@ void compareReading(unsigned n) {
       "EncodedString: less, equal " + bytes(n),
       [ours, oursSame] { benchmark::DoNotOptimize(ours < oursSame); }, "std::string",
       [text, same] { benchmark::DoNotOptimize(text < same); });
+
+  const std::string hashing = "EncodedString: hash " + bytes(n);
+  require(ours.hashValue() == fnv1a(text), "hash");
   compare(
-      "EncodedString: hash " + bytes(n), [ours] { benchmark::DoNotOptimize(ours.hashValue()); },
-      "std::hash", [text] { benchmark::DoNotOptimize(std::hash<std::string>{}(text)); });
+      hashing, [ours] { benchmark::DoNotOptimize(ours.hashValue()); }, "std::hash",
+      [text] { benchmark::DoNotOptimize(std::hash<std::string>{}(text)); });
+  addBound(hashing, [text] { benchmark::DoNotOptimize(fnv1a(text)); });
 }
 
 void compareSearching(unsigned n) {
@@ -243,7 +397,11 @@ void compareStringPool(Company company) {
   comparePoolBatch(24, company);
   comparePoolBatch(64, company);
   if (company == Company::idle) {
-    comparePoolBlock(24, company, 2);
+    for (const int threads : threadCounts) {
+      if (threads > 1) {
+        comparePoolBlock(scalingBlock, company, threads);
+      }
+    }
     comparePoolBlock(100, company, 2);
   }
 }
@@ -254,10 +412,29 @@ void compareStrings(Company company) {
   }
   comparePieces(16, company);
   if (company == Company::idle) {
+    for (const int threads : threadCounts) {
+      if (threads > 1) {
+        compareBuildingAtOnce(scalingText, threads);
+      }
+    }
+    comparePassing();
     for (const unsigned n : {8U, 32U, 4096U}) {
       compareAssignment(n);
       compareReading(n);
       compareSearching(n);
     }
   }
+}
+
+void addStringPeers(const std::string& allocator) {
+  for (const int threads : threadCounts) {
+    addPeer(poolBlockCase(scalingBlock, Company::idle, threads), allocator,
+            mallocBlock(scalingBlock), threads);
+  }
+  const std::string peer = "std::string, " + allocator;
+  for (const int threads : threadCounts) {
+    addPeer(buildCase(scalingText, Company::idle, threads), peer, buildPeers(prose(scalingText)),
+            threads);
+  }
+  addPassingPeer(peer);
 }

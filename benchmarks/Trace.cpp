@@ -59,5 +59,8 @@ void compareTrace() {
   require(isTraced(TraceType::agent) && !isTraced(TraceType::gde), "trace types");
   // The name of the peer tells the table that it is no rival but the loop's own cost.
   compare("trace: test of a type that is off", traceDisabled, "empty loop", emptyLoop);
-  compare("trace: one line to a file", traceEnabled, "spdlog", spdlogEnabled);
+}
+
+void compareTraceLine(const std::string& company) {
+  compare("trace: one line to a file, " + company, traceEnabled, "spdlog", spdlogEnabled);
 }

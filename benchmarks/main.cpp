@@ -1,6 +1,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <dlfcn.h>
 #include <filesystem>
 #include <string>
 #include <sys/single_threaded.h>
@@ -14,10 +15,14 @@
 #include "benchmarks/Comparison.h"
 
 /// \file
-/// Usage: cul_bench alone|company [options of Google Benchmark]
-///
-/// "company" measures everything with a second, sleeping thread alive; "alone" measures, in
-/// a process of one thread, the cases where that makes a difference.
+/// Usage: cul_bench kind [options of Google Benchmark]
+///   alone               in a process of one thread, the cases where that makes a difference
+///   company             everything, with a second, sleeping thread alive
+///   threads COUNT       what may depend on the number of threads, with so many more
+///   processes COUNT     the process table, with so many child processes
+///   resident MEGABYTES  the start of a process while so much is resident
+///   allocator NAME      the peers that allocate memory, on a preloaded allocator whose library's
+///                       file name contains the NAME
 
 namespace {
 
@@ -63,7 +68,7 @@ void compareAlone() {
   compareLocks(Company::alone);
 }
 
-void compareInCompany() {
+void startCompany() {
   // The settings are made before there is a second thread.
   DebuggerSettings::instance();
   std::thread([] {
@@ -71,6 +76,9 @@ void compareInCompany() {
       pause();
     }
   }).detach();
+}
+
+void compareInCompany() {
   compareStringPool(Company::idle);
   compareStrings(Company::idle);
   compareUnicode();
@@ -83,11 +91,47 @@ void compareInCompany() {
   compareTrace();
   compareConsole();
   compareProcesses();
-  compareProcessTable();
+  compareArguments();
   compareFiles();
   compareSettings();
   compareProperties();
   compareStartup();
+}
+
+void requireAllocator(const std::string& name) {
+  void* const allocate = dlsym(RTLD_DEFAULT, "malloc");
+  Dl_info where = {};
+  require(dladdr(allocate, &where) != 0 && std::strstr(where.dli_fname, name.c_str()) != nullptr,
+          name + " is preloaded");
+}
+
+// Registers the cases that the arguments ask for.
+bool choose(const std::string& kind, const std::string& argument) {
+  if (kind == "alone" && argument.empty()) {
+    compareAlone();
+    return true;
+  }
+  const bool isCount =
+      !argument.empty() && argument.find_first_not_of("0123456789") == argument.npos;
+  const auto count = static_cast<unsigned>(isCount ? std::stoul(argument) : 0);
+  if (kind == "processes" && isCount) {
+    // Before there are threads, which would not sleep in the children.
+    compareManyProcesses(count);
+  }
+  startCompany();
+  if (kind == "company" && argument.empty()) {
+    compareInCompany();
+  } else if (kind == "threads" && isCount) {
+    compareManyThreads(count);
+  } else if (kind == "resident" && isCount) {
+    compareResident(count);
+  } else if (kind == "allocator" && !argument.empty()) {
+    requireAllocator(argument);
+    addStringPeers(argument);
+  } else {
+    return kind == "processes" && isCount;
+  }
+  return true;
 }
 
 }  // namespace
@@ -96,17 +140,15 @@ int main(int argc, char** argv) {
   const Folder folder;
   chooseEnvironment(folder.path());
   benchmark::Initialize(&argc, argv);
-  const std::string company = argc == 2 ? argv[1] : "";
-  if (company == "alone") {
-    compareAlone();
-  } else if (company == "company") {
-    compareInCompany();
-  } else {
-    std::fprintf(stderr, "usage: cul_bench alone|company [--benchmark_...]\n");
+  const std::string kind = argc >= 2 ? argv[1] : "";
+  if (argc > 3 || !choose(kind, argc == 3 ? argv[2] : "")) {
+    std::fprintf(stderr,
+                 "usage: cul_bench alone | company | threads COUNT | processes COUNT |\n"
+                 "                 resident MEGABYTES | allocator NAME   [--benchmark_...]\n");
     return 2;
   }
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();
-  require((__libc_single_threaded != 0) == (company == "alone"), "threads of the process");
+  require((__libc_single_threaded != 0) == (kind == "alone"), "threads of the process");
   return 0;
 }

@@ -1,30 +1,50 @@
 #!/usr/bin/env python3
-"""Turns results of Google Benchmark into one table of ratios to peers.
+"""Turns results of Google Benchmark into one table of ratios to peers, beside a stored one.
 
-usage: table.py FILE...   (JSON with aggregates; the files follow each other in the table)
+usage: table.py [--stored FILE] [--store] [--machine KIND] RESULT...
+  RESULT     JSON with aggregates; the files follow each other in the table, except that a peer
+             comes to its case
+  --stored   the table of an earlier run, with which this one is compared
+  --store    this run becomes the stored one
+  --machine  in place of this machine's kind: model of the processor and number of cores
 
-A benchmark's name is its case, "/" and "ours" or the peer's name. Times are medians: of the
-CPU time for one thread, of the wall time per operation of all threads for several.
+A benchmark's name is its case, "/" and "ours", "bound" or the peer's name. Times are medians: of
+the CPU time for one thread, of the wall time per operation of all threads for several.
+
+A row is worse than the stored one when its ratio to the peer has grown by more than a tenth: the
+peer tells how fast the machine is today. Runs of two kinds of machine are not compared.
 """
 
+import argparse
+import datetime
 import json
+import os
 import re
 import sys
 
 SLOWER = 1.05
+# The ratio to the peer, by the stored ratio.
+WORSE = 1.10
 # The aim for a test of a trace type that is off, on top of the loop around it.
 EMPTY_LOOP = "empty loop"
 MOST_NS_OVER_EMPTY_LOOP = 1.0
 # Repetitions that differ as much (standard deviation by mean) say little.
 NOISY = 0.10
 
-NAME = re.compile(r"^(?P<case>.+?)/(?P<side>[^/]+)(?:/(?:threads:\d+|real_time))*$")
+NAME = re.compile(r"^(?P<case>.+?)/(?P<side>[^/]+)(?:/(?:[a-z_]+:[\d.]+|real_time))*$")
 NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
+NUMBERS = ("ours ns", "peer ns", "ratio", "bound", "stored")
 
 
-def read(files):
-    """Yields (case, side, aggregate, value) in the order in which the benchmarks were made:
-    medians in nanoseconds, the cv as a fraction."""
+def machine_kind():
+    with open("/proc/cpuinfo", encoding="utf-8") as stream:
+        model = re.search(r"^model name\s*:\s*(.*)$", stream.read(), re.MULTILINE)
+    return f"{model[1] if model else 'unknown processor'}, {os.cpu_count()} cores"
+
+
+def read_results(files):
+    """{case: {side: {"median": nanoseconds, "cv": fraction}}} in the order of the benchmarks."""
+    results = {}
     for file in files:
         with open(file, encoding="utf-8") as stream:
             text = stream.read()
@@ -34,61 +54,129 @@ def read(files):
             if run.get("run_type") != "aggregate":
                 continue
             name = NAME.match(run["run_name"])
+            side = results.setdefault(name["case"], {}).setdefault(name["side"], {})
             time = "real_time" if "/real_time" in run["run_name"] else "cpu_time"
             if run["aggregate_name"] == "median":
-                yield name["case"], name["side"], "median", run[time] * NS[run["time_unit"]]
+                side["median"] = run[time] * NS[run["time_unit"]]
             elif run["aggregate_name"] == "cv":
-                yield name["case"], name["side"], "cv", run[time]
+                side["cv"] = run[time]
+    return results
 
 
-def mark(ours, peer, side, noisy):
+def is_slower(ours, peer, side, bound):
     if side == EMPTY_LOOP:
-        slower = ours - peer > MOST_NS_OVER_EMPTY_LOOP
-    else:
-        slower = ours > SLOWER * peer
-    return " ".join(word for word, true in (("SLOWER", slower), ("noisy", noisy)) if true)
+        return ours - peer > MOST_NS_OVER_EMPTY_LOOP
+    return ours > SLOWER * max(peer, bound)
 
 
-def rows(results):
+def make_rows(results, stored):
+    """Rows of the table; `stored` has ratios by case and peer."""
+    rows = []
     for case, sides in results.items():
-        ours = sides.get("ours")
+        ours = sides.get("ours", {})
+        bound = sides.get("bound", {}).get("median", 0)
         for side, peer in sides.items():
-            if side == "ours" or ours is None:
+            if side in ("ours", "bound") or "median" not in ours or "median" not in peer:
                 continue
-            noisy = max(ours.get("cv", 0), peer.get("cv", 0)) > NOISY
-            yield (
-                case,
-                f"{ours['median']:.2f}",
-                f"{peer['median']:.2f}",
-                side,
-                f"{ours['median'] / peer['median']:.2f}",
-                mark(ours["median"], peer["median"], side, noisy),
-            )
+            ratio = ours["median"] / peer["median"]
+            before = stored.get((case, side))
+            marks = {
+                "SLOWER": is_slower(ours["median"], peer["median"], side, bound),
+                "WORSE": before is not None and ratio > WORSE * before,
+                "noisy": max(ours.get("cv", 0), peer.get("cv", 0)) > NOISY,
+            }
+            rows.append({
+                "case": case,
+                "ours ns": f"{ours['median']:.2f}",
+                "peer ns": f"{peer['median']:.2f}",
+                "peer": side,
+                "ratio": f"{ratio:.2f}",
+                "bound": f"{bound / peer['median']:.2f}" if bound else "",
+                "stored": f"{before:.2f}" if before is not None else "",
+                "": " ".join(word for word, is_true in marks.items() if is_true),
+            })
+    return rows
+
+
+def table(rows, columns):
+    """The lines of a table. Two spaces and more are between columns, and nowhere else."""
+    lines = [dict(zip(columns, columns))] + rows
+    widths = {column: max(len(line[column]) for line in lines) for column in columns}
+    for line in lines:
+        yield "  ".join(
+            line[column].rjust(widths[column])
+            if column in NUMBERS
+            else line[column].ljust(widths[column])
+            for column in columns
+        ).rstrip()
+
+
+def count_line(rows):
+    slower = sum("SLOWER" in row[""] for row in rows)
+    return (
+        f"{len(rows)} comparisons, {slower} slower than {SLOWER:.2f} times the peer and the bound "
+        f"(for the empty loop: {MOST_NS_OVER_EMPTY_LOOP:.0f} ns above it); noisy: {NOISY:.0%} "
+        "deviation or more between repetitions."
+    )
+
+
+def read_stored(file):
+    """The kind of machine, the date and {(case, peer): (our time, the peer's)} of a stored run."""
+    with open(file, encoding="utf-8") as stream:
+        machine, date, _, _, *lines = stream.read().splitlines()
+    rows = [re.split(r" {2,}", line) for line in lines if "  " in line]
+    times = {(row[0], row[3]): (float(row[1]), float(row[2])) for row in rows}
+    return machine.removeprefix("machine: "), date.removeprefix("date: "), times
+
+
+def store(file, machine, rows):
+    for row in rows:
+        row[""] = " ".join(word for word in row[""].split() if word != "WORSE")
+    columns = ("case", "ours ns", "peer ns", "peer", "ratio", "bound", "")
+    lines = [f"machine: {machine}", f"date: {datetime.date.today()}", ""]
+    lines += table(rows, columns)
+    lines.append(count_line(rows))
+    with open(file, "w", encoding="utf-8") as stream:
+        stream.write("\n".join(lines) + "\n")
 
 
 def main():
-    if len(sys.argv) < 2:
-        sys.exit(__doc__)
-    results = {}
-    for case, side, aggregate, value in read(sys.argv[1:]):
-        results.setdefault(case, {}).setdefault(side, {})[aggregate] = value
-    body = list(rows(results))
-    if not body:
+    parser = argparse.ArgumentParser(usage=__doc__)
+    parser.add_argument("--stored")
+    parser.add_argument("--store", action="store_true")
+    parser.add_argument("--machine", default=machine_kind())
+    parser.add_argument("results", nargs="+")
+    arguments = parser.parse_args()
+
+    ratios = {}
+    said = "No stored run to compare with."
+    if arguments.stored and os.path.exists(arguments.stored):
+        machine, date, times = read_stored(arguments.stored)
+        if machine == arguments.machine:
+            ratios = {key: ours / peer for key, (ours, peer) in times.items()}
+            said = ""
+        else:
+            said = (
+                f"Not compared with the stored run: that is of another kind of machine ({machine}; "
+                f"this is {arguments.machine})."
+            )
+
+    rows = make_rows(read_results(arguments.results), ratios)
+    if not rows:
         sys.exit("No benchmark with a peer matches.")
-    table = [("case", "ours ns", "peer ns", "peer", "ratio", "")] + body
-    widths = [max(len(row[column]) for row in table) for column in range(6)]
-    for row in table:
-        cells = (
-            cell.rjust(width) if column in (1, 2, 4) else cell.ljust(width)
-            for column, (cell, width) in enumerate(zip(row, widths))
+    columns = ("case", "ours ns", "peer ns", "peer", "ratio", "bound")
+    print(*table(rows, columns + (("stored", "") if ratios else ("",))), sep="\n")
+    print(count_line(rows))
+    if not said:
+        worse = sum("WORSE" in row[""] for row in rows)
+        new = sum(row["stored"] == "" for row in rows)
+        said = (
+            f"{worse} worse than in the run of {date}: a ratio to the peer above {WORSE:.2f} times "
+            f"the stored one; {new} without a stored one."
         )
-        print("  ".join(cells).rstrip())
-    slower = sum("SLOWER" in row[5] for row in body)
-    print(
-        f"{len(body)} comparisons, {slower} slower than {SLOWER:.2f} times the peer (for the "
-        f"empty loop: {MOST_NS_OVER_EMPTY_LOOP:.0f} ns above it); noisy: "
-        f"{NOISY:.0%} deviation or more between repetitions."
-    )
+    print(said)
+    if arguments.store:
+        store(arguments.stored, arguments.machine, rows)
 
 
 if __name__ == "__main__":
