@@ -46,8 +46,9 @@ void addBenchmark(const std::string& name, Operation operation, int threads) {
         }
       });
   if (threads > 1) {
-    // What threads do to each other shows in the wall time only.
-    added->Threads(threads)->UseRealTime();
+    // What threads do to each other shows in the wall time only, and only while all of them run.
+    constexpr double seconds = 0.1;
+    added->Threads(threads)->UseRealTime()->MinTime(seconds);
   }
 }
 

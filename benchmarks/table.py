@@ -74,16 +74,16 @@ def make_rows(results, stored):
     rows = []
     for case, sides in results.items():
         ours = sides.get("ours", {})
-        bound = sides.get("bound", {}).get("median", 0)
+        bound = sides.get("bound", {})
         for side, peer in sides.items():
             if side in ("ours", "bound") or "median" not in ours or "median" not in peer:
                 continue
             ratio = ours["median"] / peer["median"]
             before = stored.get((case, side))
             marks = {
-                "SLOWER": is_slower(ours["median"], peer["median"], side, bound),
+                "SLOWER": is_slower(ours["median"], peer["median"], side, bound.get("median", 0)),
                 "WORSE": before is not None and ratio > WORSE * before,
-                "noisy": max(ours.get("cv", 0), peer.get("cv", 0)) > NOISY,
+                "noisy": max(times.get("cv", 0) for times in (ours, peer, bound)) > NOISY,
             }
             rows.append({
                 "case": case,
@@ -91,7 +91,7 @@ def make_rows(results, stored):
                 "peer ns": f"{peer['median']:.2f}",
                 "peer": side,
                 "ratio": f"{ratio:.2f}",
-                "bound": f"{bound / peer['median']:.2f}" if bound else "",
+                "bound": f"{bound['median'] / peer['median']:.2f}" if bound else "",
                 "stored": f"{before:.2f}" if before is not None else "",
                 "": " ".join(word for word, is_true in marks.items() if is_true),
             })
