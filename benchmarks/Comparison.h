@@ -30,6 +30,9 @@ inline const char* nameOf(Company company) {
   return company == Company::alone ? "lone thread" : "second thread idle";
 }
 
+/// How long several threads must work: they get to each other only while all of them run.
+constexpr double secondsTogether = 0.1;
+
 /// Registers `operation`, which is either one operation without arguments, measured in a
 /// loop, or a whole benchmark with a loop of its own.
 template <typename Operation>
@@ -46,9 +49,8 @@ void addBenchmark(const std::string& name, Operation operation, int threads) {
         }
       });
   if (threads > 1) {
-    // What threads do to each other shows in the wall time only, and only while all of them run.
-    constexpr double seconds = 0.1;
-    added->Threads(threads)->UseRealTime()->MinTime(seconds);
+    // What threads do to each other shows in the wall time only.
+    added->Threads(threads)->UseRealTime()->MinTime(secondsTogether);
   }
 }
 

@@ -194,16 +194,16 @@ class Queue {
 
   std::array<Batch, 16> batches_;
   unsigned filled_ = 0;  // of the batch that is being made
-  alignas(64) std::atomic<std::size_t> made_ = 0;
-  alignas(64) std::atomic<std::size_t> destroyed_ = 0;
+  std::atomic<std::size_t> made_ = 0;
+  std::atomic<std::size_t> destroyed_ = 0;
   std::atomic<bool> isClosed_ = false;
 };
 
-constexpr const char* passingCase = "EncodedString: build here, destroy there 20 bytes";
+const std::string passingCase = "EncodedString: build here, destroy there " + bytes(scalingText);
 
 template <class Value, typename Make>
 void addPassing(const std::string& side, Make make) {
-  benchmark::RegisterBenchmark((std::string(passingCase) + "/" + side).c_str(),
+  benchmark::RegisterBenchmark((passingCase + "/" + side).c_str(),
                                [make](benchmark::State& state) {
                                  const auto queue = std::make_unique<Queue<Value>>();
                                  std::thread destroying([&] { queue->drain(); });
@@ -213,7 +213,8 @@ void addPassing(const std::string& side, Make make) {
                                  queue->close();
                                  destroying.join();
                                })
-      ->UseRealTime();
+      ->UseRealTime()
+      ->MinTime(secondsTogether);
 }
 
 void addPassingPeer(const std::string& peer) {

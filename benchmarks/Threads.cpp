@@ -23,8 +23,9 @@
 
 namespace {
 
-class Sleeping : public Runnable {
+class Sleeping final : public Runnable {
  public:
+  virtual ~Sleeping() = default;
   int work() override {
     for (;;) {
       pause();
@@ -32,8 +33,9 @@ class Sleeping : public Runnable {
   }
 };
 
-class Nothing : public Runnable {
+class Nothing final : public Runnable {
  public:
+  virtual ~Nothing() = default;
   int work() override { return 0; }
 };
 

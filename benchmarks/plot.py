@@ -22,7 +22,7 @@ WALK = r"process table: all with arguments, (\d+) more processes"
 
 # Title, what the steps are, and the lines: a name, the row's case with its step, the side.
 PANELS = [
-    ("A string of 20 bytes built and destroyed", "threads at work", [
+    ("A string of 20 bytes built and destroyed", "threads at work on {cores}", [
         ("ours", BUILD, "ours"),
         ("std::string, glibc", BUILD, "std::string"),
         ("std::string, jemalloc", BUILD, "std::string, jemalloc"),
@@ -117,7 +117,8 @@ def panel(times, title, steps_name, lines):
 def main():
     if len(sys.argv) != 3:
         sys.exit(__doc__)
-    _, _, times = read_stored(sys.argv[1])
+    machine, _, times = read_stored(sys.argv[1])
+    cores = machine.split(", ")[-1]
     columns = 2
     rows = math.ceil(len(PANELS) / columns)
     svg = [
@@ -128,7 +129,7 @@ def main():
     for number, (title, steps_name, lines) in enumerate(PANELS):
         row, column = divmod(number, columns)
         svg.append(f'<g transform="translate({column * WIDTH} {row * HEIGHT})">')
-        svg += panel(times, title, steps_name, lines)
+        svg += panel(times, title, steps_name.format(cores=cores), lines)
         svg.append("</g>")
     svg.append("</svg>")
     with open(sys.argv[2], "w", encoding="utf-8") as stream:
