@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/env -S python3 -B
 """Draws how the rows of a stored run scale.
 
 usage: plot.py TABLE PICTURE   (what table.py has stored; an SVG)
