@@ -6,15 +6,29 @@
 
 #include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/OwnThread.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/utilities/UNIX/ThisThread.h"
 #include "Engine/utilities/UNIX/UNIXStdThread.h"
 
 namespace {
 
 constinit std::atomic<RunningThreads*> registry = nullptr;
 
+// An object with this id was registered or unregistered.
+void hasChanged(pthread_t id) noexcept {
+  if (id == thisThread()) {
+    OwnThread::forget();
+  } else if (id != 0) {
+    OwnThread::forgetAll();
+  }
+}
+
 }  // namespace
+
+constinit thread_local OwnThread::Found OwnThread::found_;
+constinit OwnThread::Generation OwnThread::generation_;
 
 RunningThreads& RunningThreads::instance() {
   RunningThreads* made = registry.load(std::memory_order_acquire);
@@ -34,6 +48,7 @@ void RunningThreads::append(StdThread* thread) {
       LockGuard guard(lock_, function, 24);
       if (threads_.count() < threads_.capacity()) {
         threads_.add(thread);
+        hasChanged(thread->threadId());
         return;
       }
       needed = threads_.count() + 1;
@@ -57,18 +72,24 @@ void RunningThreads::makeRoom(unsigned int needed) {
 void RunningThreads::remove(StdThread* thread) {
   const HoldRequests hold;  // nobody expects to end here
   const LockGuard guard(lock_, "void RunningThreads::remove(StdThread*)", 31);
-  threads_.remove(thread);
+  if (threads_.remove(thread)) {
+    hasChanged(thread->threadId());
+  }
 }
 
 StdThread* RunningThreads::find(pthread_t id) {
   const HoldRequests hold;  // nobody expects to end here
   const LockGuard guard(lock_, "StdThread* RunningThreads::find(pthread_t)", 38);
-  for (unsigned i = threads_.count(); i > 0; --i) {
+  StdThread* found = nullptr;
+  for (unsigned i = threads_.count(); i > 0 && found == nullptr; --i) {
     if (threads_[i - 1]->threadId() == id) {
-      return threads_[i - 1];
+      found = threads_[i - 1];
     }
   }
-  return nullptr;
+  if (id == thisThread()) {
+    OwnThread::note(found);
+  }
+  return found;
 }
 
 bool AcrossFork::holdThreads() noexcept {

@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/OwnThread.h"
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -79,7 +80,8 @@ int StdThread::requestTerminate() const {
 }
 
 StdThread* StdThread::currentThread() {
-  StdThread* own = RunningThreads::instance().find(pthread_self());
+  StdThread* own = OwnThread::isKnown() ? OwnThread::found()
+                                        : RunningThreads::instance().find(pthread_self());
   return own != nullptr ? own : thread1();
 }
 
@@ -99,6 +101,15 @@ StdThread* StdThread::thread1() {
     mainThread.store(made, std::memory_order_release);
   }
   return made;
+}
+
+// Of ids of other threads, only that of a new one is given to an object; see OwnThread.h.
+void StdThread::setThreadId(pthread_t id) noexcept {
+  const pthread_t former = threadId();
+  __atomic_store_n(&threadId_, id, __ATOMIC_RELEASE);
+  if (former == pthread_self() || id == pthread_self()) {
+    OwnThread::forget();
+  }
 }
 
 void** StdThread::_getKeyValue(const char* key) {

@@ -204,7 +204,7 @@ class CUL_EXPORT StdThread {
   static const std::size_t recoveryPointOffset_ __attribute__((visibility("hidden")));
   static const std::size_t recoveryArmedOffset_ __attribute__((visibility("hidden")));
 
-  void setThreadId(pthread_t id) noexcept { __atomic_store_n(&threadId_, id, __ATOMIC_RELEASE); }
+  __attribute__((visibility("hidden"))) void setThreadId(pthread_t id) noexcept;
 
   jmp_buf recoveryPoint_;
   ByteString name_;

@@ -9,6 +9,7 @@
 #include "Engine/utilities/AcrossFork.h"
 #include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/LockGuard.h"
+#include "Engine/utilities/OwnThread.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/Texts.h"
@@ -42,6 +43,12 @@ class RunningHere {
     RequestToEnd::own().drop();
   }
 };
+
+// The object of the calling thread as far as a request to end goes. Looks nothing up: a signal
+// handler asks, too.
+StdThread* objectOf(const RequestToEnd& request) {
+  return request.thread() != nullptr ? request.thread() : StdThread::thread1();
+}
 
 class Attributes {
  public:
@@ -167,6 +174,7 @@ __attribute__((no_sanitize("null"))) void* StdThreadRunFF(void* runRecord) {
     // The starter has stored the thread's id and lets the object go when this lock is free.
     LockGuard guard(StdThreadRun::startLock(), "void* StdThreadRunFF(void*)", __LINE__);
   }
+  OwnThread::forget();
   sigset_t none;
   sigemptyset(&none);
   pthread_sigmask(SIG_SETMASK, &none, nullptr);
@@ -189,8 +197,7 @@ __attribute__((no_sanitize("null"))) void* StdThreadRunFF(void* runRecord) {
 void StdThreadRun::diversionReturned(void* result) {
   const KeepErrno keepErrno;
   RequestToEnd& request = RequestToEnd::own();
-  const StdThread* const self =
-      request.thread() != nullptr ? request.thread() : StdThread::thread1();
+  const StdThread* const self = objectOf(request);
   if (request.canEndAtReturn() && __atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) == 0) {
     request.dispose(result);
     end();
@@ -205,7 +212,7 @@ void StdThread::sigUSR2handler(int) {
   if (request.isTooLate()) {
     return;
   }
-  StdThread* const self = request.thread() != nullptr ? request.thread() : thread1();
+  StdThread* const self = objectOf(request);
   if (__atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) != 0) {
     __atomic_store_n(&self->terminationPending_, 1, __ATOMIC_RELAXED);
     if (requestIsPending) {
@@ -220,8 +227,7 @@ void StdThread::sigUSR2handler(int) {
 
 void StdThreadRun::endIfAsked() {
   const RequestToEnd& request = RequestToEnd::own();
-  const StdThread* const self =
-      request.thread() != nullptr ? request.thread() : StdThread::thread1();
+  const StdThread* const self = objectOf(request);
   if (requestIsPending && __atomic_load_n(&self->blockCount_, __ATOMIC_RELAXED) == 0 &&
       request.canEndInCall()) {
     end();
