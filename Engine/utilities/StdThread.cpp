@@ -80,8 +80,8 @@ int StdThread::requestTerminate() const {
 }
 
 StdThread* StdThread::currentThread() {
-  StdThread* own = OwnThread::isKnown() ? OwnThread::found()
-                                        : RunningThreads::instance().find(pthread_self());
+  StdThread* own =
+      OwnThread::isKnown() ? OwnThread::found() : RunningThreads::instance().find(pthread_self());
   return own != nullptr ? own : thread1();
 }
 
