@@ -139,8 +139,23 @@ thread_local struct TheEnd {
   }
 } theEnd;
 
-// Starts and ends threads of both kinds, and makes and destroys objects.
+// Starts and ends threads of both kinds, one of them on request, and makes and destroys objects.
 void cause() {
+  std::atomic<bool> isThere = false;
+  StdThread::Termination termination;
+  const std::unique_ptr<StdThread> asked(new FunctionThread(
+      [&isThere] {
+        static_cast<void>(StdThread::currentThread());
+        isThere = true;
+        for (;;) {
+          pause();
+        }
+      },
+      &termination));
+  asked->start_thread(0);
+  waitUntil([&isThere] { return isThere.load(); });
+  EXPECT_EQ(asked->requestTerminate(), 0);
+  EXPECT_EQ(termination.wait(0), 0);
   runOnThread([] { static_cast<void>(StdThread::currentThread()); });
   std::thread([] { static_cast<void>(StdThread::currentThread()); }).join();
   const FunctionThread never([] {});
@@ -218,6 +233,13 @@ TEST(CurrentThread, FollowsWhatAnotherThreadDoesToItsObject) {
     registry.append(thread.object());
   }
   EXPECT_EQ(thread.current(), thread.object());
+}
+
+TEST(CurrentThread, IsNotWhatTheThreadFindsForAnotherId) {
+  const ObedientThread other;
+  EXPECT_EQ(StdThread::currentThread(), StdThread::thread1());
+  EXPECT_EQ(RunningThreads::instance().find(other.object()->threadId()), other.object());
+  EXPECT_EQ(StdThread::currentThread(), StdThread::thread1());
 }
 
 TEST(CurrentThread, FollowsWhatAnotherThreadDoesToTheMainObject) {
