@@ -36,6 +36,15 @@ __attribute__((constructor)) void prepareForFailures() {
   watchForExit();
 }
 
+// Told to ignore what it ignores already, the system goes through all threads to take away what
+// they have pending.
+void ignoreSignal(int number) {
+  struct sigaction present = {};
+  if (sigaction(number, nullptr, &present) != 0 || present.sa_handler != SIG_IGN) {
+    signal(number, SIG_IGN);
+  }
+}
+
 [[noreturn]] void failProcess() {
   dumpModulesAndChain(false);
   endProcess(1, HoldRequests::level() != 0);
@@ -56,8 +65,8 @@ void registerErrorHandlers() {
   registerHandlerForSignal(SIGTRAP);
   registerHandlerForSignal(SIGHUP);
   registerHandlerForSignal(SIGTERM);
-  signal(SIGPIPE, SIG_IGN);
-  signal(SIGTTIN, SIG_IGN);
+  ignoreSignal(SIGPIPE);
+  ignoreSignal(SIGTTIN);
   registerHandlerForSignal(SIGABRT);
   registerHandlerForSignal(SIGFPE);
   registerHandlerForSignal(SIGILL);

@@ -750,6 +750,26 @@ TEST(StdPipe, KeepsTheCallersSigpipeHandlerWhenItWrites) {
   EXPECT_EQ(occurrences(r.trace, "**ERROR"), 0U);
 }
 
+CUL_CHILD(PipeWithAPendingSignal) {
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t one;
+  sigemptyset(&one);
+  sigaddset(&one, SIGPIPE);
+  pthread_sigmask(SIG_BLOCK, &one, nullptr);
+  // Blocked, also an ignored signal waits.
+  pthread_kill(pthread_self(), SIGPIPE);
+  const StdPipe pipe;
+  (void)pipe.write("x", 1);
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_EQ(sigismember(&pending, SIGPIPE), 1);
+}
+
+TEST(StdPipe, LeavesASigpipeAloneThatIsIgnoredAndPendingWhenItWrites) {
+  const TracedChildResult r = runTracedChild("PipeWithAPendingSignal");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+}
+
 TEST(StdPipe, FailsWithoutATraceToo) {
   for (const char* const name : {"PipeWriteToClosedEnd", "PipeReadFromClosedEnd"}) {
     const ChildResult r = runChild(name);

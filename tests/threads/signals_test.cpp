@@ -166,6 +166,27 @@ TEST(registerErrorHandlers, LetsTheFaultsOfSeveralThreadsFindTheHandler) {
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
+CUL_CHILD(PendingIgnoredSignals) {
+  sigset_t both;
+  sigemptyset(&both);
+  sigaddset(&both, SIGPIPE);
+  sigaddset(&both, SIGTTIN);
+  pthread_sigmask(SIG_BLOCK, &both, nullptr);
+  // Blocked, also an ignored signal waits.
+  pthread_kill(pthread_self(), SIGPIPE);
+  pthread_kill(pthread_self(), SIGTTIN);
+  runOnThread([] {});
+  sigset_t pending;
+  sigpending(&pending);
+  EXPECT_EQ(sigismember(&pending, SIGPIPE), 1);
+  EXPECT_EQ(sigismember(&pending, SIGTTIN), 1);
+}
+
+TEST(registerErrorHandlers, LeavesAloneWhatIsIgnoredAndWhatOtherThreadsHavePendingOfIt) {
+  const ChildResult child = untracedChild("PendingIgnoredSignals");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
 CUL_CHILD(HandlersOfAThread) {
   for (const int number : handledSignals) {
     signal(number, number == SIGHUP ? SIG_IGN : SIG_DFL);
