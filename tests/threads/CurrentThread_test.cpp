@@ -373,6 +373,45 @@ TEST(CurrentThread, OfAForeignThreadWithTheIdOfAFormerThreadIsMain) {
   EXPECT_GT(reused, 0U);
 }
 
+TEST(CurrentThread, IsItselfOnEachOfManyThreadsAtOnceWhileTheyEndOneByOne) {
+  constexpr unsigned count = 300;
+  std::atomic<unsigned> ready = 0;
+  std::atomic<unsigned> mayEnd = 0;
+  std::atomic<unsigned> wrong = 0;
+  class Member : public StdThread {
+   public:
+    Member(Termination* termination, std::function<void(const StdThread*)> body)
+        : StdThread("member", 0, termination), body_(std::move(body)) {}
+    void run() override { body_(this); }
+
+   private:
+    std::function<void(const StdThread*)> body_;
+  };
+  std::vector<StdThread::Termination> terminations(count);
+  std::mutex mutex;
+  std::condition_variable changed;
+  for (unsigned i = 0; i < count; ++i) {
+    (new Member(&terminations[i], [&, i](const StdThread* self) {
+      wrong += StdThread::currentThread() == self ? 0 : 1;
+      ++ready;
+      std::unique_lock lock(mutex);
+      changed.wait(lock, [&mayEnd, i] { return mayEnd > i; });
+      wrong += StdThread::currentThread() == self ? 0 : 1;
+    }))->start_thread(0);
+  }
+  waitUntil([&ready] { return ready == count; });
+  for (unsigned i = 0; i < count; ++i) {
+    {
+      const std::lock_guard lock(mutex);
+      mayEnd = i + 1;
+    }
+    changed.notify_all();
+    EXPECT_EQ(terminations[i].wait(0), 0);
+    EXPECT_EQ(StdThread::currentThread(), StdThread::thread1());
+  }
+  EXPECT_EQ(wrong, 0U);
+}
+
 // The thread sanitizer looks on.
 TEST(CurrentThread, IsRightOnManyThreadsWhileTheRegistryChangesAllTheTime) {
   constexpr unsigned count = 3;
