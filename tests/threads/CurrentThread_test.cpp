@@ -1,5 +1,6 @@
 #include <atomic>
 #include <condition_variable>
+#include <dlfcn.h>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -417,8 +418,9 @@ TEST(CurrentThread, IsRightOnManyThreadsWhileTheRegistryChangesAllTheTime) {
   EXPECT_EQ(wrong, 0U);
 }
 
-// The thread sanitizer calls these functions itself, before it can bear to see what they do.
-#if !defined(__SANITIZE_THREAD__)
+// The sanitizers call these functions themselves, before there is a thread and before they can
+// bear to see what the functions do.
+#if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
 namespace {
 
 // Called by a new thread before the library lets it run, with the lock of starts held elsewhere.
@@ -436,11 +438,15 @@ extern "C" int sigaltstack(const stack_t* stack, stack_t* former) noexcept {
 }
 
 // The starter calls it between the creation of the thread and the note of its id.
-extern "C" int pthread_attr_destroy(pthread_attr_t*) noexcept {
+extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
   if (beforeTheStart.load() != nullptr) {
     waitUntil([] { return isBeforeTheStart.load(); });
   }
-  return 0;
+  static constinit std::atomic<void*> next = nullptr;
+  if (next.load() == nullptr) {
+    next = dlsym(RTLD_NEXT, "pthread_attr_destroy");
+  }
+  return reinterpret_cast<int (*)(pthread_attr_t*)>(next.load())(attributes);
 }
 
 TEST(CurrentThread, IsFoundByAThreadThatHasLookedBeforeItWasLetGo) {
