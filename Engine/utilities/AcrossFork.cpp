@@ -23,7 +23,7 @@ constexpr AcrossFork::Participant AcrossFork::participants[] = {
     {holdLoader, releaseLoader, nullptr},
     {holdEvents, releaseEvents, renewEvents},
     {holdStarts, releaseStarts, renewStarts},
-    {holdStrings, releaseStrings, nullptr},
+    {holdStrings, releaseStrings, renewStrings},
     {holdTrace, releaseTrace, nullptr},
     {holdThreads, releaseThreads, renewThreads},
     {holdConversions, releaseConversions, nullptr},

@@ -107,6 +107,7 @@ class AcrossFork {
   static void renewStarts() noexcept;
   static bool holdStrings() noexcept;
   static void releaseStrings() noexcept;
+  static void renewStrings() noexcept;
   static bool holdTrace() noexcept;
   static void releaseTrace() noexcept;
   static bool holdThreads() noexcept;

@@ -10,6 +10,7 @@
 #include "Engine/utilities/OwnThread.h"
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdException.h"
+#include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/HeldLock.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
@@ -132,6 +133,7 @@ void StdThread::longjmp(int value, int keepArmed) {
   }
   recoveryArmed_ = keepArmed != 0;
   abandonTraceLines();
+  StringPoolManager::abandon();
   LeafLock::abandon();
   HoldRequests::leaveAll();
   ::longjmp(recoveryPoint_, value);

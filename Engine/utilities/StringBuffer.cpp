@@ -12,6 +12,8 @@
 
 #include "Engine/utilities/Checksums.h"
 #include "Engine/utilities/StringPoolManager.h"
+#include "Engine/utilities/StringStock.h"
+#include "Engine/utilities/UNIX/RequestToEnd.h"
 
 namespace {
 
@@ -28,6 +30,32 @@ unsigned blockSize(std::uint64_t elements) {
     throw std::bad_alloc();
   }
   return static_cast<unsigned>(bytes);
+}
+
+// What the pool does most of the time, without a call: takes a block out of the thread's stock, and
+// puts one in.
+// \return null when the pool must do it: there is no stock or no block in it, the size is one
+//   for the heap, or the thread was asked to end.
+[[gnu::always_inline]] inline void* getFromStock(unsigned size) noexcept {
+  StringStock* const stock = ownStock;
+  if (stock == nullptr || size > StringPoolManager::maximumPooledSize || requestIsPending) {
+    return nullptr;
+  }
+  const unsigned sizeClass = StringStock::classOf(size);
+  return stock->count(sizeClass) != 0 ? stock->take(sizeClass) : nullptr;
+}
+
+[[gnu::always_inline]] inline bool giveToStock(void* block, unsigned size) noexcept {
+  StringStock* const stock = ownStock;
+  if (stock == nullptr || size > StringPoolManager::maximumPooledSize) {
+    return false;
+  }
+  const unsigned sizeClass = StringStock::classOf(size);
+  if (stock->count(sizeClass) == StringStock::bound) {
+    return false;
+  }
+  stock->put(sizeClass, block);
+  return true;
 }
 
 // Null pointers come with empty pieces only.
@@ -174,15 +202,21 @@ constexpr bool isDecimalDigit(T c) noexcept {
 
 template <class T>
 T* StringBuffer<T>::getBlock(unsigned n) {
-  T* block = static_cast<T*>(StringPoolManager::instance().getBuffer(blockSize<T>(n)));
-  block[n] = 0;
-  return block;
+  const unsigned size = blockSize<T>(n);
+  void* block = getFromStock(size);
+  if (block == nullptr) [[unlikely]] {
+    block = StringPoolManager::instance().getBuffer(size);
+  }
+  static_cast<T*>(block)[n] = 0;
+  return static_cast<T*>(block);
 }
 
 template <class T>
 void StringBuffer<T>::freeBlock(T* block, unsigned n) noexcept {
-  StringPoolManager::instance().freeBuffer(block,
-                                           static_cast<unsigned>((n + std::size_t{1}) * sizeof(T)));
+  const auto size = static_cast<unsigned>((n + std::size_t{1}) * sizeof(T));
+  if (!giveToStock(block, size)) [[unlikely]] {
+    StringPoolManager::instance().freeBuffer(block, size);
+  }
 }
 
 template <class T>

@@ -19,6 +19,8 @@
 /// new-handler may use strings on the thread that it is called on; it must not wait for another
 /// thread that does.
 
+class StringStock;
+
 class CUL_EXPORT StringPoolManager {
  public:
   /// Requests above this many bytes go to the heap.
@@ -48,6 +50,10 @@ class CUL_EXPORT StringPoolManager {
   /// threads that need a small block wait: time and cache misses grow with the result.
   [[nodiscard]] unsigned freeBlocks(unsigned size);
 
+  /// Gives the pool's lock back when the calling thread has it, which will never return to where it
+  /// took it. Internal to the library.
+  [[gnu::visibility("hidden")]] static void abandon() noexcept;
+
  private:
   struct FreeBlock {
     FreeBlock* next;
@@ -64,9 +70,22 @@ class CUL_EXPORT StringPoolManager {
   static StringPoolManager& makeInstance();
   static SizeClass classOf(unsigned size) noexcept;
   FreeBlock* pop(SizeClass wanted);
-  void push(SizeClass given, void* p) noexcept;
+  void push(SizeClass given, void* p);
   FreeBlock* refill(SizeClass empty);
   FreeBlock* refillFromHeap(SizeClass empty);
+
+  [[gnu::visibility("hidden"), gnu::noinline]] void* getUnusual(unsigned size);
+  [[gnu::visibility("hidden"), gnu::noinline]] void* getFromLists(SizeClass wanted);
+  [[gnu::visibility("hidden"), gnu::noinline]] void giveToHeap(void* p);
+  [[gnu::visibility("hidden"), gnu::noinline]] void giveToLists(SizeClass given, void* p);
+  [[gnu::visibility("hidden")]] FreeBlock* popFromList(SizeClass wanted) noexcept;
+  [[gnu::visibility("hidden")]] void pushToList(SizeClass given, void* p) noexcept;
+  [[gnu::visibility("hidden")]] FreeBlock* popBatch(SizeClass wanted) noexcept;
+  [[gnu::visibility("hidden")]] StringStock* stock();
+  [[gnu::visibility("hidden")]] void shed(StringStock& stock, unsigned sizeClass,
+                                          unsigned n) noexcept;
+  [[gnu::visibility("hidden")]] void leave(StringStock& stock) noexcept;
+  [[gnu::visibility("hidden")]] static void leaveOwnStock(void* stock) noexcept;
 
   static std::atomic<StringPoolManager*> theInstance_;
 

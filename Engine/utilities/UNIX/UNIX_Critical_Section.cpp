@@ -45,6 +45,13 @@ void UNIX_Critical_Section::release(const char* file, unsigned int line) {
   }
 }
 
+void UNIX_Critical_Section::abandon(const char* file, unsigned int line) noexcept {
+  if (__atomic_load_n(&owner_, __ATOMIC_ACQUIRE) == thisThread()) {
+    count_ = 1;
+    release(file, line);
+  }
+}
+
 void UNIX_Critical_Section::refuse(const char* file, unsigned int line) const {
   const int error = errno;
   // The text speaks of a creation although nothing is created: deliberate.
