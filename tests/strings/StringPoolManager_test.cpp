@@ -25,64 +25,11 @@
 
 #include "Engine/utilities/StringBuffer.h"
 
+#include "tests/strings/PoolBlocks.h"
 #include "tests/support/Child.h"
 #include "tests/support/Famine.h"
 
 namespace {
-
-constexpr unsigned classes[] = {8, 16, 24, 32, 48, 64};
-
-using Counts = std::vector<unsigned>;
-
-StringPoolManager& pool() { return StringPoolManager::instance(); }
-
-// Blocks taken from the pool until the end of the scope.
-class Blocks {
- public:
-  Blocks() = default;
-  Blocks(const Blocks&) = delete;
-  Blocks& operator=(const Blocks&) = delete;
-  ~Blocks() {
-    for (const auto& [block, size] : sizes_) {
-      pool().freeBuffer(block, size);
-    }
-  }
-
-  char* take(unsigned size) {
-    void* const block = pool().getBuffer(size);
-    EXPECT_TRUE(sizes_.emplace(block, size).second) << "given out twice";
-    return static_cast<char*>(block);
-  }
-
-  void give(char* block, unsigned size) {
-    EXPECT_EQ(sizes_.erase(block), 1U);
-    pool().freeBuffer(block, size);
-  }
-
-  // Takes whatever earlier users of the pool have left on its lists.
-  void drain();
-
- private:
-  std::map<void*, unsigned> sizes_;
-};
-
-// Free blocks of 8, 16, 24, 32, 48 and 64 bytes.
-Counts counts() {
-  Counts result;
-  for (const unsigned size : classes) {
-    result.push_back(pool().freeBlocks(size));
-  }
-  return result;
-}
-
-void Blocks::drain() {
-  for (const unsigned size : classes) {
-    while (pool().freeBlocks(size) != 0) {
-      take(size);
-    }
-  }
-  ASSERT_EQ(counts(), (Counts{0, 0, 0, 0, 0, 0}));
-}
 
 CUL_CHILD(PoolFirstEightBytes) {
   Blocks blocks;
