@@ -59,6 +59,9 @@
 ///   an end. The child makes its own. Runs that the parent had started never end there, and its
 ///   spawned processes are not the child's to wait for.
 /// - An object without a lock is as the threads left it.
+/// - The stocks of free blocks that threads keep in front of the string pool have no lock. They go
+///   back to the pool's lists in the child, those of threads that it does not have and the forking
+///   thread's as well: a stock can be read whatever its thread was doing (see StringStock.h).
 ///
 /// **The trace** of the child writes into the parent's file until it is told of the fork by
 /// TraceImplementation::processForked().

@@ -10,8 +10,8 @@
 /// A buffer owns exactly length() elements and, behind them, one element of value 0, so
 /// that it can be handed to system calls as it is; elements of value 0 inside are ordinary
 /// elements. There is no spare capacity: every change of length takes a new block from
-/// the StringPoolManager; with up to 64 bytes, the final element included, it comes from lists
-/// that all threads share under a lock. An empty buffer owns nothing.
+/// the StringPoolManager; with up to 64 bytes, the final element included, it comes most of the
+/// time from a stock of the calling thread's own, without a lock. An empty buffer owns nothing.
 ///
 /// Positions are 1-based, and 0 means "not found" in every search. Positions out of range
 /// are not reported: searches give 0, edits change nothing, missing elements are padded.

@@ -258,7 +258,7 @@ StringPoolManager::FreeBlock* StringPoolManager::popBatch(SizeClass wanted) noex
   void* behind[StringStock::batch];
   unsigned n = 0;
   FreeBlock* rest = freeLists_[wanted];
-  for (; n < StringStock::batch && rest != nullptr; rest = rest->next) {
+  for (; n < StringStock::batch - 1 && rest != nullptr; rest = rest->next) {
     behind[n++] = rest;
   }
   commit(freeLists_[wanted], rest);

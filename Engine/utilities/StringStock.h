@@ -17,9 +17,9 @@
 
 class StringStock {
  public:
+  /// The pool's classes: blocks of 8, 16, 24, 32, 48 and 64 bytes.
   static constexpr unsigned classes = 6;
-  /// Which of them serves requests of `size` bytes, up to 64: the blocks have 8, 16, 24, 32, 48 and
-  /// 64.
+  /// Which of them serves requests of `size` bytes, up to 64.
   static unsigned classOf(unsigned size) noexcept {
     constexpr unsigned granule = 8;
     static constexpr unsigned char serving[] = {0, 0, 1, 2, 3, 4, 4, 5, 5};
