@@ -620,10 +620,15 @@ CUL_CHILD(StocksAcrossFork) {
 CUL_CHILD(StocksAcrossForkAtWork) {
   haveHadASecondThread();
   Blocks blocks;
-  HandedOut handedOut(blocks);
-  HandedOut more(blocks);
-  handedOut.free();
-  more.free();
+  // More than all threads together can use and keep: no other blocks are split for them.
+  constexpr unsigned lots = 5 * many;
+  std::deque<HandedOut> handedOut;
+  for (unsigned n = 0; n < lots; n += many) {
+    handedOut.emplace_back(blocks);
+  }
+  for (HandedOut& each : handedOut) {
+    each.free();
+  }
   // The blocks of 24 bytes go to and fro, most of the time all of them through stocks.
   std::atomic<bool> mayEnd = false;
   std::vector<std::thread> threads;
@@ -643,12 +648,12 @@ CUL_CHILD(StocksAcrossForkAtWork) {
     });
   }
   for (int i = 0; i < 30; ++i) {
-    expectInForked([] {
+    expectInForked([&] {
       // What a worker was using, it uses no more; whatever else is there can be had.
       constexpr unsigned inUse = workers * 40;
       const unsigned left = counts()[2];
-      EXPECT_LE(left, 2 * many);
-      EXPECT_GE(left, 2 * many - inUse);
+      EXPECT_LE(left, lots);
+      EXPECT_GE(left, lots - inUse);
       Blocks used;
       for (unsigned n = 0; n < left; ++n) {
         std::memset(used.take(24), 0x55, 24);
@@ -663,7 +668,7 @@ CUL_CHILD(StocksAcrossForkAtWork) {
   for (std::thread& thread : threads) {
     thread.join();
   }
-  EXPECT_EQ(counts(), Counts(std::size(classes), 2 * many)) << "in the parent";
+  EXPECT_EQ(counts(), Counts(std::size(classes), lots)) << "in the parent";
 }
 
 TEST(StringStock, OfThreadsThatAForkedChildDoesNotHaveGoesBackThere) {
