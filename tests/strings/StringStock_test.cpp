@@ -601,12 +601,19 @@ CUL_CHILD(StocksAcrossFork) {
     if (!childCanStartThreads) {
       return;
     }
-    // Its own threads have stocks like all.
-    std::thread([&handedOut] {
+    // Its own threads have stocks like all, each its own.
+    std::atomic<bool> isFreed = false;
+    std::atomic<bool> isSeen = false;
+    std::thread thread([&] {
       handedOut[stable + 1].free();
       EXPECT_EQ(counts(), all);
-      EXPECT_NE(countsOnLists(), all);
-    }).join();
+      isFreed = true;
+      waitUntil([&isSeen] { return isSeen.load(); });
+    });
+    waitUntil([&isFreed] { return isFreed.load(); });
+    EXPECT_NE(counts(), all);
+    isSeen = true;
+    thread.join();
     EXPECT_EQ(counts(), all);
   });
   mayEnd = true;
@@ -899,19 +906,22 @@ std::optional<Famine> famine;
 
 CUL_CHILD(FaultUnderTheLock) {
   haveHadASecondThread();
-  Blocks blocks;
-  blocks.drain();
   StdThread* const self = StdThread::currentThread();
   registerErrorHandlers();
   std::set_new_handler([] {
     famine.reset();
     raise(SIGSEGV);
   });
+  Blocks blocks;
+  blocks.drain();
+  static bool isThrough = false;
   if (self->_setjmp() == 0) {
     famine.emplace();
     static_cast<void>(!pool().getBuffer(8));
-    ADD_FAILURE() << "went on behind the fault";
+    isThrough = true;
+    famine.reset();
   }
+  EXPECT_FALSE(isThrough);
   std::set_new_handler(nullptr);
   std::thread(useStringsLate).join();
   useStringsLate();
