@@ -24,8 +24,8 @@
 /// blocks in the same order as without. A thread keeps at most 64 free blocks of each size, 12 KiB
 /// in all, and 3 KiB of memory for their addresses. When it ends, in whatever way, all blocks go
 /// back to the lists, and that memory is the next thread's. What it frees even later, when its own
-/// objects are destroyed, goes to the lists at once. So does all that a thread frees for which there
-/// was no memory for a stock or no key of the C library (pthread_key_create()).
+/// objects are destroyed, goes to the lists at once. So does all that a thread frees for which
+/// there was no memory for a stock or no key of the C library (pthread_key_create()).
 ///
 /// A forked child goes on with the pool, whatever other threads of its parent did: there the stocks
 /// of all threads go back to the lists. Blocks that only those threads knew of, in their strings
