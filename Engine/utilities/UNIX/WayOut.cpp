@@ -144,6 +144,7 @@ CUL_OWN_FUNCTION(mutexRequest, "_ZN10UNIX_Mutex7requestEPKcj")
 CUL_OWN_FUNCTION(readRequest, "_ZN6RWlock11requestReadEv")
 CUL_OWN_FUNCTION(writeRequest, "_ZN6RWlock12requestWriteEv")
 CUL_OWN_FUNCTION(armRecovery, "_ZN9StdThread7_setjmpEv")
+CUL_OWN_FUNCTION(poolFree, "_ZN17StringPoolManager10freeBufferEPvj")
 CUL_OWN_FUNCTION(traceTagged, "_Z11taggedTracePKcjS0_S0_z")
 CUL_OWN_FUNCTION(listAppend, "_ZN18ListImplementation11appendItemsEPPvPKvj")
 CUL_OWN_FUNCTION(listInsert, "_ZN18ListImplementation9insert_atEjPPvPKv")
@@ -161,10 +162,10 @@ struct OwnFunction {
 constexpr OwnFunction ownFunctions[] = {
     {Deed::takesOwnLock, sectionRequest}, {Deed::takesOwnLock, mutexRequest},
     {Deed::takesOwnLock, readRequest},    {Deed::takesOwnLock, writeRequest},
-    {Deed::remembers, armRecovery},       {Deed::mayThrow, traceTagged},
-    {Deed::mayThrow, listAppend},         {Deed::mayThrow, listInsert},
-    {Deed::mayThrow, listExtend},         {Deed::mayThrow, listRemove},
-    {Deed::mayThrow, convert},
+    {Deed::remembers, armRecovery},       {Deed::givesMemory, poolFree},
+    {Deed::mayThrow, traceTagged},        {Deed::mayThrow, listAppend},
+    {Deed::mayThrow, listInsert},         {Deed::mayThrow, listExtend},
+    {Deed::mayThrow, listRemove},         {Deed::mayThrow, convert},
 };
 
 // Where they are. A sanitizer stands in for many of them: a program calls its functions, which
