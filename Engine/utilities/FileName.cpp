@@ -1,6 +1,8 @@
 #include "Engine/utilities/FileName.h"
 
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <limits>
 #include <memory>
 #include <string>
@@ -17,11 +19,16 @@ namespace {
 
 constexpr unsigned workingDirectoryRoom = 4096;
 
-FileName named(std::string_view bytes) {
-  FileName name;
-  name.EncodedString::operator=(textOf(bytes));
-  name.validate();
-  return name;
+// The 1-based position of the last `c` among `n` bytes, 0 when there is none.
+std::size_t lastPosition(const char* text, std::size_t n, char c) noexcept {
+  const void* const found = memrchr(text, c, n);
+  return found == nullptr
+             ? 0
+             : static_cast<std::size_t>(static_cast<const char*>(found) - text) + 1;
+}
+
+bool isName(std::string_view text) noexcept {
+  return !text.empty() && text.back() != '/' && text.size() <= FileName::longest;
 }
 
 const EncodedString* newText(const char* text) {
@@ -71,16 +78,11 @@ FileName& FileName::operator=(const EncodedString& text) {
 
 void FileName::validate() {
   forgetParts();
-  if (len == 0) {
-    return;
-  }
-  if (buffer[len - 1] == '/') {
+  if (isName(view())) {
+    findParts();
+  } else if (view().ends_with('/')) {
     CUL_TRACE(TraceType::error, "Engine/utilities/FileName", 665,
               "Filename ends with PathSepChar.");
-    return;
-  }
-  if (len <= longest) {
-    findParts();
   }
 }
 
@@ -91,33 +93,35 @@ void FileName::forgetParts() noexcept {
   hashValid = 0;
 }
 
-// Walks from the end to the last separator in front of the member.
-void FileName::findParts() noexcept {
-  unsigned base = 0;
-  bool inMember = buffer[len - 1] == ')';
-  if (buffer[len - 1] == '.') {
-    extensionPosition = static_cast<unsigned short>(len);
+void FileName::findParts() noexcept { findParts(view()); }
+
+// Looks from the end of the name's text to the last separator in front of the member.
+void FileName::findParts(std::string_view text) noexcept {
+  const char* const bytes = text.data();
+  std::size_t rest = text.size() - 1;  // Bytes still to be looked at.
+  std::size_t extension = 0;
+  if (bytes[rest] == ')') {
+    rest = lastPosition(bytes, rest, '(');
+    memberPosition = static_cast<unsigned short>(rest);
+    rest -= rest == 0 ? 0 : 1;
+  } else if (bytes[rest] == '.') {
+    extension = text.size();
   }
-  for (unsigned position = len - 1; position > 0 && base == 0; --position) {
-    const char c = buffer[position - 1];
-    if (inMember) {
-      if (c == '(') {
-        memberPosition = static_cast<unsigned short>(position);
-        inMember = false;
-      }
-    } else if (c == '/') {
-      base = position;
-    } else if (c == '.' && extensionPosition == 0) {
-      extensionPosition = static_cast<unsigned short>(position);
+  // Extensions are short: byte by byte up to the dot, then all at once.
+  for (std::size_t at = rest; extension == 0 && at != 0 && bytes[at - 1] != '/'; --at) {
+    if (bytes[at - 1] == '.') {
+      extension = at;
     }
   }
-  basePosition = static_cast<unsigned short>(base + 1);
+  extensionPosition = static_cast<unsigned short>(extension);
+  basePosition = static_cast<unsigned short>(lastPosition(bytes, rest, '/') + 1);
 }
 
 // The positions may be those of a text that has been shortened since.
 std::string_view FileName::view(unsigned from, unsigned to) const noexcept {
   to = std::min(to, len + 1);
-  return from == 0 || from >= to ? std::string_view() : view().substr(from - 1, to - from);
+  return from == 0 || from >= to ? std::string_view()
+                                 : std::string_view(buffer + from - 1, to - from);
 }
 
 unsigned FileName::baseEnd() const noexcept {
@@ -166,6 +170,23 @@ List<EncodedString*> FileName::parsePaths(const EncodedString& paths) {
 }
 
 EncodedString FileName::directory() const { return textOf(view(1, basePosition)); }
+
+// Made in its place: to move a short text costs as much as to copy its bytes. Its parts are
+// looked for where the bytes come from, since what was just written cannot be read at once in
+// pieces of another size.
+FileName FileName::named(std::string_view text) {
+  FileName name;
+  if (!text.empty()) {
+    name.makeBuffer(static_cast<unsigned>(text.size()));
+    std::memcpy(name.buffer, text.data(), text.size());
+  }
+  if (isName(text)) {
+    name.findParts(text);
+  } else {
+    name.validate();
+  }
+  return name;
+}
 
 FileName FileName::baseAndMember() const { return named(view(basePosition, len + 1)); }
 

@@ -182,7 +182,9 @@ class CUL_EXPORT FileName : public EncodedString {
   [[nodiscard]] std::string_view extensionView() const noexcept;
   [[nodiscard]] bool hasNumericExtension() const noexcept;
 
+  [[gnu::visibility("hidden")]] static FileName named(std::string_view text);
   void findParts() noexcept;
+  [[gnu::visibility("hidden")]] void findParts(std::string_view text) noexcept;
   void forgetParts() noexcept;
   void replace(unsigned from, unsigned to, std::string_view text);
 
