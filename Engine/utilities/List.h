@@ -113,8 +113,8 @@ class List {
   /// Elements there is room for before the list has to grow.
   [[nodiscard]] unsigned int capacity() const noexcept { return implementation_.capacity; }
 
-  /// Sorts in place and keeps the order of equal elements. Takes quadratic time, or linear
-  /// for what is nearly in order.
+  /// Sorts in place and keeps the order of equal elements. Takes n log n time, linear for what
+  /// is nearly in order; see ListImplementation::bSort().
   /// \param compare as for qsort(), given pointers to elements.
   /// \return whether the list was in order already.
   bool sort(int (*compare)(const void*, const void*)) {

@@ -7,9 +7,9 @@
 #include <cstring>
 #include <emmintrin.h>
 #include <new>
-#include <vector>
 
 #include "Engine/utilities/HeapMemoryAllocator.h"
+#include "Engine/utilities/ListSort.h"
 #include "Engine/utilities/Pool.h"
 
 namespace {
@@ -233,38 +233,5 @@ unsigned int ListImplementation::findItem(const void* buffer, const void* item) 
 
 bool ListImplementation::bSort(int (*compare)(const void*, const void*), void* buffer,
                                void* scratch) {
-  if (count < 2) {
-    return true;
-  }
-  const std::size_t size = elementSize_;
-  auto* const elements = static_cast<unsigned char*>(buffer);
-  unsigned char* const end = elements + count * size;
-  const unsigned char* const last = end - size;
-  // An order is reached in fewer passes than there are elements. A comparison that is none
-  // may take more, or come round to where the elements stood before and never end.
-  std::vector<unsigned char> earlier;
-  unsigned long nextLook = count;
-  for (unsigned long pass = 1;; ++pass) {
-    bool swapped = false;
-    for (unsigned char* left = elements; left != last; left += size) {
-      unsigned char* const right = left + size;
-      if (compare(left, right) > 0) {
-        std::memcpy(scratch, left, size);
-        std::memcpy(left, right, size);
-        std::memcpy(right, scratch, size);
-        swapped = true;
-      }
-    }
-    if (!swapped) {
-      return pass == 1;
-    }
-    if (!earlier.empty() && std::equal(earlier.begin(), earlier.end(), elements)) {
-      return false;
-    }
-    // At ever longer distances, so that a round of any length is noticed.
-    if (pass == nextLook) {
-      earlier.assign(elements, end);
-      nextLook *= 2;
-    }
-  }
+  return sortElements(compare, buffer, count, elementSize_, scratch);
 }

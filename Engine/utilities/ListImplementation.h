@@ -73,15 +73,17 @@ class CUL_EXPORT ListImplementation {
   /// there is none.
   [[nodiscard]] unsigned int findItem(const void* buffer, const void* item) const;
 
-  /// Sorts in place by passes over adjacent pairs, always the whole list, until a pass
-  /// swaps nothing: stable, and quick for what is nearly in order. Stops early only when a
-  /// comparison that is no order brings the elements back to where they stood before.
-  /// \param compare negative, zero or positive as in qsort(); what it throws passes
-  ///                through and leaves the elements permuted.
+  /// Sorts in place, in n log n time; linear for what is nearly in order. The result is that
+  /// of passes over the adjacent pairs, each of which swaps those whose left element is greater,
+  /// until one swaps nothing. That keeps the order of equal elements. With a comparison that is
+  /// no order it ends all the same, but may take quadratic time and longer.
+  /// \param compare negative, zero or positive as in qsort(), always given two elements of the
+  ///                list; what it throws passes through and leaves the elements permuted.
   /// \param buffer  the elements.
   /// \param scratch room for one element.
   /// \return whether the list was in order already.
-  /// \throws std::bad_alloc only with such a comparison, when there is no memory to notice it.
+  /// \throws std::bad_alloc only with a comparison that is no order, when there is no memory to
+  ///         notice it. A sort that has no memory otherwise takes quadratic time.
   bool bSort(int (*compare)(const void*, const void*), void* buffer, void* scratch);
 
   // For reading; only the operations above change them.
