@@ -238,7 +238,7 @@ CUL_CHILD(LongCodepage) {
 
 // The C library works for seconds on a name of 100 kB.
 TEST(UTF8Converter, TakesACodePageWithTooLongANameForUnknownWithoutAskingTheCLibrary) {
-  for (const size_t length : {257, 100000}) {
+  for (const size_t length : {size_t{257}, size_t{100000}}) {
     expectSuccess("LongCodepage",
                   {{"QVX_DBG_CODEPAGE", utf8OfLength(length)}, {"LC_ALL", "C.UTF-8"}});
   }
@@ -256,7 +256,7 @@ TEST(UTF8Converter, TakesACodePageWithTheLongestName) {
 CUL_CHILD(LongNamesGiven) {
   static_cast<void>(codepage());
   noteNames();
-  for (const size_t length : {257, 100000}) {
+  for (const size_t length : {size_t{257}, size_t{100000}}) {
     const std::string name = utf8OfLength(length);
     errno = 4711;
     EXPECT_FALSE(IconvDescriptor("UTF-8", name.c_str()).isOpen());
