@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "Engine/utilities/FileName.h"
+#include "Engine/utilities/OwningList.h"
 
 DebuggerPathSetting::DebuggerPathSetting(const EncodedString& name, SettingControl control,
                                          int group, int identifier, unsigned short minLength,
@@ -27,10 +28,9 @@ const ::List<FileName*>& DebuggerPathSetting::getPaths() const noexcept { return
 
 void DebuggerPathSetting::buildPaths() {
   paths_.removeAll();
-  const ::List<EncodedString*> entries = FileName::parsePaths(getValue());
+  const OwningList<EncodedString> entries(FileName::parsePaths(getValue()));
   paths_.reserve(entries.count());
-  for (const EncodedString* entry : entries) {
-    const std::unique_ptr<const EncodedString> owned(entry);
-    paths_.add(std::make_unique<FileName>(*owned));
+  for (const EncodedString* entry : entries.list()) {
+    paths_.add(std::make_unique<FileName>(*entry));
   }
 }

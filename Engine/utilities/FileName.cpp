@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "Engine/utilities/CharString.h"
+#include "Engine/utilities/OwningList.h"
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -22,9 +23,8 @@ constexpr unsigned workingDirectoryRoom = 4096;
 // The 1-based position of the last `c` among `n` bytes, 0 when there is none.
 std::size_t lastPosition(const char* text, std::size_t n, char c) noexcept {
   const void* const found = memrchr(text, c, n);
-  return found == nullptr
-             ? 0
-             : static_cast<std::size_t>(static_cast<const char*>(found) - text) + 1;
+  return found == nullptr ? 0
+                          : static_cast<std::size_t>(static_cast<const char*>(found) - text) + 1;
 }
 
 bool isName(std::string_view text) noexcept {
@@ -159,14 +159,12 @@ List<EncodedString*> FileName::parsePaths(const EncodedString& paths) {
   for (; !nextPathEntry(list).empty(); ++count) {
   }
   // A list that has room from the start is not copied while it grows.
-  List<EncodedString*> result(count);
+  OwningList<EncodedString> result(count);
   list = viewOf(paths);
   for (auto entry = nextPathEntry(list); !entry.empty(); entry = nextPathEntry(list)) {
-    auto text = std::make_unique<EncodedString>(textOf(entry));
-    result.add(text.get());
-    static_cast<void>(text.release());
+    result.add(std::make_unique<EncodedString>(textOf(entry)));
   }
-  return result;
+  return result.release();
 }
 
 EncodedString FileName::directory() const { return textOf(view(1, basePosition)); }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <utility>
 
 #include "Engine/utilities/List.h"
 
@@ -11,7 +12,10 @@
 template <typename T>
 class OwningList {
  public:
-  OwningList() = default;
+  /// An empty list with room for `initialCapacity` objects.
+  explicit OwningList(unsigned int initialCapacity = 0) : objects_(initialCapacity) {}
+  /// Takes the objects of a list over, which is left empty.
+  explicit OwningList(List<T*>&& objects) noexcept : objects_(std::move(objects)) {}
   OwningList(const OwningList&) = delete;
   OwningList& operator=(const OwningList&) = delete;
   ~OwningList() { removeAll(); }
@@ -30,6 +34,9 @@ class OwningList {
     const std::unique_ptr<T> object(objects_[index]);
     objects_.removeAt(index);
   }
+
+  /// Hands all objects over to the caller.
+  [[nodiscard]] List<T*> release() noexcept { return std::move(objects_); }
 
   /// Deletes all objects.
   void removeAll() noexcept {

@@ -1,10 +1,13 @@
 #include "Engine/utilities/FileName.h"
 
 #include <filesystem>
+#include <malloc.h>
 #include <memory>
+#include <new>
 #include <random>
 #include <string>
 #include <string_view>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <type_traits>
 #include <unistd.h>
@@ -194,6 +197,71 @@ TEST(FileName, PiecesOfMultiByteNamesAreWhole) {
   EXPECT_EQ(
       pieces("\xC3\xA9/\xE2\x82\xAC.\xC3\xA9(\xC3\xA9)"),
       (Pieces{"\xC3\xA9/", "\xE2\x82\xAC.\xC3\xA9", "\xE2\x82\xAC", ".\xC3\xA9", "\xC3\xA9"}));
+}
+
+namespace {
+
+// The parts of a name, looked for byte by byte.
+struct Parts {
+  explicit Parts(const std::string& name) {
+    const size_t length = name.size();
+    if (length == 0 || name[length - 1] == '/') {
+      return;
+    }
+    extension = name[length - 1] == '.' ? length : 0;
+    bool inMember = name[length - 1] == ')';
+    size_t separator = 0;
+    for (size_t position = length - 1; position > 0 && separator == 0; --position) {
+      const char c = name[position - 1];
+      if (c == '/' && !inMember) {
+        separator = position;
+      } else if (c == '.' && !inMember && extension == 0) {
+        extension = position;
+      } else if (c == '(' && inMember && member == 0) {
+        member = position;
+        inMember = false;
+      }
+    }
+    base = separator + 1;
+  }
+
+  // 1-based positions, 0 for none.
+  size_t base = 0;
+  size_t extension = 0;
+  size_t member = 0;
+};
+
+Pieces expectedPieces(const std::string& name) {
+  const Parts parts(name);
+  if (parts.base == 0) {
+    return {};
+  }
+  const auto piece = [&name](size_t from, size_t to) { return name.substr(from - 1, to - from); };
+  const size_t end = name.size() + 1;
+  const size_t baseEnd = parts.member != 0 ? parts.member : end;
+  return {piece(1, parts.base), piece(parts.base, baseEnd),
+          piece(parts.base, parts.extension != 0 ? parts.extension : end),
+          parts.extension == 0 ? "" : piece(parts.extension, baseEnd),
+          parts.member == 0 ? "" : piece(parts.member + 1, end - 1)};
+}
+
+}  // namespace
+
+TEST(FileName, AndItsPiecesThatAreNamesHaveThePartsThatLookingByteByByteFinds) {
+  std::mt19937 random(4);
+  for (int round = 0; round < 10000; ++round) {
+    std::string whole;
+    const auto letters = random() % 40;
+    for (auto n = random() % (round % 2 == 0 ? 9 : 90); n > 0; --n) {
+      whole += random() % (letters + 6) < letters ? 'a' : "./().)"[random() % 6];
+    }
+    const FileName n = name(whole);
+    EXPECT_EQ(pieces(n), expectedPieces(whole)) << whole;
+    for (const FileName& piece : {n.base(), n.root(), n.baseAndMember(), n.genericLibraryName()}) {
+      EXPECT_EQ(pieces(piece), expectedPieces(text(piece))) << whole;
+      EXPECT_EQ(piece.isValidName(), piece.length() != 0 && !text(piece).ends_with('/')) << whole;
+    }
+  }
 }
 
 TEST(FileName, PiecesPutTogetherGiveTheName) {
@@ -395,6 +463,75 @@ TEST(FileName, MakesRoomForAllEntriesOfASearchListAtOnce) {
   }
   EXPECT_EQ(FileName::parsePaths(encoded("::")).capacity(), 0U);
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+namespace {
+
+// No memory but what the process has at the start, until the end of the scope.
+class NoMoreMemory {
+ public:
+  NoMoreMemory() {
+    EXPECT_EQ(getrlimit(RLIMIT_AS, &before_), 0);
+    const rlimit none = {0, before_.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_AS, &none), 0);
+  }
+  NoMoreMemory(const NoMoreMemory&) = delete;
+  NoMoreMemory& operator=(const NoMoreMemory&) = delete;
+  ~NoMoreMemory() { EXPECT_EQ(setrlimit(RLIMIT_AS, &before_), 0); }
+
+ private:
+  rlimit before_ = {};
+};
+
+// Entries for which there is memory, then one for which there is none.
+std::string tooLongAList() {
+  constexpr size_t entries = 20;
+  constexpr size_t length = 10000;
+  std::string list;
+  for (size_t i = 0; i < entries; ++i) {
+    list += std::string(length, 'e') + ":";
+  }
+  // Memory for these, and something behind it, so that it is not given back to the system.
+  const std::string behind = [&list] {
+    const auto enough = std::make_unique<char[]>(2 * list.size());
+    return std::string(length, 'b');
+  }();
+  return list + std::string(size_t{1} << 24, 'l');
+}
+
+size_t bytesInUse() { return mallinfo2().uordblks; }
+
+}  // namespace
+
+CUL_CHILD(PathsForWhichMemoryRunsOut) {
+  // The library's own handler would end the process.
+  std::set_new_handler(nullptr);
+  // Keeps what is freed at the end of the heap.
+  EXPECT_EQ(mallopt(M_TRIM_THRESHOLD, 1 << 30), 1);
+  const EncodedString list = encoded(tooLongAList());
+  // The first exception leaves behind what the unwinder keeps.
+  size_t before = 0;
+  int thrown = 0;
+  for (int round = 0; round < 2; ++round) {
+    before = bytesInUse();
+    const NoMoreMemory noMoreMemory;
+    try {
+      static_cast<void>(FileName::parsePaths(list));
+    } catch (const std::bad_alloc&) {
+      ++thrown;
+    }
+  }
+  EXPECT_EQ(thrown, 2);
+  EXPECT_EQ(bytesInUse(), before);
+}
+
+TEST(FileName, ParsePathsGivesTheEntriesBackForWhichMemoryRunsOut) {
+  const ChildResult r = runChild("PathsForWhichMemoryRunsOut");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+#endif
 
 TEST(FileName, GenericLibraryNameCutsOneNumberBehindSo) {
   const auto generic = [](const std::string& n) { return text(name(n).genericLibraryName()); };
