@@ -1,8 +1,11 @@
 #include "Engine/utilities/DebuggerSettings.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstring>
+#include <cwchar>
 #include <thread>
 #include <utility>
 
@@ -143,6 +146,24 @@ std::unique_ptr<DebuggerSetting> makeText(const SettingRow& row) {
                                    maxLength);
 }
 
+// Tells the names there are well enough apart.
+unsigned hashOf(const wchar_t* name, std::size_t length) noexcept {
+  if (length == 0) {
+    return 0;
+  }
+  const auto value = [name](std::size_t index) { return static_cast<unsigned>(name[index]); };
+  return static_cast<unsigned>(length) * 5 + value(0) * 29 + value(length / 2) * 11 +
+         value(length - 1) * 3;
+}
+
+// Names of settings are ASCII.
+bool isName(const EncodedString& name, const wchar_t* text, std::size_t length) noexcept {
+  const char* const bytes = name;
+  return name.length() == length &&
+         std::equal(text, text + length, bytes,
+                    [](wchar_t c, char byte) { return c == static_cast<unsigned char>(byte); });
+}
+
 DebuggerSettingsHKORV& settingsOfTheProcess() {
   static DebuggerSettingsHKORV& registry = *new DebuggerSettingsHKORV;
   return registry;
@@ -221,6 +242,7 @@ void DebuggerSettings::add(std::span<const SettingRow> rows) {
     if (identifier < settings_.count()) {
       const std::unique_ptr<DebuggerSetting> previous(slot(identifier));
       __atomic_store_n(&settings_[identifier], row.make(row).release(), __ATOMIC_RELEASE);
+      enterName(row.name, identifier);
     }
   }
 }
@@ -275,14 +297,27 @@ DebuggerSetting* DebuggerSettings::getSetting(const wchar_t* name) const {
   if (name == nullptr) {
     return nullptr;
   }
-  const EncodedString wanted(name);
-  for (unsigned i = 0; i < settings_.count(); ++i) {
-    DebuggerSetting* const setting = slot(i);
-    if (setting != nullptr && setting->getName() == wanted) {
+  const std::size_t length = std::wcslen(name);
+  for (unsigned hash = hashOf(name, length);; ++hash) {
+    const unsigned found = __atomic_load_n(&slotsByName_[hash % places], __ATOMIC_ACQUIRE);
+    if (found == 0) {
+      return nullptr;
+    }
+    DebuggerSetting* const setting = slot(found - 1);
+    if (setting != nullptr && isName(setting->getName(), name, length)) {
       return setting;
     }
   }
-  return nullptr;
+}
+
+void DebuggerSettings::enterName(const wchar_t* name, unsigned slot) noexcept {
+  unsigned hash = hashOf(name, std::wcslen(name));
+  // Settings may be made a second time, in the same slots.
+  while (slotsByName_[hash % places] != 0 && slotsByName_[hash % places] != slot + 1) {
+    ++hash;
+  }
+  __atomic_store_n(&slotsByName_[hash % places], static_cast<unsigned char>(slot + 1),
+                   __ATOMIC_RELEASE);
 }
 
 const wchar_t* DebuggerSettings::defaultSetting(unsigned identifier) const {

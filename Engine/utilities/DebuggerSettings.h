@@ -107,7 +107,14 @@ class CUL_EXPORT DebuggerSettings {
   // The setting in a slot; null for an empty slot and for one that does not exist.
   [[nodiscard]] DebuggerSetting* slot(unsigned index) const noexcept;
 
+  [[gnu::visibility("hidden")]] void enterName(const wchar_t* name, unsigned slot) noexcept;
+
+  // A hash table with open addressing that has room to spare for all settings there are.
+  static constexpr unsigned places = 256;
+
   List<Notification*> listeners_;
   List<DebuggerSetting*> settings_;
   mutable std::unique_ptr<List<DebuggerSetting*>> allSettings_;
+  unsigned char slotsByName_[places] = {};  // 1-based slots, in the place of the name's hash or
+                                            // behind it; 0: none.
 };

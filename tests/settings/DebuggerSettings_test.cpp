@@ -1,7 +1,9 @@
 #include "Engine/utilities/DebuggerSettings.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -275,6 +277,67 @@ CUL_CHILD(SettingsLookUp) {
 }
 
 TEST(DebuggerSettings, FindsSettingsByTheirExactNames) { expectGood(runChild("SettingsLookUp")); }
+
+namespace {
+
+std::wstring wideNameOf(const DebuggerSetting& setting) {
+  const std::string name = plain(setting.getName());
+  return {name.begin(), name.end()};
+}
+
+// Looks for each name of the process's registry, and for what is nearly one.
+void lookUpAllNames(const DebuggerSettings& settings) {
+  const auto expected = [&settings](const std::wstring& name) -> DebuggerSetting* {
+    DebuggerSetting* const* const end = settings.getAllSettings().end();
+    DebuggerSetting* const* const found =
+        std::find_if(settings.getAllSettings().begin(), end,
+                     [&name](DebuggerSetting* s) { return wideNameOf(*s) == name; });
+    return found == end ? nullptr : *found;
+  };
+  for (const DebuggerSetting* const known : registry().getAllSettings()) {
+    const std::wstring name = wideNameOf(*known);
+    EXPECT_EQ(settings.getSetting(name.c_str()), expected(name));
+    for (size_t i = 0; i < name.size(); ++i) {
+      EXPECT_EQ(settings.getSetting(name.substr(0, i).c_str()), expected(name.substr(0, i)));
+      EXPECT_EQ(settings.getSetting(name.substr(i + 1).c_str()), expected(name.substr(i + 1)));
+      for (const int other : {name[i] + 1, name[i] + 0x20, name[i] + 0x80, name[i] + 0x100,
+                              name[i] + 0x10000, int{name[i]} - INT_MAX - 1, -1}) {
+        std::wstring changed = name;
+        changed[i] = static_cast<wchar_t>(other);
+        EXPECT_EQ(settings.getSetting(changed.c_str()), expected(changed));
+      }
+      // Of the same characters in another order.
+      std::wstring turned = name;
+      std::swap(turned[i], turned[name.size() / 3]);
+      EXPECT_EQ(settings.getSetting(turned.c_str()), expected(turned));
+    }
+    EXPECT_EQ(settings.getSetting((name + L"A").c_str()), nullptr);
+    EXPECT_EQ(settings.getSetting((name + name).c_str()), nullptr);
+  }
+}
+
+}  // namespace
+
+CUL_CHILD(SettingsLookedUpByAllNames) {
+  for (const DebuggerSetting* const setting : registry().getAllSettings()) {
+    EXPECT_EQ(registry().getSetting(wideNameOf(*setting).c_str()), setting);
+  }
+  lookUpAllNames(registry());
+  DebuggerSettings hostless(55);
+  hostless.initialize();
+  lookUpAllNames(hostless);
+  DebuggerSettings small(20);
+  for (int i = 0; i < 20; ++i) {
+    small.initialize();
+  }
+  lookUpAllNames(small);
+  const DebuggerSettings empty(55);
+  lookUpAllNames(empty);
+}
+
+TEST(DebuggerSettings, FindsNothingByWhatIsNearlyAName) {
+  expectGood(runChild("SettingsLookedUpByAllNames"));
+}
 
 CUL_CHILD(SettingsListed) {
   // Booleans that are listable, from slot 54 down, and then with the hidden ones.
