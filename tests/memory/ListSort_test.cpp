@@ -351,6 +351,12 @@ TEST(ListSort, SortsWhatIsOnlyPartlyOrderedAsPassesDo) {
   }
 }
 
+TEST(ListSort, SortsWhatIsOnlyPartlyOrderedThoughTwoElementsFarApartGoUncompared) {
+  expectWhatPassesMake(numbered({15015, 14015, 10010, 14015, 20019, 7005, 16016, 2004, 22023, 8005,
+                                 3000, 14010, 12013, 4005, 2004, 2003, 13014}),
+                       compareBoth);
+}
+
 TEST(ListSort, SortsManyElementsThatAreNearlyAllInAnOrder) {
   for (int round = 0; round < 20; ++round) {
     std::vector<int> keys;
