@@ -160,8 +160,9 @@ unsigned hashOf(const wchar_t* name, std::size_t length) noexcept {
 bool isName(const EncodedString& name, const wchar_t* text, std::size_t length) noexcept {
   const char* const bytes = name;
   return name.length() == length &&
-         std::equal(text, text + length, bytes,
-                    [](wchar_t c, char byte) { return c == static_cast<unsigned char>(byte); });
+         std::equal(text, text + length, bytes, [](wchar_t c, char byte) {
+           return c == wchar_t{static_cast<unsigned char>(byte)};
+         });
 }
 
 DebuggerSettingsHKORV& settingsOfTheProcess() {
