@@ -74,7 +74,9 @@
 /// for localtime() includes TimeDateStamp.
 ///
 /// **No handlers** run for vfork(), posix_spawn(), _Fork() and clone(). Their children can only
-/// start a program, which is all they are for; nothing is promised about the library there.
+/// start a program, which is all they are for; nothing is promised about the library there. The
+/// library's own children, of SpawnedProcess, are such ones (see UNIX/ProgramStart.h): they take
+/// no lock, and none is taken for them.
 ///
 /// Internal to the library.
 

@@ -15,6 +15,12 @@
 /// - the dispositions of signals that a shell would give it: SIGPIPE and SIGTTIN, which the
 ///   library ignores in this process, have their default action.
 ///
+/// A start costs the same however much memory this process has: the child shares that, and does
+/// nothing but system calls, until it is the program, and the thread that starts it waits so long.
+/// Signals that the thread receives meanwhile are handled afterwards, and none of its handlers runs
+/// in the child, nor do those of pthread_atfork() run anywhere. The environment is that of the
+/// moment of the start; who puts texts of his own into it (putenv()) must leave them until then.
+///
 /// The child belongs to the worker thread, which waits for it (see ProcessWaiter): nobody else
 /// may, and a process that starts children must not ignore SIGCHLD. The thread ends with the
 /// child, and no zombie stays behind. Neither the objects nor the worker thread keep a process

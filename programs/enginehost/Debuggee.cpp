@@ -131,7 +131,9 @@ Debuggee::Debuggee(const EncodedString& path, char* const* arguments,
   StartLine line;
   // What reaches the child before it is the program waits for the program.
   const SignalsBlocked signals;
-  // Before the first thread, so that the child may do more than system calls.
+  // Before the first thread, so that the child may do more than system calls: it sets its side of
+  // the console up, which changes that object and may trace. So it has a memory of its own, of
+  // which the host has little to copy, and the host is free to give its word.
   id_ = fork();
   if (id_ == 0) {
     becomeProgram(file, arguments, streams, line, signals);

@@ -210,15 +210,8 @@ CUL_STAND_BEFORE(int, tcsetattr, (int fd, int when, const termios* modes), noexc
                  (LibcCall::tcsetattr, nullptr, fd, when), fd, when, modes)
 CUL_STAND_BEFORE(int, tcflush, (int fd, int queue), noexcept,
                  (LibcCall::tcflush, nullptr, fd, queue), fd, queue)
-CUL_STAND_BEFORE(pid_t, fork, (), noexcept, (LibcCall::fork, nullptr, 0, 0))
 CUL_STAND_BEFORE(pid_t, waitpid, (pid_t process, int* status, int options), CUL_NOTHING,
                  (LibcCall::waitpid, nullptr, process, options), process, status, options)
-CUL_STAND_BEFORE(int, execv, (const char* path, char* const* arguments), noexcept,
-                 (LibcCall::execv, path, 0, 0), path, arguments)
-CUL_STAND_BEFORE(int, close_range, (unsigned first, unsigned last, int flags), noexcept,
-                 (LibcCall::close_range, nullptr, static_cast<int>(first), last), first, last,
-                 flags)
-CUL_STAND_BEFORE(int, getdtablesize, (), noexcept, (LibcCall::getdtablesize, nullptr, 0, 0))
 
 static constinit bool hasStarted = false;
 __attribute__((constructor)) static void noteStart() { hasStarted = true; }

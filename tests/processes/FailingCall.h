@@ -39,11 +39,7 @@ enum class LibcCall {
   tcgetattr,
   tcsetattr,
   tcflush,
-  fork,
   waitpid,
-  execv,
-  close_range,
-  getdtablesize,
   sysconf
 };
 
@@ -58,7 +54,7 @@ struct CallFailure {
   long result = -1;
   /// What `ptsname` returns; without it, null.
   std::optional<std::string> text = {};
-  /// `open`, `execv`: only paths that start so.
+  /// `open`: only paths that start so.
   std::string path = {};
   /// The first argument as listed at CallMade.
   std::optional<int> first = {};
@@ -98,14 +94,14 @@ class FailingCall {
 /// A call that was made, answered or real.
 struct CallMade {
   LibcCall call;
-  /// `open`, `execv`; cut after 63 bytes.
+  /// `open`; cut after 63 bytes.
   char path[64];
   /// The first argument as a number: the descriptor (poll: the first one), the process of
-  /// waitpid, the name of sysconf, the first descriptor of close_range; 0 where there is none.
+  /// waitpid, the name of sysconf; 0 where there is none.
   int first;
   /// open: the flags. fcntl: the command. ioctl: the request. lseek: the offset. ftruncate: the
   /// length. read, write: the size. poll: the timeout. tcsetattr: when. tcflush: which queue.
-  /// close_range: the last descriptor. waitpid: the options.
+  /// waitpid: the options.
   long argument;
   /// fcntl: the argument. lseek: from where. poll: the events of the first one. 0 for others.
   long more;

@@ -6,10 +6,12 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <pthread.h>
+#include <sched.h>
 #include <string>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -25,6 +27,7 @@
 #include "Engine/utilities/ThreadListener.h"
 #include "Engine/utilities/TraceFlags.h"
 
+#include "tests/processes/AnsweredCalls.h"
 #include "tests/processes/FailingCall.h"
 #include "tests/processes/SpawnedProcessSupport.h"
 #include "tests/support/TracedChild.h"
@@ -84,14 +87,18 @@ void expectFailure(Operation operation, unsigned line, const char* text) {
 }
 
 void expectNotFound(const std::string& program, const std::string& path) {
-  const CallRecord record({LibcCall::fork});
   expectFailure(
       [&] {
         const SpawnedProcess process(utf8(program), utf8(path), List<EncodedString*>(), silenced,
                                      closed);
       },
       92, "File not found.");
-  EXPECT_EQ(record.count(LibcCall::fork), 0U);
+  EXPECT_TRUE(hasNoChildren());
+}
+
+// A call that makes a child as the library does, rather than by a fork.
+bool makesProgram(const SystemCall& call) {
+  return call.number == SYS_clone && (call.arguments[0] & CLONE_VFORK) != 0;
 }
 
 // The trace has these errors and no others.
@@ -106,7 +113,7 @@ void expectErrors(const std::string& trace, const std::vector<std::string>& text
 
 // No child
 
-TEST(SpawnedProcessFaults, RefusesAProgramThatIsNotOnThePath) {
+CUL_CHILD(ProgramsThatAreNotOnThePath) {
   const TemporaryFolder folder;
   writeFile(folder.file("plain"), "no program");
   std::filesystem::create_directory(folder.file("folder"));
@@ -118,13 +125,20 @@ TEST(SpawnedProcessFaults, RefusesAProgramThatIsNotOnThePath) {
   expectNotFound("", "/bin");
 }
 
+TEST(SpawnedProcessFaults, RefusesAProgramThatIsNotOnThePath) {
+  const ChildResult r = runChild("ProgramsThatAreNotOnThePath");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
 CUL_CHILD(ForkFailsOnce) {
   (void)isTraced(TraceType::error);  // The trace opens its file.
+  bool isToFail = true;
+  const AnsweredCalls calls({SYS_clone}, [&isToFail](const SystemCall& call) {
+    return makesProgram(call) && std::exchange(isToFail, false) ? ENOMEM : 0;
+  });
   const std::vector<std::string> before = openDescriptors();
-  {
-    const FailingCall failing({.call = LibcCall::fork, .error = ENOMEM});
-    expectFailure([] { spawnShell("exit 0"); }, 189, "Fork failed.");
-  }
+  expectFailure([] { spawnShell("exit 0"); }, 189, "Fork failed.");
+  EXPECT_FALSE(isToFail);
   EXPECT_TRUE(hasNoChildren());
   EXPECT_EQ(openDescriptors(), before);
   EXPECT_EQ(statusOf(spawnShell("exit 4")), 4 << 8);
@@ -175,18 +189,30 @@ TEST(SpawnedProcessFaults, EndsTheChildWith1WhenTheFileIsNoProgram) {
   EXPECT_EQ(statusOf(process), 256);
 }
 
-TEST(SpawnedProcessFaults, EndsTheChildWith1WhenExecvFails) {
-  FailingCall failing({.call = LibcCall::execv, .error = ENOMEM, .path = "/bin/true"});
+TEST(SpawnedProcessFaults, EndsTheChildWith1WhenAnArgumentIsTooLong) {
+  const std::string tooLong(size_t{33} * 4096, 'x');
+  EXPECT_EQ(statusOf(spawn("/bin/true", {tooLong})), 256);
+  EXPECT_EQ(statusOf(spawn("/bin/true", {tooLong.substr(0, tooLong.size() - 4097)})), 0);
+}
+
+CUL_CHILD(ExecuteFailsOnce) {
+  bool isToFail = true;
+  const AnsweredCalls calls({SYS_execve}, [&isToFail](const SystemCall&) {
+    return std::exchange(isToFail, false) ? ENOMEM : 0;
+  });
   EXPECT_EQ(statusOf(spawn("/bin/true", {})), 256);
-  failing.dismiss();
+  EXPECT_FALSE(isToFail);
   EXPECT_EQ(statusOf(spawn("/bin/true", {})), 0);
+}
+
+TEST(SpawnedProcessFaults, EndsTheChildWith1WhenItCannotExecuteTheProgram) {
+  const ChildResult r = runChild("ExecuteFailsOnce");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
 CUL_CHILD(FailToExecuteInAProcessWithAnExitHandler) {
   atexit([] { static_cast<void>(!write(STDOUT_FILENO, "ended\n", 6)); });
-  FailingCall failing({.call = LibcCall::execv});
-  EXPECT_EQ(statusOf(spawn("/bin/true", {}, shared)), 256);
-  failing.dismiss();
+  EXPECT_EQ(statusOf(spawn("/cul/no/such/program", {}, shared)), 256);
 }
 
 TEST(SpawnedProcessFaults, EndsTheChildWithoutWhatItsParentDoesAtItsEnd) {
@@ -209,6 +235,22 @@ void expectSilencedAndClosed(unsigned streams = 3) {
   EXPECT_EQ(occurrences(list, " -> "), streams) << list;
 }
 
+// How the calls are answered that a child makes before it is a program.
+class AnsweredChild {
+ public:
+  AnsweredChild()
+      : calls_({SYS_openat, SYS_close, SYS_fcntl, SYS_close_range}, [this](const SystemCall& call) {
+          return call.isMadeByChild && answer_ ? answer_(call) : 0;
+        }) {}
+
+  // From now on.
+  void answer(SystemCallAnswer answer) { answer_ = std::move(answer); }
+
+ private:
+  SystemCallAnswer answer_;
+  const AnsweredCalls calls_;
+};
+
 }  // namespace
 
 CUL_CHILD(CloseRangeFails) {
@@ -216,20 +258,22 @@ CUL_CHILD(CloseRangeFails) {
   for (const int fd : {3, 100, 298, 299}) {
     ASSERT_EQ(dup2(0, fd), fd);
   }
-  FailingCall failing({.call = LibcCall::close_range,
-                       .error = ENOSYS,
-                       .first = 3,
-                       .argument = static_cast<long>(~0U)});
+  AnsweredChild child;
+  unsigned failed = 0;
+  child.answer([&failed](const SystemCall& call) {
+    const bool isToFail = call.number == SYS_close_range && call.arguments[0] == 3 &&
+                          call.arguments[1] == ~0U && call.arguments[2] == 0;
+    failed += isToFail ? 1 : 0;
+    return isToFail ? ENOSYS : 0;
+  });
   expectSilencedAndClosed();
-  failing.dismiss();
+  EXPECT_EQ(failed, 1U);
   // The limit counts, not what is open.
-  FailingCall failingAgain({.call = LibcCall::close_range, .error = ENOSYS});
-  FailingCall size({.call = LibcCall::getdtablesize, .result = 299});
+  const DescriptorLimit lower(299);
   const TemporaryFolder folder;
   EXPECT_EQ(statusOf(spawnShell("(ls /proc/$$/fd > \"$0\"); exit 0", {folder.file("list")})), 0);
   EXPECT_EQ(contentsOf(folder.file("list")), "0\n1\n2\n299\n");
-  failingAgain.dismiss();
-  size.dismiss();
+  EXPECT_EQ(failed, 2U);
 }
 
 TEST(SpawnedProcessFaults, ClosesTheDescriptorsOneByOneWhenTheyCannotBeClosedAtOnce) {
@@ -238,35 +282,46 @@ TEST(SpawnedProcessFaults, ClosesTheDescriptorsOneByOneWhenTheyCannotBeClosedAtO
 }
 
 CUL_CHILD(StreamsFail) {
+  AnsweredChild child;
   {
     // A stream whose close fails is left alone.
-    FailingCall failing({.call = LibcCall::close, .error = EIO, .first = 1});
+    child.answer([](const SystemCall& call) {
+      return call.number == SYS_close && call.arguments[0] == 1 ? EIO : 0;
+    });
     const TemporaryFolder folder;
     const SpawnedProcess process =
         spawnShell("(ls -l /proc/$$/fd > \"$0\"); echo still there", {folder.file("list")});
     EXPECT_EQ(statusOf(process), 0);
     EXPECT_EQ(occurrences(contentsOf(folder.file("list")), " -> /dev/null\n"), 2U);
-    failing.dismiss();
   }
   {
-    FailingCall failing(
-        {.call = LibcCall::fcntl, .error = EMFILE, .first = {}, .argument = F_DUPFD});
+    bool isToFail = true;
+    child.answer([&isToFail](const SystemCall& call) {
+      return call.number == SYS_fcntl && call.arguments[1] == F_DUPFD &&
+                     std::exchange(isToFail, false)
+                 ? EMFILE
+                 : 0;
+    });
     expectSilencedAndClosed(2);
-    failing.dismiss();
+    EXPECT_FALSE(isToFail);
   }
   {
     // The second attempt succeeds.
-    FailingCall failing({.call = LibcCall::open, .error = ENFILE, .path = "/dev/null"});
+    bool isToFail = true;
+    child.answer([&isToFail](const SystemCall& call) {
+      return call.number == SYS_openat && std::exchange(isToFail, false) ? ENFILE : 0;
+    });
     expectSilencedAndClosed();
-    failing.dismiss();
+    EXPECT_FALSE(isToFail);
   }
   {
-    FailingCall failing({.call = LibcCall::open,
-                         .error = ENOENT,
-                         .path = "/dev/null",
-                         .times = CallFailure::always});
+    unsigned failed = 0;
+    child.answer([&failed](const SystemCall& call) {
+      failed += call.number == SYS_openat ? 1 : 0;
+      return call.number == SYS_openat ? ENOENT : 0;
+    });
     expectSilencedAndClosed(0);
-    failing.dismiss();
+    EXPECT_EQ(failed, 4U);
   }
 }
 
@@ -277,12 +332,16 @@ TEST(SpawnedProcessFaults, SilencesWhatItCan) {
 }
 
 CUL_CHILD(OpenFailsOnceWithoutStandardInput) {
+  AnsweredChild child;
+  bool isToFail = true;
+  child.answer([&isToFail](const SystemCall& call) {
+    return call.number == SYS_openat && std::exchange(isToFail, false) ? ENFILE : 0;
+  });
   const int saved = fcntl(0, F_DUPFD_CLOEXEC, 3);
   close(0);
-  FailingCall failing({.call = LibcCall::open, .error = ENFILE, .path = "/dev/null"});
   expectSilencedAndClosed(2);
-  failing.dismiss();
   dup2(saved, 0);
+  EXPECT_FALSE(isToFail);
 }
 
 TEST(SpawnedProcessFaults, LeavesAClosedStreamClosedAlsoAtTheSecondAttempt) {
@@ -294,6 +353,8 @@ TEST(SpawnedProcessFaults, LeavesAClosedStreamClosedAlsoAtTheSecondAttempt) {
 
 namespace {
 
+std::atomic<unsigned> childrenMade = 0;
+
 // Spawns a program that would run for ever, expects a failure after it was forked off, and
 // looks for what is left of it.
 template <typename Exception>
@@ -301,7 +362,7 @@ void expectKilledChild(std::atomic<int>& before, int count, int status) {
   const TemporaryFolder folder;
   const std::vector<std::string> descriptors = openDescriptors();
   const size_t threads = threadCount();
-  const CallRecord record({LibcCall::fork});
+  const unsigned childrenBefore = childrenMade;
   before = count;
   try {
     spawnShell("while :; do sleep 1; done");
@@ -310,7 +371,7 @@ void expectKilledChild(std::atomic<int>& before, int count, int status) {
     EXPECT_EQ(e.status, status);
   }
   EXPECT_EQ(before, -1) << "the call that was to fail never came";
-  EXPECT_EQ(record.count(LibcCall::fork), 1U);
+  EXPECT_EQ(childrenMade, childrenBefore + 1);
   EXPECT_TRUE(hasNoChildren());
   EXPECT_EQ(openDescriptors(), descriptors);
   EXPECT_LE(threadCount(), threads + 1);
@@ -319,6 +380,10 @@ void expectKilledChild(std::atomic<int>& before, int count, int status) {
 }  // namespace
 
 CUL_CHILD(ThreadsFail) {
+  const AnsweredCalls calls({SYS_clone}, [](const SystemCall& call) {
+    childrenMade += makesProgram(call) ? 1 : 0;
+    return 0;
+  });
   // The timer is the first thread.
   expectKilledChild<StdException>(threadsBeforeFailure, 0, -1);
   EXPECT_EQ(statusOf(spawnShell("exit 3")), 3 << 8);
@@ -502,14 +567,36 @@ CUL_CHILD(AskTheStarterToEnd) {
   EXPECT_TRUE(program.cameToItsEnd());
 }
 
+CUL_CHILD(AskTheStarterToEndBeforeThereIsAProgram) {
+  EXPECT_EQ(statusOf(spawnShell("exit 0")), 0);
+  HeldProgram program;
+  StdThread::Termination end;
+  std::atomic<unsigned> asked = 0;
+  // The starter inherits the answers from its creator.
+  const AnsweredCalls calls({SYS_execve}, [&](const SystemCall&) {
+    EXPECT_EQ(pthread_kill(end.threadId(), SIGUSR2), 0);
+    ++asked;
+    return 0;
+  });
+  (new StarterThread(program.folder(), end))->start_thread(0);
+  EXPECT_EQ(end.wait(0), 0);
+  EXPECT_EQ(asked, 1U);
+  program.awaitStart();
+  EXPECT_TRUE(isRunning(program.process()));
+  program.release();
+  EXPECT_TRUE(waitUntil(hasNoChildren));
+  EXPECT_TRUE(program.cameToItsEnd());
+}
+
 TEST(SpawnedProcessFaults, WatchesTheChildOfAThreadThatIsAskedToEndDuringTheStart) {
   // A thread that ends does so in its signal handler, which the thread sanitizer dislikes.
   const char* const given = getenv("TSAN_OPTIONS");
   const std::string options = given != nullptr ? std::string(given).append(":") : "";
-  const ChildResult r =
-      runChild("AskTheStarterToEnd",
-               {.environment = {{"TSAN_OPTIONS", options + "report_signal_unsafe=0"}}});
-  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  for (const char* name : {"AskTheStarterToEnd", "AskTheStarterToEndBeforeThereIsAProgram"}) {
+    const ChildResult r =
+        runChild(name, {.environment = {{"TSAN_OPTIONS", options + "report_signal_unsafe=0"}}});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+  }
 }
 
 // Many

@@ -1,6 +1,8 @@
 #include "Engine/utilities/SpawnedProcess.h"
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
@@ -11,10 +13,12 @@
 #include <pthread.h>
 #include <set>
 #include <string>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <thread>
 #include <type_traits>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -22,6 +26,7 @@
 #include "Engine/utilities/ProcessWaiter.h"
 #include "Engine/utilities/ThreadListener.h"
 
+#include "tests/processes/AnsweredCalls.h"
 #include "tests/processes/SpawnedProcessSupport.h"
 #include "tests/support/EnvironmentGuard.h"
 #include "tests/support/Terminal.h"
@@ -519,22 +524,294 @@ TEST(SpawnedProcess, LetsABrokenPipeEndTheProgram) {
             5 << 8);
 }
 
-CUL_CHILD(SignalBetweenForkAndProgram) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
-  static int told;
-  told = ends[1];
-  signal(SIGUSR1, [](int) { static_cast<void>(!write(told, "x", 1)); });
-  pthread_atfork(nullptr, nullptr, [] { raise(SIGUSR1); });
-  EXPECT_EQ(statusOf(spawnShell("exit 5")), SIGUSR1);
-  char byte;
-  EXPECT_EQ(read(ends[0], &byte, 1), -1) << "the handler ran in the child";
+namespace {
+
+constinit std::atomic<unsigned> handlersRun = 0;
+
+void countHandler(int) { ++handlersRun; }
+
+void handle(int signal, void (*handler)(int)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  EXPECT_EQ(sigaction(signal, &action, nullptr), 0) << signal;
+}
+
+bool isForTheLibraryOrTheSystem(int signal) {
+  return signal == SIGKILL || signal == SIGSTOP || signal == SIGUSR2 || signal == SIGPIPE ||
+         signal == SIGTTIN || (signal >= 32 && signal < SIGRTMIN);
+}
+
+// The status of a child that gets a signal just before this system call.
+int statusWithSignalAt(std::atomic<long>& at, long number) {
+  at = number;
+  const int status = statusOf(spawnShell("exit 5"));
+  EXPECT_EQ(at, -1) << "the call never came";
+  return status;
+}
+
+}  // namespace
+
+CUL_CHILD(SignalsBetweenStartAndProgram) {
+  handle(SIGUSR1, countHandler);
+  std::atomic<long> at = -1;
+  const AnsweredCalls calls(
+      {SYS_rt_sigaction, SYS_openat, SYS_close_range, SYS_rt_sigprocmask, SYS_execve},
+      [&at](const SystemCall& call) {
+        if (call.isMadeByChild && call.number == at) {
+          at = -1;
+          EXPECT_EQ(kill(call.task, SIGUSR1), 0);
+        }
+        return 0;
+      });
+  for (const long number :
+       {SYS_rt_sigaction, SYS_openat, SYS_close_range, SYS_rt_sigprocmask, SYS_execve}) {
+    EXPECT_EQ(statusWithSignalAt(at, number), SIGUSR1) << number;
+    EXPECT_EQ(handlersRun, 0U) << "the handler ran in the child";
+  }
   raise(SIGUSR1);
-  EXPECT_EQ(read(ends[0], &byte, 1), 1) << "the handler is gone from the parent";
+  EXPECT_EQ(handlersRun, 1U) << "the handler is gone from the parent";
+  // What is ignored stays so.
+  signal(SIGUSR1, SIG_IGN);
+  for (const long number : {SYS_openat, SYS_execve}) {
+    EXPECT_EQ(statusWithSignalAt(at, number), 5 << 8) << number;
+  }
 }
 
 TEST(SpawnedProcess, NeverRunsAHandlerInTheChild) {
-  const ChildResult r = runChild("SignalBetweenForkAndProgram");
+  const ChildResult r = runChild("SignalsBetweenStartAndProgram");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(SignalsForTheParentMeanwhile) {
+  // To the thread that starts, while it waits for its child to become the program.
+  const pid_t starter = gettid();
+  bool isSent = false;
+  handle(SIGUSR1, countHandler);
+  const AnsweredCalls calls({SYS_execve}, [&](const SystemCall&) {
+    if (!std::exchange(isSent, true)) {
+      EXPECT_EQ(tgkill(getpid(), starter, SIGUSR1), 0);
+      EXPECT_EQ(handlersRun, 0U);
+    }
+    return 0;
+  });
+  EXPECT_EQ(statusOf(spawnShell("exit 5")), 5 << 8);
+  EXPECT_TRUE(isSent);
+  EXPECT_EQ(handlersRun, 1U);
+}
+
+TEST(SpawnedProcess, HandsTheParentsSignalsToTheParentAfterTheStart) {
+  const ChildResult r = runChild("SignalsForTheParentMeanwhile");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(SpawnWithHandlersForAll) {
+  // The library takes its own signals whenever it starts a thread.
+  EXPECT_EQ(statusOf(spawnShell("exit 0")), 0);
+  std::map<int, struct sigaction> before;
+  for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+    if (!isForTheLibraryOrTheSystem(signal) && signal != SIGINT) {
+      handle(signal, countHandler);
+    }
+  }
+  signal(SIGINT, SIG_IGN);
+  for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+    sigaction(signal, nullptr, &before[signal]);
+  }
+  const std::string none(16, '0');
+  EXPECT_EQ(signalSetsOfSpawned(),
+            (SignalSets{{"SigBlk", none}, {"SigIgn", "0000000000000002"}, {"SigCgt", none}}));
+  for (int signal = 1; signal <= SIGRTMAX; ++signal) {
+    struct sigaction after = {};
+    sigaction(signal, nullptr, &after);
+    EXPECT_EQ(after.sa_handler, before[signal].sa_handler) << signal;
+    EXPECT_EQ(after.sa_flags, before[signal].sa_flags) << signal;
+    for (int other = 1; other <= SIGRTMAX; ++other) {
+      EXPECT_EQ(sigismember(&after.sa_mask, other), sigismember(&before[signal].sa_mask, other));
+    }
+  }
+}
+
+TEST(SpawnedProcess, KeepsTheHandlersOfTheParentAndHandsNoneOn) {
+  const ChildResult r = runChild("SpawnWithHandlersForAll");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+// The child
+
+namespace {
+
+// The calls on descriptors of a child before it is the program, as "close 1" each.
+std::vector<std::string> stepsOf(int sharesParentConsoleIO, int inheritsFileDescriptors,
+                                 std::vector<std::string>& steps) {
+  steps.clear();
+  EXPECT_EQ(statusOf(spawn("true", {}, sharesParentConsoleIO, inheritsFileDescriptors)), 0);
+  return steps;
+}
+
+std::string nameOf(const SystemCall& call) {
+  const auto argument = [&call](int i) {
+    return " " + std::to_string(static_cast<int>(call.arguments[i]));
+  };
+  switch (call.number) {
+    case SYS_openat:
+      return "open" + argument(2);
+    case SYS_close:
+      return "close" + argument(0);
+    case SYS_fcntl:
+      return "fcntl" + argument(1) + argument(2);
+    case SYS_close_range:
+      return "close_range" + argument(0) + argument(1);
+    case SYS_execve:
+      return "execve";
+    default:
+      return "another";
+  }
+}
+
+}  // namespace
+
+CUL_CHILD(StepsOnDescriptors) {
+  std::vector<std::string> steps;
+  const AnsweredCalls calls({SYS_openat, SYS_close, SYS_fcntl, SYS_close_range, SYS_execve},
+                            [&steps](const SystemCall& call) {
+                              if (call.isMadeByChild) {
+                                steps.push_back(nameOf(call));
+                              }
+                              return 0;
+                            });
+  const std::vector<std::string> silence = {"open 1",    "close 0", "fcntl 0 0", "close 1",
+                                            "fcntl 0 1", "close 2", "fcntl 0 2"};
+  std::vector<std::string> silenceOnly = silence;
+  std::vector<std::string> both = silence;
+  // The descriptor of the file is closed among the others, and before when they are kept.
+  both.insert(both.end(), {"close", "close_range 3 -1", "execve"});
+  silenceOnly.insert(silenceOnly.end(), {"close", "execve"});
+  const auto withoutNumbers = [](std::vector<std::string> all) {
+    for (std::string& step : all) {
+      const bool isSurplus =
+          step.starts_with("close ") && step != "close 0" && step != "close 1" && step != "close 2";
+      step = isSurplus ? "close" : step;
+    }
+    return all;
+  };
+  EXPECT_EQ(withoutNumbers(stepsOf(silenced, closed, steps)), both);
+  EXPECT_EQ(withoutNumbers(stepsOf(silenced, inherited, steps)), silenceOnly);
+  EXPECT_EQ(stepsOf(shared, closed, steps),
+            (std::vector<std::string>{"close_range 3 -1", "execve"}));
+  EXPECT_EQ(stepsOf(shared, inherited, steps), std::vector<std::string>{"execve"});
+}
+
+TEST(SpawnedProcess, SilencesTheStreamsOneByOneAndThenClosesTheOthers) {
+  const ChildResult r = runChild("StepsOnDescriptors");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(SpawnWithHandlersOfForks) {
+  static std::atomic<unsigned> run = 0;
+  pthread_atfork([] { ++run; }, [] { ++run; }, [] { ++run; });
+  EXPECT_EQ(statusOf(spawnShell("exit 5")), 5 << 8);
+  EXPECT_EQ(run, 0U);
+}
+
+TEST(SpawnedProcess, RunsNoHandlersOfForks) {
+  const ChildResult r = runChild("SpawnWithHandlersOfForks");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(SpawnAndKeepErrno) {
+  errno = 0;
+  const SpawnedProcess process = spawn("/cul/no/such/program", {}, shared, inherited);
+  EXPECT_EQ(statusOf(process), 256);
+  // The child has got the reason, this process nothing.
+  EXPECT_NE(errno, ENOENT);
+}
+
+TEST(SpawnedProcess, LeavesNoErrorOfTheChildInTheParent) {
+  const ChildResult r = runChild("SpawnAndKeepErrno");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(SpawnWithoutAnEnvironment) {
+  clearenv();
+  const TemporaryFolder folder;
+  EXPECT_EQ(statusOf(spawnShell("cat /proc/$$/environ > \"$0\"", {folder.file("seen")})), 0);
+  EXPECT_EQ(contentsOf(folder.file("seen")), "");
+  setenv("ONLY", "one", 1);
+  EXPECT_EQ(statusOf(spawnShell("cat /proc/$$/environ > \"$0\"", {folder.file("seen")})), 0);
+  EXPECT_EQ(contentsOf(folder.file("seen")), std::string("ONLY=one") + '\0');
+}
+
+TEST(SpawnedProcess, HandsOnAnEmptyEnvironment) {
+  const ChildResult r = runChild("SpawnWithoutAnEnvironment");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(SpawnWhileTheEnvironmentGrows) {
+  // The child is about to read its environment when the array behind it moves.
+  setenv("FIRST", "1", 1);
+  unsigned added = 0;
+  const AnsweredCalls calls({SYS_execve}, [&added](const SystemCall&) {
+    for (; added < 300; ++added) {
+      setenv(("ADDED" + std::to_string(added)).c_str(), "x", 1);
+    }
+    return 0;
+  });
+  const TemporaryFolder folder;
+  EXPECT_EQ(statusOf(spawnShell("cat /proc/$$/environ > \"$0\"", {folder.file("seen")})), 0);
+  EXPECT_EQ(added, 300U);
+  const std::string seen = contentsOf(folder.file("seen"));
+  EXPECT_EQ(occurrences(seen, "FIRST=1"), 1U);
+  EXPECT_EQ(occurrences(seen, "ADDED"), 0U);
+}
+
+TEST(SpawnedProcess, HandsOnTheEnvironmentOfTheMomentOfTheStart) {
+  const ChildResult r = runChild("SpawnWhileTheEnvironmentGrows");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
+CUL_CHILD(SpawnOnThreadsBesideForks) {
+  EXPECT_EQ(statusOf(spawnShell("exit 0")), 0);
+  handle(SIGUSR1, countHandler);
+  std::atomic<bool> isOver = false;
+  const pid_t self = getpid();
+  std::thread forking([&isOver] {
+    while (!isOver) {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(3);
+      }
+      int status = 0;
+      EXPECT_EQ(waitpid(child, &status, 0), child);
+      EXPECT_EQ(status, 3 << 8);
+    }
+  });
+  std::thread signalling([&isOver, self] {
+    while (!isOver) {
+      kill(self, SIGUSR1);
+      usleep(1000);
+    }
+  });
+  std::vector<std::thread> starting;
+  starting.reserve(6);
+  for (int thread = 0; thread < 6; ++thread) {
+    starting.emplace_back([thread] {
+      for (int i = 0; i < 15; ++i) {
+        const int code = thread * 20 + i;
+        EXPECT_EQ(statusOf(spawnShell("exit $0", {std::to_string(code)})), code << 8);
+      }
+    });
+  }
+  for (std::thread& thread : starting) {
+    thread.join();
+  }
+  isOver = true;
+  forking.join();
+  signalling.join();
+  EXPECT_TRUE(hasNoChildren());
+}
+
+TEST(SpawnedProcess, StartsProgramsOnManyThreadsWhileOthersForkAndSignalsCome) {
+  const ChildResult r = runChild("SpawnOnThreadsBesideForks");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 

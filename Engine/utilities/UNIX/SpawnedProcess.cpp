@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
-#include <fcntl.h>
 #include <memory>
 #include <string>
 #include <unistd.h>
@@ -16,7 +15,7 @@
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/ThreadListener.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/SignalsBlocked.h"
+#include "Engine/utilities/UNIX/ProgramStart.h"
 #include "Engine/utilities/UNIX/SystemCallFailure.h"
 
 namespace {
@@ -25,8 +24,7 @@ constexpr const char* constructorText =
     "SpawnedProcess::SpawnedProcess(const EncodedString&, const EncodedString&, "
     "const List<EncodedString*>&, int, int)";
 
-// All that the child needs, made before it exists: other threads may hold the locks of the
-// allocator or the trace when it is forked off, and nobody would ever release them there.
+// All that the child needs, made before it exists.
 class Program {
  public:
   Program(const EncodedString& path, const List<EncodedString*>& arguments)
@@ -37,10 +35,22 @@ class Program {
       add(*argument);
     }
     arguments_.push_back(nullptr);
+    // The C library frees the array that the environment was in before a variable was added, and
+    // another thread may add one while the child reads. It never frees its texts.
+    for (char** variable = environ; variable != nullptr && *variable != nullptr; ++variable) {
+      environment_.push_back(*variable);
+    }
+    environment_.push_back(nullptr);
   }
 
-  /// Returns when it fails.
-  void execute() const noexcept { execv(file_.c_str(), arguments_.data()); }
+  /// \return the child's id, or -1 with `errno` set.
+  [[nodiscard]] pid_t start(bool silencesStreams, bool closesDescriptors) const noexcept {
+    return startProgram({.file = file_.c_str(),
+                         .arguments = arguments_.data(),
+                         .environment = environment_.data(),
+                         .silencesStreams = silencesStreams,
+                         .closesDescriptors = closesDescriptors});
+  }
 
  private:
   // A program may write to its arguments, but to its own copies.
@@ -48,85 +58,8 @@ class Program {
 
   std::string file_;
   std::vector<char*> arguments_;
+  std::vector<char*> environment_;
 };
-
-// From here to becomeProgram() everything runs in the child, and calls only what is safe in a
-// signal handler.
-
-// Starting the program resets handlers anyway. They must not run before that, either: they
-// trace, and take locks. What the library ignores goes back to what a shell would pass on.
-void resetSignals() noexcept {
-  for (int signal = 1; signal < NSIG; ++signal) {
-    struct sigaction current = {};
-    const bool isIgnoredByLibrary = signal == SIGPIPE || signal == SIGTTIN;
-    if (sigaction(signal, nullptr, &current) == 0 && current.sa_handler != SIG_DFL &&
-        (current.sa_handler != SIG_IGN || isIgnoredByLibrary)) {
-      struct sigaction standard = {};
-      standard.sa_handler = SIG_DFL;
-      sigaction(signal, &standard, nullptr);
-    }
-  }
-}
-
-int openNull() noexcept { return open("/dev/null", O_WRONLY); }
-
-// Standard input becomes write-only, too: deliberate. A stream that is closed stays closed,
-// though the descriptor to duplicate may have got its number meanwhile.
-void silenceStreams() noexcept {
-  int null = openNull();
-  int surplus = null;
-  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-    if (stream == surplus || close(stream) != 0) {
-      continue;
-    }
-    if (null == -1) {
-      // There was no room for one more descriptor; now there is.
-      null = openNull();
-      if (null == stream) {
-        continue;
-      }
-      surplus = null;
-    }
-    fcntl(null, F_DUPFD, stream);
-  }
-  if (surplus != -1) {
-    close(surplus);
-  }
-}
-
-void closeDescriptors() noexcept {
-  constexpr int first = STDERR_FILENO + 1;
-  if (close_range(first, ~0U, 0) == 0) {
-    return;
-  }
-  for (int fd = getdtablesize() - 1; fd >= first; --fd) {
-    close(fd);
-  }
-}
-
-[[noreturn]] void becomeProgram(const Program& program, const SpawnedProcess& process,
-                                const SignalsBlocked& signals) noexcept {
-  resetSignals();
-  signals.unblock();
-  if (!process.sharesParentConsoleIO()) {
-    silenceStreams();
-  }
-  if (!process.inheritsFileDescriptors()) {
-    closeDescriptors();
-  }
-  program.execute();
-  _exit(1);
-}
-
-/// \return the child's id, or -1 with `errno` set.
-pid_t forkProgram(const Program& program, const SpawnedProcess& process) noexcept {
-  const SignalsBlocked signals;
-  const pid_t id = fork();
-  if (id == 0) {
-    becomeProgram(program, process, signals);
-  }
-  return id;
-}
 
 // Ends a child that nobody would wait for.
 class UnwatchedChild {
@@ -170,7 +103,8 @@ SpawnedProcess::SpawnedProcess(const EncodedString& program, const EncodedString
   const Program file(resolved, arguments);
   // A thread that is asked to end meanwhile does so when its child is watched.
   const HoldRequests hold;
-  const pid_t process = forkProgram(file, *this);
+  const pid_t process =
+      file.start(!this->sharesParentConsoleIO(), !this->inheritsFileDescriptors());
   if (process == -1) {
     failSystemCall(constructorText, 189, 189, "Fork failed.", "::fork() failed with errno %d.",
                    errno);

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <functional>
+#include <sys/types.h>
+#include <vector>
+
+/// \file
+/// System calls that the test answers in the place of the kernel: also those of a child that
+/// does without the C library, which FailingCall cannot reach.
+
+/// A system call that is about to be made.
+struct SystemCall {
+  pid_t task;          ///< The thread that makes it.
+  bool isMadeByChild;  ///< Not by a thread of this process.
+  long number;
+  unsigned long arguments[6];
+};
+
+/// Asked before each call.
+/// \return an `errno` value with which the call fails; 0: the kernel makes it.
+using SystemCallAnswer = std::function<int(const SystemCall&)>;
+
+/// Until the end of the scope, `answer` is asked about the system calls with these numbers that
+/// the calling thread makes, threads that it creates from now on, and children for as long as they
+/// have not become a program. It is asked on a thread of its own, about one call at a time, while
+/// whoever makes the call waits. Once in a process, for child cases: the calls go through that
+/// thread until the process ends.
+class AnsweredCalls {
+ public:
+  AnsweredCalls(const std::vector<long>& numbers, SystemCallAnswer answer);
+  AnsweredCalls(const AnsweredCalls&) = delete;
+  AnsweredCalls& operator=(const AnsweredCalls&) = delete;
+  ~AnsweredCalls();
+};
