@@ -21,7 +21,9 @@
 /// index names and that has ended meanwhile, and where anything but a process follows one in
 /// the folder /proc, of which only the one entry behind is looked at (the kernel lists all
 /// processes behind everything else). One that wants to see all starts again from 0. Each call
-/// reads the folder anew.
+/// opens the folder anew, and looks at once where the kernel has the process that the index names:
+/// a walk costs in proportion to the processes. Only the first call of a walk, the last one, and
+/// one for a process that is not there read from the start.
 ///
 /// Nothing is kept between calls but the caller's index: any thread may call, on its own index
 /// and buffers. Nothing is thrown; failures are traced under "ERROR".

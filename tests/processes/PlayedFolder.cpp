@@ -1,9 +1,13 @@
 #include "tests/processes/PlayedFolder.h"
 
+#include <cstddef>
 #include <cstring>
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <linux/magic.h>
+#include <sys/vfs.h>
+#include <unistd.h>
 #include <utility>
 
 #include <gtest/gtest.h>
@@ -13,12 +17,26 @@ namespace {
 struct Play {
   std::string path;
   std::vector<std::string> names;
+  bool hasPositions = false;
+  long before = 0;
+  unsigned most = 0;
   DIR* folder = nullptr;
   std::size_t at = 0;
   dirent entry = {};
   unsigned opened = 0;
   unsigned closed = 0;
+  unsigned read = 0;
   bool isClosedOnExec = false;
+
+  [[nodiscard]] bool isOpenAs(int fd) const { return folder != nullptr && dirfd(folder) == fd; }
+
+  [[nodiscard]] off_t positionOf(std::size_t name) const {
+    constexpr off_t end = 1L << 32;
+    return name == names.size() ? end
+           : names[name].find_first_not_of("0123456789") == std::string::npos
+               ? before + std::stol(names[name])
+               : 0;
+  }
 };
 
 constinit Play* play = nullptr;
@@ -36,6 +54,14 @@ PlayedFolder::PlayedFolder(std::string path, std::vector<std::string> names) {
   play = new Play{.path = std::move(path), .names = std::move(names)};
 }
 
+PlayedFolder::PlayedFolder(std::string path, std::vector<std::string> names, long before,
+                           unsigned most)
+    : PlayedFolder(std::move(path), std::move(names)) {
+  play->hasPositions = true;
+  play->before = before;
+  play->most = most;
+}
+
 PlayedFolder::~PlayedFolder() {
   EXPECT_EQ(play->folder, nullptr) << "the folder was left open";
   delete std::exchange(play, nullptr);
@@ -44,6 +70,8 @@ PlayedFolder::~PlayedFolder() {
 unsigned PlayedFolder::opened() const { return play->opened; }
 
 unsigned PlayedFolder::closed() const { return play->closed; }
+
+unsigned PlayedFolder::read() const { return play->read; }
 
 bool PlayedFolder::isClosedOnExec() const { return play->isClosedOnExec; }
 
@@ -69,6 +97,7 @@ extern "C" dirent* readdir(DIR* folder) {
     return nullptr;
   }
   const std::string& name = play->names[play->at++];
+  ++play->read;
   EXPECT_LT(name.size(), sizeof play->entry.d_name);
   std::strncpy(play->entry.d_name, name.c_str(), sizeof play->entry.d_name - 1);
   return &play->entry;
@@ -81,4 +110,57 @@ extern "C" int closedir(DIR* folder) {
     ++play->closed;
   }
   return real(folder);
+}
+
+extern "C" void rewinddir(DIR* folder) noexcept {
+  static auto* const real = next<void(DIR*)>("rewinddir");
+  if (play != nullptr && folder == play->folder) {
+    play->at = 0;
+  }
+  real(folder);
+}
+
+extern "C" int fstatfs(int fd, struct statfs* system) noexcept {
+  static auto* const real = next<int(int, struct statfs*)>("fstatfs");
+  const int result = real(fd, system);
+  if (play != nullptr && play->isOpenAs(fd) && !play->hasPositions) {
+    system->f_type = TMPFS_MAGIC;
+  }
+  return result;
+}
+
+extern "C" off64_t lseek64(int fd, off64_t position, int from) noexcept {
+  static auto* const real = next<off64_t(int, off64_t, int)>("lseek64");
+  if (play == nullptr || !play->isOpenAs(fd) || !play->hasPositions) {
+    return real(fd, position, from);
+  }
+  EXPECT_EQ(from, SEEK_SET);
+  play->at = 0;
+  while (play->at < play->names.size() && play->positionOf(play->at) < position) {
+    ++play->at;
+  }
+  return position;
+}
+
+extern "C" ssize_t getdents64(int fd, void* buffer, size_t size) noexcept {
+  static auto* const real = next<ssize_t(int, void*, size_t)>("getdents64");
+  if (play == nullptr || !play->isOpenAs(fd)) {
+    return real(fd, buffer, size);
+  }
+  size_t used = 0;
+  for (unsigned n = 0; n < play->most && play->at < play->names.size(); ++n) {
+    const std::string& name = play->names[play->at];
+    const size_t length = (offsetof(dirent64, d_name) + name.size() + 1 + 7) / 8 * 8;
+    ++play->read;  // Made, whether or not there is room.
+    if (used + length > size) {
+      break;
+    }
+    auto* const entry = reinterpret_cast<dirent64*>(static_cast<char*>(buffer) + used);
+    ++play->at;
+    entry->d_off = play->positionOf(play->at);
+    entry->d_reclen = static_cast<unsigned short>(length);
+    std::memcpy(entry->d_name, name.c_str(), name.size() + 1);
+    used += length;
+  }
+  return static_cast<ssize_t>(used);
 }

@@ -5,16 +5,18 @@
 #include <cerrno>
 #include <climits>
 #include <cstdio>
-#include <cstring>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <fstream>
 #include <iterator>
 #include <set>
 #include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <thread>
 #include <type_traits>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -22,31 +24,12 @@
 
 #include "Engine/utilities/TraceFlags.h"
 
+#include "tests/processes/AnsweredCalls.h"
 #include "tests/processes/FailingCall.h"
 #include "tests/processes/PlayedFolder.h"
 #include "tests/support/TracedChild.h"
 #include "tests/support/WaitUntil.h"
 #include "tests/support/WaitingProgram.h"
-
-// Whether the stream that was opened last is closed when a program is started.
-static std::atomic<bool> isLastStreamClosedOnExec = false;
-
-// What ends, and is reaped, as soon as a stream has been opened.
-static std::atomic<WaitingProgram*> endsWhenOpened = nullptr;
-
-extern "C" FILE* fopen(const char* path, const char* mode) {
-  static auto* const real =
-      reinterpret_cast<FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
-  FILE* const stream = real(path, mode);
-  if (stream != nullptr && std::strncmp(path, "/proc/", 6) == 0) {
-    isLastStreamClosedOnExec = (fcntl(fileno(stream), F_GETFD) & FD_CLOEXEC) != 0;
-    if (WaitingProgram* const program = endsWhenOpened.exchange(nullptr); program != nullptr) {
-      program->end();
-      program->reap();
-    }
-  }
-  return stream;
-}
 
 namespace {
 
@@ -256,6 +239,131 @@ TEST(ProcessTable, IndexOfAProcessThatHasEndedFindsNone) {
   EXPECT_THAT(walkFrom(child.id(), 1), IsEmpty());
 }
 
+// As the kernel lists them, at the positions of the kernels since long and of another one.
+constexpr long usualBefore = 258;
+constexpr long otherBefore = 300;
+
+TEST(ProcessTable, WalkReadsOneEntryBehindEachProcessOnly) {
+  std::vector<std::string> names = {".", "..", "fs", "uptime", "self", "thread-self"};
+  const unsigned others = static_cast<unsigned>(names.size());
+  std::vector<pid_t> expected;
+  for (pid_t process = 1; process < 4'000'000; process += 3999) {
+    expected.push_back(process);
+    names.push_back(std::to_string(process));
+  }
+  const unsigned processes = static_cast<unsigned>(expected.size());
+  for (const long before : {usualBefore, otherBefore}) {
+    const PlayedFolder folder("/proc", names, before);
+    EXPECT_EQ(walkFrom(0), expected);
+    EXPECT_EQ(folder.opened(), processes + 1);
+    EXPECT_EQ(folder.closed(), processes + 1);
+    // The first and the last call read from the start; those between them jump twice where the
+    // position is not the usual one.
+    EXPECT_LE(folder.read(), 2 * (others + processes + 2) + 6 * processes) << before;
+  }
+}
+
+TEST(ProcessTable, WalkIsTheSameWhereverTheKernelHasItsProcesses) {
+  for (const long before : {usualBefore, otherBefore, 259L, 257L, 0L, 1L}) {
+    for (const unsigned most : {1U, 2U, 100U}) {
+      const PlayedFolder folder("/proc", {"fs", "self", "1", "2", "3", "7", "70", "4194304"},
+                                before, most);
+      EXPECT_THAT(walkFrom(0), ElementsAre(1, 2, 3, 7, 70, 4194304)) << before;
+      EXPECT_THAT(walkFrom(3), ElementsAre(3, 7, 70, 4194304)) << before;
+      EXPECT_THAT(walkFrom(4194304), ElementsAre(4194304)) << before;
+      procentry64 entry = {-77};
+      for (const pid_t wanted : {4, 6, 71, -5, INT_MAX, INT_MIN}) {
+        pid_t index = wanted;
+        EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), -1);
+        EXPECT_EQ(index, wanted);
+        EXPECT_EQ(entry.processId, -77);
+      }
+      EXPECT_EQ(folder.closed(), folder.opened());
+    }
+  }
+}
+
+TEST(ProcessTable, WalkOfTheKernelsFolderEndsEarlyWhereSomethingElseFollowsAProcess) {
+  for (const unsigned most : {1U, 100U}) {
+    const PlayedFolder folder("/proc", {"self", "5", "9", "behind"}, usualBefore, most);
+    EXPECT_THAT(walkFrom(0), ElementsAre(5, 9));
+    EXPECT_THAT(walkFrom(9), ElementsAre(9));
+    pid_t index = 9;
+    procentry64 entry;
+    EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), 1);
+    EXPECT_EQ(index, 10);
+  }
+}
+
+// A number may stand there twice, under names of which none is of the kernel.
+TEST(ProcessTable, FolderOfAnotherFileSystemIsReadFromTheStart) {
+  const PlayedFolder folder("/proc", {"009", "5", "self", "9", "11"});
+  EXPECT_THAT(walkFrom(9), ElementsAre(9, 5));
+  EXPECT_THAT(walkFrom(11), ElementsAre(11));
+}
+
+TEST(ProcessTable, EveryProcessOfTheMachineIsFoundByItsIdentifier) {
+  const WaitingProgram child({});
+  for (const pid_t process : {getpid(), child.id(), 1}) {
+    EXPECT_THAT(walkFrom(process, 1), ElementsAre(process));
+  }
+  // The kernel opens a folder for each thread, but lists those that lead a process.
+  std::atomic<pid_t> task = 0;
+  std::atomic<bool> isOver = false;
+  std::thread thread([&] {
+    task = gettid();
+    task.notify_one();
+    isOver.wait(false);
+  });
+  task.wait(0);
+  EXPECT_THAT(walkFrom(task, 1), IsEmpty());
+  isOver = true;
+  isOver.notify_one();
+  thread.join();
+}
+
+TEST(ProcessTable, IndexGoesToTheVeryNextProcess) {
+  const WaitingProgram first({});
+  const WaitingProgram second({});
+  // Others come and go: between two looks at the folder that see the same.
+  const auto nextOf = [](const std::set<pid_t>& processes, pid_t process) {
+    const auto next = processes.upper_bound(process);
+    return next == processes.end() ? process + 1 : *next;
+  };
+  EXPECT_TRUE(waitUntil([&] {
+    const pid_t before = nextOf(processesInProc(), first.id());
+    procentry64 entry;
+    pid_t index = first.id();
+    EXPECT_EQ(getprocs64(&entry, sizeof entry, nullptr, 0, &index, 1), 1);
+    EXPECT_EQ(entry.processId, first.id());
+    return before == nextOf(processesInProc(), first.id()) && index == before;
+  }));
+}
+
+TEST(ProcessTable, WalkBearsProcessesThatComeAndGo) {
+  const WaitingProgram first({});
+  const WaitingProgram last({});
+  std::atomic<bool> isOver = false;
+  std::thread coming([&isOver] {
+    while (!isOver) {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(0);
+      }
+      EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    }
+  });
+  for (int i = 0; i < 50; ++i) {
+    const std::vector<pid_t> walk = walkFrom(0);
+    EXPECT_TRUE(std::is_sorted(walk.begin(), walk.end()));
+    EXPECT_EQ(std::set<pid_t>(walk.begin(), walk.end()).size(), walk.size());
+    EXPECT_THAT(walkFrom(first.id(), 1), ElementsAre(first.id()));
+    EXPECT_THAT(walkFrom(last.id(), 1), ElementsAre(last.id()));
+  }
+  isOver = true;
+  coming.join();
+}
+
 TEST(ProcessTable, NullArgumentsFindNothing) {
   const PlayedFolder folder("/proc", {"5", "9"});
   procentry64 entry = {-77};
@@ -317,9 +425,12 @@ TEST(ProcessTable, LeavesNoDescriptorOpen) {
 }
 
 TEST(ProcessTable, ProgramsThatAreStartedDoNotInheritWhatIsOpenMeanwhile) {
-  isLastStreamClosedOnExec = false;
-  EXPECT_EQ(argumentsOf(getpid(), 10).result, 0);
-  EXPECT_TRUE(isLastStreamClosedOnExec);
+  {
+    const CallRecord record({LibcCall::open});
+    EXPECT_EQ(argumentsOf(getpid(), 10).result, 0);
+    ASSERT_EQ(record.count(LibcCall::open), 1U);
+    EXPECT_NE(record.calls()[0].argument & O_CLOEXEC, 0);
+  }
   const PlayedFolder folder("/proc", {"5"});
   EXPECT_THAT(walkFrom(0, 1), ElementsAre(5));
   EXPECT_TRUE(folder.isClosedOnExec());
@@ -484,9 +595,18 @@ TEST(ProcessTable, ArgumentsOfAProcessThatIsGoneCannotBeReadWhichIsTraced) {
 CUL_CHILD(ProcessTableArgumentsThatGo) {
   static_cast<void>(isTraced(TraceType::error));  // The trace opens its file.
   WaitingProgram child({"x"});
-  endsWhenOpened = &child;
+  bool isToEnd = true;
+  const pid_t reader = gettid();
+  const AnsweredCalls calls({SYS_read}, [&](const SystemCall& call) {
+    // The list is the first that this thread reads.
+    if (call.task == reader && std::exchange(isToEnd, false)) {
+      child.end();
+      child.reap();
+    }
+    return 0;
+  });
   EXPECT_EQ(argumentsOf(child.id(), 30).result, -1);
-  EXPECT_EQ(endsWhenOpened, nullptr);
+  EXPECT_FALSE(isToEnd);
   std::printf("%d\n", child.id());
 }
 
