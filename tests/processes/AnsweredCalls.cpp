@@ -22,12 +22,20 @@
 namespace {
 
 // \return a descriptor from which the calls are read.
-int installFilter(const std::vector<long>& numbers) {
-  std::vector<sock_filter> program = {
-      BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr))};
-  for (const long number : numbers) {
-    program.push_back(BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1));
-    program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF));
+int installFilter(const std::vector<CaughtCalls>& calls) {
+  std::vector<sock_filter> program;
+  for (const CaughtCalls& call : calls) {
+    const auto argument =
+        static_cast<unsigned>(offsetof(seccomp_data, args) + sizeof(__u64) * call.argument);
+    const sock_filter part[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(call.number), 0, 4),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, argument),
+        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, call.least, 0, 2),
+        BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, call.most, 1, 0),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_USER_NOTIF),
+    };
+    program.insert(program.end(), std::begin(part), std::end(part));
   }
   program.push_back(BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW));
   sock_fprog filter = {static_cast<unsigned short>(program.size()), program.data()};
@@ -83,12 +91,12 @@ Desk& desk() {
 
 }  // namespace
 
-AnsweredCalls::AnsweredCalls(const std::vector<long>& numbers, SystemCallAnswer answer) {
+AnsweredCalls::AnsweredCalls(const std::vector<CaughtCalls>& calls, SystemCallAnswer answer) {
   desk().answer = std::move(answer);
   // Who answers must not ask: the thread exists before its creator's calls are caught.
   std::promise<int> listener;
   std::thread([opened = listener.get_future()]() mutable { answerAll(opened.get()); }).detach();
-  const int handle = installFilter(numbers);
+  const int handle = installFilter(calls);
   EXPECT_GE(handle, 0) << "errno " << errno;
   listener.set_value(handle);
 }

@@ -17,9 +17,9 @@ namespace {
 struct Play {
   std::string path;
   std::vector<std::string> names;
-  bool hasPositions = false;
-  long before = 0;
-  unsigned most = 0;
+  bool isOfProcesses = false;
+  long before = 258;
+  unsigned most = 100;
   DIR* folder = nullptr;
   std::size_t at = 0;
   dirent entry = {};
@@ -57,7 +57,7 @@ PlayedFolder::PlayedFolder(std::string path, std::vector<std::string> names) {
 PlayedFolder::PlayedFolder(std::string path, std::vector<std::string> names, long before,
                            unsigned most)
     : PlayedFolder(std::move(path), std::move(names)) {
-  play->hasPositions = true;
+  play->isOfProcesses = true;
   play->before = before;
   play->most = most;
 }
@@ -123,7 +123,7 @@ extern "C" void rewinddir(DIR* folder) noexcept {
 extern "C" int fstatfs(int fd, struct statfs* system) noexcept {
   static auto* const real = next<int(int, struct statfs*)>("fstatfs");
   const int result = real(fd, system);
-  if (play != nullptr && play->isOpenAs(fd) && !play->hasPositions) {
+  if (play != nullptr && play->isOpenAs(fd) && !play->isOfProcesses) {
     system->f_type = TMPFS_MAGIC;
   }
   return result;
@@ -131,7 +131,7 @@ extern "C" int fstatfs(int fd, struct statfs* system) noexcept {
 
 extern "C" off64_t lseek64(int fd, off64_t position, int from) noexcept {
   static auto* const real = next<off64_t(int, off64_t, int)>("lseek64");
-  if (play == nullptr || !play->isOpenAs(fd) || !play->hasPositions) {
+  if (play == nullptr || !play->isOpenAs(fd)) {
     return real(fd, position, from);
   }
   EXPECT_EQ(from, SEEK_SET);

@@ -10,14 +10,15 @@
 /// hold these names in this order, for the library under test too. One at a time, and used by
 /// one thread. The folder has to exist.
 ///
-/// It belongs to no file system of the kernel's, and has no positions; or it is a folder as the
-/// kernel makes that of the processes: a number stands at a position of its own, whatever there
-/// is before, and other names at 0.
+/// A number stands at a position of its own, whatever there is before, and other names at 0: so
+/// the kernel makes the folder of the processes. It is that, or seems to be of some other file
+/// system.
 class PlayedFolder {
  public:
+  /// Of another file system.
   PlayedFolder(std::string path, std::vector<std::string> names);
 
-  /// The names must be in the order of their positions.
+  /// The kernel's. The names must be in the order of their positions.
   /// \param before what is added to a number to give its position.
   /// \param most   how many entries are read at once, at most.
   PlayedFolder(std::string path, std::vector<std::string> names, long before, unsigned most = 100);

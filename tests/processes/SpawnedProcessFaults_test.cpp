@@ -239,9 +239,10 @@ void expectSilencedAndClosed(unsigned streams = 3) {
 class AnsweredChild {
  public:
   AnsweredChild()
-      : calls_({SYS_openat, SYS_close, SYS_fcntl, SYS_close_range}, [this](const SystemCall& call) {
-          return call.isMadeByChild && answer_ ? answer_(call) : 0;
-        }) {}
+      : calls_({openForWriting, closeStream, duplicate, SYS_close_range},
+               [this](const SystemCall& call) {
+                 return call.isMadeByChild && answer_ ? answer_(call) : 0;
+               }) {}
 
   // From now on.
   void answer(SystemCallAnswer answer) { answer_ = std::move(answer); }

@@ -9,6 +9,7 @@
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/SpawnedProcess.h"
 
+#include "tests/processes/AnsweredCalls.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/WaitUntil.h"
 
@@ -74,6 +76,11 @@ inline int statusOf(const SpawnedProcess& process) {
   EXPECT_TRUE(process.done());
   return process.returnCode();
 }
+
+/// What the child calls while it silences its streams.
+inline const CaughtCalls openForWriting{SYS_openat, 2, O_WRONLY, O_WRONLY};
+inline const CaughtCalls closeStream{SYS_close, 0, 0, 2};
+inline const CaughtCalls duplicate{SYS_fcntl, 1, F_DUPFD, F_DUPFD};
 
 inline bool isRunning(pid_t process) { return kill(process, 0) == 0; }
 

@@ -16,6 +16,7 @@
 #include "Engine/utilities/ThreadListener.h"
 #include "Engine/utilities/UNIX/HoldRequests.h"
 #include "Engine/utilities/UNIX/ProgramStart.h"
+#include "Engine/utilities/UNIX/RequestToEnd.h"
 #include "Engine/utilities/UNIX/SystemCallFailure.h"
 
 namespace {
@@ -101,19 +102,24 @@ SpawnedProcess::SpawnedProcess(const EncodedString& program, const EncodedString
     StdException::throwException(constructorText, 92, "File not found.", -1);
   }
   const Program file(resolved, arguments);
-  // A thread that is asked to end meanwhile does so when its child is watched.
-  const HoldRequests hold;
-  const pid_t process =
-      file.start(!this->sharesParentConsoleIO(), !this->inheritsFileDescriptors());
-  if (process == -1) {
-    failSystemCall(constructorText, 189, 189, "Fork failed.", "::fork() failed with errno %d.",
-                   errno);
+  std::unique_ptr<Reference<ThreadListener>> waiter;
+  {
+    // A thread that is asked to end meanwhile does so when its child is watched.
+    const HoldRequests hold;
+    const pid_t process =
+        file.start(!this->sharesParentConsoleIO(), !this->inheritsFileDescriptors());
+    if (process == -1) {
+      failSystemCall(constructorText, 189, 189, "Fork failed.", "::fork() failed with errno %d.",
+                     errno);
+    }
+    UnwatchedChild child(process);
+    waiter = std::make_unique<Reference<ThreadListener>>(
+        new ProcessListener(std::make_unique<ProcessWaiter>(process)));
+    (*waiter)->start();
+    child.release();
   }
-  UnwatchedChild child(process);
-  auto waiter = std::make_unique<Reference<ThreadListener>>(
-      new ProcessListener(std::make_unique<ProcessWaiter>(process)));
-  (*waiter)->start();
-  child.release();
+  // Here it leaves nothing behind. Later it would end as if this constructor had thrown.
+  endIfAsked();
   waiter_ = waiter.release();
 }
 
