@@ -595,11 +595,11 @@ TEST(ProcessTable, ArgumentsOfAProcessThatIsGoneCannotBeReadWhichIsTraced) {
 CUL_CHILD(ProcessTableArgumentsThatGo) {
   static_cast<void>(isTraced(TraceType::error));  // The trace opens its file.
   WaitingProgram child({"x"});
-  bool isToEnd = true;
+  std::atomic<bool> isToEnd = true;
   const pid_t reader = gettid();
   const AnsweredCalls calls({{SYS_read, 2, 29, 29}}, [&](const SystemCall& call) {
     // The list: of so many bytes at most.
-    if (call.task == reader && std::exchange(isToEnd, false)) {
+    if (call.task == reader && isToEnd.exchange(false)) {
       child.end();
       child.reap();
     }

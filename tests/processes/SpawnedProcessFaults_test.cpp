@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
+#include <mutex>
 #include <pthread.h>
 #include <sched.h>
 #include <string>
@@ -132,9 +133,9 @@ TEST(SpawnedProcessFaults, RefusesAProgramThatIsNotOnThePath) {
 
 CUL_CHILD(ForkFailsOnce) {
   (void)isTraced(TraceType::error);  // The trace opens its file.
-  bool isToFail = true;
+  std::atomic<bool> isToFail = true;
   const AnsweredCalls calls({SYS_clone}, [&isToFail](const SystemCall& call) {
-    return makesProgram(call) && std::exchange(isToFail, false) ? ENOMEM : 0;
+    return makesProgram(call) && isToFail.exchange(false) ? ENOMEM : 0;
   });
   const std::vector<std::string> before = openDescriptors();
   expectFailure([] { spawnShell("exit 0"); }, 189, "Fork failed.");
@@ -196,9 +197,9 @@ TEST(SpawnedProcessFaults, EndsTheChildWith1WhenAnArgumentIsTooLong) {
 }
 
 CUL_CHILD(ExecuteFailsOnce) {
-  bool isToFail = true;
+  std::atomic<bool> isToFail = true;
   const AnsweredCalls calls({SYS_execve}, [&isToFail](const SystemCall&) {
-    return std::exchange(isToFail, false) ? ENOMEM : 0;
+    return isToFail.exchange(false) ? ENOMEM : 0;
   });
   EXPECT_EQ(statusOf(spawn("/bin/true", {})), 256);
   EXPECT_FALSE(isToFail);
@@ -241,13 +242,18 @@ class AnsweredChild {
   AnsweredChild()
       : calls_({openForWriting, closeStream, duplicate, SYS_close_range},
                [this](const SystemCall& call) {
+                 const std::lock_guard lock(mutex_);
                  return call.isMadeByChild && answer_ ? answer_(call) : 0;
                }) {}
 
   // From now on.
-  void answer(SystemCallAnswer answer) { answer_ = std::move(answer); }
+  void answer(SystemCallAnswer answer) {
+    const std::lock_guard lock(mutex_);
+    answer_ = std::move(answer);
+  }
 
  private:
+  std::mutex mutex_;
   SystemCallAnswer answer_;
   const AnsweredCalls calls_;
 };
@@ -260,10 +266,10 @@ CUL_CHILD(CloseRangeFails) {
     ASSERT_EQ(dup2(0, fd), fd);
   }
   AnsweredChild child;
-  unsigned failed = 0;
+  std::atomic<unsigned> failed = 0;
   child.answer([&failed](const SystemCall& call) {
-    const bool isToFail = call.number == SYS_close_range && call.arguments[0] == 3 &&
-                          call.arguments[1] == ~0U && call.arguments[2] == 0;
+    const std::atomic<bool> isToFail = call.number == SYS_close_range && call.arguments[0] == 3 &&
+                                       call.arguments[1] == ~0U && call.arguments[2] == 0;
     failed += isToFail ? 1 : 0;
     return isToFail ? ENOSYS : 0;
   });
@@ -296,10 +302,9 @@ CUL_CHILD(StreamsFail) {
     EXPECT_EQ(occurrences(contentsOf(folder.file("list")), " -> /dev/null\n"), 2U);
   }
   {
-    bool isToFail = true;
+    std::atomic<bool> isToFail = true;
     child.answer([&isToFail](const SystemCall& call) {
-      return call.number == SYS_fcntl && call.arguments[1] == F_DUPFD &&
-                     std::exchange(isToFail, false)
+      return call.number == SYS_fcntl && call.arguments[1] == F_DUPFD && isToFail.exchange(false)
                  ? EMFILE
                  : 0;
     });
@@ -308,15 +313,15 @@ CUL_CHILD(StreamsFail) {
   }
   {
     // The second attempt succeeds.
-    bool isToFail = true;
+    std::atomic<bool> isToFail = true;
     child.answer([&isToFail](const SystemCall& call) {
-      return call.number == SYS_openat && std::exchange(isToFail, false) ? ENFILE : 0;
+      return call.number == SYS_openat && isToFail.exchange(false) ? ENFILE : 0;
     });
     expectSilencedAndClosed();
     EXPECT_FALSE(isToFail);
   }
   {
-    unsigned failed = 0;
+    std::atomic<unsigned> failed = 0;
     child.answer([&failed](const SystemCall& call) {
       failed += call.number == SYS_openat ? 1 : 0;
       return call.number == SYS_openat ? ENOENT : 0;
@@ -334,9 +339,9 @@ TEST(SpawnedProcessFaults, SilencesWhatItCan) {
 
 CUL_CHILD(OpenFailsOnceWithoutStandardInput) {
   AnsweredChild child;
-  bool isToFail = true;
+  std::atomic<bool> isToFail = true;
   child.answer([&isToFail](const SystemCall& call) {
-    return call.number == SYS_openat && std::exchange(isToFail, false) ? ENFILE : 0;
+    return call.number == SYS_openat && isToFail.exchange(false) ? ENFILE : 0;
   });
   const int saved = fcntl(0, F_DUPFD_CLOEXEC, 3);
   close(0);
