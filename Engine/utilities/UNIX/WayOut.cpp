@@ -1,5 +1,6 @@
 #include "Engine/utilities/UNIX/WayOut.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -173,7 +174,7 @@ constexpr OwnFunction ownFunctions[] = {
 struct Place {
   std::uintptr_t seen = 0;
   std::uintptr_t underneath = 0;
-  std::uintptr_t further = 0;  // where the C library's jumps to
+  std::array<std::uintptr_t, 4> further = {};  // of a lock: where the C library's jumps to
 };
 constinit std::array<Place, std::size(knownFunctions)> places = {};
 constinit std::uintptr_t mutexLock = 0;  // the C library's own
@@ -195,19 +196,49 @@ std::uintptr_t ownThrower(std::string_view name) noexcept {
                                                : address(&_Unwind_ForcedUnwind);
 }
 
-// Where a function of the C library jumps to that only adds an argument; 0: it does not.
-std::uintptr_t jumpOf(std::uintptr_t function) noexcept {
-  constexpr unsigned char moveToSecondArgument = 0xbe;
-  constexpr unsigned char jump = 0xe9;
-  constexpr std::size_t moveSize = 5;
-  // NOLINTNEXTLINE(performance-no-int-to-ptr): code is read as bytes.
-  const auto* const code = reinterpret_cast<const unsigned char*>(function);
-  if (code == nullptr || code[0] != moveToSecondArgument || code[moveSize] != jump) {
-    return 0;
+// Where the function starts that an instruction belongs to; 0: that is not known.
+std::uintptr_t startAround(std::uintptr_t instruction) noexcept {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): the unwinder asks for a return address.
+  void* const behind = reinterpret_cast<void*>(instruction + 1);
+  return reinterpret_cast<std::uintptr_t>(_Unwind_FindEnclosingFunction(behind));
+}
+
+// Where a function ends, by halves.
+std::uintptr_t endOf(std::uintptr_t function) noexcept {
+  constexpr std::uintptr_t longest = 1 << 16;
+  std::uintptr_t last = function;
+  for (std::uintptr_t step = longest; step != 0; step /= 2) {
+    if (startAround(last + step) == function) {
+      last += step;
+    }
   }
-  std::int32_t distance = 0;
-  std::memcpy(&distance, code + moveSize + 1, sizeof distance);
-  return function + moveSize + 1 + sizeof distance + static_cast<std::uintptr_t>(distance);
+  return last + 1;
+}
+
+// Notes where a function goes on that calls another one last: it jumps there, and has no frame
+// any more.
+void learnJumps(std::uintptr_t function, Place& place) noexcept {
+  if (function == 0) {
+    return;
+  }
+  constexpr unsigned char jump = 0xe9;
+  constexpr std::size_t jumpSize = 5;
+  const std::uintptr_t end = endOf(function);
+  std::size_t known = 0;
+  for (std::uintptr_t at = function; at + jumpSize <= end && known < place.further.size(); ++at) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): code is read as bytes.
+    const auto* const code = reinterpret_cast<const unsigned char*>(at);
+    if (*code != jump) {
+      continue;
+    }
+    std::int32_t distance = 0;
+    std::memcpy(&distance, code + 1, sizeof distance);
+    const std::uintptr_t target = at + jumpSize + static_cast<std::uintptr_t>(distance);
+    // What only looks like a jump, in the middle of an instruction, leads to no function's start.
+    if ((target < function || target >= end) && startAround(target) == target) {
+      place.further[known++] = target;
+    }
+  }
 }
 
 // What the function that starts at an address does.
@@ -220,7 +251,8 @@ Deed deedOf(std::uintptr_t function) noexcept {
   for (std::size_t i = 0; i < places.size(); ++i) {
     const Place& place = places[i];
     if (function != 0 &&
-        (function == place.seen || function == place.underneath || function == place.further)) {
+        (function == place.seen || function == place.underneath ||
+         std::find(place.further.begin(), place.further.end(), function) != place.further.end())) {
       return knownFunctions[i].deed;
     }
   }
@@ -532,7 +564,9 @@ void learnRuntime() {
     Place& place = places[i];
     place.seen = throws ? ownThrower(function.name) : addressOf(RTLD_DEFAULT, function.name);
     place.underneath = addressOf(RTLD_NEXT, function.name);
-    place.further = jumpOf(place.underneath);
+    if (function.deed == Deed::takesLock || function.deed == Deed::givesLock) {
+      learnJumps(place.underneath, place);
+    }
   }
   mutexLock = addressOf(RTLD_NEXT, "pthread_mutex_lock");
   isLearned = true;
