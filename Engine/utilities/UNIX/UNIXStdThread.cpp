@@ -175,6 +175,11 @@ __attribute__((no_sanitize("null"))) void* StdThreadRunFF(void* runRecord) {
     LockGuard guard(StdThreadRun::startLock(), "void* StdThreadRunFF(void*)", __LINE__);
   }
   OwnThread::forget();
+#if defined(__SANITIZE_THREAD__)
+  // The sanitizer makes its record of a thread's signals when it first needs one, as here, and
+  // loses a signal that arrives meanwhile.
+  pthread_kill(pthread_self(), 0);
+#endif
   sigset_t none;
   sigemptyset(&none);
   pthread_sigmask(SIG_SETMASK, &none, nullptr);
