@@ -317,8 +317,9 @@ void AcrossFork::releaseStrings() noexcept {
   StringPoolManager::instance().lock_.release("void AcrossFork::releaseStrings()", __LINE__);
 }
 
-// The stocks are those of threads that the child does not have; the forking thread gets a new one
-// when the child has a second thread.
+// The stocks are those of threads that the child does not have. The forking thread leaves its own,
+// too: where a child counts as having one thread again, that works on the lists. Otherwise it
+// takes a new one when it needs one.
 void AcrossFork::renewStrings() noexcept {
   ownStock = nullptr;
   spareStocks = nullptr;

@@ -931,6 +931,46 @@ CUL_CHILD(FaultUnderTheLock) {
 TEST(StringStock, RecoveryFromAFaultUnderThePoolsLockGivesTheLockBack) {
   expectChildSucceeds("FaultUnderTheLock");
 }
+
+// Asks for a block while the heap has none, with a new-handler that frees more blocks of each
+// class than a stock holds.
+void fillTheStockInTheNewHandler(unsigned size, const Counts& expected) {
+  haveHadASecondThread();
+  Blocks blocks;
+  static std::optional<HandedOut> handedOut;
+  handedOut.emplace(blocks);
+  std::set_new_handler([] {
+    famine.reset();
+    handedOut->free();
+  });
+  famine.emplace();
+  static_cast<void>(blocks.take(size));
+  std::set_new_handler(nullptr);
+  const Counts left = counts();
+  EXPECT_EQ(left, expected);
+  const Counts onLists = countsOnLists();
+  for (std::size_t i = 0; i < left.size(); ++i) {
+    EXPECT_LE(left[i] - onLists[i], bound) << "of " << classes[i];
+  }
+  // Nothing that is free is there twice, or in use.
+  blocks.drain();
+}
+
+CUL_CHILD(FillTheStockFor8) {
+  fillTheStockInTheNewHandler(8, {many + 1, many + 1, many, many + 1, many, many + 126});
+}
+CUL_CHILD(FillTheStockFor24) {
+  fillTheStockInTheNewHandler(24, {many, many, many + 1, many, many + 169, many});
+}
+CUL_CHILD(FillTheStockFor64) {
+  fillTheStockInTheNewHandler(64, {many, many, many, many, many, many + 126});
+}
+
+TEST(StringStock, IsWholeWhenTheNewHandlerChangesItWhileItIsFilled) {
+  expectChildSucceeds("FillTheStockFor8");
+  expectChildSucceeds("FillTheStockFor24");
+  expectChildSucceeds("FillTheStockFor64");
+}
 #endif
 
 }  // namespace
