@@ -624,6 +624,42 @@ CUL_CHILD(StocksAcrossFork) {
   handedOut[stable + 1].free();
 }
 
+// The thread sanitizer does not bear it, see above.
+#if !defined(__SANITIZE_THREAD__)
+CUL_CHILD(SpareStockAcrossFork) {
+  haveHadASecondThread();
+  std::thread(useStringsLate).join();
+  expectInForked([] {
+    std::atomic<int> step = 0;
+    const auto waitFor = [&step](int n) { waitUntil([&step, n] { return step == n; }); };
+    std::thread first([&] {
+      void* const block = pool().getBuffer(24);
+      step = 1;
+      waitFor(2);
+      pool().freeBuffer(block, 24);
+      step = 3;
+      waitFor(4);
+    });
+    waitFor(1);
+    std::thread second([&] {
+      void* const block = pool().getBuffer(24);
+      const Counts before = counts();
+      step = 2;
+      waitFor(3);
+      EXPECT_EQ(counts(), before);
+      pool().freeBuffer(block, 24);
+      step = 4;
+    });
+    first.join();
+    second.join();
+  });
+}
+
+TEST(StringStock, ThatIsSpareAtAForkIsOneThreadsInTheChild) {
+  expectChildSucceeds("SpareStockAcrossFork");
+}
+#endif
+
 CUL_CHILD(StocksAcrossForkAtWork) {
   haveHadASecondThread();
   Blocks blocks;
