@@ -17,9 +17,13 @@
 ///
 /// A start costs the same however much memory this process has: the child shares that, and does
 /// nothing but system calls, until it is the program, and the thread that starts it waits so long.
+/// A child that is stopped before that (SIGSTOP, or SIGTSTP where this process handles it), or a
+/// program on a file system that does not answer, holds the thread up until the child goes on or is
+/// killed, as with posix_spawn().
 /// Signals that the thread receives meanwhile are handled afterwards, and none of its handlers runs
 /// in the child, nor do those of pthread_atfork() run anywhere. The environment is that of the
-/// moment of the start; who puts texts of his own into it (putenv()) must leave them until then.
+/// moment of the start, at which no other thread may change it (setenv()); who puts texts of his
+/// own into it (putenv()) must leave them until the start is over.
 ///
 /// The child belongs to the worker thread, which waits for it (see ProcessWaiter): nobody else
 /// may, and a process that starts children must not ignore SIGCHLD. The thread ends with the

@@ -268,8 +268,8 @@ CUL_CHILD(CloseRangeFails) {
   AnsweredChild child;
   std::atomic<unsigned> failed = 0;
   child.answer([&failed](const SystemCall& call) {
-    const std::atomic<bool> isToFail = call.number == SYS_close_range && call.arguments[0] == 3 &&
-                                       call.arguments[1] == ~0U && call.arguments[2] == 0;
+    const bool isToFail = call.number == SYS_close_range && call.arguments[0] == 3 &&
+                          call.arguments[1] == ~0U && call.arguments[2] == 0;
     failed += isToFail ? 1 : 0;
     return isToFail ? ENOSYS : 0;
   });

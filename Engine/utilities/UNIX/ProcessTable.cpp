@@ -64,7 +64,7 @@ class Entries {
  public:
   explicit Entries(int folder) noexcept : folder_(folder) {}
 
-  /// Goes to the next one, which stays until the second next is asked for.
+  /// Goes to the next one, which stays until the one behind it is asked for.
   /// \return null at the end.
   const dirent64* next() noexcept {
     if (at_ == end_) {

@@ -21,11 +21,13 @@ template <typename First = long, typename Second = long, typename Third = long,
           typename Fourth = long>
 long systemCall(long number, First first = 0, Second second = 0, Third third = 0,
                 Fourth fourth = 0) noexcept {
-  register long inR10 asm("r10") = word(fourth);
+  // Before the register is set: a call, even of an empty function, may change it.
+  const long words[] = {word(first), word(second), word(third), word(fourth)};
+  register long inR10 asm("r10") = words[3];
   long result;
   asm volatile("syscall"
                : "=a"(result)
-               : "a"(number), "D"(word(first)), "S"(word(second)), "d"(word(third)), "r"(inR10)
+               : "a"(number), "D"(words[0]), "S"(words[1]), "d"(words[2]), "r"(inR10)
                : "rcx", "r11", "memory", "cc");
   return result;
 }
