@@ -288,6 +288,30 @@ TEST(SpawnedProcessFaults, ClosesTheDescriptorsOneByOneWhenTheyCannotBeClosedAtO
   EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
+CUL_CHILD(CloseRangeFailsAndTheLimitIsUnknown) {
+  const DescriptorLimit limit(300);
+  for (const int fd : {3, 255, 256}) {
+    ASSERT_EQ(dup2(0, fd), fd);
+  }
+  std::atomic<unsigned> failed = 0;
+  const AnsweredCalls calls({SYS_close_range,
+                             {SYS_getrlimit, 0, RLIMIT_NOFILE, RLIMIT_NOFILE},
+                             {SYS_prlimit64, 1, RLIMIT_NOFILE, RLIMIT_NOFILE}},
+                            [&failed](const SystemCall& call) {
+                              failed += call.isMadeByChild ? 1 : 0;
+                              return call.isMadeByChild ? EPERM : 0;
+                            });
+  const TemporaryFolder folder;
+  EXPECT_EQ(statusOf(spawnShell("(ls /proc/$$/fd > \"$0\"); exit 0", {folder.file("list")})), 0);
+  EXPECT_EQ(contentsOf(folder.file("list")), "0\n1\n2\n256\n");
+  EXPECT_EQ(failed, 2U);
+}
+
+TEST(SpawnedProcessFaults, ClosesTheFirst256DescriptorsWhenNothingTellsHowManyThereMayBe) {
+  const ChildResult r = runChild("CloseRangeFailsAndTheLimitIsUnknown");
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
 CUL_CHILD(StreamsFail) {
   AnsweredChild child;
   {

@@ -110,8 +110,9 @@ void closeDescriptors() noexcept {
   if (systemCall(SYS_close_range, first, ~0U) == 0) {
     return;
   }
-  rlimit limit = {};
-  systemCall(SYS_getrlimit, RLIMIT_NOFILE, &limit);
+  // As getdtablesize() has it, also where there is no answer.
+  rlimit limit = {.rlim_cur = 256, .rlim_max = 0};
+  systemCall(SYS_prlimit64, 0, RLIMIT_NOFILE, nullptr, &limit);
   for (int fd = static_cast<int>(limit.rlim_cur) - 1; fd >= first; --fd) {
     systemCall(SYS_close, fd);
   }
