@@ -174,6 +174,27 @@ TEST(SpawnedProcessFaults, ReportsTheLimitOfProcesses) {
   EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
+CUL_CHILD(ForkFailsWithASignalPending) {
+  (void)isTraced(TraceType::error);  // The trace opens its file.
+  signal(SIGUSR1, [](int) { errno = EBADF; });
+  const pid_t starter = gettid();
+  const AnsweredCalls calls({SYS_clone}, [starter](const SystemCall& call) {
+    if (!makesProgram(call)) {
+      return 0;
+    }
+    EXPECT_EQ(tgkill(getpid(), starter, SIGUSR1), 0);
+    return ENOMEM;
+  });
+  expectFailure([] { spawnShell("exit 0"); }, 189, "Fork failed.");
+}
+
+TEST(SpawnedProcessFaults, ReportsTheErrorOfTheForkWhateverAHandlerLeavesBehind) {
+  const TracedChildResult r = runTracedChild("ForkFailsWithASignalPending");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  expectErrors(r.trace,
+               {"**ERROR: SpawnedProcess::SpawnedProcess(189): ::fork() failed with errno 12.\n"});
+}
+
 // No program
 
 TEST(SpawnedProcessFaults, EndsTheChildWith1WhenThereIsNoProgramAtAnAbsolutePath) {

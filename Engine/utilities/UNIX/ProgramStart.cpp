@@ -169,8 +169,12 @@ long makeChild(const ProgramStart& start, const AllSignalsBlocked& signals) noex
 }  // namespace
 
 pid_t startProgram(const ProgramStart& start) noexcept {
-  const AllSignalsBlocked signals;
-  const long result = makeChild(start, signals);
+  long result;
+  {
+    const AllSignalsBlocked signals;
+    result = makeChild(start, signals);
+  }
+  // The handlers of signals that came meanwhile have run.
   if (result < 0) {
     errno = static_cast<int>(-result);
     return -1;
