@@ -122,12 +122,15 @@ class Merge {
 // greater than the next one, and where two elements have changed places the one that stood in
 // front is greater. Of elements that rise from one to the next the second part goes without
 // saying, and neighbours that do not rise never change places in a merge. So what is looked at
-// are groups of elements that do not rise, each beside its neighbour. Also true when passes would
-// not end at all, because of two neighbours each is greater than the other: then this order is as
-// good as any.
+// are groups of elements that do not rise, which stand as they stood, each beside its neighbour.
+// Also true when passes would not end at all, because of two neighbours each is greater than the
+// other: then this order is as good as any.
 bool isWhatPassesMake(const Elements& elements, const unsigned* order) {
+  // Of two elements that have changed places. All pairs of neighbouring groups are quadratic, and
+  // none goes without saying.
+  constexpr std::uint64_t checksInAnyCase = std::uint64_t{1} << 22;
   constexpr std::uint64_t checksPerElement = 16;
-  std::uint64_t checks = checksPerElement * elements.count;
+  std::uint64_t checks = std::max(checksInAnyCase, checksPerElement * elements.count);
   unsigned previous = 0;  // Where the last group but one begins,
   unsigned group = 0;     // and the last one.
   for (unsigned i = 1; i < elements.count; ++i) {
@@ -137,16 +140,24 @@ bool isWhatPassesMake(const Elements& elements, const unsigned* order) {
     if (falls) {
       return rises;
     }
+    // The first of a group is to be greater than all of the group in front, and all of a group
+    // greater than the first of that: groups further away then are less without saying, too.
     if (rises) {
       previous = group;
       group = i;
+      for (unsigned other = previous; other != group - 1; ++other) {
+        if (!elements.isGreater(index, order[other])) {
+          return false;
+        }
+      }
+      continue;
     }
-    // The first of a group is to be greater than all of the group in front, and all of a group
-    // greater than the first of that: groups further away then are less without saying, too.
-    const unsigned end = group == i ? group - 1 : group;
-    for (unsigned other = previous; other < end && checks != 0; ++other, --checks) {
-      const bool isToBeGreater = group == i || other == previous || index < order[other];
-      if (isToBeGreater && !elements.isGreater(index, order[other])) {
+    if (previous != group && !elements.isGreater(index, order[previous])) {
+      return false;
+    }
+    for (unsigned end = group; end != previous && index < order[end - 1] && checks != 0;
+         --end, --checks) {
+      if (!elements.isGreater(index, order[end - 1])) {
         return false;
       }
     }
