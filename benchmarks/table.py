@@ -32,6 +32,8 @@ MOST_NS_OVER_EMPTY_LOOP = 1.0
 NOISY = 0.10
 
 NAME = re.compile(r"^(?P<case>.+?)/(?P<side>[^/]+)(?:/(?:[a-z_]+:[\d.]+|real_time))*$")
+# A row of a stored table: the case, our time, the peer's, the peer, the ratio, and more.
+ROW = re.compile(r"(\S.*?)  +([\d.]+)  +([\d.]+)  +(\S.*?)  +[\d.]+(?: .*)?")
 NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 NUMBERS = ("ours ns", "peer ns", "ratio", "bound", "stored")
 
@@ -123,10 +125,18 @@ def count_line(rows):
 def read_stored(file):
     """The kind of machine, the date and {(case, peer): (our time, the peer's)} of a stored run."""
     with open(file, encoding="utf-8") as stream:
-        machine, date, _, _, *lines = stream.read().splitlines()
-    rows = [re.split(r" {2,}", line) for line in lines if "  " in line]
-    times = {(row[0], row[3]): (float(row[1]), float(row[2])) for row in rows}
-    return machine.removeprefix("machine: "), date.removeprefix("date: "), times
+        text = stream.read()
+    head = re.match(r"machine: (.+)\ndate: (.+)\n\ncase .*\n", text)
+    if not head:
+        sys.exit(f"{file}: no table of a stored run")
+    times = {}
+    for line in text[head.end():].splitlines():
+        row = ROW.fullmatch(line)
+        if row and float(row[2]) > 0 and float(row[3]) > 0:
+            times[row[1], row[4]] = float(row[2]), float(row[3])
+        elif "  " in line:
+            sys.exit(f"{file}: no row of a table: {line}")
+    return head[1], head[2], times
 
 
 def store(file, machine, rows):
@@ -147,6 +157,8 @@ def main():
     parser.add_argument("--machine", default=machine_kind())
     parser.add_argument("results", nargs="+")
     arguments = parser.parse_args()
+    if arguments.store and not arguments.stored:
+        parser.error("--store needs --stored")
 
     ratios = {}
     said = "No stored run to compare with."

@@ -101,6 +101,19 @@ work/peer: 10"
   expect "9.00 SLOWER" "$(marks <<<"$output")"
 }
 
+ADamagedStoredRunIsRefusedWithItsLine() {
+  results >"$folder/a.json" <<<"work/ours: 10
+work/peer: 10"
+  table --store "$folder/a.json" >/dev/null
+  local whole damage output
+  whole=$(cat "$folder/stored")
+  for damage in "s/  10.00  /  0.00  /" "s/10.00/ten/" "s/  peer .*//" "s/^machine/engine/" "1,\$d"; do
+    sed "$damage" <<<"$whole" >"$folder/stored"
+    ! output=$(table "$folder/a.json" 2>&1) || fail "taken after $damage"
+    [[ $output == "$folder/stored: no "* && $output != *Traceback* ]] || fail "$damage: $output"
+  done
+}
+
 OnlyStoringChangesTheStoredRun() {
   results >"$folder/a.json" <<<"work/ours: 10
 work/peer: 10"
