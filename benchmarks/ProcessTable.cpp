@@ -19,8 +19,9 @@
 /// \file
 /// All processes of the machine with their arguments, beside a program that reads /proc by
 /// itself: it opens the folder once for all processes and reads each list with one call. Our walk
-/// opens the folder again for each process. The rows with more processes show how that grows; the
-/// one of a single process shows what the arguments alone cost.
+/// opens the folder again for each process, looks at once where the process is, and reads a list
+/// until nothing more comes. Both sides grow with the number of processes, which the rows with more
+/// of them show; the one of a single process shows what the arguments alone cost.
 
 namespace {
 
