@@ -1,3 +1,4 @@
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -101,8 +102,10 @@ void compareInCompany() {
 void requireAllocator(const std::string& name) {
   void* const allocate = dlsym(RTLD_DEFAULT, "malloc");
   Dl_info where = {};
-  require(dladdr(allocate, &where) != 0 && std::strstr(where.dli_fname, name.c_str()) != nullptr,
-          name + " is preloaded");
+  if (dladdr(allocate, &where) == 0 || std::strstr(where.dli_fname, name.c_str()) == nullptr) {
+    std::fprintf(stderr, "No library with %s in its name is preloaded.\n", name.c_str());
+    std::exit(1);
+  }
 }
 
 // Registers the cases that the arguments ask for.
@@ -111,8 +114,9 @@ bool choose(const std::string& kind, const std::string& argument) {
     compareAlone();
     return true;
   }
-  const bool isCount =
-      !argument.empty() && argument.find_first_not_of("0123456789") == argument.npos;
+  constexpr std::size_t mostDigits = 9;
+  const bool isCount = !argument.empty() && argument.size() <= mostDigits &&
+                       argument.find_first_not_of("0123456789") == argument.npos;
   const auto count = static_cast<unsigned>(isCount ? std::stoul(argument) : 0);
   if (kind == "processes" && isCount) {
     // Before there are threads, which would not sleep in the children.
