@@ -141,7 +141,7 @@ bool choose(const std::string& kind, const std::string& argument) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Folder folder;
+  static const Folder folder;  // Goes at exit(), too.
   chooseEnvironment(folder.path());
   benchmark::Initialize(&argc, argv);
   const std::string kind = argc >= 2 ? argv[1] : "";
