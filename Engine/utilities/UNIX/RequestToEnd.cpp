@@ -63,12 +63,14 @@ bool RequestToEnd::canEndInHandler() {
       (*divertedPlace_ != diversionPlace(diversion_) || (way.sawAll && !way.sawDiversion))) {
     undivert();
   }
-  if (!requestIsPending || way.anchor != anchor_) {
+  // A look that ends at code without unwind information tells nothing: what dlopen() starts a
+  // library with has none.
+  if (!requestIsPending || (way.sawAll && way.anchor != anchor_)) {
     anchor_ = way.anchor;
     since_ = now();
     looks_ = 0;
   }
-  ++looks_;
+  looks_ += way.sawAll ? 1 : 0;
   usesRuntimeLocks_ = usesRuntimeLocks_ || way.usesRuntimeLocks;
   const bool isPossible =
       way.isCertain || (looks_ >= enoughLooks && now() - since_ >= patience &&

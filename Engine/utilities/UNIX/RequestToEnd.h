@@ -28,7 +28,8 @@
 /// 6. in any other call or between two calls does the same, but not before it has seen the
 ///    innermost function with something to destroy in one and the same call for a
 ///    twentieth of a second: what the program is in the middle of leaves nothing half done that is
-///    destroyed. It may have locks, though, whose guards the compiler did not bother to note where
+///    destroyed. (Functions that the C library calls are part of its call.) It may have locks,
+///    though, whose guards the compiler did not bother to note where
 ///    nothing throws. So the thread must have none of the library; and if it was seen to take or
 ///    give back locks of the C library meanwhile, it ends only where it has just given one back.
 ///

@@ -497,6 +497,7 @@ class Walk {
     } else if (frame.code == Code::cRuntime || frame.code == Code::loader) {
       // Where the C library calls the program, say from dlopen() or exit(), it may have a lock.
       isBehindRuntime_ = isBehindRuntime_ || !frame.isListed();
+      isAnchorInRuntime_ = isBehindRuntime_ && entryFrame_ != 0;
     } else {
       isSound_ = isSound_ && frame.listed != Listed::no && !(isBehindRuntime_ && entryFrame_ != 0);
       noteAnchor(frame);
@@ -517,9 +518,12 @@ class Walk {
     isSound_ = isSound_ && !isAmidJump_;
   }
 
+  // What the C library calls, in qsort() say, belongs to the call that has led there, and cannot
+  // be left.
   void noteAnchor(const Frame& frame) noexcept {
-    if (anchor_ == 0 && frame.listed == Listed::withCleanup) {
+    if ((anchor_ == 0 || isAnchorInRuntime_) && frame.listed == Listed::withCleanup) {
       anchor_ = frame.next ^ frame.stackPointer << 16;  // NOLINT(hicpp-signed-bitwise)
+      isAnchorInRuntime_ = false;
     }
   }
 
@@ -542,6 +546,7 @@ class Walk {
   bool isCallSound_ = true;  // the frames inside of the call
   bool isSound_ = true;      // the frames from the call outward
   bool isBehindRuntime_ = false;
+  bool isAnchorInRuntime_ = false;  // a function of the C library has called the anchor's
   bool isAmidJump_ = false;
   bool sawDiversion_ = false;
   bool isBehindDiversion_ = false;

@@ -41,7 +41,8 @@ struct WayOut {
   bool sawAll = false;
   bool sawDiversion = false;
   /// Tells calls of the innermost function with something to destroy apart; 0: there is none.
-  /// Set for every kind.
+  /// What the C library calls is passed over when there is such a function further out. Set for
+  /// every kind.
   std::uintptr_t anchor = 0;
 };
 
