@@ -112,7 +112,7 @@ void RequestToEnd::undivert() noexcept {
   }
   // Overwritten: the call has returned or was left by an exception.
   if (*divertedPlace_ == diversionPlace(diversion_)) {
-    *divertedPlace_ = divertedFrom[diversion_];
+    *divertedPlace_ = __atomic_load_n(&divertedFrom[diversion_], __ATOMIC_RELAXED);
   }
   divertedPlace_ = nullptr;
   __atomic_store_n(&divertedFrom[diversion_], 0, __ATOMIC_RELEASE);
