@@ -22,9 +22,9 @@
 /// 4. ends it at once when an exception that it throws looks for its handler: nothing has moved
 ///    yet, no lock is held, and the exception gives way to the end;
 /// 5. when it is in a call that is known to throw at times, ends it when the call returns to the
-///    program (one of the library: when it hands nothing over): the return address is diverted (DivertedReturn.S) to a place that ends the thread
-///    as if the call had thrown. Memory that was just allocated is given back; what another call
-///    hands over, a descriptor say, is lost;
+///    program (one of the library: when it hands nothing over): the return address is diverted
+///    (DivertedReturn.S) to a place that ends the thread as if the call had thrown. Memory that was
+///    just allocated is given back; what another call hands over, a descriptor say, is lost;
 /// 6. in any other call or between two calls does the same, but not before it has seen the
 ///    innermost function with something to destroy in one and the same call for a
 ///    twentieth of a second: what the program is in the middle of leaves nothing half done that is
