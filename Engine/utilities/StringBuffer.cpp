@@ -13,7 +13,6 @@
 #include "Engine/utilities/Checksums.h"
 #include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/StringStock.h"
-#include "Engine/utilities/UNIX/RequestToEnd.h"
 
 namespace {
 
@@ -30,32 +29,6 @@ unsigned blockSize(std::uint64_t elements) {
     throw std::bad_alloc();
   }
   return static_cast<unsigned>(bytes);
-}
-
-// What the pool does most of the time, without a call: takes a block out of the thread's stock, and
-// puts one in.
-// \return null when the pool must do it: there is no stock or no block in it, the size is one
-//   for the heap, or the thread was asked to end.
-[[gnu::always_inline]] inline void* getFromStock(unsigned size) noexcept {
-  StringStock* const stock = ownStock;
-  if (stock == nullptr || size > StringPoolManager::maximumPooledSize || requestIsPending) {
-    return nullptr;
-  }
-  const unsigned sizeClass = StringStock::classOf(size);
-  return stock->count(sizeClass) != 0 ? stock->take(sizeClass) : nullptr;
-}
-
-[[gnu::always_inline]] inline bool giveToStock(void* block, unsigned size) noexcept {
-  StringStock* const stock = ownStock;
-  if (stock == nullptr || size > StringPoolManager::maximumPooledSize) {
-    return false;
-  }
-  const unsigned sizeClass = StringStock::classOf(size);
-  if (stock->count(sizeClass) == StringStock::bound) {
-    return false;
-  }
-  stock->put(sizeClass, block);
-  return true;
 }
 
 // Null pointers come with empty pieces only.

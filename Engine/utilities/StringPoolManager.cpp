@@ -96,54 +96,45 @@ StringPoolManager& StringPoolManager::makeInstance() {
 }
 
 StringPoolManager::SizeClass StringPoolManager::classOf(unsigned size) noexcept {
-  static_assert(sizeClasses == StringStock::classes);
+  static_assert(sizeClasses == StringStock::classes && maximumPooledSize == StringStock::largest);
   return static_cast<SizeClass>(StringStock::classOf(size));
 }
 
 void* StringPoolManager::getBuffer(unsigned size) {
-  if (requestIsPending || size > maximumPooledSize) [[unlikely]] {
-    return getUnusual(size);
+  if (void* const block = getFromStock(size); block != nullptr) [[likely]] {
+    return block;
+  }
+  if (requestIsPending) [[unlikely]] {
+    endIfAsked();
+  }
+  if (size > maximumPooledSize) [[unlikely]] {
+    return getFromHeap(size);
   }
   const SizeClass wanted = classOf(size);
-  if (StringStock* const stock = ownStock; stock != nullptr) {
-    if (stock->count(wanted) != 0) [[likely]] {
-      return stock->take(wanted);
-    }
-  } else if (isOnlyThread() && freeLists_[wanted] != nullptr) [[likely]] {
+  if (ownStock == nullptr && isOnlyThread() && freeLists_[wanted] != nullptr) [[likely]] {
     return popFromList(wanted);
   }
   return getFromLists(wanted);
 }
 
 void StringPoolManager::freeBuffer(void* p, unsigned size) {
-  if (p == nullptr) {
+  if (p == nullptr || giveToStock(p, size)) {
     return;
   }
   if (size > maximumPooledSize) [[unlikely]] {
     return giveToHeap(p);
   }
   const SizeClass given = classOf(size);
-  if (StringStock* const stock = ownStock; stock != nullptr) {
-    if (stock->count(given) != StringStock::bound) [[likely]] {
-      return stock->put(given, p);
-    }
-  } else if (isOnlyThread()) [[likely]] {
+  if (ownStock == nullptr && isOnlyThread()) [[likely]] {
     return pushToList(given, p);
   }
   giveToLists(given, p);
 }
 
-void* StringPoolManager::getUnusual(unsigned size) {
-  if (requestIsPending) {
-    endIfAsked();
-  }
-  // A thread must not end while it has a lock, of the pool or inside the heap.
+// A thread must not end while it has a lock, of the pool or inside the heap.
+void* StringPoolManager::getFromHeap(unsigned size) {
   const HoldRequests hold;
-  if (size > maximumPooledSize) {
-    return new char[size];
-  }
-  static_cast<void>(stock());
-  return pop(classOf(size));
+  return new char[size];
 }
 
 void* StringPoolManager::getFromLists(SizeClass wanted) {

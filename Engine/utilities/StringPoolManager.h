@@ -87,7 +87,7 @@ class CUL_EXPORT StringPoolManager {
   FreeBlock* refill(SizeClass empty);
   FreeBlock* refillFromHeap(SizeClass empty);
 
-  [[gnu::visibility("hidden"), gnu::noinline]] void* getUnusual(unsigned size);
+  [[gnu::visibility("hidden"), gnu::noinline]] void* getFromHeap(unsigned size);
   [[gnu::visibility("hidden"), gnu::noinline]] void* getFromLists(SizeClass wanted);
   [[gnu::visibility("hidden"), gnu::noinline]] void giveToHeap(void* p);
   [[gnu::visibility("hidden"), gnu::noinline]] void giveToLists(SizeClass given, void* p);

@@ -3,6 +3,8 @@
 #include <atomic>
 #include <cstring>
 
+#include "Engine/utilities/UNIX/RequestToEnd.h"
+
 /// \file
 /// What a thread keeps of the string pool's free blocks, so that it needs no lock to take and to
 /// free one. For each of the pool's classes it lies on top of the list that all threads share:
@@ -19,7 +21,9 @@ class StringStock {
  public:
   /// The pool's classes: blocks of 8, 16, 24, 32, 48 and 64 bytes.
   static constexpr unsigned classes = 6;
-  /// Which of them serves requests of `size` bytes, up to 64.
+  /// What the largest of them serves, in bytes.
+  static constexpr unsigned largest = 64;
+  /// Which of them serves requests of `size` bytes, up to `largest`.
   static unsigned classOf(unsigned size) noexcept {
     constexpr unsigned granule = 8;
     static constexpr unsigned char serving[] = {0, 0, 1, 2, 3, 4, 4, 5, 5};
@@ -93,3 +97,32 @@ class StringStock {
 /// The calling thread's; null: none.
 extern constinit thread_local StringStock* ownStock
     __attribute__((tls_model("initial-exec"), visibility("hidden")));
+
+/// Takes a block for `size` bytes from the calling thread's stock. Inline, as all strings begin
+/// here.
+/// \return null when the pool must do it: there is no stock or no block in it, the size is one for
+///   the heap, or the thread was asked to end.
+[[gnu::always_inline]] inline void* getFromStock(unsigned size) noexcept {
+  StringStock* const stock = ownStock;
+  if (stock == nullptr || size > StringStock::largest || requestIsPending) {
+    return nullptr;
+  }
+  const unsigned sizeClass = StringStock::classOf(size);
+  return stock->count(sizeClass) != 0 ? stock->take(sizeClass) : nullptr;
+}
+
+/// Puts a block for `size` bytes into the calling thread's stock.
+/// \return false when the pool must take it: there is no stock or no room in it, or the size is one
+///   for the heap.
+[[gnu::always_inline]] inline bool giveToStock(void* block, unsigned size) noexcept {
+  StringStock* const stock = ownStock;
+  if (stock == nullptr || size > StringStock::largest) {
+    return false;
+  }
+  const unsigned sizeClass = StringStock::classOf(size);
+  if (stock->count(sizeClass) == StringStock::bound) {
+    return false;
+  }
+  stock->put(sizeClass, block);
+  return true;
+}
