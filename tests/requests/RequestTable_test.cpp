@@ -276,6 +276,22 @@ class NativeGuard {
   pthread_mutex_t& mutex_;
 };
 
+// Expects a mutex of a kind to be free when a thread has ended that waited for it.
+void expectNotKept(void (*setKind)(pthread_mutexattr_t*)) {
+  pthread_mutexattr_t attributes;
+  pthread_mutexattr_init(&attributes);
+  setKind(&attributes);
+  pthread_mutex_t mutex;
+  pthread_mutex_init(&mutex, &attributes);
+  pthread_mutexattr_destroy(&attributes);
+  pthread_mutex_lock(&mutex);
+  askBehindALock([&mutex] { const NativeGuard guard(mutex); },
+                 [&mutex] { pthread_mutex_unlock(&mutex); });
+  EXPECT_EQ(pthread_mutex_trylock(&mutex), 0) << "the thread ended with it";
+  pthread_mutex_unlock(&mutex);
+  pthread_mutex_destroy(&mutex);
+}
+
 }  // namespace
 
 TEST(RequestBehindALock, DoesNotKeepATimedMutex) {
@@ -291,32 +307,14 @@ TEST(RequestBehindALock, DoesNotKeepATimedMutex) {
 }
 
 TEST(RequestBehindALock, DoesNotKeepARobustMutex) {
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_setrobust(&attributes, PTHREAD_MUTEX_ROBUST);
-  pthread_mutex_t mutex;
-  pthread_mutex_init(&mutex, &attributes);
-  pthread_mutexattr_destroy(&attributes);
-  pthread_mutex_lock(&mutex);
-  askBehindALock([&mutex] { const NativeGuard guard(mutex); },
-                 [&mutex] { pthread_mutex_unlock(&mutex); });
-  EXPECT_EQ(pthread_mutex_trylock(&mutex), 0) << "the thread ended with it";
-  pthread_mutex_unlock(&mutex);
-  pthread_mutex_destroy(&mutex);
+  expectNotKept([](pthread_mutexattr_t* attributes) {
+    pthread_mutexattr_setrobust(attributes, PTHREAD_MUTEX_ROBUST);
+  });
 }
 
 TEST(RequestBehindALock, DoesNotKeepAMutexWithPriorityInheritance) {
-  pthread_mutexattr_t attributes;
-  pthread_mutexattr_init(&attributes);
-  pthread_mutexattr_setprotocol(&attributes, PTHREAD_PRIO_INHERIT);
-  pthread_mutex_t mutex;
-  pthread_mutex_init(&mutex, &attributes);
-  pthread_mutexattr_destroy(&attributes);
-  pthread_mutex_lock(&mutex);
-  askBehindALock([&mutex] { const NativeGuard guard(mutex); },
-                 [&mutex] { pthread_mutex_unlock(&mutex); });
-  EXPECT_EQ(pthread_mutex_trylock(&mutex), 0);
-  pthread_mutex_unlock(&mutex);
-  pthread_mutex_destroy(&mutex);
+  expectNotKept([](pthread_mutexattr_t* attributes) {
+    pthread_mutexattr_setprotocol(attributes, PTHREAD_PRIO_INHERIT);
+  });
 }
 #endif

@@ -50,6 +50,12 @@ class Obedient {
     changed_.wait(lock, [this] { return !task_; });
   }
 
+  StdThread* current() {
+    StdThread* found = nullptr;
+    perform([&found] { found = StdThread::currentThread(); });
+    return found;
+  }
+
   void end() {
     const std::lock_guard lock(mutex_);
     isEnding_ = true;
@@ -76,11 +82,7 @@ class ObedientThread {
 
   StdThread* object() const { return object_; }
 
-  StdThread* current() {
-    StdThread* found = nullptr;
-    obedient_.perform([&found] { found = StdThread::currentThread(); });
-    return found;
-  }
+  StdThread* current() { return obedient_.current(); }
 
  private:
   Obedient obedient_;
@@ -99,11 +101,7 @@ class ForeignThread {
     thread_.join();
   }
 
-  StdThread* current() {
-    StdThread* found = nullptr;
-    obedient_.perform([&found] { found = StdThread::currentThread(); });
-    return found;
-  }
+  StdThread* current() { return obedient_.current(); }
 
  private:
   Obedient obedient_;
