@@ -57,7 +57,6 @@ void StdThread::start_thread(unsigned int stackSize) {
   // What every thread leans on must exist before the second one does.
   static_cast<void>(thread1());
   static_cast<void>(isTraced(TraceType::active));
-  learnRuntime();
   if (stackSize > stackSize_) {
     stackSize_ = stackSize;
   }
@@ -65,6 +64,7 @@ void StdThread::start_thread(unsigned int stackSize) {
   // The new thread passes this lock first: until then the object cannot be gone.
   LockGuard guard(StdThreadRun::startLock(), "void StdThread::start_thread(unsigned int)",
                   __LINE__);
+  learnRuntime();
   auto record = std::make_unique<StdThreadRun>();
   const pthread_t id = record->start(this);
   static_cast<void>(record.release());  // now the new thread's

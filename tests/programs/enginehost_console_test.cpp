@@ -448,8 +448,9 @@ TEST(EngineHostConsole, RunsAShellWithJobControl) {
   terminal.readUntil("prompt> ");
   terminal.type("stty size\n");
   terminal.readUntil("25 90");
-  terminal.resize({.rows = 31, .columns = 77});
   terminal.readUntil("prompt> ");
+  // Not earlier: before it shows its prompt the shell reads the size and sets it again.
+  terminal.resize({.rows = 31, .columns = 77});
   // The new size is on its way.
   terminal.type("until [ \"$(stty size)\" = '31 77' ]; do sleep 0.01; done; echo re''sized\n");
   terminal.readUntil("resized");

@@ -46,7 +46,8 @@ struct WayOut {
   std::uintptr_t anchor = 0;
 };
 
-/// Finds out where the runtime's functions are that need care. Before the second thread starts.
+/// Finds out where the runtime's functions are that need care. Under StdThreadRun::startLock(),
+/// before a thread starts that can be asked to end.
 void learnRuntime();
 
 /// Whether the stack can be looked at from an instruction that a signal has interrupted: there
