@@ -2,10 +2,10 @@
 
 #include <string>
 
+#include "Engine/internal/StandardError.h"
 #include "Engine/utilities/AssertionMode.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/StandardError.h"
 
 namespace {
 

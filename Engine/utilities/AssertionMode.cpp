@@ -3,10 +3,10 @@
 #include <atomic>
 #include <memory>
 
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/SettingRow.h"
 #include "Engine/utilities/DebuggerNumericSetting.h"
 #include "Engine/utilities/DebuggerSettings.h"
-#include "Engine/utilities/SettingRow.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
 

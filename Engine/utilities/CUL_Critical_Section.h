@@ -8,7 +8,7 @@
 /// The caller of request() and release() names itself, by its function's signature text
 /// and a line number. The two are only the source location of trace lines and exceptions;
 /// they never influence the lock. Locks are shared between threads and are not copyable.
-/// LockGuard (Engine/utilities/LockGuard.h) releases on every way out of a scope.
+/// LockGuard (Engine/internal/LockGuard.h) releases on every way out of a scope.
 
 class CUL_EXPORT CUL_Critical_Section {
  public:

@@ -8,10 +8,10 @@
 #include <limits>
 #include <utility>
 
+#include "Engine/internal/ReadNumber.h"
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/ElementSet.h"
-#include "Engine/utilities/ReadNumber.h"
 #include "Engine/utilities/UnicodeUtilities.h"
 
 namespace {

@@ -3,8 +3,8 @@
 #include <string>
 #include <string_view>
 
-#include "Engine/utilities/SettingTexts.h"
-#include "Engine/utilities/Texts.h"
+#include "Engine/internal/SettingTexts.h"
+#include "Engine/internal/Texts.h"
 
 namespace {
 

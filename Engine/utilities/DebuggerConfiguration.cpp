@@ -4,9 +4,9 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "Engine/internal/StandardError.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/SharedEntry.h"
-#include "Engine/utilities/UNIX/StandardError.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <memory>
 #include <string>
 
-#include "Engine/utilities/SettingTexts.h"
-#include "Engine/utilities/Texts.h"
+#include "Engine/internal/SettingTexts.h"
+#include "Engine/internal/Texts.h"
 
 DebuggerEnumSetting::DebuggerEnumSetting(const EncodedString& name, SettingControl control,
                                          const EnumSettingItem* items, int group, int identifier)

@@ -1,6 +1,6 @@
 #include "Engine/utilities/DebuggerIntegerSetting.h"
 
-#include "Engine/utilities/SettingTexts.h"
+#include "Engine/internal/SettingTexts.h"
 
 DebuggerIntegerSetting::DebuggerIntegerSetting(const EncodedString& name, SettingControl control,
                                                int group, int identifier, int minimum, int maximum)

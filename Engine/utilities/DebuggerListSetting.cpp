@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
-#include "Engine/utilities/SettingTexts.h"
-#include "Engine/utilities/Texts.h"
+#include "Engine/internal/SettingTexts.h"
+#include "Engine/internal/Texts.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/AssertionFail.h"
 #include "Engine/utilities/CharString.h"
-#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/UNIXDebuggerParameters.h"
 #include "Engine/utilities/checkParameter.h"

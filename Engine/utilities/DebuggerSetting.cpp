@@ -2,11 +2,11 @@
 
 #include <cstdlib>
 
+#include "Engine/internal/SettingTexts.h"
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/SettingNames.h"
-#include "Engine/utilities/SettingTexts.h"
-#include "Engine/utilities/Texts.h"
 
 namespace {
 

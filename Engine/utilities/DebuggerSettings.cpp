@@ -9,14 +9,14 @@
 #include <thread>
 #include <utility>
 
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/SettingRow.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/DebuggerBooleanSetting.h"
 #include "Engine/utilities/DebuggerConfiguration.h"
 #include "Engine/utilities/DebuggerPathSetting.h"
 #include "Engine/utilities/DebuggerSettingsHKORV.h"
 #include "Engine/utilities/DebuggerUnsignedSetting.h"
-#include "Engine/utilities/SettingRow.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "Engine/utilities/DebuggerSettingsHKORV.h"
 
-#include "Engine/utilities/SettingRow.h"
+#include "Engine/internal/SettingRow.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "Engine/utilities/DebuggerUnsignedSetting.h"
 
-#include "Engine/utilities/SettingTexts.h"
+#include "Engine/internal/SettingTexts.h"
 
 DebuggerUnsignedSetting::DebuggerUnsignedSetting(const EncodedString& name, SettingControl control,
                                                  int group, int identifier, unsigned minimum,

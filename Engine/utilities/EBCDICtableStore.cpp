@@ -3,7 +3,7 @@
 #include <atomic>
 #include <string_view>
 
-#include "Engine/utilities/Texts.h"
+#include "Engine/internal/Texts.h"
 
 namespace {
 

@@ -5,8 +5,8 @@
 #include <climits>
 #include <cstring>
 
-#include "Engine/utilities/AcrossFork.h"
-#include "Engine/utilities/UNIX/LeafLock.h"
+#include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/LeafLock.h"
 
 namespace {
 

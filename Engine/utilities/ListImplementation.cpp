@@ -8,8 +8,8 @@
 #include <emmintrin.h>
 #include <new>
 
+#include "Engine/internal/ListSort.h"
 #include "Engine/utilities/HeapMemoryAllocator.h"
-#include "Engine/utilities/ListSort.h"
 #include "Engine/utilities/Pool.h"
 
 namespace {

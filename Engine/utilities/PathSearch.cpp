@@ -6,9 +6,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Engine/internal/StandardError.h"
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
-#include "Engine/utilities/Texts.h"
-#include "Engine/utilities/UNIX/StandardError.h"
 
 namespace {
 

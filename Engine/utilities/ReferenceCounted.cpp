@@ -1,6 +1,6 @@
 #include "Engine/utilities/ReferenceCounted.h"
 
-#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/internal/HoldRequests.h"
 
 ReferenceCounted::~ReferenceCounted() = default;
 

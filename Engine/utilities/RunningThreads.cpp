@@ -4,13 +4,13 @@
 #include <memory>
 #include <utility>
 
-#include "Engine/utilities/AcrossFork.h"
-#include "Engine/utilities/LockGuard.h"
-#include "Engine/utilities/OwnThread.h"
+#include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LockGuard.h"
+#include "Engine/internal/OwnThread.h"
+#include "Engine/internal/ThisThread.h"
+#include "Engine/internal/UNIXStdThread.h"
 #include "Engine/utilities/StdThread.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/ThisThread.h"
-#include "Engine/utilities/UNIX/UNIXStdThread.h"
 
 namespace {
 

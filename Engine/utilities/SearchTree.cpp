@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/PathSearch.h"
-#include "Engine/utilities/Texts.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #include "Engine/utilities/StdException.h"
 
-#include "Engine/utilities/Texts.h"
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 
 StdException::StdException(const char* file, unsigned throwLine, int throwStatus)

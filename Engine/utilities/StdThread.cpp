@@ -6,17 +6,17 @@
 #include <cstring>
 #include <memory>
 
-#include "Engine/utilities/LockGuard.h"
-#include "Engine/utilities/OwnThread.h"
+#include "Engine/internal/HeldLock.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LeafLock.h"
+#include "Engine/internal/LockGuard.h"
+#include "Engine/internal/OwnThread.h"
+#include "Engine/internal/UNIXStdThread.h"
+#include "Engine/internal/WayOut.h"
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/HeldLock.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/LeafLock.h"
-#include "Engine/utilities/UNIX/UNIXStdThread.h"
-#include "Engine/utilities/UNIX/WayOut.h"
 
 #pragma GCC diagnostic push
 // Both compilers lay StdThread out like any class with one vtable pointer.

@@ -10,9 +10,9 @@
 #include <new>
 #include <type_traits>
 
+#include "Engine/internal/StringStock.h"
 #include "Engine/utilities/Checksums.h"
 #include "Engine/utilities/StringPoolManager.h"
-#include "Engine/utilities/StringStock.h"
 
 namespace {
 

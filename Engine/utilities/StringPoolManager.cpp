@@ -6,12 +6,12 @@
 #include <pthread.h>
 #include <sys/single_threaded.h>
 
-#include "Engine/utilities/AcrossFork.h"
-#include "Engine/utilities/LockGuard.h"
-#include "Engine/utilities/StringStock.h"
-#include "Engine/utilities/UNIX/HeldLock.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/RequestToEnd.h"
+#include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/HeldLock.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LockGuard.h"
+#include "Engine/internal/RequestToEnd.h"
+#include "Engine/internal/StringStock.h"
 
 constinit thread_local StringStock* ownStock = nullptr;
 

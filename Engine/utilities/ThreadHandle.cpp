@@ -2,11 +2,11 @@
 
 #include <utility>
 
-#include "Engine/utilities/LockGuard.h"
+#include "Engine/internal/HeldLock.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LockGuard.h"
+#include "Engine/internal/ThreadManagerLink.h"
 #include "Engine/utilities/ThreadManager.h"
-#include "Engine/utilities/ThreadManagerLink.h"
-#include "Engine/utilities/UNIX/HeldLock.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
 

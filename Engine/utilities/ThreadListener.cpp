@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "Engine/utilities/UNIX/HeldLock.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
+#include "Engine/internal/HeldLock.h"
+#include "Engine/internal/HoldRequests.h"
 #include "Engine/utilities/WorkerThread.h"
 
 ThreadListener::ThreadListener(Runnable& runnable) : runnable_(runnable) {

@@ -2,11 +2,11 @@
 
 #include <memory>
 
-#include "Engine/utilities/LockGuard.h"
+#include "Engine/internal/HeldLock.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LockGuard.h"
+#include "Engine/internal/ThreadManagerLink.h"
 #include "Engine/utilities/StdException.h"
-#include "Engine/utilities/ThreadManagerLink.h"
-#include "Engine/utilities/UNIX/HeldLock.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
 
 // Takes a handle off the list again when its run could not be started.
 class ThreadManager::Unlisting {

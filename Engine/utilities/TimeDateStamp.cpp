@@ -5,8 +5,8 @@
 #include <iterator>
 #include <limits>
 
+#include "Engine/internal/CalendarTime.h"
 #include "Engine/utilities/EncodedString.h"
-#include "Engine/utilities/UNIX/CalendarTime.h"
 
 namespace {
 

@@ -18,18 +18,18 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "Engine/utilities/AcrossFork.h"
+#include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/HeldLock.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LocalTime.h"
+#include "Engine/internal/LockGuard.h"
+#include "Engine/internal/Texts.h"
+#include "Engine/internal/WriteSignals.h"
 #include "Engine/utilities/ElapsedTime.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/KeepErrno.h"
-#include "Engine/utilities/LocalTime.h"
-#include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/StdThread.h"
-#include "Engine/utilities/Texts.h"
-#include "Engine/utilities/UNIX/HeldLock.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/WriteSignals.h"
 
 namespace {
 

@@ -6,11 +6,11 @@
 #include <langinfo.h>
 #include <string>
 
+#include "Engine/internal/LoaderGuard.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/KeepErrno.h"
-#include "Engine/utilities/UNIX/LoaderGuard.h"
 
 namespace {
 

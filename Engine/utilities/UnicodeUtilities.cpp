@@ -6,9 +6,9 @@
 #include <cstring>
 #include <emmintrin.h>
 
+#include "Engine/internal/LoaderGuard.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
-#include "Engine/utilities/UNIX/LoaderGuard.h"
 
 namespace {
 

@@ -1,9 +1,9 @@
 #include "Engine/utilities/WorkerThread.h"
 
-#include "Engine/utilities/LockGuard.h"
+#include "Engine/internal/HeldLock.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LockGuard.h"
 #include "Engine/utilities/ThreadListener.h"
-#include "Engine/utilities/UNIX/HeldLock.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
 
 WorkerThread::WorkerThread(ThreadListener& listener, Runnable& runnable)
     : StdThread("ThrdListener", defaultStackSize(), nullptr),

@@ -6,9 +6,9 @@
 #include <exception>
 #include <new>
 
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/ProcessEnd.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/ProcessEnd.h"
 
 namespace {
 

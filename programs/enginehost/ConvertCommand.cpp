@@ -10,13 +10,13 @@
 #include <unistd.h>
 #include <vector>
 
+#include "Engine/internal/SignalIgnored.h"
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/EBCDICtableStore.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
-#include "Engine/utilities/Texts.h"
-#include "Engine/utilities/UNIX/SignalIgnored.h"
 
 #include "Messages.h"
 #include "Printable.h"

@@ -10,11 +10,11 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "Engine/internal/SignalsBlocked.h"
 #include "Engine/utilities/ProcessWaiter.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/SignalsBlocked.h"
 
 #include "HostEvents.h"
 #include "StartSignals.h"

@@ -11,9 +11,9 @@
 #include <sys/stat.h>
 #include <vector>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/Properties.h"
-#include "Engine/utilities/Texts.h"
 
 #include "Messages.h"
 #include "Output.h"

@@ -9,8 +9,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "Engine/internal/SignalsBlocked.h"
 #include "Engine/utilities/KeepErrno.h"
-#include "Engine/utilities/UNIX/SignalsBlocked.h"
 
 namespace {
 

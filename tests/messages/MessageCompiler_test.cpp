@@ -17,7 +17,7 @@
 
 #include <gmock/gmock.h>
 
-#include "Engine/utilities/Texts.h"
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/msgserv/XPG4MsgServer.h"
 
 #include "programs/messagecompiler/MessageSource.h"

@@ -10,8 +10,8 @@
 
 #include <gmock/gmock.h>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/StdException.h"
-#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/msgserv/LibraryMessageServer.h"
 #include "Engine/utilities/msgserv/XPG4MsgServer.h"
 

@@ -14,8 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/StdException.h"
-#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/UNIXStdioPipes.h"
 

@@ -20,9 +20,9 @@
 
 #include <gtest/gtest.h>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/StdException.h"
-#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/TracedChild.h"

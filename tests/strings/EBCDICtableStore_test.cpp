@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "Engine/utilities/Texts.h"
+#include "Engine/internal/Texts.h"
 
 #include "tests/support/Child.h"
 

@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/Iconv.h"
-#include "Engine/utilities/Texts.h"
 
 #include "tests/strings/GuardedBytes.h"
 

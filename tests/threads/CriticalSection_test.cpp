@@ -7,8 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Engine/internal/LockGuard.h"
 #include "Engine/utilities/CUL_SemaphoreError.h"
-#include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
 #include "Engine/utilities/UNIX/UNIX_Mutex.h"
 

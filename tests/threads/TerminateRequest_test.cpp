@@ -20,8 +20,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Engine/internal/LockGuard.h"
 #include "Engine/utilities/EncodedString.h"
-#include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"

@@ -1,4 +1,4 @@
-#include "Engine/utilities/LocalTime.h"
+#include "Engine/internal/LocalTime.h"
 
 #include <algorithm>
 #include <atomic>

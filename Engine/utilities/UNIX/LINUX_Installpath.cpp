@@ -3,7 +3,7 @@
 #include <string>
 #include <unistd.h>
 
-#include "Engine/utilities/Texts.h"
+#include "Engine/internal/Texts.h"
 
 LINUX_Installpath::LINUX_Installpath()
     : UNIX_Installpath(textOf("/proc/" + std::to_string(getpid()) + "/exe")) {}

@@ -5,9 +5,9 @@
 #include <cstring>
 #include <unistd.h>
 
+#include "Engine/internal/LaunchFailure.h"
 #include "Engine/utilities/ManageLIBPATH.h"
 #include "Engine/utilities/SharedEntry.h"
-#include "Engine/utilities/UNIX/LaunchFailure.h"
 
 using ManagedString = ManageLIBPATH::ManagedString;
 

@@ -8,7 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
-#include "Engine/utilities/UNIX/LaunchFailure.h"
+#include "Engine/internal/LaunchFailure.h"
 
 using ManagedString = ManageLIBPATH::ManagedString;
 

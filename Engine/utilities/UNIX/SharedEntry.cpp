@@ -3,8 +3,8 @@
 #include <dlfcn.h>
 #include <string>
 
-#include "Engine/utilities/UNIX/LoaderGuard.h"
-#include "Engine/utilities/UNIX/StandardError.h"
+#include "Engine/internal/LoaderGuard.h"
+#include "Engine/internal/StandardError.h"
 
 namespace {
 

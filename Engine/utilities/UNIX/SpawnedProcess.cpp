@@ -9,15 +9,15 @@
 #include <utility>
 #include <vector>
 
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/ProgramStart.h"
+#include "Engine/internal/RequestToEnd.h"
+#include "Engine/internal/SystemCallFailure.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/ProcessWaiter.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/ThreadListener.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/ProgramStart.h"
-#include "Engine/utilities/UNIX/RequestToEnd.h"
-#include "Engine/utilities/UNIX/SystemCallFailure.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include <unistd.h>
 #include <utility>
 
+#include "Engine/internal/SignalIgnored.h"
+#include "Engine/internal/SystemCallFailure.h"
 #include "Engine/utilities/ByteString.h"
-#include "Engine/utilities/UNIX/SignalIgnored.h"
-#include "Engine/utilities/UNIX/SystemCallFailure.h"
 
 namespace {
 

@@ -4,9 +4,9 @@
 #include <string>
 #include <string_view>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/PathSearch.h"
-#include "Engine/utilities/Texts.h"
 
 namespace {
 

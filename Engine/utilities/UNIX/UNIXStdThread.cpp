@@ -1,4 +1,4 @@
-#include "Engine/utilities/UNIX/UNIXStdThread.h"
+#include "Engine/internal/UNIXStdThread.h"
 
 #include <csignal>
 #include <cstdlib>
@@ -6,19 +6,19 @@
 #include <memory>
 #include <sched.h>
 
-#include "Engine/utilities/AcrossFork.h"
+#include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/AlternateStack.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LockGuard.h"
+#include "Engine/internal/OwnThread.h"
+#include "Engine/internal/ProcessEnd.h"
+#include "Engine/internal/ProcessLock.h"
+#include "Engine/internal/RequestToEnd.h"
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/KeepErrno.h"
-#include "Engine/utilities/LockGuard.h"
-#include "Engine/utilities/OwnThread.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdThread.h"
-#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/AlternateStack.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/ProcessEnd.h"
-#include "Engine/utilities/UNIX/ProcessLock.h"
-#include "Engine/utilities/UNIX/RequestToEnd.h"
 #include "Engine/utilities/signals.h"
 
 namespace {

@@ -11,11 +11,11 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/SignalIgnored.h"
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/StdException.h"
-#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/SignalIgnored.h"
 
 namespace {
 

@@ -2,11 +2,11 @@
 
 #include <cerrno>
 
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/MutexWait.h"
+#include "Engine/internal/RequestToEnd.h"
+#include "Engine/internal/ThisThread.h"
 #include "Engine/utilities/CUL_SemaphoreError.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/MutexWait.h"
-#include "Engine/utilities/UNIX/RequestToEnd.h"
-#include "Engine/utilities/UNIX/ThisThread.h"
 
 UNIX_Critical_Section::UNIX_Critical_Section() = default;
 

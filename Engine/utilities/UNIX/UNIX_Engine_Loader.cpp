@@ -5,9 +5,9 @@
 #include <memory>
 #include <string>
 
+#include "Engine/internal/LoaderGuard.h"
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/LoaderGuard.h"
 
 namespace {
 

@@ -6,13 +6,13 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#include "Engine/utilities/AcrossFork.h"
+#include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/HeldLock.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LockGuard.h"
+#include "Engine/internal/ProcessLock.h"
 #include "Engine/utilities/CUL_SemaphoreError.h"
-#include "Engine/utilities/LockGuard.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/HeldLock.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/ProcessLock.h"
 
 namespace {
 

@@ -2,9 +2,9 @@
 
 #include <string_view>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/PathSearch.h"
-#include "Engine/utilities/Texts.h"
 
 namespace {
 

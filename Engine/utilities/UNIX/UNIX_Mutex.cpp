@@ -2,10 +2,10 @@
 
 #include <cerrno>
 
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/MutexWait.h"
+#include "Engine/internal/RequestToEnd.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/MutexWait.h"
-#include "Engine/utilities/UNIX/RequestToEnd.h"
 
 UNIX_Mutex::UNIX_Mutex() {
   if (pthread_mutex_init(&mutex_, nullptr) != 0) {

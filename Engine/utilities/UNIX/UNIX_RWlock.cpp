@@ -1,8 +1,8 @@
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/RequestToEnd.h"
+#include "Engine/internal/ThisThread.h"
 #include "Engine/utilities/AssertionFail.h"
 #include "Engine/utilities/RWlock.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/RequestToEnd.h"
-#include "Engine/utilities/UNIX/ThisThread.h"
 
 // The expression's text is part of the message.
 #define ASSERT_CALL(function, line, expression)                                               \

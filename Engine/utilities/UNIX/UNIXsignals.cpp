@@ -14,12 +14,12 @@
 #include <unistd.h>
 #include <unwind.h>
 
+#include "Engine/internal/AlternateStack.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/ProcessEnd.h"
 #include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
-#include "Engine/utilities/UNIX/AlternateStack.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
-#include "Engine/utilities/UNIX/ProcessEnd.h"
 #include "Engine/utilities/signals.h"
 
 namespace {

@@ -4,10 +4,10 @@
 #include <string>
 #include <string_view>
 
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/AssertionFail.h"
 #include "Engine/utilities/SharedEntry.h"
-#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 
 namespace {

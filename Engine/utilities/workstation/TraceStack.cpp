@@ -11,11 +11,11 @@
 #include <unwind.h>
 #include <vector>
 
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/Texts.h"
 #include "Engine/utilities/SharedEntry.h"
-#include "Engine/utilities/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/TraceImplementation.h"
-#include "Engine/utilities/UNIX/HoldRequests.h"
 
 namespace {
 

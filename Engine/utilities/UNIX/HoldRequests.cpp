@@ -1,7 +1,0 @@
-#include "Engine/utilities/UNIX/HoldRequests.h"
-
-#include "Engine/utilities/UNIX/LeafLock.h"
-
-constinit thread_local unsigned int requestsHeld = 0;
-constinit thread_local unsigned int locksHeld = 0;
-constinit thread_local std::mutex* leafMutex = nullptr;
