@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/SettingRow.h"
 #include "Engine/utilities/CharString.h"
@@ -17,6 +18,10 @@
 #include "Engine/utilities/DebuggerPathSetting.h"
 #include "Engine/utilities/DebuggerSettingsHKORV.h"
 #include "Engine/utilities/DebuggerUnsignedSetting.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerSettings, listeners_, 8);
+CUL_FIXED_FIELD(DebuggerSettings, settings_, 40);
 
 namespace {
 

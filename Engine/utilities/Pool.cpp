@@ -4,6 +4,18 @@
 #include <climits>
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(Pool, 64);
+CUL_FIXED_FIELD(Pool, allocated, 0);
+CUL_FIXED_FIELD(Pool, increment, 8);
+CUL_FIXED_FIELD(Pool, initialSize, 16);
+CUL_FIXED_FIELD(Pool, first, 24);
+CUL_FIXED_FIELD(Pool, current, 32);
+CUL_FIXED_FIELD(Pool, name, 40);
+CUL_FIXED_FIELD(Pool, allocator_, 48);
+
 namespace {
 
 // A base size beyond 64 bits becomes one that no free store can serve.

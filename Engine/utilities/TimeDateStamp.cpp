@@ -6,7 +6,12 @@
 #include <limits>
 
 #include "Engine/internal/CalendarTime.h"
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/utilities/EncodedString.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(TimeDateStamp, 8);
+CUL_FIXED_FIELD(TimeDateStamp, time, 0);
 
 namespace {
 

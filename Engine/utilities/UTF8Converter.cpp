@@ -6,11 +6,18 @@
 #include <langinfo.h>
 #include <string>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/LoaderGuard.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/KeepErrno.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(UTF8Converter, 24);
+CUL_FIXED_FIELD(UTF8Converter, toNative, 0);
+CUL_FIXED_FIELD(UTF8Converter, toUTF8, 8);
+CUL_FIXED_FIELD(UTF8Converter, codepage, 16);
 
 namespace {
 

@@ -6,9 +6,15 @@
 #include <exception>
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessEnd.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(SignalOccurred, 4);
+CUL_FIXED_FIELD(SignalOccurred, signal_, 0);
 
 namespace {
 
@@ -80,18 +86,20 @@ void registerErrorHandlers() {
 }
 
 void CUL_terminate() {
-  CUL_TRACE(TraceType::error, sourceFile, 77, "*** FATAL DEBUGGER ERROR: C++ terminate() called");
+  CUL_TRACE(TraceType::error, sourceFile, 77_place,
+            "*** FATAL DEBUGGER ERROR: C++ terminate() called");
   failProcess();
 }
 
 void CUL_unexpected() {
-  CUL_TRACE(TraceType::error, sourceFile, 91, "*** FATAL DEBUGGER ERROR: C++ unexpected() called");
+  CUL_TRACE(TraceType::error, sourceFile, 91_place,
+            "*** FATAL DEBUGGER ERROR: C++ unexpected() called");
   failProcess();
 }
 
 void newHandler() {
   std::free(reserve.exchange(nullptr));
-  CUL_TRACE(TraceType::error, sourceFile, 111, "*** FATAL DEBUGGER ERROR: Out of memory");
+  CUL_TRACE(TraceType::error, sourceFile, 111_place, "*** FATAL DEBUGGER ERROR: Out of memory");
   // puts() adds a newline of its own: two end the text, deliberately.
   std::puts("*** FATAL DEBUGGER ERROR: Out of memory\n");
   // An ending that is cut short writes no streams out.

@@ -4,11 +4,16 @@
 #include <string>
 #include <string_view>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/AssertionFail.h"
 #include "Engine/utilities/SharedEntry.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(LibraryMessageServer, 16);
+CUL_FIXED_FIELD(LibraryMessageServer, messageRetriever, 8);
 
 namespace {
 
