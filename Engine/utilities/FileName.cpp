@@ -319,7 +319,7 @@ FileName FileName::findFile(const FileName& name, const EncodedString& searchPat
     found.rationalizePath(current);
     return found;
   }
-  // Deliberately one list: a working directory with a ":" in its name is split as well.
+  // One list, kept so (docs/contract.md): a working directory with a ":" in its name is split too.
   const std::string folders = std::string(viewOf(current)).append(":").append(viewOf(searchPath));
   std::string_view list = folders;
   for (auto folder = nextPathEntry(list); !folder.empty(); folder = nextPathEntry(list)) {

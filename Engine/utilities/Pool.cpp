@@ -47,8 +47,8 @@ Pool::~Pool() { destroy(); }
 // The first get(), and each one that the current area has no room for.
 void* Pool::getFromNewArea(unsigned long size) {
   if (first == nullptr) {
-    // Deliberate: the raw request counts here, not its unit. An area made as large as a
-    // request above the base size stays unused.
+    // Where units come to lie is kept (docs/contract.md): the raw request counts here, not its
+    // unit. An area made as large as a request above the base size stays unused.
     const unsigned long firstSize = std::max(size, initialSize);
     first = new PoolArea(nullptr, firstSize, name);
     current = first;

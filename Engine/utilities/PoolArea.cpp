@@ -73,7 +73,8 @@ void PoolArea::grow(unsigned long request, PoolArea*& current, unsigned long& al
   }
   if (request > area->size) {
     warn(areaTooSmallLine, name);
-    // Deliberate: the walk does not look at the last area of the chain, it appends to it.
+    // Where units come to lie is kept (docs/contract.md): the walk does not look at the last area
+    // of the chain, it appends to it.
     do {
       if (area->next == nullptr) {
         current = area->append(request, false, allocated, initialSize, increment);

@@ -101,7 +101,7 @@ Properties::Properties(const FileName* file)
 
 Properties::~Properties() = default;
 
-// Deliberate: true stands for failure, as callers test it.
+// True stands for failure: callers test it so.
 bool Properties::set(const FileName& file) {
   LineReader reader(systemPath(file));
   if (!reader.isOpen()) {

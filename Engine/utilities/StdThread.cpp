@@ -176,7 +176,7 @@ StdThread::BlockTermination::BlockTermination() {
 StdThread::BlockTermination::~BlockTermination() noexcept(false) {
   StdThread* self = currentThread();
   constexpr unsigned short belowZero = 65535;
-  // A balanced guard leaves the mark of a pending request alone: deliberate.
+  // A balanced guard leaves the mark of a pending request alone, see BlockTermination.
   if (__atomic_sub_fetch(&self->blockCount_, 1, __ATOMIC_RELAXED) == belowZero) {
     __atomic_store_n(&self->blockCount_, 0, __ATOMIC_RELAXED);
     if (__atomic_load_n(&self->terminationPending_, __ATOMIC_RELAXED) != 0) {

@@ -86,7 +86,7 @@ TimeDateStamp::TimeDateStamp(unsigned year, unsigned month, unsigned day, unsign
   fields.tm_hour = static_cast<int>(hour);
   fields.tm_min = static_cast<int>(minute);
   fields.tm_sec = static_cast<int>(second);
-  fields.tm_isdst = 0;  // Deliberate, also for dates in summer.
+  fields.tm_isdst = 0;  // Kept, also for dates in summer: docs/contract.md.
   time = fromLocalTime(fields);
 }
 

@@ -632,7 +632,7 @@ void TraceImplementation::openFiles() noexcept {
   const bool hasRole = std::any_of(std::begin(roles), std::end(roles), [](const Role& role) {
     return startsWithLetters(processId(), role.name);
   });
-  // Deliberate: without the type "PMD" only a process with a role traces.
+  // Without the type "PMD" only a process with a role traces: scripts configure it so.
   if (!flags[TraceType::pmd] && !hasRole) {
     return;
   }

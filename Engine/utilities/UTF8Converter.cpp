@@ -108,7 +108,7 @@ EncodedString UTF8Converter::convertToUTF8(const char* bytes, unsigned n, const 
     const LoaderGuard guard(
         "EncodedString UTF8Converter::convertToUTF8(const char*, unsigned int, const char*) const",
         __LINE__);
-    // Deliberately from UTF-8 to the named code page: callers depend on this direction.
+    // From UTF-8 to the named code page, though the name says otherwise: kept (docs/contract.md).
     const IconvDescriptor descriptor(named, utf8Name);
     convertTo(descriptor.get(), bytes, n, false, result);
   }

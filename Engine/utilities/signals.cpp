@@ -25,7 +25,8 @@ struct NamedSignal {
   const char* name;
 };
 
-// The first row with a number counts; that 5 is first called "SIGPIPE" is deliberate.
+// The first row with a number counts. That 5 is first called "SIGPIPE" is kept for tools that read
+// traces.
 constexpr NamedSignal namedSignals[] = {
     {11, "SIGSEGV"}, {4, "SIGILL"},   {8, "SIGFPE"},   {15, "SIGTERM"}, {6, "SIGABRT"},
     {2, "SIGINT"},   {10, "SIGUSR1"}, {12, "SIGUSR2"}, {5, "SIGPIPE"},  {5, "SIGTRAP"},
@@ -100,7 +101,7 @@ void CUL_unexpected() {
 void newHandler() {
   std::free(reserve.exchange(nullptr));
   CUL_TRACE(TraceType::error, sourceFile, 111_place, "*** FATAL DEBUGGER ERROR: Out of memory");
-  // puts() adds a newline of its own: two end the text, deliberately.
+  // puts() adds a newline of its own: two end the text, which is kept for those who read it.
   std::puts("*** FATAL DEBUGGER ERROR: Out of memory\n");
   // An ending that is cut short writes no streams out.
   std::fflush(stdout);

@@ -139,8 +139,8 @@ std::optional<Place> findFromTheStart(DIR* folder, pid_t wanted) {
   while (const dirent* const entry = readdir(folder)) {
     const std::optional<pid_t> process = processOf(entry->d_name);
     if (process && (wanted == 0 || *process == wanted)) {
-      // Deliberate: only the one entry behind is looked at, so that a walk ends early where that
-      // is no process. The kernel lists all processes behind everything else.
+      // Only the one entry behind is looked at, and a walk ends where that is no process: kept
+      // (docs/contract.md). The kernel lists all processes behind everything else.
       const dirent* const behind = readdir(folder);
       const std::optional<pid_t> next =
           behind != nullptr ? processOf(behind->d_name) : std::nullopt;

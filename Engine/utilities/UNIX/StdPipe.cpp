@@ -154,7 +154,7 @@ int StdPipe::read(ByteString& out, unsigned int maximum) const {
   const ssize_t atOnce = readPatiently(readHandle_, &byte, 1, 113_place, 114_place);
   out = ByteString(&byte, static_cast<unsigned int>(atOnce));
   if (maximum == 0) {
-    return 0;  // Deliberate, also when a byte was stored.
+    return 0;  // Also when a byte was stored: kept, `out` tells.
   }
   // Before the end changes: without memory it stays blocking.
   const std::unique_ptr<unsigned char[]> buffer(new unsigned char[maximum]);
@@ -164,6 +164,6 @@ int StdPipe::read(ByteString& out, unsigned int maximum) const {
   // One buffer for both pieces: `out` is at most the first byte.
   out = ByteString(&byte, static_cast<unsigned int>(atOnce), buffer.get(),
                    static_cast<unsigned int>(rest), nullptr, 0);
-  // Deliberate: the first byte counts even when it was the end of the file.
+  // The first byte counts even when it was the end of the file: kept, callers look at `out`.
   return static_cast<int>(rest) + 1;
 }

@@ -105,7 +105,7 @@ bool isReadyToRead(int fd) {
   return poll(&wait, 1, 0) > 0;
 }
 
-// Deliberate: what is read is a text, to which a zero byte adds nothing. Returns the new end.
+// What is read is a text, to which a zero byte adds nothing but an early end. Returns the new end.
 char* removeZeros(char* begin, char* end) {
   // There hardly ever is one: a fast search first.
   void* const zero = std::memchr(begin, '\0', static_cast<size_t>(end - begin));
@@ -145,7 +145,7 @@ void UNIXStdioPipes::saveTerminal() {
       savedWindowSize_ = &windowSizeRecord;
     }
     if (savedAttributes_ != nullptr && savedWindowSize_ != nullptr) {
-      // Deliberately only here: attributes without a window size keep their echo.
+      // Only here: attributes without a window size keep their echo, as the console is known to.
       savedAttributes_->c_lflag &= ~static_cast<tcflag_t>(ECHO);
       return;
     }

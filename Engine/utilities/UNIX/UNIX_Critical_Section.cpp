@@ -60,7 +60,7 @@ void UNIX_Critical_Section::abandon(const char* file, unsigned int line) noexcep
 
 void UNIX_Critical_Section::refuse(const char* file, unsigned int line) const {
   const int error = errno;
-  // The text speaks of a creation although nothing is created: deliberate.
+  // The text speaks of a creation although nothing is created: tools look for it.
   warn("MutexCreate", file, line);
   throw CUL_SemaphoreError(file, line, this, error);
 }

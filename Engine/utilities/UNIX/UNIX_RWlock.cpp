@@ -235,7 +235,7 @@ bool RWlock::holdsWriteLock() {
   static constexpr const char* function = "bool RWlock::holdsWriteLock()";
   const HoldRequests hold;
   ASSERT_CALL(function, 179_place, !pthread_mutex_lock(&_mutex));
-  // The only reader counts, too: deliberate.
+  // The only reader counts, too: he could write at once.
   const bool holds = holders_.count() == 1 && holders_[0].thread == thisThread();
   ASSERT_CALL(function, 181_place, !pthread_mutex_unlock(&_mutex));
   return holds;

@@ -32,7 +32,7 @@ namespace {
 constexpr const char* sourceFile = "Engine/utilities/workstation/TraceStack";
 constexpr const char* title = "Stack Traceback:";
 constexpr const char* invalidChain = "Invalid frame chaining pointer!";
-// With a newline of its own, besides the one that ends each line: deliberate.
+// With a newline of its own, besides the one that ends each line: tools look for these texts.
 constexpr const char* endOfChain = "--- End of call chain ---\n";
 
 constexpr int addressDigits = 16;
