@@ -30,7 +30,7 @@ EBCDICtableStore::EBCDICtableStore() { tables_.push_back(std::make_unique<EBCDIC
 // The number of tables when none has the name.
 std::size_t EBCDICtableStore::indexOf(const char* name) const {
   for (std::size_t i = tables_.size(); i != 0; --i) {
-    if (viewOf(tables_[i - 1]->getName()) == name) {
+    if (tables_[i - 1]->getName().view() == name) {
       return i - 1;
     }
   }

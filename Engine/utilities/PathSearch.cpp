@@ -31,17 +31,17 @@ std::string systemPath(const EncodedString& path) {
   if (path.isNLS()) {
     const ByteString bytes = path.convert(EncodedString::native);
     if (EncodedString(bytes, EncodedString::native) == path) {
-      return std::string(viewOf(bytes));
+      return std::string(bytes.view());
     }
   }
-  return std::string(viewOf(path));
+  return std::string(path.view());
 }
 
 EncodedString pathFromSystem(const char* path) {
   EncodedString raw(path, EncodedString::utf8);
   if (raw.isNLS()) {
     EncodedString text(path, EncodedString::native);
-    if (systemPath(text) == viewOf(raw)) {
+    if (systemPath(text) == raw.view()) {
       return text;
     }
   }
@@ -62,14 +62,14 @@ std::string_view nextPathEntry(std::string_view& list) {
 }
 
 EncodedString searchPath(const EncodedString& name, const EncodedString& directories) {
-  const std::string_view nameView = viewOf(name);
+  const std::string_view nameView = name.view();
   if (nameView.empty() || nameView.front() == '/') {
     return name;
   }
   const EncodedString separator("/", EncodedString::utf8);
-  std::string_view list = viewOf(directories);
+  std::string_view list = directories.view();
   for (auto entry = nextPathEntry(list); !entry.empty(); entry = nextPathEntry(list)) {
-    EncodedString candidate = textOf(entry);
+    EncodedString candidate = encodedText(entry);
     if (entry.front() == '.') {
       if (const EncodedString current = workingDirectory(workingDirectoryRoom);
           current.length() != 0) {
@@ -128,10 +128,10 @@ EncodedString resolveSymbolicLink(const EncodedString& path) {
 }
 
 EncodedString stripPath(const EncodedString& path) {
-  const std::string_view text = viewOf(path);
+  const std::string_view text = path.view();
   size_t last = text.rfind('/');
   if (last != std::string_view::npos && last != 0 && last == text.size() - 1) {
     last = text.rfind('/', last - 1);
   }
-  return textOf(text.substr(0, last + 1));  // Without a "/", `last` + 1 is 0.
+  return encodedText(text.substr(0, last + 1));  // Without a "/", `last` + 1 is 0.
 }

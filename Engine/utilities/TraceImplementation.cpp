@@ -150,7 +150,7 @@ ByteString nameOf(std::string_view text) {
 // string pool's lock, which a child forked by a busy process may find held for ever.
 unsigned find(const List<ByteString*>& list, std::string_view name) noexcept {
   unsigned index = 0;
-  while (index < list.count() && viewOf(*list[index]) != name) {
+  while (index < list.count() && list[index]->view() != name) {
     ++index;
   }
   return index;
@@ -171,7 +171,7 @@ bool isNumber(const ByteString& text, unsigned long& number) noexcept {
 bool isNative(std::string_view bytes) {
   const auto length = static_cast<unsigned>(bytes.size());
   const EncodedString text(bytes.data(), length, EncodedString::native);
-  return viewOf(text.convert(EncodedString::native)) == bytes;
+  return text.convert(EncodedString::native).view() == bytes;
 }
 
 // The output's name as it stands in the variable that a configuration was read from.
@@ -386,7 +386,7 @@ std::string_view functionName(const char* function) noexcept {
 std::string_view currentThreadName() noexcept {
   try {
     const ByteString& name = StdThread::currentThread()->name();
-    return viewOf(name);
+    return name.view();
   } catch (...) {
     return "main";
   }
@@ -506,7 +506,7 @@ void TraceImplementation::parse(CharString configuration, const char* variable) 
   if (!isNative(bytes)) {
     nativeName = nameOf(bytes);
   }
-  ownedBuffer_ = strndup(viewOf(nativeName).data(), nativeName.length());
+  ownedBuffer_ = strndup(nativeName.view().data(), nativeName.length());
   if (ownedBuffer_ == nullptr) {
     throw std::bad_alloc();
   }
@@ -524,7 +524,7 @@ void TraceImplementation::parse(CharString configuration, const char* variable) 
 
 void TraceImplementation::parseToken(const CharString& token) {
   const ByteString name = token.encoded().convert(EncodedString::utf8);
-  const std::string_view text = viewOf(name);
+  const std::string_view text = name.view();
   unsigned long size = 0;
   if (text.starts_with('~') || text.starts_with('!')) {
     const ByteString excluded = nameOf(text.substr(1));
@@ -577,7 +577,7 @@ void TraceImplementation::excludeUnlessNamed(const char* type) {
 }
 
 void TraceImplementation::add(List<ByteString*>& list, const ByteString& name) {
-  if (!holds(list, viewOf(name))) {
+  if (!holds(list, name.view())) {
     auto copy = std::make_unique<ByteString>(name);
     list.add(copy.get());
     static_cast<void>(copy.release());
@@ -585,7 +585,7 @@ void TraceImplementation::add(List<ByteString*>& list, const ByteString& name) {
 }
 
 void TraceImplementation::remove(List<ByteString*>& list, const ByteString& name) {
-  const unsigned index = find(list, viewOf(name));
+  const unsigned index = find(list, name.view());
   if (index < list.count()) {
     delete list[index];
     list.removeAt(index);
@@ -593,11 +593,11 @@ void TraceImplementation::remove(List<ByteString*>& list, const ByteString& name
 }
 
 bool TraceImplementation::isIncluded(const ByteString& type) const noexcept {
-  return holds(includeList_, viewOf(type));
+  return holds(includeList_, type.view());
 }
 
 bool TraceImplementation::isExcluded(const ByteString& type) const noexcept {
-  return holds(excludeList_, viewOf(type));
+  return holds(excludeList_, type.view());
 }
 
 bool TraceImplementation::isTraceBitSet(const char* type) const noexcept {

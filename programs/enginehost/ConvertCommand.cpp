@@ -11,7 +11,6 @@
 #include <vector>
 
 #include "Engine/internal/SignalIgnored.h"
-#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/EBCDICtableStore.h"
@@ -182,7 +181,7 @@ class TableWriter : public Writer {
   explicit TableWriter(const EBCDICtable& table) : table_(table) {}
 
   std::string write(std::wstring_view piece, bool /*isLast*/) override {
-    return std::string(viewOf(table_.fromUCS(piece.data(), static_cast<unsigned>(piece.size()))));
+    return std::string(table_.fromUCS(piece.data(), static_cast<unsigned>(piece.size())).view());
   }
 
  private:
@@ -227,7 +226,7 @@ class EscapesReader : public IconvReader {
 class EscapesWriter : public Writer {
  public:
   std::string write(std::wstring_view piece, bool /*isLast*/) override {
-    return std::string(viewOf(EncodedString(charStringOf(piece)).convert(EncodedString::slashU)));
+    return std::string(EncodedString(charStringOf(piece)).convert(EncodedString::slashU).view());
   }
 };
 

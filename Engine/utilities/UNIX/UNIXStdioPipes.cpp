@@ -168,13 +168,13 @@ void UNIXStdioPipes::openConsole() {
   masterHandle_ = master.handle;
   noConsole_ = 0;
   CUL_TRACE(TraceType::dsl, constructorText, 129_place,
-            "Console on pseudo-terminal \"%s\" successfully created", charsOf(slaveName_));
+            "Console on pseudo-terminal \"%s\" successfully created", slaveName_.view().data());
 }
 
 UNIXStdioPipes::~UNIXStdioPipes() {
   if (slaveName_.length() != 0 && slaveHandle_ < 0) {
     CUL_TRACE(TraceType::dsl, destructorText, 147_place, "Pseudo-terminal \"%s\" destroyed",
-              charsOf(slaveName_));
+              slaveName_.view().data());
   }
   const HoldRequests hold;
   UNIXStdioPipes::closePipes();
@@ -204,10 +204,10 @@ int UNIXStdioPipes::slaveHandle() {
     return slaveHandle_;
   }
   // The first terminal that the leader of a session opens becomes its controlling terminal.
-  slaveHandle_ = open(charsOf(slaveName_), O_RDWR | O_CLOEXEC);
+  slaveHandle_ = open(slaveName_.view().data(), O_RDWR | O_CLOEXEC);
   if (slaveHandle_ < 0) {
     CUL_TRACE(TraceType::error, slaveHandleText, 278_place, "debuggee open '%s' failed",
-              charsOf(slaveName_));
+              slaveName_.view().data());
     slaveHandle_ = -1;
     return slaveHandle_;
   }

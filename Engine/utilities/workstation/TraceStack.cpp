@@ -167,7 +167,7 @@ void TraceStack::printFrame(const FRAME& frame) {
   char line[4 * textSize];
   if (location.length() != 0) {
     std::snprintf(line, sizeof line, "0x%*.*lx (%s)", addressDigits, addressDigits, frame.address,
-                  charsOf(location));
+                  location.view().data());
   } else {
     std::snprintf(line, sizeof line, "0x%*.*lx ", addressDigits, addressDigits, frame.address);
   }
