@@ -1,7 +1,6 @@
 #include "Engine/utilities/DebuggerParameters.h"
 
 #include <algorithm>
-#include <atomic>
 #include <initializer_list>
 #include <memory>
 #include <optional>
@@ -9,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/AssertionFail.h"
@@ -85,15 +85,10 @@ struct SecretOption {
 constexpr SecretOption secretOptions[] = {{"qkeystorepass", "qkeystorep"}, {"qhrdmkey", "qhrdmk"}};
 constexpr std::string_view secretSeparators = "= :;,";
 
-std::atomic<DebuggerParameters*> theParameters = nullptr;
+constinit ProcessWide<DebuggerParameters> theParameters;
 
 DebuggerParameters* makeOnce(int argc, char** argv) {
-  DebuggerParameters* made = theParameters.load(std::memory_order_acquire);
-  if (made == nullptr) {
-    made = new UNIXDebuggerParameters(argc, argv);
-    theParameters.store(made, std::memory_order_release);
-  }
-  return made;
+  return &theParameters.get([&] { return new UNIXDebuggerParameters(argc, argv); });
 }
 
 // The vector itself is copied: its elements are pointers of another type.
@@ -235,7 +230,7 @@ DebuggerParameters* DebuggerParameters::instance() {
 }
 
 DebuggerParameters* DebuggerParameters::instancePointer() noexcept {
-  return theParameters.load(std::memory_order_acquire);
+  return theParameters.present();
 }
 
 DebuggerParameters::~DebuggerParameters() = default;

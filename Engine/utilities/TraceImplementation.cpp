@@ -27,6 +27,7 @@
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/internal/WriteSignals.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/ElapsedTime.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/KeepErrno.h"
@@ -191,17 +192,17 @@ void prepare(FILE* stream) noexcept {
 // Opens the trace's own output for writing, emptied; null when that fails, also for a FIFO
 // that nobody reads. Never waits, and gains no controlling terminal.
 FILE* openEmptied(const char* name) noexcept {
-  const int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
-  if (fd < 0) {
+  Descriptor file(
+      open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666));
+  if (!file.isOpen()) {
     return nullptr;
   }
-  fcntl(fd, F_SETFL, 0);  // a reader that is slow is waited for
-  FILE* stream = fdopen(fd, "w");
-  if (stream == nullptr) {
-    close(fd);
-    return nullptr;
+  fcntl(file.get(), F_SETFL, 0);  // a reader that is slow is waited for
+  FILE* const stream = fdopen(file.get(), "w");
+  if (stream != nullptr) {
+    static_cast<void>(file.release());  // now the stream's
+    prepare(stream);
   }
-  prepare(stream);
   return stream;
 }
 

@@ -13,6 +13,7 @@
 #include "Engine/internal/SignalIgnored.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/EBCDICtableStore.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
@@ -277,20 +278,17 @@ int failed(Message stream) {
 }
 
 ssize_t readSome(std::span<char> area) {
-  ssize_t n;
-  do {
-    n = ::read(STDIN_FILENO, area.data(), area.size());
-  } while (n < 0 && errno == EINTR);
-  return n;
+  return uninterrupted([&] { return ::read(STDIN_FILENO, area.data(), area.size()); });
 }
 
 bool writeAll(std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t n = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
-    if (n < 0 && errno != EINTR) {
+    const ssize_t n =
+        uninterrupted([&] { return ::write(STDOUT_FILENO, bytes.data(), bytes.size()); });
+    if (n < 0) {
       return false;
     }
-    bytes.remove_prefix(n < 0 ? 0 : static_cast<std::size_t>(n));
+    bytes.remove_prefix(static_cast<std::size_t>(n));
   }
   return true;
 }

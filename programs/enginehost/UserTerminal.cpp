@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "Engine/internal/SignalsBlocked.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/KeepErrno.h"
 
 namespace {
@@ -150,8 +151,7 @@ void restoreAtSignals() {
 
 // Interrupted by the signals of a stop and its end.
 void setModes(int handle, const termios& modes) {
-  while (tcsetattr(handle, TCSANOW, &modes) != 0 && errno == EINTR) {
-  }
+  uninterrupted([&] { return tcsetattr(handle, TCSANOW, &modes); });
 }
 
 }  // namespace

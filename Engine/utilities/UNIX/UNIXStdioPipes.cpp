@@ -16,6 +16,7 @@
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SignalIgnored.h"
 #include "Engine/internal/Texts.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
 
@@ -46,10 +47,9 @@ constexpr const char* readHandleText =
 termios attributesRecord;
 winsize windowSizeRecord;
 
-void closeHandle(int& handle) {
+void closeIfOpen(int& handle) {
   if (handle >= 0) {
-    close(handle);
-    handle = -1;
+    closeHandle(handle);
   }
 }
 
@@ -161,7 +161,7 @@ void UNIXStdioPipes::openConsole() {
   }
   const char* const name = unlockSlave(master);
   if (name == nullptr) {
-    closeHandle(master.handle);
+    closeIfOpen(master.handle);
     return;
   }
   slaveName_ = ByteString(name);
@@ -178,9 +178,9 @@ UNIXStdioPipes::~UNIXStdioPipes() {
   }
   const HoldRequests hold;
   UNIXStdioPipes::closePipes();
-  closeHandle(inputCopy_);
-  closeHandle(outputCopy_);
-  closeHandle(errorCopy_);
+  closeIfOpen(inputCopy_);
+  closeIfOpen(outputCopy_);
+  closeIfOpen(errorCopy_);
 }
 
 void UNIXStdioPipes::closePipes() {
@@ -188,7 +188,7 @@ void UNIXStdioPipes::closePipes() {
   for (int* const handle : {&slaveHandle_, &masterHandle_}) {
     if (*handle >= 0) {
       tcflush(*handle, TCIOFLUSH);
-      closeHandle(*handle);
+      closeIfOpen(*handle);
     }
   }
 }
@@ -197,7 +197,7 @@ int UNIXStdioPipes::slaveHandle() {
   if (noConsole_ != 0) {
     return slaveHandle_;
   }
-  closeHandle(masterHandle_);
+  closeIfOpen(masterHandle_);
   noConsole_ = 1;
   if (setsid() < 0) {
     CUL_TRACE(TraceType::error, slaveHandleText, 273_place, "setsid() failed");
@@ -213,7 +213,7 @@ int UNIXStdioPipes::slaveHandle() {
   }
   if (savedAttributes_ != nullptr && tcsetattr(slaveHandle_, TCSANOW, savedAttributes_) != 0) {
     CUL_TRACE(TraceType::error, slaveHandleText, 284_place, "tcsetattr failed");
-    closeHandle(slaveHandle_);
+    closeIfOpen(slaveHandle_);
     return slaveHandle_;
   }
   if (savedWindowSize_ != nullptr && !setWindowSize(slaveHandle_, savedWindowSize_)) {
@@ -289,7 +289,7 @@ int UNIXStdioPipes::read(StdFileHandle stream, ByteString& out, unsigned int max
 }
 
 int UNIXStdioPipes::dupAndRewind(int& copy, int fd) {
-  closeHandle(copy);
+  closeIfOpen(copy);
   copy = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   if (copy >= 0) {
     lseek(copy, 0, SEEK_SET);
