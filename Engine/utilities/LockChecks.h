@@ -6,6 +6,7 @@
 /// here.
 
 #if defined(__clang__)
+/// An attribute of clang's; nothing for other compilers.
 #define CUL_LOCK_CHECK(attribute) __attribute__((attribute))
 #else
 #define CUL_LOCK_CHECK(attribute)
