@@ -19,13 +19,14 @@ prints_what_it_should() {
   (cd "$folder/run" && env -i PATH="$PATH" ${ASAN_OPTIONS:+ASAN_OPTIONS="$ASAN_OPTIONS"} \
     ${TSAN_OPTIONS:+TSAN_OPTIONS="$TSAN_OPTIONS"} "$program" >"$folder/out" 2>"$folder/err") ||
     status=$?
-  [ "$status" = 0 ] && [ ! -s "$folder/err" ] || { cat "$folder/err"; fail "ended with $status"; }
+  [ "$status" = 0 ] || { cat "$folder/err"; fail "ended with $status"; }
+  [ ! -s "$folder/err" ] || { cat "$folder/err"; fail "prints on standard error"; }
   [ -z "$(ls -A "$folder/run")" ] || fail "leaves behind: $(ls -A "$folder/run")"
   while IFS= read -r line <&3; do
     pattern=$(sed 's/[][\\*?]/\\&/g; s/\.\.\./*/g' <<<"$line")
     IFS= read -r actual <&4 || actual="nothing more"
     # shellcheck disable=SC2053  # a pattern
-    [[ $actual == $pattern ]] || { cat "$folder/out"; fail "expected \"$line\", not \"$actual\""; }
+    [[ $actual == $pattern ]] || fail "expected \"$line\", not \"$actual\""
   done 3<"$expected" 4<"$folder/out"
   [ "$(wc -l <"$expected")" = "$(wc -l <"$folder/out")" ] || { cat "$folder/out"; fail "prints more"; }
 }
