@@ -37,7 +37,7 @@ comments() {
 
 ThePublicHeadersGiveNoWarning() { "$DOXYGEN" "$DOXYFILE"; }
 
-public_headers() { sed -n 's/^INPUT = //p' "$DOXYFILE" | tr ' ' '\n' | grep '\.h$'; }
+public_headers() { sed -n '/^INPUT = /,/[^\\]$/p' "$DOXYFILE" | tr ' ' '\n' | grep '\.h$'; }
 
 NothingButCommentsIsAddedToTheHeaders() {
   local filter header
@@ -46,7 +46,7 @@ NothingButCommentsIsAddedToTheHeaders() {
   for header in $(public_headers); do
     diff -u --label "$header" <(without_comments <"$header") --label filtered \
       <("${filter[@]}" "$header" | without_comments) || fail "other than comments: $header"
-    [ -z "$(diff "$header" <("${filter[@]}" "$header") | grep '^<')" ] || fail "less comments: $header"
+    ! diff "$header" <("${filter[@]}" "$header") | grep '^<' || fail "less comments: $header"
   done
 }
 
@@ -198,6 +198,24 @@ Sets.
 Sets."
   diff -u --label expected <(echo "$expected") --label actual <(comments | sort) ||
     fail "other than expected: comments"
+}
+
+EachFileThatThePagesForNewcomersNameIsThere() {
+  local root name names folders='.ci|Engine|benchmarks|cmake|docs|examples|fuzz|programs|script|tests'
+  root=$(sed -n 's/^STRIP_FROM_PATH = //p' "$DOXYFILE")
+  cd "$root"
+  # What is linked, and in backticks what has a folder in front or an ending behind.
+  names=$({
+    sed -n 's/.*](\([A-Za-z0-9_./-]*\)).*/\1/p' README.md CONTRIBUTING.md CHANGELOG.md
+    awk -F '\140' '{ for (i = 2; i < NF; i += 2) print $i }' README.md CONTRIBUTING.md CHANGELOG.md |
+      cut -d ' ' -f 1 |
+      grep -E "^($folders)/[A-Za-z0-9_./-]*$|^[A-Za-z0-9_]+\.(h|cpp|md|inc)$"
+  } | grep -v xx_XX | sort -u)
+  [ "$(grep -c . <<<"$names")" -ge 40 ] || fail "the pages are no longer read by this test: $names"
+  for name in $names; do
+    [ -e "$name" ] || [ -n "$(find Engine tests programs docs -name "$name" -print -quit)" ] ||
+      fail "there is no $name"
+  done
 }
 
 "$1"
