@@ -10,9 +10,10 @@
 
 namespace {
 
+// Memory of a pool is aligned to 4 bytes, so what is made there has no longer fields.
 struct Symbol {
-  const char* name;
   unsigned address;
+  char name[12];
 };
 
 int byName(const void* a, const void* b) {
@@ -32,10 +33,10 @@ struct Line {
 int main() {
   // Objects of a pool are never deleted one by one: they end with the pool.
   Pool pool(4096, 100, "symbols");
-  List<Symbol*> symbols(0, &pool);
-  symbols.add(new (&pool) Symbol{"main", 0x1040});
-  symbols.add(new (&pool) Symbol{"exit", 0x1030});
-  symbols.add(new (&pool) Symbol{"_start", 0x1000});
+  List<Symbol*> symbols;
+  symbols.add(new (&pool) Symbol{0x1040, "main"});
+  symbols.add(new (&pool) Symbol{0x1030, "exit"});
+  symbols.add(new (&pool) Symbol{0x1000, "_start"});
   Symbol* const last = symbols[2];
 
   symbols.sort(byName);
