@@ -1,6 +1,9 @@
 // Takes a file name apart, and reads a property file.
 
 #include <cstdio>
+#include <fstream>
+#include <iomanip>
+#include <iostream>
 
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/FileName.h"
@@ -10,8 +13,7 @@
 namespace {
 
 void print(const char* what, const EncodedString& text) {
-  const char* const characters = text;
-  std::printf("%-10s %s\n", what, characters);
+  std::cout << std::left << std::setw(10) << what << ' ' << text.view() << '\n';
 }
 
 }  // namespace
@@ -29,15 +31,13 @@ int main() {
   const EncodedString folders("/nowhere:/bin", EncodedString::utf8);
   print("found", searchPath(shell, folders));
 
-  // A property file of two lines and a comment.
+  // Of two lines with one key the last one counts.
   const char* const path = "example.properties";
-  if (std::FILE* const file = std::fopen(path, "w"); file != nullptr) {
-    std::fputs("host = localhost  # this machine\nport = 8001\nport = 8002\n", file);
-    std::fclose(file);
-  }
+  std::ofstream(path) << "host = localhost  # this machine\nport = 8001\nport = 8002\n";
   const FileName properties(path, EncodedString::utf8);
   const Properties read(&properties);
   print("host", read.getString(EncodedString("host", EncodedString::utf8)));
-  std::printf("%-10s %d\n", "port", read.getInteger(EncodedString("port", EncodedString::utf8)));
-  std::remove(path);
+  const int port = read.getInteger(EncodedString("port", EncodedString::utf8));
+  print("port + 1", EncodedString::number(port + 1));
+  return std::remove(path);
 }

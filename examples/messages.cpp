@@ -18,10 +18,9 @@ void speak(const char* language) {
   const XPG4MsgServer messages(language, "example");
   const EncodedString greeting = messages.getMessage(greetings, morning);
   const EncodedString format = messages.getMessage(greetings, guests);
-  const char* const text = greeting;
-  std::printf("%s\n", text);
+  std::puts(greeting);
   std::printf(format, 3);
-  std::printf("\n");
+  std::puts("");
 }
 
 }  // namespace

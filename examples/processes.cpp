@@ -1,6 +1,6 @@
 // Starts a program that writes into a pipe, waits for it, and finds itself among the processes.
 
-#include <cstdio>
+#include <iostream>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -43,18 +43,16 @@ int main() {
   pipe.closeWriteHandle();
   ByteString bytes;
   pipe.read(bytes, 100);
-  std::printf("%u bytes: ", bytes.length());
-  std::fwrite(bytes, 1, bytes.length(), stdout);
+  std::cout << "read " << EncodedString(bytes, EncodedString::utf8).view();
   if (!shell.wait(60)) {
-    std::printf("ended with %d\n", WEXITSTATUS(shell.returnCode()));
+    std::cout << "ended with " << WEXITSTATUS(shell.returnCode()) << '\n';
   }
 
   // What cannot be found is told at once.
   try {
     const SpawnedProcess nothing(utf8("nothing"), utf8("/nowhere"), arguments, 1, 0);
   } catch (const StdException& e) {
-    const char* const text = e.text;
-    std::printf("status %d: %s\n", e.status, text);
+    std::cout << "status " << e.status << ": " << e.text.view() << '\n';
   }
-  std::printf("this process is %slisted\n", isInTheTable(getpid()) ? "" : "not ");
+  std::cout << "this process is " << (isInTheTable(getpid()) ? "listed\n" : "not listed\n");
 }

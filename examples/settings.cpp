@@ -1,7 +1,8 @@
 // Reads and changes settings, and takes a command line apart.
 
-#include <cstdio>
 #include <cstdlib>
+#include <iomanip>
+#include <iostream>
 
 #include "Engine/utilities/DebuggerParameters.h"
 #include "Engine/utilities/DebuggerSetting.h"
@@ -11,8 +12,7 @@
 namespace {
 
 void print(const char* what, const EncodedString& text) {
-  const char* const characters = text;
-  std::printf("%-9s %s\n", what, characters);
+  std::cout << std::left << std::setw(10) << what << text.view() << '\n';
 }
 
 class Listener final : public DebuggerSettings::Notification {

@@ -1,6 +1,6 @@
 // Takes a line apart, and writes its text in other encodings.
 
-#include <cstdio>
+#include <iostream>
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
@@ -13,23 +13,18 @@ int main() {
   value = value.allBefore('#');
   value.stripWhiteSpace();
 
-  // A string converts to the zero-terminated text that system calls take.
-  const char* const keyText = key;
-  const char* const valueText = value;
-  std::printf("%s is %s: %u characters in %u bytes\n", keyText, valueText, value.charCount(),
-              value.length());
+  std::cout << key.view() << " is " << value.view() << ": " << value.charCount()
+            << " characters in " << value.length() << " bytes\n";
 
   // Positions count bytes from 1, and 0 is "not found".
   const EncodedString mu("μ", EncodedString::utf8);
-  std::printf("μ is at %u, # at %u\n", value.indexOf(mu), value.indexOf('#'));
+  std::cout << "μ is at " << value.indexOf(mu) << ", # at " << value.indexOf('#') << '\n';
 
   // On the way out a text has the encoding that is asked for: here ASCII with escapes.
   const ByteString escaped = value.convert(EncodedString::slashU);
-  std::fwrite(escaped, 1, escaped.length(), stdout);
+  const EncodedString asRead(escaped, EncodedString::utf8);
   const EncodedString back(escaped, EncodedString::slashU);
-  std::printf("\n%s\n", back == value ? "comes back" : "is lost");
+  std::cout << asRead.view() << (back == value ? " comes back\n" : " is lost\n");
 
-  const EncodedString sum = MD5(value, value.length()).asString(MD5::hexadecimal);
-  const char* const sumText = sum;
-  std::printf("%s\n", sumText);
+  std::cout << MD5(value, value.length()).asString(MD5::hexadecimal).view() << '\n';
 }
