@@ -1,6 +1,9 @@
 #pragma once
 
+#include <initializer_list>
 #include <memory>
+#include <span>
+#include <string_view>
 
 #include "Engine/utilities/DebuggerEnumSetting.h"
 #include "Engine/utilities/DebuggerListSetting.h"
@@ -8,22 +11,37 @@
 #include "Engine/utilities/DebuggerStringSetting.h"
 
 /// \file
-/// The rows of the registry's tables of settings, and how a row becomes a setting.
+/// The rows of the registry's tables of settings (SettingTables.h), how a row becomes a
+/// setting, and what the compiler holds against the tables.
 
 /// What makes a setting. What a type has no use for stays 0 or null.
 struct SettingRow {
+  /// The number by which user interfaces order settings.
+  enum class Group : int {
+    none = 20  ///< Shared by those that none orders.
+  };
+  /// The identifier: the setting's slot in the registry, and the key of its default.
+  enum class Slot : int {};
+  /// Of a number, or of a length in characters.
+  struct Limits {
+    unsigned minimum;
+    unsigned maximum;
+  };
+
   /// Makes the setting that a row describes.
   std::unique_ptr<DebuggerSetting> (*make)(const SettingRow&);
   const wchar_t* name;
   const wchar_t* defaultText;  ///< Null: the configuration module knows it.
-  int control;
-  int group;
-  int identifier;
-  unsigned minimum = 0;  ///< Of the number, or of the length.
-  unsigned maximum = 0;
+  int control;                 ///< A set of DebuggerSetting::SettingControl bits.
+  Group group;
+  Slot slot;
+  Limits limits = {};
   bool acceptsAllAndNone = false;
   const DebuggerEnumSetting::EnumSettingItem* enumItems = nullptr;
   const DebuggerListSetting::ListSettingItem* listItems = nullptr;
+  const wchar_t* hostDefault = nullptr;  ///< The default where the host is a remote system; null:
+                                         ///< as elsewhere.
+  bool isSecret = false;                 ///< See DebuggerSetting::isSecret().
 };
 
 /// \name The makers of each type
@@ -36,55 +54,128 @@ struct SettingRow {
 [[nodiscard]] std::unique_ptr<DebuggerSetting> makeList(const SettingRow& row);
 /// @}
 
-/// The row of "ASSERTION", a setting that is needed before there is a registry, too.
-extern const SettingRow assertionRow;
-
 /// \name One row of each type
 /// @{
-constexpr SettingRow stringRow(const wchar_t* name, int control, int group, int identifier,
-                               const wchar_t* defaultText, unsigned minLength = 0,
-                               unsigned maxLength = DebuggerStringSetting::noLimit) {
-  return {makeString, name, defaultText, control, group, identifier, minLength, maxLength};
+consteval SettingRow stringRow(const wchar_t* name, int control, SettingRow::Group group,
+                               SettingRow::Slot slot, const wchar_t* defaultText,
+                               SettingRow::Limits length = {0, DebuggerStringSetting::noLimit}) {
+  return {makeString, name, defaultText, control, group, slot, length};
 }
 
-constexpr SettingRow pathRow(const wchar_t* name, int control, int group, int identifier,
-                             const wchar_t* defaultText, unsigned minLength, unsigned maxLength) {
-  return {makePath, name, defaultText, control, group, identifier, minLength, maxLength};
+consteval SettingRow pathRow(const wchar_t* name, int control, SettingRow::Group group,
+                             SettingRow::Slot slot, const wchar_t* defaultText) {
+  return {makePath, name, defaultText, control, group, slot, {0, DebuggerStringSetting::noLimit}};
 }
 
-constexpr SettingRow unsignedRow(const wchar_t* name, int control, int group, int identifier,
-                                 const wchar_t* defaultText, unsigned minimum, unsigned maximum) {
-  return {makeUnsigned, name, defaultText, control, group, identifier, minimum, maximum};
+consteval SettingRow unsignedRow(const wchar_t* name, int control, SettingRow::Group group,
+                                 SettingRow::Slot slot, const wchar_t* defaultText,
+                                 SettingRow::Limits limits) {
+  return {makeUnsigned, name, defaultText, control, group, slot, limits};
 }
 
-constexpr SettingRow booleanRow(const wchar_t* name, int control, int group, int identifier,
-                                const wchar_t* defaultText) {
-  return {makeBoolean, name, defaultText, control, group, identifier};
+consteval SettingRow booleanRow(const wchar_t* name, int control, SettingRow::Group group,
+                                SettingRow::Slot slot, const wchar_t* defaultText) {
+  return {makeBoolean, name, defaultText, control, group, slot};
 }
 
-constexpr SettingRow enumRow(const wchar_t* name, int control, int group, int identifier,
-                             const wchar_t* defaultText,
+consteval SettingRow enumRow(const wchar_t* name, int control, SettingRow::Group group,
+                             SettingRow::Slot slot, const wchar_t* defaultText,
                              const DebuggerEnumSetting::EnumSettingItem* items) {
-  return {.make = makeEnum,
-          .name = name,
-          .defaultText = defaultText,
-          .control = control,
-          .group = group,
-          .identifier = identifier,
-          .enumItems = items};
+  SettingRow row = {makeEnum, name, defaultText, control, group, slot};
+  row.enumItems = items;
+  return row;
 }
 
-constexpr SettingRow listRow(const wchar_t* name, int control, int group, int identifier,
-                             const wchar_t* defaultText,
+consteval SettingRow listRow(const wchar_t* name, int control, SettingRow::Group group,
+                             SettingRow::Slot slot, const wchar_t* defaultText,
                              const DebuggerListSetting::ListSettingItem* items,
-                             bool acceptsAllAndNone) {
-  return {.make = makeList,
-          .name = name,
-          .defaultText = defaultText,
-          .control = control,
-          .group = group,
-          .identifier = identifier,
-          .acceptsAllAndNone = acceptsAllAndNone,
-          .listItems = items};
+                             bool acceptsAllAndNone = false) {
+  SettingRow row = {makeList, name, defaultText, control, group, slot};
+  row.listItems = items;
+  row.acceptsAllAndNone = acceptsAllAndNone;
+  return row;
+}
+/// @}
+
+/// \name Columns that few rows have
+/// @{
+consteval SettingRow secret(SettingRow row) {
+  row.isSecret = true;
+  return row;
+}
+
+consteval SettingRow withHostDefault(SettingRow row, const wchar_t* hostDefault) {
+  row.hostDefault = hostDefault;
+  return row;
+}
+/// @}
+
+/// \name Items of a list
+/// @{
+consteval DebuggerListSetting::ListSettingItem sets(const wchar_t* name, unsigned mask) {
+  return {name, mask, true};
+}
+
+consteval DebuggerListSetting::ListSettingItem clears(const wchar_t* name, unsigned mask) {
+  return {name, mask, false};
+}
+/// @}
+
+/// The row of an identifier; null when the table has none.
+[[nodiscard]] constexpr const SettingRow* rowOf(std::span<const SettingRow> table,
+                                                unsigned identifier) noexcept {
+  for (const SettingRow& row : table) {
+    if (static_cast<unsigned>(row.slot) == identifier) {
+      return &row;
+    }
+  }
+  return nullptr;
+}
+
+/// \name What holds for the tables of one registry
+/// @{
+using SettingTableList = std::initializer_list<std::span<const SettingRow>>;
+
+/// Whether each identifier is one of the slots from 0 to `slots` - 1.
+consteval bool areBelow(unsigned slots, SettingTableList tables) {
+  for (const std::span<const SettingRow> table : tables) {
+    for (const SettingRow& row : table) {
+      if (static_cast<unsigned>(row.slot) >= slots) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+/// Whether no two rows are of one slot.
+consteval bool haveDifferentSlots(SettingTableList tables) {
+  for (const std::span<const SettingRow> table : tables) {
+    for (const SettingRow& row : table) {
+      for (const std::span<const SettingRow> other : tables) {
+        if (const SettingRow* const found = rowOf(other, static_cast<unsigned>(row.slot));
+            found != nullptr && found != &row) {
+          return false;
+        }
+      }
+    }
+  }
+  return true;
+}
+
+/// Whether no two rows have one name.
+consteval bool haveDifferentNames(SettingTableList tables) {
+  for (const std::span<const SettingRow> table : tables) {
+    for (const SettingRow& row : table) {
+      for (const std::span<const SettingRow> other : tables) {
+        for (const SettingRow& found : other) {
+          if (&found != &row && std::wstring_view(found.name) == row.name) {
+            return false;
+          }
+        }
+      }
+    }
+  }
+  return true;
 }
 /// @}

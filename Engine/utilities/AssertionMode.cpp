@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "Engine/internal/HoldRequests.h"
-#include "Engine/internal/SettingRow.h"
+#include "Engine/internal/SettingTables.h"
 #include "Engine/utilities/DebuggerNumericSetting.h"
 #include "Engine/utilities/DebuggerSettings.h"
 
@@ -32,7 +32,7 @@ DebuggerSetting* earlySetting() {
   DebuggerSetting* setting = kept.load(std::memory_order_acquire);
   if (setting == nullptr && !isMaking) {
     const Making making;
-    std::unique_ptr<DebuggerSetting> made = assertionRow.make(assertionRow);
+    std::unique_ptr<DebuggerSetting> made = SettingTables::assertion.make(SettingTables::assertion);
     if (kept.compare_exchange_strong(setting, made.get(), std::memory_order_acq_rel)) {
       setting = made.release();
     }
@@ -43,7 +43,7 @@ DebuggerSetting* earlySetting() {
 }  // namespace
 
 int assertionMode() {
-  DebuggerSetting* setting = DebuggerSettings::present()->getSetting(assertionRow.name);
+  DebuggerSetting* setting = DebuggerSettings::present()->getSetting(SettingTables::assertion.name);
   if (setting == nullptr) {
     setting = earlySetting();
   }

@@ -25,6 +25,7 @@ class DebuggerIntegerSetting;
 class DebuggerListSetting;
 class DebuggerNumericSetting;
 class DebuggerPathSetting;
+class DebuggerSettings;
 class DebuggerStringSetting;
 class DebuggerUnsignedSetting;
 
@@ -41,12 +42,15 @@ class CUL_EXPORT DebuggerSetting {
     Path = 64
   };
 
-  /// A set of bits that the registry interprets. The bits 16 and 32 mean something to its
-  /// clients only.
+  /// A set of bits that the registry interprets.
   enum SettingControl : int {
-    Listable = 1 | 2,  ///< Two bits, of which any one makes the setting listable.
-    Hidden = 4,        ///< Listed only for those who ask for hidden settings.
-    Changeable = 64    ///< May be changed at run time.
+    Listable1 = 1,
+    Listable2 = 2,
+    Listable = Listable1 | Listable2,  ///< Two bits, of which any one makes the setting listable.
+    Hidden = 4,                        ///< Listed only for those who ask for hidden settings.
+    Carried16 = 16,                    ///< Means something to clients only.
+    Carried32 = 32,                    ///< Means something to clients only.
+    Changeable = 64                    ///< May be changed at run time.
   };
 
   /// Where the present value comes from.
@@ -109,6 +113,10 @@ class CUL_EXPORT DebuggerSetting {
   /// blanks, that was refused.
   [[nodiscard]] bool isEnvValueRefused() const noexcept { return envValueRefused_; }
 
+  /// Whether the value is a key or a password, which is shown to nobody. The registry says it of
+  /// its settings.
+  [[nodiscard]] bool isSecret() const noexcept { return isSecret_; }
+
  protected:
   /// The base of a setting, with an empty value.
   /// \param name       what follows "QVX_DBG_" in the name of the environment variable.
@@ -140,4 +148,7 @@ class CUL_EXPORT DebuggerSetting {
   SettingControl control_;
   Origin origin_ = Nowhere;
   bool envValueRefused_ = false;
+  bool isSecret_ = false;
+
+  friend class DebuggerSettings;
 };

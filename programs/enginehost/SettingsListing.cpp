@@ -43,8 +43,7 @@ struct Row {
 
 // A setting that holds a key shows only whether there is one.
 std::string shown(const DebuggerSetting& setting, const EncodedString& value) {
-  const bool isSecret = setting.getName().view() == "HRDM_KEY";
-  return isSecret && value.length() > 0 ? "********" : std::string(value.view());
+  return setting.isSecret() && value.length() > 0 ? "********" : std::string(value.view());
 }
 
 std::string typeName(const DebuggerSetting& setting) {

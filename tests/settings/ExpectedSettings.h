@@ -33,5 +33,5 @@ struct ExpectedSetting {
 /// In the order in which they are made.
 extern const std::vector<ExpectedSetting> expectedSettings;
 
-/// By identifier; every one from 0 to 54 is there.
+/// By identifier; there is one for each slot.
 const ExpectedSetting& expectedSetting(unsigned identifier);

@@ -6,6 +6,7 @@
 
 #include "Engine/utilities/DebuggerPathSetting.h"
 #include "Engine/utilities/DebuggerSettings.h"
+#include "Engine/utilities/DebuggerSettingsHKORV.h"
 
 #include "tests/settings/ExpectedSettings.h"
 #include "tests/settings/LibcHooks.h"
@@ -206,15 +207,15 @@ void expectGood(const ChildResult& result) {
 }  // namespace
 
 TEST(SettingTables, HaveOneSettingForEachIdentifier) {
-  EXPECT_EQ(expectedSettings.size(), 55U);
-  for (unsigned i = 0; i < 55; ++i) {
+  EXPECT_EQ(expectedSettings.size(), DebuggerSettingsHKORV::slots);
+  for (unsigned i = 0; i < DebuggerSettingsHKORV::slots; ++i) {
     EXPECT_NO_THROW(static_cast<void>(expectedSetting(i))) << i;
   }
 }
 
 CUL_CHILD(SettingTablesInACleanEnvironment) {
   const List<DebuggerSetting*>& all = registry().getAllSettings();
-  ASSERT_EQ(all.count(), 55U);
+  ASSERT_EQ(all.count(), expectedSettings.size());
   for (unsigned i = 0; i < all.count(); ++i) {
     const ExpectedSetting& expected = expectedSetting(i);
     DebuggerSetting& setting = *all[i];
@@ -228,6 +229,7 @@ CUL_CHILD(SettingTablesInACleanEnvironment) {
     EXPECT_EQ(plain(EncodedString(registry().defaultSetting(i))), expected.defaultText);
     EXPECT_EQ(plain(setting.getPermittedValues()), permittedBy(expected));
     EXPECT_EQ(plain(setting.getEnvValue()), "");
+    EXPECT_EQ(setting.isSecret(), expected.name == "HRDM_KEY");
     EXPECT_FALSE(setting.isEnvValueRefused());
     expectFirstValue(expected, setting);
   }
