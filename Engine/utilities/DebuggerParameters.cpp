@@ -1,9 +1,12 @@
 #include "Engine/utilities/DebuggerParameters.h"
 
 #include <algorithm>
+#include <array>
 #include <initializer_list>
+#include <iterator>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,59 +34,96 @@ constexpr const char* dumpSignature = "void DebuggerParameters::diagnosticDump()
 constexpr const char* noText = "none";
 constexpr std::string_view asterisks = "********";
 
-// The order decides which option an abbreviation selects. The minima of 1 are there so
-// that what no earlier row claims falls to those rows.
-constexpr P::Option optionTable[] = {
-    {endName, 0x02, false, false, 2, P::parmEnd},
-    {L"-?", 0x7f, false, false, 2, P::parmHelp},
-    {attachPrefix, 0x02, false, false, 2, P::parmPid},
-    {L"-help", 0x7f, false, false, 2, P::parmHelp},
-    {L"-i", 0x02, false, true, 2, P::parmI},
-    {L"-p-", 0x7f, false, true, 3, P::parmP},
-    {L"-qcache", 0x01, true, false, 4, P::parmCache},
-    {L"-qconsole", 0x02, true, false, 4, P::parmConsole},
-    {L"-qdaemon", 0x01, true, false, 5, P::parmDaemon},
-    {L"-qdepth", 0x7f, true, false, 5, P::parmDepth},
-    {L"-qdisplay", 0x06, true, false, 3, P::parmDisplay},
-    {L"-qdxpllevel", 0x7f, true, false, 11, P::parmDxplLevel},
-    {L"-qdxpldump", 0x7f, true, false, 10, P::parmDxplDump},
-    {L"-qExecBy", 0x7f, true, false, 8, P::parmExecBy},
-    {L"-qhost", 0x7f, true, false, 3, P::parmHost},
-    {L"-qlang", 0x7f, true, false, 6, P::parmLang},
-    {pidName, 0x7f, true, false, 5, P::parmPid},
-    {L"-qquiet", 0x7f, false, false, 3, P::parmQuiet},
-    {L"-qrunTo", 0x06, true, false, 7, P::parmRunTo},
-    {L"-qteamuser", 0x7f, true, true, 6, P::parmTeamUser},
-    {L"-qtrace", 0x7f, true, false, 7, P::parmTrace},
-    {L"-startupKey", 0x7f, true, true, 3, P::parmStartupKey},
-    {L"-s", 0x7f, false, true, 2, P::parmS},
-    {L"-qsci", 0x02, false, false, 5, P::parmSci},
-    {L"-qserial", 0x02, true, false, 8, P::parmSerial},
-    {L"-qdebugloc", 0x02, true, false, 3, P::parmDebugLoc},
-    {L"-qhport", 0x01, true, false, 4, P::parmHPort},
-    {L"-qhrdmport", 0x01, true, false, 10, P::parmHrdmPort},
-    {L"-qhrdmhost", 0x01, true, false, 10, P::parmHrdmHost},
-    {L"-qhrdmkey", 0x01, true, false, 9, P::parmHrdmKey},
-    {L"-qsecure", 0x01, true, false, 8, P::parmSecure},
-    {L"-qkeystoreloc", 0x01, true, false, 13, P::parmKeystoreLoc},
-    {L"-qkeystorepass", 0x01, true, false, 14, P::parmKeystorePass},
-    {L"-qCheckAllCerts", 0x01, true, false, 15, P::parmCheckAllCerts},
-    {L"-qsocketfd", 0x01, true, false, 1, P::parmSocketFd},
-    {L"-qprobepid", 0x01, true, false, 1, P::parmProbePid},
-    {L"-qdownloadzip", 0x01, true, false, 1, P::parmDownloadZip},
-    {L"-qhprotocol", 0x01, true, false, 1, P::parmHProtocol},
-    {L"-qFallbackUnencrypted", 0x01, true, false, 21, P::parmFallbackUnencrypted},
+// A program that shares the table has a bit of its own.
+enum Program : unsigned char {
+  thisLibrary = 1,
+  secondProgram = 2,
+  thirdProgram = 4,
+  everyProgram = 127
 };
 
-// The options with a secret. Whoever mistypes one of them still begins it like this, or slips
-// once, and puts one of these before the secret.
-struct SecretOption {
-  std::string_view name;
-  std::string_view beginning;
+struct OptionRow {
+  P::Option option;
+  // The beginning of the name of an option whose value is a secret; null for others. Whoever
+  // mistypes it still begins it like this, or slips once, and puts a separator before the secret.
+  const wchar_t* secretFrom = nullptr;
 };
 
-constexpr SecretOption secretOptions[] = {{"qkeystorepass", "qkeystorep"}, {"qhrdmkey", "qhrdmk"}};
-constexpr std::string_view secretSeparators = "= :;,";
+// The order decides which option an abbreviation selects. The minima of 1 are there so that
+// what no earlier row claims falls to those rows.
+constexpr OptionRow optionRows[] = {
+    {{endName, secondProgram, false, false, 2, P::parmEnd}},
+    {{L"-?", everyProgram, false, false, 2, P::parmHelp}},
+    {{attachPrefix, secondProgram, false, false, 2, P::parmPid}},
+    {{L"-help", everyProgram, false, false, 2, P::parmHelp}},
+    {{L"-i", secondProgram, false, true, 2, P::parmI}},
+    {{L"-p-", everyProgram, false, true, 3, P::parmP}},
+    {{L"-qcache", thisLibrary, true, false, 4, P::parmCache}},
+    {{L"-qconsole", secondProgram, true, false, 4, P::parmConsole}},
+    {{L"-qdaemon", thisLibrary, true, false, 5, P::parmDaemon}},
+    {{L"-qdepth", everyProgram, true, false, 5, P::parmDepth}},
+    {{L"-qdisplay", secondProgram | thirdProgram, true, false, 3, P::parmDisplay}},
+    {{L"-qdxpllevel", everyProgram, true, false, 11, P::parmDxplLevel}},
+    {{L"-qdxpldump", everyProgram, true, false, 10, P::parmDxplDump}},
+    {{L"-qExecBy", everyProgram, true, false, 8, P::parmExecBy}},
+    {{L"-qhost", everyProgram, true, false, 3, P::parmHost}},
+    {{L"-qlang", everyProgram, true, false, 6, P::parmLang}},
+    {{pidName, everyProgram, true, false, 5, P::parmPid}},
+    {{L"-qquiet", everyProgram, false, false, 3, P::parmQuiet}},
+    {{L"-qrunTo", secondProgram | thirdProgram, true, false, 7, P::parmRunTo}},
+    {{L"-qteamuser", everyProgram, true, true, 6, P::parmTeamUser}},
+    {{L"-qtrace", everyProgram, true, false, 7, P::parmTrace}},
+    {{L"-startupKey", everyProgram, true, true, 3, P::parmStartupKey}},
+    {{L"-s", everyProgram, false, true, 2, P::parmS}},
+    {{L"-qsci", secondProgram, false, false, 5, P::parmSci}},
+    {{L"-qserial", secondProgram, true, false, 8, P::parmSerial}},
+    {{L"-qdebugloc", secondProgram, true, false, 3, P::parmDebugLoc}},
+    {{L"-qhport", thisLibrary, true, false, 4, P::parmHPort}},
+    {{L"-qhrdmport", thisLibrary, true, false, 10, P::parmHrdmPort}},
+    {{L"-qhrdmhost", thisLibrary, true, false, 10, P::parmHrdmHost}},
+    {{L"-qhrdmkey", thisLibrary, true, false, 9, P::parmHrdmKey}, L"-qhrdmk"},
+    {{L"-qsecure", thisLibrary, true, false, 8, P::parmSecure}},
+    {{L"-qkeystoreloc", thisLibrary, true, false, 13, P::parmKeystoreLoc}},
+    {{L"-qkeystorepass", thisLibrary, true, false, 14, P::parmKeystorePass}, L"-qkeystorep"},
+    {{L"-qCheckAllCerts", thisLibrary, true, false, 15, P::parmCheckAllCerts}},
+    {{L"-qsocketfd", thisLibrary, true, false, 1, P::parmSocketFd}},
+    {{L"-qprobepid", thisLibrary, true, false, 1, P::parmProbePid}},
+    {{L"-qdownloadzip", thisLibrary, true, false, 1, P::parmDownloadZip}},
+    {{L"-qhprotocol", thisLibrary, true, false, 1, P::parmHProtocol}},
+    {{L"-qFallbackUnencrypted", thisLibrary, true, false, 21, P::parmFallbackUnencrypted}},
+};
+
+constexpr auto optionTable = [] {
+  std::array<P::Option, std::size(optionRows)> options = {};
+  std::ranges::transform(optionRows, options.begin(), &OptionRow::option);
+  return options;
+}();
+
+constexpr bool haveDifferentNames(std::span<const P::Option> options) {
+  for (size_t i = 0; i < options.size(); ++i) {
+    for (size_t j = 0; j < i; ++j) {
+      if (std::wstring_view(options[i].name) == options[j].name) {
+        return false;
+      }
+    }
+  }
+  return true;
+}
+static_assert(haveDifferentNames(optionTable), "two options have one name");
+
+// Texts are searched in lower case for the names of options with a secret, also without the "q".
+constexpr bool areSecretsFound(std::span<const OptionRow> rows) {
+  return std::ranges::all_of(rows, [](const OptionRow& row) {
+    const std::wstring_view name = row.option.name;
+    return row.secretFrom == nullptr ||
+           (name.starts_with(row.secretFrom) && std::wstring_view(row.secretFrom).size() > 2 &&
+            std::ranges::none_of(name, [](wchar_t c) { return c >= L'A' && c <= L'Z'; }));
+  });
+}
+static_assert(areSecretsFound(optionRows),
+              "an option with a secret begins as its name, in lower case");
+
+constexpr std::wstring_view secretSeparators = L"= :;,";
 
 constinit ProcessWide<DebuggerParameters> theParameters;
 
@@ -113,11 +153,11 @@ bool isAnyOf(CharString& text, std::initializer_list<const wchar_t*> words) {
 
 // Whether `word` is `name` but for one letter that is missing, too many or another one, or for two
 // neighbours that have changed places.
-bool isOneSlipFrom(std::string_view name, std::string_view word) {
+bool isOneSlipFrom(std::wstring_view name, std::wstring_view word) {
   const auto parting = std::mismatch(name.begin(), name.end(), word.begin(), word.end());
-  const std::string_view wanted(parting.first, name.end());
-  const std::string_view typed(parting.second, word.end());
-  const auto behind = [](std::string_view text, size_t n) {
+  const std::wstring_view wanted(parting.first, name.end());
+  const std::wstring_view typed(parting.second, word.end());
+  const auto behind = [](std::wstring_view text, size_t n) {
     return text.substr(std::min(n, text.size()));
   };
   return behind(wanted, 1) == typed || wanted == behind(typed, 1) ||
@@ -126,16 +166,17 @@ bool isOneSlipFrom(std::string_view name, std::string_view word) {
           behind(wanted, 2) == behind(typed, 2));
 }
 
-// How much of `word`, the lower-case name of an option, is its name where it stands for `option`;
-// nothing where it does not. What follows the whole name without a separator may be the secret.
-std::optional<size_t> nameLengthIn(std::string_view word, const SecretOption& option) {
-  // Also without the "q" in front.
-  for (const size_t omitted : {size_t{0}, size_t{1}}) {
-    const std::string_view name = option.name.substr(omitted);
+// How much of `word`, the lower-case name of an option, is its name where it stands for that of
+// `row`; nothing where it does not. What follows the whole name without a separator may be the
+// secret.
+std::optional<size_t> nameLengthIn(std::wstring_view word, const OptionRow& row) {
+  // Without the sign, and also without the "q" behind it.
+  for (const size_t omitted : {size_t{1}, size_t{2}}) {
+    const std::wstring_view name = std::wstring_view(row.option.name).substr(omitted);
     if (word.starts_with(name)) {
       return name.size();
     }
-    if (word.starts_with(option.beginning.substr(omitted)) || isOneSlipFrom(name, word)) {
+    if (word.starts_with(row.secretFrom + omitted) || isOneSlipFrom(name, word)) {
       return word.size();
     }
   }
@@ -149,17 +190,20 @@ struct SecretName {
 };
 
 std::optional<SecretName> secretNameIn(std::string_view text) {
-  std::string lowered(text);
-  std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](char c) {
-    return static_cast<char>(ASCII::toLower(static_cast<unsigned char>(c)));
+  std::wstring lowered(text.size(), L'\0');
+  std::transform(text.begin(), text.end(), lowered.begin(), [](char c) {
+    return static_cast<wchar_t>(ASCII::toLower(static_cast<unsigned char>(c)));
   });
-  const std::string_view all = lowered;
-  for (size_t sign = all.find('-'); sign != std::string_view::npos;
-       sign = all.find('-', sign + 1)) {
+  const std::wstring_view all = lowered;
+  for (size_t sign = all.find(optionSign); sign != std::wstring_view::npos;
+       sign = all.find(optionSign, sign + 1)) {
     const size_t start = sign + 1;
     const size_t end = std::min(all.find_first_of(secretSeparators, start), all.size());
-    for (const SecretOption& option : secretOptions) {
-      if (const auto length = nameLengthIn(all.substr(start, end - start), option)) {
+    for (const OptionRow& row : optionRows) {
+      if (row.secretFrom == nullptr) {
+        continue;
+      }
+      if (const auto length = nameLengthIn(all.substr(start, end - start), row)) {
         const bool isApart = end < all.size() && start + *length == end;
         return SecretName{end, isApart ? end + 1 : start + *length};
       }

@@ -201,10 +201,10 @@ class CUL_EXPORT DebuggerParameters {
 
   /// Writes the parsed command line to the trace, whatever kinds of lines are switched on as
   /// long as there is a trace at all. Eight asterisks stand for the values of
-  /// "-qkeystorepass" and "-qhrdmkey", mistyped names included: in any case, with or without the
+  /// options with a secret, "-qkeystorepass" and "-qhrdmkey", mistyped names included: in any case, with or without the
   /// "q", cut short or gone on with behind the first letters of their last word, or one slip away
   /// (a letter missing, too many or wrong, or two neighbours exchanged). What follows the whole
-  /// name without a separator may be the value, too. And, when one of the two lacks its value,
+  /// name without a separator may be the value, too. And, when one of them lacks its value,
   /// they stand for all that may have been meant as such: the debuggee's name and the other
   /// invalid arguments.
   void diagnosticDump() const;

@@ -86,5 +86,20 @@ AColumnOfASettingThatStandsInThePlaceOfAnotherIsRefused() {
   expect_refused $settings "(could not convert|cannot convert|no matching function)"
 }
 
+options=Engine/utilities/DebuggerParameters.cpp
+
+TwoOptionsOfOneNameAreRefused() {
+  expect_accepted $options
+  copy_with $options 's/\{L"-qhrdmhost"/{L"-qhport"/'
+  expect_refused $options "two options have one name"
+}
+
+AnOptionWithASecretThatBeginsOtherwiseIsRefused() {
+  copy_with $options 's/L"-qhrdmk"/L"-qkey"/'
+  expect_refused $options "an option with a secret begins as its name, in lower case"
+  copy_with $options 's/L"-qhrdmkey"(.*), L"-qhrdmk"/L"-qHrdmkey"\1, L"-qH"/'
+  expect_refused $options "an option with a secret begins as its name, in lower case"
+}
+
 [[ "${1-}" == [A-Z]* ]] || fail "usage: cases.sh case"
 "$1"
