@@ -14,6 +14,7 @@
 #include <system_error>
 #include <unistd.h>
 #include <utility>
+#include <vector>
 
 #include "Engine/utilities/TraceImplementation.h"
 
@@ -21,10 +22,25 @@
 
 namespace {
 
-constexpr std::array knownTypes = {"AGENT", "AGTT", "CHILD", "CLI",   "CONNECTION", "CUL",
-                                   "DBX",   "DSL",  "LCC",   "ENTRY", "DXPL",       "EXCPTN",
-                                   "EXPR",  "WZ4",  "GDE",   "GDET",  "GMH",        "GMHT",
-                                   "GMHS",  "ISD",  "PMD",   "RDR",   "ERROR",      "WARNING"};
+// The known types; their order does not matter here.
+const std::vector<const char*> knownTypes = [] {
+  struct Row {
+    const char* name;
+    int place;
+  };
+#define ROW_OF_TYPE(enumerator, tag, place) {tag, place},
+#define ROW_OF_WISH(name, place) {name, place},
+  constexpr Row rows[] = {CUL_TRACE_TYPES(ROW_OF_TYPE, ROW_OF_WISH)};
+#undef ROW_OF_TYPE
+#undef ROW_OF_WISH
+  std::vector<const char*> names;
+  for (const Row& row : rows) {
+    if (row.place != 0) {
+      names.push_back(row.name);
+    }
+  }
+  return names;
+}();
 
 using Names = std::set<std::string>;
 

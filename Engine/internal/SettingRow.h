@@ -1,9 +1,7 @@
 #pragma once
 
-#include <initializer_list>
 #include <memory>
 #include <span>
-#include <string_view>
 
 #include "Engine/utilities/DebuggerEnumSetting.h"
 #include "Engine/utilities/DebuggerListSetting.h"
@@ -11,8 +9,8 @@
 #include "Engine/utilities/DebuggerStringSetting.h"
 
 /// \file
-/// The rows of the registry's tables of settings (SettingTables.h), how a row becomes a
-/// setting, and what the compiler holds against the tables.
+/// The rows of the registry's tables of settings (SettingTables.h), and how a row becomes a
+/// setting.
 
 /// What makes a setting. What a type has no use for stays 0 or null.
 struct SettingRow {
@@ -131,51 +129,3 @@ consteval DebuggerListSetting::ListSettingItem clears(const wchar_t* name, unsig
   }
   return nullptr;
 }
-
-/// \name What holds for the tables of one registry
-/// @{
-using SettingTableList = std::initializer_list<std::span<const SettingRow>>;
-
-/// Whether each identifier is one of the slots from 0 to `slots` - 1.
-consteval bool areBelow(unsigned slots, SettingTableList tables) {
-  for (const std::span<const SettingRow> table : tables) {
-    for (const SettingRow& row : table) {
-      if (static_cast<unsigned>(row.slot) >= slots) {
-        return false;
-      }
-    }
-  }
-  return true;
-}
-
-/// Whether no two rows are of one slot.
-consteval bool haveDifferentSlots(SettingTableList tables) {
-  for (const std::span<const SettingRow> table : tables) {
-    for (const SettingRow& row : table) {
-      for (const std::span<const SettingRow> other : tables) {
-        if (const SettingRow* const found = rowOf(other, static_cast<unsigned>(row.slot));
-            found != nullptr && found != &row) {
-          return false;
-        }
-      }
-    }
-  }
-  return true;
-}
-
-/// Whether no two rows have one name.
-consteval bool haveDifferentNames(SettingTableList tables) {
-  for (const std::span<const SettingRow> table : tables) {
-    for (const SettingRow& row : table) {
-      for (const std::span<const SettingRow> other : tables) {
-        for (const SettingRow& found : other) {
-          if (&found != &row && std::wstring_view(found.name) == row.name) {
-            return false;
-          }
-        }
-      }
-    }
-  }
-  return true;
-}
-/// @}

@@ -1,6 +1,13 @@
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <span>
+#include <string_view>
+
 #include "Engine/internal/SettingRow.h"
+#include "Engine/internal/Tables.h"
 #include "Engine/utilities/AssertionMode.h"
 #include "Engine/utilities/DebuggerSettingsHKORV.h"
 
@@ -192,12 +199,32 @@ struct SettingTables {
   return row != nullptr ? row : rowOf(SettingTables::platform, identifier);
 }
 
-static_assert(areBelow(DebuggerSettingsHKORV::slots,
-                       {SettingTables::common, SettingTables::platform, SettingTables::host}),
+/// The rows of all tables.
+inline constexpr auto allSettingRows = [] {
+  std::array<const SettingRow*, std::size(SettingTables::common) +
+                                    std::size(SettingTables::platform) +
+                                    std::size(SettingTables::host)>
+      rows = {};
+  auto next = rows.begin();
+  for (const std::span<const SettingRow> table :
+       {std::span<const SettingRow>(SettingTables::common),
+        std::span<const SettingRow>(SettingTables::platform),
+        std::span<const SettingRow>(SettingTables::host)}) {
+    for (const SettingRow& row : table) {
+      *next++ = &row;
+    }
+  }
+  return rows;
+}();
+
+static_assert(std::ranges::all_of(allSettingRows,
+                                  [](const SettingRow* row) {
+                                    return static_cast<unsigned>(row->slot) <
+                                           DebuggerSettingsHKORV::slots;
+                                  }),
               "a setting has no slot in the registry: see DebuggerSettingsHKORV::slots");
-static_assert(haveDifferentSlots({SettingTables::common, SettingTables::platform,
-                                  SettingTables::host}),
+static_assert(areDifferentBy(allSettingRows, [](const SettingRow* row) { return row->slot; }),
               "two settings have one slot");
-static_assert(haveDifferentNames({SettingTables::common, SettingTables::platform,
-                                  SettingTables::host}),
+static_assert(areDifferentBy(allSettingRows,
+                             [](const SettingRow* row) { return std::wstring_view(row->name); }),
               "two settings have one name");

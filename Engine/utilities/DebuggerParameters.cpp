@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Engine/internal/ProcessWide.h"
+#include "Engine/internal/Tables.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/AssertionFail.h"
@@ -99,17 +100,11 @@ constexpr auto optionTable = [] {
   return options;
 }();
 
-constexpr bool haveDifferentNames(std::span<const P::Option> options) {
-  for (size_t i = 0; i < options.size(); ++i) {
-    for (size_t j = 0; j < i; ++j) {
-      if (std::wstring_view(options[i].name) == options[j].name) {
-        return false;
-      }
-    }
-  }
-  return true;
-}
-static_assert(haveDifferentNames(optionTable), "two options have one name");
+static_assert(areDifferentBy(optionTable,
+                             [](const P::Option& option) {
+                               return std::wstring_view(option.name);
+                             }),
+              "two options have one name");
 
 // Texts are searched in lower case for the names of options with a secret, also without the "q".
 constexpr bool areSecretsFound(std::span<const OptionRow> rows) {

@@ -200,13 +200,13 @@ class CUL_EXPORT DebuggerParameters {
   [[nodiscard]] bool downloadForced() const noexcept { return downloadForced_; }
 
   /// Writes the parsed command line to the trace, whatever kinds of lines are switched on as
-  /// long as there is a trace at all. Eight asterisks stand for the values of
-  /// options with a secret, "-qkeystorepass" and "-qhrdmkey", mistyped names included: in any case, with or without the
-  /// "q", cut short or gone on with behind the first letters of their last word, or one slip away
-  /// (a letter missing, too many or wrong, or two neighbours exchanged). What follows the whole
-  /// name without a separator may be the value, too. And, when one of them lacks its value,
-  /// they stand for all that may have been meant as such: the debuggee's name and the other
-  /// invalid arguments.
+  /// long as there is a trace at all. Eight asterisks stand for the values of options with a
+  /// secret, "-qkeystorepass" and "-qhrdmkey", mistyped names included: in any case, with or
+  /// without the "q", cut short or gone on with behind the first letters of their last word, or
+  /// one slip away (a letter missing, too many or wrong, or two neighbours exchanged). What
+  /// follows the whole name without a separator may be the value, too. And, when one of them
+  /// lacks its value, they stand for all that may have been meant as such: the debuggee's name
+  /// and the other invalid arguments.
   void diagnosticDump() const;
 
   /// What a word says: 1 for "yes", "YES" or "Yes" and 0 for "no", "NO" or "No", each also

@@ -20,43 +20,59 @@
 
 class TraceImplementation;
 
-/// The kinds of trace lines that have a switch, each the index of its switch byte.
-enum class TraceType : unsigned char {
-  active,  ///< Tracing is on at all; lines of this type carry the tag "**".
-  error,
-  warning,
-  all,
-  agent,
-  agtt,
-  cli,
-  connection,
-  cul,
-  dbx,
-  mfi,
-  dsl,
-  clip,
-  wz4,
-  gde,
-  gdet,
-  gmh,
-  gmht,
-  gmhs,
-  isd,
-  lcc,
-  pmd,
-  tls,
-  entry,
-  dxpl,
-  expr,
-  excptn,
-  rdr
-};
+/// The table of the types of trace lines, in the order of their switch bytes, which never
+/// changes: a new type goes behind the last one.
+///
+/// `TYPE(enumerator, tag, place)` stands for a type and `WISH(name, place)` for a name that a
+/// configuration may hold and that is no type of lines. A place is that in the second order, the
+/// one of the known types (see TraceImplementation): 1, 2 and so on, 0 for a name that is not
+/// among them.
+#define CUL_TRACE_TYPES(TYPE, WISH) \
+  WISH("CHILD", 3)                  \
+  TYPE(active, "**", 0)             \
+  TYPE(error, "ERROR", 23)          \
+  TYPE(warning, "WARNING", 24)      \
+  TYPE(all, "ALL", 0)               \
+  TYPE(agent, "AGENT", 1)           \
+  TYPE(agtt, "AGTT", 2)             \
+  TYPE(cli, "CLI", 4)               \
+  TYPE(connection, "CONNECTION", 5) \
+  TYPE(cul, "CUL", 6)               \
+  TYPE(dbx, "DBX", 7)               \
+  TYPE(mfi, "MFI", 0)               \
+  TYPE(dsl, "DSL", 8)               \
+  TYPE(clip, "CLIP", 0)             \
+  TYPE(wz4, "WZ4", 14)              \
+  TYPE(gde, "GDE", 15)              \
+  TYPE(gdet, "GDET", 16)            \
+  TYPE(gmh, "GMH", 17)              \
+  TYPE(gmht, "GMHT", 18)            \
+  TYPE(gmhs, "GMHS", 19)            \
+  TYPE(isd, "ISD", 20)              \
+  TYPE(lcc, "LCC", 9)               \
+  TYPE(pmd, "PMD", 21)              \
+  TYPE(tls, "TLS", 0)               \
+  TYPE(entry, "ENTRY", 10)          \
+  TYPE(dxpl, "DXPL", 11)            \
+  TYPE(expr, "EXPR", 13)            \
+  TYPE(excptn, "EXCPTN", 12)        \
+  TYPE(rdr, "RDR", 22)
+
+/// \cond
+#define CUL_TRACE_ENUMERATOR(enumerator, tag, place) enumerator,
+#define CUL_TRACE_COUNT(enumerator, tag, place) +1
+#define CUL_TRACE_NOTHING(name, place)
+/// \endcond
+
+/// The kinds of trace lines that have a switch, each the index of its switch byte. `active` is
+/// about whether tracing is on at all; lines of this type carry the tag "**".
+enum class TraceType : unsigned char { CUL_TRACE_TYPES(CUL_TRACE_ENUMERATOR, CUL_TRACE_NOTHING) };
 
 /// The row of switch bytes, one per TraceType, each 1 or 0. TraceImplementation names this
 /// type TraceImplementation::TraceFlags and has it as its first member.
 struct CUL_EXPORT TraceFlags {
   /// Types of trace lines.
-  static constexpr unsigned size = 28;
+  static constexpr unsigned size = 0 CUL_TRACE_TYPES(CUL_TRACE_COUNT, CUL_TRACE_NOTHING);
 
   /// By TraceType. Read one through operator[] where another thread may be switching.
   unsigned char bytes[size] = {};
@@ -72,6 +88,10 @@ struct CUL_EXPORT TraceFlags {
   /// Asks `trace` about every type and stores the answers.
   void set(TraceImplementation& trace);
 };
+
+#undef CUL_TRACE_ENUMERATOR
+#undef CUL_TRACE_COUNT
+#undef CUL_TRACE_NOTHING
 
 /// The switches of the process's trace. Until that trace exists each byte is
 /// `undecidedTrace`, so that the first test of a switch makes it.

@@ -1,6 +1,7 @@
 #include "Engine/utilities/TraceImplementation.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <climits>
@@ -60,12 +61,31 @@ constexpr unsigned long largestSizeInMegabytes = 511;
 constexpr unsigned noLimit = UINT_MAX;
 constexpr std::uint64_t microsecondsPerSecond = 1000000;
 
-// The types that the header of the output lists and that complete the configured lists. A
-// name that is missing here, like "TLS", is on unless the configuration excludes it.
-constexpr const char* knownTypes[] = {"AGENT", "AGTT", "CHILD", "CLI",   "CONNECTION", "CUL",
-                                      "DBX",   "DSL",  "LCC",   "ENTRY", "DXPL",       "EXCPTN",
-                                      "EXPR",  "WZ4",  "GDE",   "GDET",  "GMH",        "GMHT",
-                                      "GMHS",  "ISD",  "PMD",   "RDR",   "ERROR",      "WARNING"};
+// The types that the header of the output lists and that complete the configured lists, each in
+// its place. A name that is missing here, like "TLS", is on unless the configuration excludes it.
+struct PlacedType {
+  const char* name;
+  unsigned place;
+};
+
+#define PLACED_TYPE(enumerator, tag, place) {tag, place},
+#define PLACED_WISH(name, place) {name, place},
+constexpr PlacedType placedTypes[] = {CUL_TRACE_TYPES(PLACED_TYPE, PLACED_WISH)};
+#undef PLACED_TYPE
+#undef PLACED_WISH
+
+constexpr auto knownTypes = [] {
+  constexpr auto isKnown = [](const PlacedType& type) { return type.place != 0; };
+  std::array<const char*, std::ranges::count_if(placedTypes, isKnown)> names = {};
+  for (const PlacedType& type : placedTypes) {
+    if (isKnown(type) && type.place <= names.size()) {
+      names[type.place - 1] = type.name;
+    }
+  }
+  return names;
+}();
+static_assert(std::ranges::find(knownTypes, nullptr) == knownTypes.end(),
+              "the places of the known trace types are not 1, 2 and so on, each once");
 
 constexpr std::string_view separatorLine =
     "========================================================================\n";

@@ -27,10 +27,13 @@ compiles() {
 
 expect_accepted() { compiles "$1" || fail "$1 is refused: $(cat "$folder/errors")"; }
 
-# expect_refused file text: with an error that has the text in it, and with no other.
+# expect_refused file text: the first error says it, in front of the lines that it shows.
 expect_refused() {
+  local errors
   ! compiles "$1" || fail "$1 is accepted"
-  [ "$(grep -c 'error: ' "$folder/errors")" = 1 ] && grep -qE "error: .*$2" "$folder/errors" ||
+  errors=$(<"$folder/errors")
+  errors=${errors#*error: }
+  grep -qE "$2" <<<"${errors%%[|^~]*}" ||
     fail "$1 is refused for another reason: $(cat "$folder/errors")"
 }
 
@@ -99,6 +102,60 @@ AnOptionWithASecretThatBeginsOtherwiseIsRefused() {
   expect_refused $options "an option with a secret begins as its name, in lower case"
   copy_with $options 's/L"-qhrdmkey"(.*), L"-qhrdmk"/L"-qHrdmkey"\1, L"-qH"/'
   expect_refused $options "an option with a secret begins as its name, in lower case"
+}
+
+types=Engine/utilities/TraceFlags.h
+
+# with_type row: one more type of trace lines, behind the last.
+with_type() { copy_with $types "s/^  TYPE\(.*[^\\\\]\$/& $1/"; }
+
+# One behind all known ones.
+free_place() {
+  echo $(($(grep -cE '^  (TYPE|WISH)\(.*, [1-9][0-9]*\)' "$SOURCE_FOLDER/$types") + 1))
+}
+
+ATypeOfTraceLinesIsEnumeratedCountedTaggedAndKnown() {
+  with_type "TYPE(another, \"ANOTHER\", $(free_place))"
+  expect_accepted Engine/utilities/TraceFlags.cpp
+  expect_accepted Engine/utilities/TraceImplementation.cpp
+  cat >"$folder/user.h" <<END
+#include "Engine/utilities/TraceFlags.h"
+static_assert(static_cast<unsigned>(TraceType::another) == TraceFlags::size - 1);
+END
+  expect_accepted user.h
+}
+
+TwoTypesOfTraceLinesOfOneNameAreRefused() {
+  with_type 'TYPE(another, "CLIP", 0)'
+  expect_refused Engine/utilities/TraceFlags.cpp "two types of trace lines have one tag"
+  with_type 'TYPE(clip, "ANOTHER", 0)'
+  expect_refused $types "(redeclaration of|redefinition of enumerator) 'clip'"
+}
+
+ATagWithSmallLettersIsRefused() {
+  with_type 'TYPE(another, "Another", 0)'
+  expect_refused Engine/utilities/TraceFlags.cpp "a tag of trace lines has small letters"
+}
+
+APlaceAmongTheKnownTypesThatIsTakenOrTooGreatIsRefused() {
+  local place
+  for place in 1 3 $(($(free_place) + 1)); do
+    with_type "TYPE(another, \"ANOTHER\", $place)"
+    expect_refused Engine/utilities/TraceImplementation.cpp "the places of the known trace types"
+  done
+}
+
+MoreTypesOfTraceLinesThanFitAreRefused() {
+  local count rows=
+  count=$(grep -c '^  TYPE(' "$SOURCE_FOLDER/$types")
+  while [ "$count" -lt 32 ]; do
+    rows+=" TYPE(t$count, \"T$count\", 0)"
+    count=$((count + 1))
+  done
+  with_type "$rows"
+  expect_accepted Engine/utilities/TraceFlags.cpp
+  with_type "$rows TYPE(another, \"ANOTHER\", 0)"
+  expect_refused Engine/utilities/TraceFlags.cpp "another type of trace lines moves the fields"
 }
 
 [[ "${1-}" == [A-Z]* ]] || fail "usage: cases.sh case"
