@@ -13,7 +13,7 @@ source changes, the library is built again.
   <target>  the name of the CMake target, which can be installed as any library; nobody links
             with it
   <name>    as in XPG4MsgServer(nullptr, "<name>")
-  <locale>  one of those that LibraryMessageServer.h lists, such as de_DE
+  <locale>  one of the messageLocales in LibraryMessageServer.h, such as de_DE
   <file>    relative to the current source folder; the form is that of `gencat`:
             "$set 1", then lines such as "7 text", see `gencat` in POSIX
 

@@ -9,6 +9,7 @@
 #include "Engine/internal/StandardError.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/EnvironmentVariables.h"
 
 namespace {
 
@@ -86,7 +87,7 @@ EncodedString searchPath(const EncodedString& name, const EncodedString& directo
 }
 
 EncodedString searchPath(const EncodedString& name) {
-  const char* const path = std::getenv("PATH");
+  const char* const path = std::getenv(environmentVariable("PATH"));
   return searchPath(
       name, path == nullptr ? EncodedString(".:", EncodedString::utf8) : pathFromSystem(path));
 }

@@ -1,6 +1,12 @@
 #include "Engine/utilities/SettingNames.h"
 
 #include "Engine/internal/ProcessWide.h"
+#include "Engine/internal/Tables.h"
+#include "Engine/utilities/EnvironmentVariables.h"
+
+static_assert(areDifferentBy(environmentVariables,
+                             [](const EnvironmentVariable& variable) { return variable.name; }),
+              "two environment variables have one name");
 
 const EncodedString& getEnvnamePrefix() {
   static constinit ProcessWide<const EncodedString> prefix;

@@ -31,6 +31,7 @@
 #include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/ElapsedTime.h"
 #include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/EnvironmentVariables.h"
 #include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/StdThread.h"
@@ -95,9 +96,9 @@ struct Role {
   const char* variable;
 };
 
-constexpr Role roles[] = {{"root", "QVX_DBG_TRACE_ROOT"},
-                          {"middle", "QVX_DBG_TRACE_MIDDLE"},
-                          {"leaf", "QVX_DBG_TRACE_LEAF"}};
+constexpr Role roles[] = {{"root", environmentVariable("QVX_DBG_TRACE_ROOT")},
+                          {"middle", environmentVariable("QVX_DBG_TRACE_MIDDLE")},
+                          {"leaf", environmentVariable("QVX_DBG_TRACE_LEAF")}};
 
 // The trace, or the place where it is being built. Stored before the object is built, so
 // that what its construction calls finds it, closed as yet.
@@ -117,7 +118,7 @@ bool startsWithLetters(const char* text, const char* letters) noexcept {
   return true;
 }
 
-const char* processId() noexcept { return std::getenv("GDIA_ID"); }
+const char* processId() noexcept { return std::getenv(environmentVariable("GDIA_ID")); }
 
 void stripBlanks(CharString& text) {
   text.stripLeading(L' ');
@@ -136,11 +137,11 @@ const char* traceVariable() noexcept {
       return role.variable;
     }
   }
-  return "QVX_DBG_TRACE";
+  return environmentVariable("QVX_DBG_TRACE");
 }
 
 bool isHostSelected() {
-  CharString hosts = strippedVariable("QVX_DBG_TRACEHOST");
+  CharString hosts = strippedVariable(environmentVariable("QVX_DBG_TRACEHOST"));
   if (hosts.length() == 0) {
     return true;
   }
@@ -505,7 +506,7 @@ void TraceImplementation::configure(const wchar_t* configuration) {
       configuration != nullptr ? CharString(configuration) : CharString::getEnvVar(variable);
   stripBlanks(text);
   if (text.length() == 0) {
-    variable = "WZ4_DBG_TRACE";
+    variable = environmentVariable("WZ4_DBG_TRACE");
     text = strippedVariable(variable);
   }
   if (isHostSelected()) {

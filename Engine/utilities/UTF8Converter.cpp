@@ -10,6 +10,7 @@
 #include "Engine/internal/ProcessWide.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/EnvironmentVariables.h"
 #include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/KeepErrno.h"
 
@@ -70,7 +71,7 @@ UTF8Converter& UTF8Converter::instance() {
 UTF8Converter::UTF8Converter() : toNative(invalidIconv), toUTF8(invalidIconv), codepage(nullptr) {
   const LoaderGuard guard("UTF8Converter::UTF8Converter()", __LINE__);
   const KeepErrno keepErrno;
-  const char* name = getenv("QVX_DBG_CODEPAGE");
+  const char* name = getenv(environmentVariable("QVX_DBG_CODEPAGE"));
   if (name != nullptr && *name != 0 && open(name, true)) {
     return;
   }

@@ -13,6 +13,7 @@
 #include "Engine/utilities/DebuggerSetting.h"
 #include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/DebuggerStringSetting.h"
+#include "Engine/utilities/EnvironmentVariables.h"
 #include "Engine/utilities/SettingNames.h"
 
 #include "Messages.h"
@@ -21,12 +22,6 @@
 #include "Statuses.h"
 
 namespace {
-
-// The library's own variables that have the prefix and are no settings.
-constexpr std::string_view otherVariables[] = {
-    "TRACE_ROOT", "TRACE_MIDDLE",    "TRACE_LEAF",        "TRACEHOST",
-    "CODEPAGE",   "LD_LIBRARY_PATH", "FRAME_ADD_DISABLE",
-};
 
 std::string prefix() { return std::string(getEnvnamePrefix().view()); }
 
@@ -132,6 +127,12 @@ std::size_t distance(std::string_view from, std::string_view to) {
   return row.back();
 }
 
+// What follows the prefix in a variable's name; nothing when it does not begin with it.
+std::string_view withoutPrefix(std::string_view variable) {
+  const std::string text = prefix();
+  return variable.starts_with(text) ? variable.substr(text.size()) : std::string_view();
+}
+
 struct Stranger {
   std::string variable;
   std::string nearest;
@@ -139,7 +140,14 @@ struct Stranger {
 
 // The variables of the environment that have the prefix and nobody reads.
 std::vector<Stranger> strangers(const std::vector<Row>& rows) {
-  std::vector<std::string> known(std::begin(otherVariables), std::end(otherVariables));
+  std::vector<std::string> known;
+  for (const EnvironmentVariable& variable : environmentVariables) {
+    const std::string_view name = withoutPrefix(variable.name);
+    const auto isOfThatName = [&](const Row& row) { return row.name == name; };
+    if (!name.empty() && std::none_of(rows.begin(), rows.end(), isOfThatName)) {
+      known.emplace_back(name);
+    }
+  }
   for (const Row& row : rows) {
     known.push_back(row.name);
   }
@@ -150,7 +158,7 @@ std::vector<Stranger> strangers(const std::vector<Row>& rows) {
     if (!whole.starts_with(prefix())) {
       continue;
     }
-    const std::string_view name = whole.substr(prefix().size());
+    const std::string_view name = withoutPrefix(whole);
     // Names too long to be a slip are not worth the comparison.
     constexpr std::size_t longest = 64;
     const std::string_view compared = name.substr(0, longest);

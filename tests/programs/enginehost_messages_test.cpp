@@ -2,11 +2,15 @@
 #include <csignal>
 #include <fcntl.h>
 #include <filesystem>
+#include <sstream>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gmock/gmock.h>
+
+#include "Engine/utilities/msgserv/LibraryMessageServer.h"
 
 #include "programs/enginehost/Messages.h"
 #include "programs/messagecompiler/MessageSource.h"
@@ -51,6 +55,24 @@ constexpr Language languages[] = {
      "用法：enginehost [选项] [--] 程序 [参数...]"},
 };
 
+// The locales that the host speaks, in the order of the build's list, with their names in English.
+std::vector<std::pair<std::string, std::string>> listedLanguages() {
+  std::istringstream words(CUL_HOST_LANGUAGES);
+  std::vector<std::pair<std::string, std::string>> result;
+  for (std::string locale, name; words >> locale >> name;) {
+    result.emplace_back(locale, name);
+  }
+  return result;
+}
+
+// The text from one on to another one behind it.
+std::string partOf(const std::string& file, const std::string& from, const std::string& to) {
+  const std::string text = contentsOf(CUL_SOURCE_FOLDER "/" + file);
+  const size_t start = text.find(from);
+  EXPECT_NE(start, std::string::npos) << file;
+  return text.substr(start, text.find(to, start + from.size()) - start);
+}
+
 std::string said(const std::string& text) { return "enginehost: " + text + "\n"; }
 
 // What a user sees of a script under the host at a terminal.
@@ -82,6 +104,33 @@ TEST(EngineHostMessages, AreTheSameInTheBaseLanguageAndCompiledIn) {
     const auto found = base.find({row.set, row.number});
     ASSERT_NE(found, base.end()) << row.english;
     EXPECT_EQ(found->second.text, row.english);
+  }
+}
+
+TEST(EngineHostMessages, AreTriedHereInEachLanguageOfTheBuildsList) {
+  std::vector<std::string> listed;
+  for (const auto& [locale, name] : listedLanguages()) {
+    listed.push_back(locale);
+  }
+  std::vector<std::string> tried;
+  for (const Language& language : languages) {
+    tried.emplace_back(language.locale);
+  }
+  EXPECT_EQ(tried, listed);
+}
+
+TEST(EngineHostMessages, AreInLanguagesThatTheMessageServerHas) {
+  for (const auto& [locale, name] : listedLanguages()) {
+    EXPECT_THAT(messageLocales, testing::Contains(testing::StrEq(locale)));
+  }
+}
+
+TEST(EngineHostMessages, AreInTheLanguagesThatTheReadmeAndTheManualPageName) {
+  const std::string readme = partOf("README.md", "\n## Messages\n", "\n## ");
+  const std::string page = partOf("programs/enginehost/enginehost.1", "\n.It Ev LANG\n", "\n.It ");
+  for (const auto& [locale, name] : listedLanguages()) {
+    EXPECT_THAT(readme, HasSubstr(name));
+    EXPECT_THAT(page, HasSubstr(name));
   }
 }
 

@@ -158,5 +158,39 @@ MoreTypesOfTraceLinesThanFitAreRefused() {
   expect_refused Engine/utilities/TraceFlags.cpp "another type of trace lines moves the fields"
 }
 
+variables=Engine/utilities/EnvironmentVariables.h
+
+AnEnvironmentVariableThatIsReadButNotInTheTableIsRefused() {
+  expect_accepted Engine/utilities/UTF8Converter.cpp
+  copy_with Engine/utilities/UTF8Converter.cpp 's/"QVX_DBG_CODEPAGE"/"QVX_DBG_CODE_PAGE"/'
+  expect_refused Engine/utilities/UTF8Converter.cpp "(environmentVariable|throw-expression)"
+}
+
+TwoEnvironmentVariablesOfOneNameAreRefused() {
+  expect_accepted Engine/utilities/SettingNames.cpp
+  copy_with $variables 's/"QVX_DBG_TRACE_LEAF"/"QVX_DBG_TRACE_ROOT"/'
+  expect_refused Engine/utilities/SettingNames.cpp "two environment variables have one name"
+}
+
+# Also where a name does not go through environmentVariable().
+TheTableHasTheEnvironmentVariablesThatTheSourcesName() {
+  cd "$SOURCE_FOLDER"
+  names() { grep -oE '"[A-Z0-9_]+"' | sort -u; }
+  find Engine programs -name '*.cpp' -o -name '*.h' | grep -vx $variables | xargs sed 's://.*::' |
+    grep -oE '(getenv|setenv|getEnvVar|environmentVariable)\(L?"[^"]+"|"((QVX|WZ4)_DBG_[A-Z_]+|GDIA_[A-Z_]+)"' |
+    names >"$folder/named"
+  grep -oE '^ *\{"[A-Z0-9_]+"' $variables | names >"$folder/table"
+  [ -s "$folder/table" ] || fail "the table is no longer read by this test"
+  diff -u --label table "$folder/table" --label "named in the sources" "$folder/named" >&2 ||
+    fail "other than expected: environment variables"
+}
+
+TwoLanguagesOfMessagesWithTheSameTwoLettersAreRefused() {
+  expect_accepted Engine/utilities/msgserv/LibraryMessageServer.cpp
+  copy_with Engine/utilities/msgserv/LibraryMessageServer.h 's/"zh_CN"\}/"zh_CN", "de_AT"}/'
+  expect_refused Engine/utilities/msgserv/LibraryMessageServer.cpp \
+    "two letters must tell the languages of messages apart"
+}
+
 [[ "${1-}" == [A-Z]* ]] || fail "usage: cases.sh case"
 "$1"

@@ -10,13 +10,14 @@
 
 #include "Engine/internal/LaunchFailure.h"
 #include "Engine/internal/ProcessWide.h"
+#include "Engine/utilities/EnvironmentVariables.h"
 
 using ManagedString = ManageLIBPATH::ManagedString;
 
 namespace {
 
-constexpr const char* libraryPath = "LD_LIBRARY_PATH";
-constexpr const char* marker = "QVX_DBG_LD_LIBRARY_PATH";
+constexpr const char* libraryPath = environmentVariable("LD_LIBRARY_PATH");
+constexpr const char* marker = environmentVariable("QVX_DBG_LD_LIBRARY_PATH");
 
 constexpr unsigned workingDirectoryRoom = 1024;
 constexpr unsigned mostLinks = 40;
@@ -131,7 +132,7 @@ ManagedString ManageLIBPATH::qualifiedExecutable(const char* argv0) {
     }
     return path;
   }
-  const char* entry = std::getenv("PATH");
+  const char* entry = std::getenv(environmentVariable("PATH"));
   while (entry != nullptr) {
     const char* const end = std::strchr(entry, ':');
     ManagedString path = firstCharacters(

@@ -5,9 +5,11 @@
 #include <string_view>
 
 #include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/Tables.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/AssertionFail.h"
+#include "Engine/utilities/EnvironmentVariables.h"
 #include "Engine/utilities/SharedEntry.h"
 #include "Engine/utilities/TraceFlags.h"
 
@@ -23,31 +25,34 @@ constexpr const char* constructorText =
 
 using LanguageSetter = int (*)(const char*);
 
-constexpr const char* locales[] = {"en_US", "de_DE", "es_ES", "fr_FR", "it_IT",
-                                   "ja_JP", "ko_KR", "pt_BR", "zh_TW", "zh_CN"};
-
 // Taken only when asked for in full; Hong Kong reads the same script.
 constexpr std::string_view taiwan = "zh_TW";
 constexpr std::string_view hongKong = "zh_HK";
 
 constexpr std::size_t languageSize = 2;
 
+static_assert(areDifferentBy(messageLocales,
+                             [](std::string_view locale) {
+                               return locale == taiwan ? taiwan : locale.substr(0, languageSize);
+                             }),
+              "two letters must tell the languages of messages apart");
+
 const char* chooseLocale(const char* requested) {
   std::string name = requested == nullptr ? "" : requested;
   if (name.size() < languageSize) {
-    return locales[0];
+    return messageLocales[0];
   }
   for (std::size_t i = 0; i < languageSize; ++i) {
     name[i] = static_cast<char>(ASCII::toLower(static_cast<unsigned char>(name[i])));
   }
-  for (const std::string_view locale : locales) {
+  for (const std::string_view locale : messageLocales) {
     const bool isLanguage = name.compare(0, languageSize, locale, 0, languageSize) == 0;
     if (isLanguage &&
         (locale != taiwan || name.starts_with(taiwan) || name.starts_with(hongKong))) {
       return locale.data();
     }
   }
-  return locales[0];
+  return messageLocales[0];
 }
 
 void* catalogEntry(const ByteString& catalog, const char* entry) {
@@ -83,4 +88,6 @@ ByteString LibraryMessageServer::getRawMessage(int a, int b) const {
   return ByteString(find(a, b));
 }
 
-const char* LibraryMessageServer::getMessageLocale() { return chooseLocale(std::getenv("LANG")); }
+const char* LibraryMessageServer::getMessageLocale() {
+  return chooseLocale(std::getenv(environmentVariable("LANG")));
+}

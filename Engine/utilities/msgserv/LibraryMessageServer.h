@@ -12,13 +12,17 @@
 ///   int setMessageLang(const char* locale);  // "de_DE"; nonzero on success
 ///   const char* getMessage(int a, int b);    // UTF-8 that stays; null when there is none
 /// \endcode
-/// Its language is set once, when the server is made, to one of ten locales: "en_US", "de_DE",
-/// "es_ES", "fr_FR", "it_IT", "ja_JP", "ko_KR", "pt_BR", "zh_TW" and "zh_CN". A name chooses
+/// Its language is set once, when the server is made, to one of ::messageLocales. A name chooses
 /// the one that begins with the same two letters, of either case: "DE_at.UTF-8" is served as
 /// "de_DE". Behind its two letters a name counts as written: only names that begin with
 /// "zh_TW" or "zh_HK" (Hong Kong reads the same characters) are served as "zh_TW", all other
 /// Chinese as "zh_CN". Any other name is served as "en_US". Two servers of one catalog share
 /// the library: the language that was set last is the language of both.
+
+/// The locales that there are for catalogs, in the order in which they are looked through. A new
+/// one goes behind the last.
+inline constexpr const char* messageLocales[] = {"en_US", "de_DE", "es_ES", "fr_FR", "it_IT",
+                                                 "ja_JP", "ko_KR", "pt_BR", "zh_TW", "zh_CN"};
 
 class CUL_EXPORT LibraryMessageServer : public XPG4MsgServer::SystemMessageServer {
  public:

@@ -16,6 +16,7 @@
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/Texts.h"
+#include "Engine/utilities/EnvironmentVariables.h"
 #include "Engine/utilities/SharedEntry.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/TraceImplementation.h"
@@ -209,7 +210,7 @@ __attribute__((noinline)) void TraceStack::dumpStack() {
 
 __attribute__((noinline)) unsigned long TraceStack::callerReturnAddress() {
   static const bool isNearer = [] {
-    const char* value = std::getenv("QVX_DBG_FRAME_ADD_DISABLE");
+    const char* value = std::getenv(environmentVariable("QVX_DBG_FRAME_ADD_DISABLE"));
     return value != nullptr && std::strtol(value, nullptr, 10) == 1;
   }();
   const void* own = __builtin_extract_return_addr(__builtin_return_address(0));
