@@ -6,6 +6,8 @@
 
 #include <gmock/gmock.h>
 
+#include "Engine/utilities/DebuggerSettingsHKORV.h"
+
 #include "tests/programs/Host.h"
 
 /// The listing of the settings, and what the host does with some of them.
@@ -35,7 +37,7 @@ json settingOf(const json& listing, const std::string& name) {
 
 TEST(EngineHostSettings, AreListedForProgramsWithAllTheirParts) {
   const json listing = listed();
-  EXPECT_EQ(listing["settings"].size(), 55U);
+  EXPECT_EQ(listing["settings"].size(), DebuggerSettingsHKORV::slots);
   EXPECT_TRUE(listing["unknown"].empty());
   EXPECT_EQ(settingOf(listing, "REPLY_TIMEOUT"), json({{"name", "REPLY_TIMEOUT"},
                                                        {"type", "Unsigned"},
