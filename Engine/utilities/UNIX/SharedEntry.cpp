@@ -4,6 +4,7 @@
 #include <string>
 
 #include "Engine/internal/LoaderGuard.h"
+#include "Engine/internal/OpenLibrary.h"
 #include "Engine/internal/StandardError.h"
 
 namespace {
@@ -32,7 +33,7 @@ void* loadSharedEntry(const char* path, const char* entry, const char** error) {
   }
   const LoaderGuard guard("void* loadSharedEntry(const char*, const char*, const char**)",
                           __LINE__);
-  void* library = dlopen(path, RTLD_NOW | RTLD_GLOBAL);
+  void* library = openLibrary(path, RTLD_NOW | RTLD_GLOBAL);
   if (library == nullptr) {
     return fail(path, entry, error);
   }

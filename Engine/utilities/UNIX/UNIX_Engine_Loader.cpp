@@ -8,6 +8,7 @@
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/LoaderGuard.h"
 #include "Engine/internal/PlaceNumber.h"
+#include "Engine/internal/OpenLibrary.h"
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/TraceFlags.h"
 
@@ -31,7 +32,7 @@ const char* orEmpty(const char* text) { return text == nullptr ? "" : text; }
 // traced as well.
 void* open(const std::string& library, unsigned int loadedLine, unsigned int failedLine,
            const char* failure) {
-  void* const handle = dlopen(library.c_str(), RTLD_NOW);
+  void* const handle = openLibrary(library.c_str(), RTLD_NOW);
   if (handle != nullptr) {
     CUL_TRACE(TraceType::active, getModuleText, loadedLine, "Debugger engine module %s loaded",
               library.c_str());
