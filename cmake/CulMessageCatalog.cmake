@@ -22,7 +22,7 @@ source changes, the library is built again.
     add_dependencies(mytool mytool_messages)
 
 The library lies where the project's other libraries do. XPG4MsgServer finds it as the dynamic
-loader finds libraries: beside libcul.so, or along LD_LIBRARY_PATH.
+loader finds libraries: beside libcul.so, in the folder "cul" there, or along LD_LIBRARY_PATH.
 
 Needs C++ as a language of the project and the target cul::message_compiler.
 #]]

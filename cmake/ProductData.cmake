@@ -1,4 +1,7 @@
-# Writes the source that holds the product-data block. The time honours SOURCE_DATE_EPOCH.
+# Writes the source that holds the product-data block. The time is SOURCE_DATE_EPOCH, or that of the
+# commit that is built, or the present.
+include(${CMAKE_CURRENT_LIST_DIR}/SourceDate.cmake)
+cul_set_source_date(${CMAKE_CURRENT_LIST_DIR}/..)
 string(TIMESTAMP date_and_time "%Y-%m-%d %H:%M:%S" UTC)
 string(TIMESTAMP stamp "%Y%m%d%H%M%S" UTC)
 file(WRITE ${OUTPUT} "#include \"Engine/utilities/ProductData.h\"

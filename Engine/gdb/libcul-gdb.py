@@ -1,7 +1,8 @@
 """Shows the library's types in gdb by what they hold.
 
 gdb loads this file together with the library, see "info auto-load python-scripts";
-"source" loads it by hand. "print/r" shows an object as it is stored, and "disable
+"source" loads it by hand. The library may be stripped: what its types look like is then read
+from "cul/libcul-types.o" beside it. "print/r" shows an object as it is stored, and "disable
 pretty-printer global cul" or "... <library> cul" turns the printers off.
 
 An object may be uninitialised, moved or overwritten: what does not fit together is shown
@@ -10,6 +11,8 @@ elements") do not ask for. Nothing is called in the program.
 """
 
 import datetime
+import os
+import re
 
 import gdb
 import gdb.printing
@@ -406,5 +409,41 @@ def make_printers():
     return collection
 
 
+# Where no program has anything: what lies there is read for its types only, and no other address
+# is shown with a name of it.
+NOWHERE = 0xFFFF800000000000
+
+
+def types_are_known():
+    try:
+        return bool(gdb.lookup_type("StringBuffer<char>").fields())
+    except gdb.error:
+        return False
+
+
+def read_types(objfile):
+    """Reads the types that lie beside an object file, when it is the library."""
+    library = os.path.realpath(objfile.filename or "")
+    types = os.path.join(os.path.dirname(library), "cul", "libcul-types.o")
+    if not re.match(r"libcul\.so\b", os.path.basename(library)):
+        return
+    if types_are_known() or not os.path.exists(types):
+        return
+    try:
+        frame = gdb.selected_frame()
+    except gdb.error:  # no program runs
+        frame = None
+    gdb.execute(f'add-symbol-file "{types}" -o {NOWHERE:#x}', False, True)
+    if frame is not None and frame.is_valid():
+        frame.select()
+
+
 printers = make_printers()
 gdb.printing.register_pretty_printer(gdb.current_objfile(), printers, replace=True)
+
+if gdb.current_objfile() is not None:
+    read_types(gdb.current_objfile())
+else:
+    for loaded in gdb.objfiles():
+        read_types(loaded)
+    gdb.events.new_objfile.connect(lambda event: read_types(event.new_objfile))

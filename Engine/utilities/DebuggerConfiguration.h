@@ -7,9 +7,9 @@
 /// "libwobnConfig.so", tells the library.
 ///
 /// The module is found like any library that this one needs: along "LD_LIBRARY_PATH" first, as
-/// that was when the process started, and then beside this library. Module and library come
-/// from one build and agree on its stamp; a module of another build is refused, as nothing else
-/// of its interface could be trusted.
+/// that was when the process started, then beside this library and in the folder "cul" there.
+/// Module and library come from one build and agree on its stamp; a module of another build is
+/// refused, as nothing else of its interface could be trusted.
 ///
 /// A module derives its one object from DebuggerConfiguration and hands it out by its entry
 /// "configInstance", a `DebuggerConfiguration*()` with C linkage. The order of the virtual

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # One test of what the library and its configuration module offer to the loader and ask of it.
 # usage: cases.sh case
-# The environment names SOURCE_FOLDER and LIBRARY_FOLDER.
+# The environment names SOURCE_FOLDER, LIBRARY_FOLDER and a list of the PUBLIC_HEADERS.
 set -euo pipefail
 export LC_ALL=C
 
@@ -23,6 +23,32 @@ TheLibraryExportsWhatIsListed() {
     "$("$SOURCE_FOLDER/cmake/exported-symbols" "$library")"
 }
 
+# compare_with description
+compare_with() {
+  "$SOURCE_FOLDER/cmake/abi-description" "$library" "$PUBLIC_HEADERS" "$1"
+}
+
+TheInterfaceIsTheOneDescribed() {
+  compare_with "$SOURCE_FOLDER/Engine/cul.abi" ||
+    { echo "the interface has changed (the target update-symbols accepts it)" >&2; exit 1; }
+}
+
+TheDescriptionTellsLayoutsAndNothingOfThisMachine() {
+  local description
+  description=$(<"$SOURCE_FOLDER/Engine/cul.abi")
+  folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
+  trap 'rm -rf "$folder"' EXIT
+  # A library whose texts had their length somewhere else.
+  sed "s/layout-offset-in-bits='128'/layout-offset-in-bits='160'/" >"$folder/other.abi" \
+    <<<"$description"
+  ! compare_with "$folder/other.abi" >"$folder/differences" ||
+    { echo "no difference between layouts" >&2; exit 1; }
+  grep -q "'unsigned int len' offset changed from 160 to 128" "$folder/differences" ||
+    { cat "$folder/differences" >&2; exit 1; }
+  expect_equal "sources outside of the tree" "" \
+    "$(grep "<abi-instr" <<<"$description" | grep -v " path='Engine/" || true)"
+}
+
 NothingOfTheStandardLibraryIsExported() {
   expect_equal "symbols in namespace std or __gnu_cxx" "" \
     "$("$SOURCE_FOLDER/cmake/exported-symbols" "$library" |
@@ -41,8 +67,8 @@ libgcc_s.so.1
 libstdc++.so.6" "$(cat <(entries "$library" NEEDED) <(entries "$module" NEEDED) | sort -u)"
 }
 
-TheModuleIsLookedForBesideTheLibrary() {
-  expect_equal "folders searched for libraries" '$ORIGIN' "$(entries "$library" RUNPATH)"
+TheModuleIsLookedForBesideTheLibraryAndInItsFolderOfModules() {
+  expect_equal "folders searched for libraries" '$ORIGIN:$ORIGIN/cul' "$(entries "$library" RUNPATH)"
 }
 
 "$1"

@@ -1,4 +1,5 @@
 #include <filesystem>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -16,65 +17,104 @@ using testing::Not;
 using Lines = std::vector<std::string>;
 
 struct Session {
-  Lines start = {};                        ///< Commands before the program is started.
-  std::string trust = CUL_LIBRARY_FOLDER;  ///< The folder that gdb may load scripts from.
-  std::string core = {};                   ///< A core file to look at; empty: a program that runs.
+  Lines start = {};        ///< Commands before the program is started.
+  std::string trust = {};  ///< The folder that gdb may load scripts from; empty: the library's.
+  std::string core = {};   ///< A core file to look at; empty: a program that runs.
 };
 
 const std::string mark = "----";
 
-// The lines that gdb prints for commands, given when the program of known objects is ready.
-Lines answersTo(const Lines& commands, const Session& session = {}) {
-  const TemporaryFolder folder;
-  std::string script =
-      "set debuginfod enabled off\nset confirm off\nset width 0\nset startup-with-shell off\n"
-      "set disable-randomization off\nset environment QVX_DBG_DEBUG_DELAY 7\n";
-  for (const std::string& command : session.start) {
-    script += command + "\n";
-  }
-  script += session.core.empty() ? "break ready\nrun\n" : "core-file " + session.core + "\n";
-  script += "up\necho \\n" + mark + "\\n\n";
-  for (const std::string& command : commands) {
-    script += command + "\n";
-  }
-  writeFile(folder.file("commands"), script);
-  const ChildResult r =
-      runProgram({CUL_GDB, "-nx", "-batch", "-iex", "add-auto-load-safe-path " + session.trust,
-                  "-x", folder.file("commands"), CUL_TEST_OBJECTS},
-                 {.environment = {{"LC_ALL", "C.UTF-8"}}});
-  EXPECT_EQ(r.status, 0) << r.out << r.err;
-  EXPECT_THAT(r.err, Not(HasSubstr("Traceback")));
-  EXPECT_THAT(r.err, Not(HasSubstr("Python Exception"))) << r.out;
-  const std::string start = "\n" + mark + "\n";
-  std::string::size_type from = r.out.find(start);
-  if (from == std::string::npos) {
-    ADD_FAILURE() << r.out << r.err;
-    return {};
-  }
-  from += start.size();
-  Lines lines;
-  for (std::string::size_type end; (end = r.out.find('\n', from)) != std::string::npos;
-       from = end + 1) {
-    lines.push_back(r.out.substr(from, end - from));
-  }
-  return lines;
+// The library as it is built, or stripped and installed, as in a package.
+enum class Library { Built, Stripped };
+
+std::ostream& operator<<(std::ostream& out, Library library) {
+  return out << (library == Library::Built ? "Built" : "Stripped");
 }
 
-// How gdb shows expressions, each on a line.
-Lines shown(const Lines& expressions, const Lines& before = {}, const Session& session = {}) {
-  Lines commands = before;
-  for (const std::string& expression : expressions) {
-    commands.push_back("output " + expression);
-    commands.emplace_back("echo \\n");
+class Printers : public testing::TestWithParam<Library> {
+ protected:
+  Printers() {
+    if (GetParam() == Library::Stripped) {
+      prefix_ = std::filesystem::canonical(folder_.path()).string() + "/opt";
+      const ChildResult r =
+          runProgram({CUL_CMAKE, "--install", CUL_BUILD_FOLDER + std::string("/Engine"), "--strip",
+                      "--prefix", prefix_});
+      EXPECT_EQ(r.status, 0) << r.out << r.err;
+    }
   }
-  return answersTo(commands, session);
-}
+
+  std::string libraryFolder() const {
+    return prefix_.empty() ? CUL_LIBRARY_FOLDER : prefix_ + "/" CUL_LIBRARY_SUBFOLDER;
+  }
+  // Where gdb finds its script of the library.
+  std::string scripts() const {
+    return prefix_.empty() ? CUL_LIBRARY_FOLDER : prefix_ + "/" CUL_DATA_SUBFOLDER "/gdb/auto-load";
+  }
+
+  // The lines that gdb prints for commands, given when the program of known objects is ready.
+  Lines answersTo(const Lines& commands, const Session& session = {}) const {
+    const TemporaryFolder folder;
+    std::string script =
+        "set debuginfod enabled off\nset confirm off\nset width 0\nset startup-with-shell off\n"
+        "set disable-randomization off\nset environment QVX_DBG_DEBUG_DELAY 7\n"
+        "set environment LD_LIBRARY_PATH " +
+        libraryFolder() + "\nadd-auto-load-scripts-directory " + scripts() + "\n";
+    for (const std::string& command : session.start) {
+      script += command + "\n";
+    }
+    script += session.core.empty() ? "break ready\nrun\n" : "core-file " + session.core + "\n";
+    script += "up\necho \\n" + mark + "\\n\n";
+    for (const std::string& command : commands) {
+      script += command + "\n";
+    }
+    writeFile(folder.file("commands"), script);
+    const std::string& trust = session.trust.empty() ? scripts() : session.trust;
+    const ChildResult r =
+        runProgram({CUL_GDB, "-nx", "-batch", "-iex", "add-auto-load-safe-path " + trust, "-x",
+                    folder.file("commands"), CUL_TEST_OBJECTS},
+                   {.environment = {{"LC_ALL", "C.UTF-8"}}});
+    EXPECT_EQ(r.status, 0) << r.out << r.err;
+    EXPECT_THAT(r.err, Not(HasSubstr("Traceback")));
+    EXPECT_THAT(r.err, Not(HasSubstr("Python Exception"))) << r.out;
+    const std::string start = "\n" + mark + "\n";
+    std::string::size_type from = r.out.find(start);
+    if (from == std::string::npos) {
+      ADD_FAILURE() << r.out << r.err;
+      return {};
+    }
+    from += start.size();
+    Lines lines;
+    for (std::string::size_type end; (end = r.out.find('\n', from)) != std::string::npos;
+         from = end + 1) {
+      lines.push_back(r.out.substr(from, end - from));
+    }
+    return lines;
+  }
+
+  // How gdb shows expressions, each on a line.
+  Lines shown(const Lines& expressions, const Lines& before = {},
+              const Session& session = {}) const {
+    Lines commands = before;
+    for (const std::string& expression : expressions) {
+      commands.push_back("output " + expression);
+      commands.emplace_back("echo \\n");
+    }
+    return answersTo(commands, session);
+  }
+
+ private:
+  TemporaryFolder folder_;
+  std::string prefix_;
+};
+
+INSTANTIATE_TEST_SUITE_P(WithTheLibrary, Printers,
+                         testing::Values(Library::Built, Library::Stripped));
 
 // A value that an object of nothing but these bytes has at its address.
 const std::string a5 = "0xa5a5a5a5a5a5a5a5";
 const std::string a5Count = "2779096485";
 
-TEST(Printers, ShowTextsWithTheirCharactersQuotesAndZeroBytes) {
+TEST_P(Printers, ShowTextsWithTheirCharactersQuotesAndZeroBytes) {
   EXPECT_THAT(shown({"text", "empty", "zeros", "endsInZero", "onlyZero", "quoted", "bytes", "wide",
                      "reference", "*pointer", "base"}),
               ElementsAre("\"Καλημέρα\"", "\"\"", R"("a\000b")", R"("a\000")", R"("\000")",
@@ -82,16 +122,16 @@ TEST(Printers, ShowTextsWithTheirCharactersQuotesAndZeroBytes) {
                           "\"Καλημέρα\"", "\"Καλημέρα\"", "\"Καλημέρα\""));
 }
 
-TEST(Printers, ShowBytesThatAreNoUtf8AsNumbers) {
+TEST_P(Printers, ShowBytesThatAreNoUtf8AsNumbers) {
   EXPECT_THAT(shown({"invalid", "badCodeValue"}),
               ElementsAre(R"("\303(\377")", R"(L"a\xffffffff\142")"));
 }
 
-TEST(Printers, ShowMovedAndDeletedTextsAsEmpty) {
+TEST_P(Printers, ShowMovedAndDeletedTextsAsEmpty) {
   EXPECT_THAT(shown({"movedFrom", "movedTo", "deleted"}), ElementsAre("\"\"", "\"gone\"", "\"\""));
 }
 
-TEST(Printers, ReadNoMoreOfATextThanTheLimitOfElements) {
+TEST_P(Printers, ReadNoMoreOfATextThanTheLimitOfElements) {
   EXPECT_THAT(
       shown({"numbers", "ints", "great"}, {"set print elements 4", "set print repeats 10"}),
       ElementsAre("\"0123\"...", "List<int> of 5, room for 8 = {1, 4, 9, 16...}", "\"xxxx\"..."));
@@ -102,7 +142,7 @@ TEST(Printers, ReadNoMoreOfATextThanTheLimitOfElements) {
               ElementsAre("\"0123456789012345678901234567890123456789\""));
 }
 
-TEST(Printers, ShowListsWithTheirElements) {
+TEST_P(Printers, ShowListsWithTheirElements) {
   EXPECT_THAT(shown({"ints", "noInts", "roomForBools", "pairs"}),
               ElementsAre("List<int> of 5, room for 8 = {1, 4, 9, 16, 25}",
                           "List<int> of 0, room for 0", "List<bool> of 0, room for 3",
@@ -110,7 +150,7 @@ TEST(Printers, ShowListsWithTheirElements) {
                           "{{first = 7, second = true}}"));
 }
 
-TEST(Printers, ShowWhatTheElementsOfAListPointTo) {
+TEST_P(Printers, ShowWhatTheElementsOfAListPointTo) {
   const Lines lines = shown({"strings", "literals", "addresses", "owned", "chosen", "lost",
                              "/x (long)&text", "/x (long)&empty", "/x (long)literals.elements_[0]",
                              "/x (long)owned.objects_.elements_[0]", "/x (long)&integer"});
@@ -134,18 +174,18 @@ TEST(Printers, ShowWhatTheElementsOfAListPointTo) {
   EXPECT_EQ(lines[5], "List<EncodedString const*> of 1, room for 8 = {0x10}");
 }
 
-TEST(Printers, ShowTheTakenIdentifiers) {
+TEST_P(Printers, ShowTheTakenIdentifiers) {
   EXPECT_THAT(shown({"ids"}), ElementsAre("IdList of 13 identifiers, 3 direct, taken = {0, 2, 3}"));
 }
 
-TEST(Printers, ShowThePartsOfFileNames) {
+TEST_P(Printers, ShowThePartsOfFileNames) {
   EXPECT_THAT(shown({"file", "bare", "folder", "noFile"}),
               ElementsAre("\"lib/libx.a(shr.o)\" = {directory = \"lib/\", base = \"libx.a\", "
                           "extension = \".a\", member = \"shr.o\"}",
                           "\"README\" = {base = \"README\"}", "\"lib/\"", "\"\""));
 }
 
-TEST(Printers, ShowReferencesWithTheCountOfTheirObject) {
+TEST_P(Printers, ShowReferencesWithTheCountOfTheirObject) {
   const Lines lines = shown({"counted", "other", "nothing", "/x (long)counted.object_"});
   ASSERT_EQ(lines.size(), 4U);
   const std::string held =
@@ -155,7 +195,7 @@ TEST(Printers, ShowReferencesWithTheCountOfTheirObject) {
   EXPECT_EQ(lines[2], "Reference<(anonymous namespace)::Counted> to nothing");
 }
 
-TEST(Printers, ShowEachTypeOfSettingWithItsValueNumberAndOrigin) {
+TEST_P(Printers, ShowEachTypeOfSettingWithItsValueNumberAndOrigin) {
   EXPECT_THAT(
       shown({"string", "boolean", "integer", "number", "choice", "list", "refused", "*delayed"}),
       ElementsAre("DebuggerStringSetting A_STRING = {value = \"a value\", "
@@ -185,7 +225,7 @@ TEST(Printers, ShowEachTypeOfSettingWithItsValueNumberAndOrigin) {
                 " \"/lib\" = {directory = \"/\", base = \"lib\"}}}");
 }
 
-TEST(Printers, ShowTheRegistryBySettingNames) {
+TEST_P(Printers, ShowTheRegistryBySettingNames) {
   const Lines lines = shown({"settings", "settings.settings_.implementation_.count"});
   ASSERT_EQ(lines.size(), 2U);
   EXPECT_THAT(lines[0], testing::StartsWith("DebuggerSettings of " + lines[1] + " slots = {"));
@@ -193,7 +233,7 @@ TEST(Printers, ShowTheRegistryBySettingNames) {
   EXPECT_THAT(lines[0], HasSubstr(", ASSERTION = \"NOEXCEPTION,NOPOPUP\", "));
 }
 
-TEST(Printers, ShowArgumentsAndPropertiesByTheirNames) {
+TEST_P(Printers, ShowArgumentsAndPropertiesByTheirNames) {
   const Lines lines = shown({"arguments", "table", "properties"});
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_EQ(lines[0], "DebuggerArgList of 2 = {-qhost = \"here\", -qquiet = \"\"}");
@@ -204,7 +244,7 @@ TEST(Printers, ShowArgumentsAndPropertiesByTheirNames) {
                                        "Properties of 2 = {size = \"9\", colour = \"red\"}"));
 }
 
-TEST(Printers, ShowStampsLocksAndEvents) {
+TEST_P(Printers, ShowStampsLocksAndEvents) {
   EXPECT_THAT(
       shown({"unset", "unreadable", "stamp", "freeSection", "heldSection", "closed", "open"}),
       ElementsAre("unset", "unreadable (-1)", "2024-01-31 23:59:59 UTC (1706745599)", "free",
@@ -217,7 +257,7 @@ TEST(Printers, ShowStampsLocksAndEvents) {
                           "{thread 1 = 0 times to read, 1 to write}"));
 }
 
-TEST(Printers, ShowObjectsOfZeroBytesAsEmpty) {
+TEST_P(Printers, ShowObjectsOfZeroBytesAsEmpty) {
   EXPECT_THAT(shown({"badString.zeros", "badWide.zeros", "badFile.zeros", "badList.zeros",
                      "badOwned.zeros", "badIds.zeros", "badReference.zeros", "badSetting.zeros",
                      "badSettings.zeros", "badArguments.zeros", "badProperties.zeros",
@@ -232,7 +272,7 @@ TEST(Printers, ShowObjectsOfZeroBytesAsEmpty) {
                           "unset", "free", "free, 0 wait to read, 0 to write", "closed"));
 }
 
-TEST(Printers, ShowObjectsThatNobodyMadeAsNone) {
+TEST_P(Printers, ShowObjectsThatNobodyMadeAsNone) {
   EXPECT_THAT(
       shown({"badString.others", "badWide.others", "badFile.others", "badList.others",
              "badOwned.others", "badIds.others", "badReference.others", "badSetting.others",
@@ -255,7 +295,7 @@ TEST(Printers, ShowObjectsThatNobodyMadeAsNone) {
           "<no RWlock: " + a5Count + " of " + a5Count + " elements at " + a5 + ">", "open"));
 }
 
-TEST(Printers, ShowObjectsThatWereWrittenOver) {
+TEST_P(Printers, ShowObjectsThatWereWrittenOver) {
   const Lines before = {
       "set var ints.implementation_.count = 9",
       "set var roomForBools.implementation_.count = 1",
@@ -287,18 +327,18 @@ TEST(Printers, ShowObjectsThatWereWrittenOver) {
             "origin = 77}");
 }
 
-TEST(Printers, LeaveClassesOfOthersAlone) {
+TEST_P(Printers, LeaveClassesOfOthersAlone) {
   EXPECT_THAT(shown({"foreign", "derived"}),
               ElementsAre("{only = 3}", "{<EncodedString> = \"base\", more = 5}"));
 }
 
-TEST(Printers, CanBeTurnedOff) {
+TEST_P(Printers, CanBeTurnedOff) {
   EXPECT_THAT(shown({"nothing"}, {"disable pretty-printer .* cul"}),
               testing::Contains("{object_ = 0x0}"));
   EXPECT_THAT(shown({"/r nothing"}), ElementsAre("{object_ = 0x0}"));
 }
 
-TEST(Printers, ShowTheObjectsOfACoreFile) {
+TEST_P(Printers, ShowTheObjectsOfACoreFile) {
   const TemporaryFolder folder;
   const std::string core = folder.file("core");
   answersTo({"generate-core-file " + core});
@@ -313,27 +353,28 @@ TEST(Printers, ShowTheObjectsOfACoreFile) {
                           "<no EncodedString: " + a5Count + " elements at " + a5 + ">"));
 }
 
-// gdb finds the script by where the library lies, which is all that is asked here.
-TEST(Printers, AreLoadedWithAnInstalledLibrary) {
-  const TemporaryFolder folder;
-  const std::string prefix = std::filesystem::canonical(folder.path()).string() + "/opt";
-  const ChildResult r =
-      runProgram({CUL_CMAKE, "--install", CUL_BUILD_FOLDER "/Engine", "--prefix", prefix});
-  ASSERT_EQ(r.status, 0) << r.out << r.err;
-  const std::string library = prefix + "/" CUL_LIBRARY_SUBFOLDER;
-  const std::string scripts = prefix + "/" CUL_DATA_SUBFOLDER "/gdb/auto-load";
-  const Session session = {.start = {"add-auto-load-scripts-directory " + scripts,
-                                     "set environment LD_LIBRARY_PATH " + library},
-                           .trust = scripts};
-  EXPECT_THAT(shown({"text"}, {}, session), ElementsAre("\"Καλημέρα\""));
-  EXPECT_THAT(answersTo({"info auto-load python-scripts libcul"}, session),
-              testing::Contains(HasSubstr(scripts + library + "/libcul.so.")));
+TEST_P(Printers, AreLoadedWithTheLibrary) {
+  EXPECT_THAT(answersTo({"info auto-load python-scripts libcul"}),
+              testing::Contains(HasSubstr(scripts())));
 }
 
-TEST(Printers, CanBeLoadedByHand) {
-  const Session session = {.start = {"source " CUL_SOURCE_FOLDER "/Engine/gdb/libcul-gdb.py"},
-                           .trust = "/nowhere"};
-  EXPECT_THAT(shown({"text"}, {}, session), ElementsAre("\"Καλημέρα\""));
+// A program that is compiled with -g knows little of a class with virtual functions.
+TEST_P(Printers, NeedNoDebugInformationOfTheLibrary) {
+  const Lines lines = answersTo({"info sharedlibrary libcul", "output (void*)0", "echo \\n"});
+  ASSERT_FALSE(lines.empty());
+  EXPECT_THAT(lines[1], HasSubstr(GetParam() == Library::Stripped ? " Yes (*) " : " Yes  "));
+  // The object that describes the types stands nowhere in the program.
+  EXPECT_EQ(lines.back(), "(void *) 0x0");
+}
+
+TEST_P(Printers, CanBeLoadedByHand) {
+  const Lines source = {"source " CUL_SOURCE_FOLDER "/Engine/gdb/libcul-gdb.py"};
+  EXPECT_THAT(shown({"text", "integer"}, {}, {.start = source, .trust = "/nowhere"}),
+              ElementsAre("\"Καλημέρα\"",
+                          "DebuggerIntegerSetting AN_INTEGER = {value = \"-7\", number = -7, "
+                          "origin = DebuggerSetting::Changed}"));
+  // The frame that is looked at stays.
+  EXPECT_THAT(shown({"text"}, source, {.trust = "/nowhere"}), ElementsAre("\"Καλημέρα\""));
 }
 
 }  // namespace
