@@ -56,6 +56,8 @@ class Printers : public testing::TestWithParam<Library> {
     const TemporaryFolder folder;
     std::string script =
         "set debuginfod enabled off\nset confirm off\nset width 0\nset startup-with-shell off\n"
+        // This machine may have debug symbols of a library with the same build identifier.
+        "set debug-file-directory /nowhere\n"
         "set disable-randomization off\nset environment QVX_DBG_DEBUG_DELAY 7\n"
         "set environment LD_LIBRARY_PATH " +
         libraryFolder() + "\nadd-auto-load-scripts-directory " + scripts() + "\n";
