@@ -10,8 +10,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include "Engine/internal/SignalIgnored.h"
-#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/EBCDICtableStore.h"
@@ -182,7 +180,9 @@ class TableWriter : public Writer {
   explicit TableWriter(const EBCDICtable& table) : table_(table) {}
 
   std::string write(std::wstring_view piece, bool /*isLast*/) override {
-    return std::string(viewOf(table_.fromUCS(piece.data(), static_cast<unsigned>(piece.size()))));
+    const ByteString bytes = table_.fromUCS(piece.data(), static_cast<unsigned>(piece.size()));
+    const unsigned char* const first = bytes;
+    return {first, first + bytes.length()};
   }
 
  private:
@@ -227,7 +227,9 @@ class EscapesReader : public IconvReader {
 class EscapesWriter : public Writer {
  public:
   std::string write(std::wstring_view piece, bool /*isLast*/) override {
-    return std::string(viewOf(EncodedString(charStringOf(piece)).convert(EncodedString::slashU)));
+    const ByteString bytes = EncodedString(charStringOf(piece)).convert(EncodedString::slashU);
+    const unsigned char* const first = bytes;
+    return {first, first + bytes.length()};
   }
 };
 
@@ -297,8 +299,8 @@ bool writeAll(std::string_view bytes) {
 }
 
 int convert(Reader& reader, Writer& writer) {
-  // A reader of the output that is gone is told by write().
-  const SignalIgnored noSignal(SIGPIPE);
+  // A reader of the output that is gone is told by write(). Nothing else follows in this process.
+  std::signal(SIGPIPE, SIG_IGN);
   std::vector<char> area(65536);
   ssize_t n;
   do {

@@ -10,13 +10,13 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "Engine/internal/SignalsBlocked.h"
 #include "Engine/utilities/ProcessWaiter.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/TraceFlags.h"
 
 #include "HostEvents.h"
+#include "SignalsBlocked.h"
 #include "StartSignals.h"
 
 namespace {

@@ -11,7 +11,6 @@
 #include <sys/stat.h>
 #include <vector>
 
-#include "Engine/internal/Texts.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/Properties.h"
 
@@ -31,7 +30,9 @@ void printAll(Properties& properties) {
   std::map<std::string_view, std::string_view> sorted;
   Properties::TableCursor cursor = properties.cursor();
   for (bool any = cursor.first(); any; any = cursor.next()) {
-    sorted.emplace(viewOf(cursor.element()->key), viewOf(cursor.element()->value));
+    const EncodedString& key = cursor.element()->key;
+    const EncodedString& value = cursor.element()->value;
+    sorted.try_emplace({key, key.length()}, value, value.length());
   }
   for (const auto& [key, value] : sorted) {
     std::printf("%s=%s\n", printable(key).c_str(), printable(value).c_str());
@@ -43,7 +44,7 @@ int printValue(const Properties& properties, const EncodedString& key) {
     return statusNoSuchKey;
   }
   const EncodedString value = properties.getString(key);
-  std::fwrite(viewOf(value).data(), 1, value.length(), stdout);
+  std::fwrite(static_cast<const char*>(value), 1, value.length(), stdout);
   std::puts("");
   return finishOutput();
 }

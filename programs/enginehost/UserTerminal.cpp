@@ -9,8 +9,9 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "Engine/internal/SignalsBlocked.h"
 #include "Engine/utilities/KeepErrno.h"
+
+#include "SignalsBlocked.h"
 
 namespace {
 

@@ -17,7 +17,6 @@
 
 #include <gmock/gmock.h>
 
-#include "Engine/internal/Texts.h"
 #include "Engine/utilities/msgserv/XPG4MsgServer.h"
 
 #include "programs/messagecompiler/MessageSource.h"
@@ -26,6 +25,7 @@
 #include "tests/support/ChildMain.h"
 #include "tests/support/OrdinaryUser.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/Views.h"
 
 /// The compiler of message catalogs and the libraries that come of it.
 

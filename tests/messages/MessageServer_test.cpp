@@ -10,7 +10,6 @@
 
 #include <gmock/gmock.h>
 
-#include "Engine/internal/Texts.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/msgserv/LibraryMessageServer.h"
 #include "Engine/utilities/msgserv/XPG4MsgServer.h"
@@ -18,6 +17,7 @@
 #include "tests/support/Child.h"
 #include "tests/support/EnvironmentGuard.h"
 #include "tests/support/TracedChild.h"
+#include "tests/support/Views.h"
 #include "tests/threads/ThreadSupport.h"
 
 namespace {

@@ -14,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Engine/internal/Texts.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/UNIX/UNIXStdioPipes.h"
@@ -22,6 +21,7 @@
 #include "tests/processes/ConsoleSupport.h"
 #include "tests/processes/FailingCall.h"
 #include "tests/support/ChildMain.h"
+#include "tests/support/Views.h"
 #include "tests/support/WaitUntil.h"
 
 namespace {

@@ -20,12 +20,12 @@
 
 #include <gtest/gtest.h>
 
-#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/TracedChild.h"
+#include "tests/support/Views.h"
 
 namespace {
 

@@ -7,9 +7,8 @@
 
 #include <gtest/gtest.h>
 
-#include "Engine/internal/Texts.h"
-
 #include "tests/support/Child.h"
+#include "tests/support/Views.h"
 
 /// The store belongs to the process: each test that changes it is a process of its own.
 

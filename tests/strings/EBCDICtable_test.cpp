@@ -10,10 +10,10 @@
 
 #include <gtest/gtest.h>
 
-#include "Engine/internal/Texts.h"
 #include "Engine/utilities/Iconv.h"
 
 #include "tests/strings/GuardedBytes.h"
+#include "tests/support/Views.h"
 
 namespace {
 
