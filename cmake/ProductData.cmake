@@ -1,7 +1,7 @@
 # Writes the source that holds the product-data block. The time honours SOURCE_DATE_EPOCH.
 string(TIMESTAMP date_and_time "%Y-%m-%d %H:%M:%S" UTC)
 string(TIMESTAMP stamp "%Y%m%d%H%M%S" UTC)
-file(WRITE ${OUTPUT} "#include \"Engine/utilities/ProductData.h\"
+file(WRITE ${OUTPUT} "#include \"Engine/internal/OwnProductData.h\"
 
 const ProductData& ownProductData() noexcept {
   static constexpr ProductData data = {

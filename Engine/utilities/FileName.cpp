@@ -10,10 +10,10 @@
 #include <unistd.h>
 #include <utility>
 
+#include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/OwningList.h"
-#include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/TraceFlags.h"
 
 namespace {

@@ -8,11 +8,11 @@
 #include <string>
 #include <utility>
 
+#include "Engine/internal/SystemPath.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/KeepErrno.h"
-#include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/StdException.h"
 
 template class SearchList<Properties::HashElement, EncodedString>;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <memory>
 
+#include "Engine/internal/AbandonTraceLines.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LeafLock.h"

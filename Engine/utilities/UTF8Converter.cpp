@@ -6,6 +6,7 @@
 #include <langinfo.h>
 #include <string>
 
+#include "Engine/internal/ConvertedText.h"
 #include "Engine/internal/LoaderGuard.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"

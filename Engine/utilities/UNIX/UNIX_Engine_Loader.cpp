@@ -6,7 +6,7 @@
 #include <string>
 
 #include "Engine/internal/LoaderGuard.h"
-#include "Engine/utilities/PathSearch.h"
+#include "Engine/internal/SystemPath.h"
 #include "Engine/utilities/TraceFlags.h"
 
 namespace {

@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/PathSearch.h"
