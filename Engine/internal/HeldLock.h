@@ -6,7 +6,7 @@
 /// Takes a lock and holds requests until it has been given back. A thread that is asked to end
 /// can leave the wait for the lock, but nothing behind that.
 /// \code
-///   const HeldLock held(lock_, "void ThreadManager::notify(pthread_t, int)", 105);
+///   const HeldLock held(lock_, "void ThreadManager::notify(pthread_t, int)", 105_place);
 /// \endcode
 class HeldLock {
  public:

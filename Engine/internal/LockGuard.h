@@ -5,7 +5,7 @@
 /// Holds a lock until the end of a scope, also when an exception or the end of the thread
 /// leaves it.
 /// \code
-///   LockGuard guard(lock_, "void RunningThreads::append(StdThread*)", 24);
+///   LockGuard guard(lock_, "void RunningThreads::append(StdThread*)", 24_place);
 /// \endcode
 class LockGuard {
  public:

@@ -81,7 +81,8 @@ int openNull() noexcept {
   return static_cast<int>(systemCall(SYS_openat, AT_FDCWD, "/dev/null", O_WRONLY));
 }
 
-// Standard input becomes write-only, too: deliberate. A stream that is closed stays closed,
+// Standard input becomes write-only, too: a program that reads from it fails at once, as it is
+// known to. A stream that is closed stays closed,
 // though the descriptor to duplicate may have got its number meanwhile.
 void silenceStreams() noexcept {
   int null = openNull();

@@ -216,7 +216,8 @@ CharString CharString::scanString(unsigned& pos, const wchar_t* delimiters) cons
   const wchar_t* const end = buffer + len;
   const wchar_t* const start = set.skip(buffer + std::min(std::max(pos, 1U) - 1, len), end);
   const wchar_t* const stop = set.seek(start, end);
-  // Deliberate: a run that reaches the end leaves the position on its last value.
+  // A run that reaches the end leaves the position on its last value: kept, as callers only ask
+  // whether it is behind the end.
   const bool runReachesEnd = stop == end && start != end;
   pos = runReachesEnd ? len : static_cast<unsigned>(stop - buffer) + 1;
   return {start, static_cast<unsigned>(stop - start)};

@@ -3,8 +3,16 @@
 #include <memory>
 #include <string>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/SettingTexts.h"
 #include "Engine/internal/Texts.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerEnumSetting, names_, 88);
+CUL_FIXED_FIELD(DebuggerEnumSetting, numbers_, 120);
+CUL_FIXED_SIZE(DebuggerEnumSetting::EnumSettingItem, 16);
+CUL_FIXED_FIELD(DebuggerEnumSetting::EnumSettingItem, name, 0);
+CUL_FIXED_FIELD(DebuggerEnumSetting::EnumSettingItem, number, 8);
 
 DebuggerEnumSetting::DebuggerEnumSetting(const EncodedString& name, SettingControl control,
                                          const EnumSettingItem* items, int group, int identifier)

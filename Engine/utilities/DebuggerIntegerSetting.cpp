@@ -1,6 +1,11 @@
 #include "Engine/utilities/DebuggerIntegerSetting.h"
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/SettingTexts.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerIntegerSetting, minimum_, 84);
+CUL_FIXED_FIELD(DebuggerIntegerSetting, maximum_, 88);
 
 DebuggerIntegerSetting::DebuggerIntegerSetting(const EncodedString& name, SettingControl control,
                                                int group, int identifier, int minimum, int maximum)

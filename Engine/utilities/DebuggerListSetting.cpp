@@ -4,8 +4,19 @@
 #include <memory>
 #include <string>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/SettingTexts.h"
 #include "Engine/internal/Texts.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerListSetting, names_, 88);
+CUL_FIXED_FIELD(DebuggerListSetting, masks_, 120);
+CUL_FIXED_FIELD(DebuggerListSetting, setFlags_, 152);
+CUL_FIXED_FIELD(DebuggerListSetting, acceptsAllAndNone_, 184);
+CUL_FIXED_SIZE(DebuggerListSetting::ListSettingItem, 16);
+CUL_FIXED_FIELD(DebuggerListSetting::ListSettingItem, name, 0);
+CUL_FIXED_FIELD(DebuggerListSetting::ListSettingItem, mask, 8);
+CUL_FIXED_FIELD(DebuggerListSetting::ListSettingItem, sets, 12);
 
 namespace {
 

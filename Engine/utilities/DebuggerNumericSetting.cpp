@@ -1,5 +1,10 @@
 #include "Engine/utilities/DebuggerNumericSetting.h"
 
+#include "Engine/internal/FixedLayout.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerNumericSetting, number_, 80);
+
 DebuggerNumericSetting::DebuggerNumericSetting(const EncodedString& name, SettingControl control,
                                                int group, int identifier, SettingType type)
     : DebuggerSetting(name, control, group, identifier, type) {}

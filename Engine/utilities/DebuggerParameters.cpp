@@ -31,8 +31,8 @@ constexpr const char* dumpSignature = "void DebuggerParameters::diagnosticDump()
 constexpr const char* noText = "none";
 constexpr std::string_view asterisks = "********";
 
-// The order decides which option an abbreviation selects. The minima of 1 are deliberate: what
-// no earlier row claims falls to those rows.
+// The order decides which option an abbreviation selects. The minima of 1 are there so
+// that what no earlier row claims falls to those rows.
 constexpr P::Option optionTable[] = {
     {endName, 0x02, false, false, 2, P::parmEnd},
     {L"-?", 0x7f, false, false, 2, P::parmHelp},

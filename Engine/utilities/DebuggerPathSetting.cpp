@@ -2,8 +2,12 @@
 
 #include <memory>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/OwningList.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerPathSetting, paths_, 88);
 
 DebuggerPathSetting::DebuggerPathSetting(const EncodedString& name, SettingControl control,
                                          int group, int identifier, unsigned short minLength,

@@ -2,11 +2,20 @@
 
 #include <cstdlib>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/SettingTexts.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/SettingNames.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerSetting, name_, 8);
+CUL_FIXED_FIELD(DebuggerSetting, value_, 32);
+CUL_FIXED_FIELD(DebuggerSetting, group_, 56);
+CUL_FIXED_FIELD(DebuggerSetting, identifier_, 60);
+CUL_FIXED_FIELD(DebuggerSetting, type_, 64);
+CUL_FIXED_FIELD(DebuggerSetting, control_, 68);
 
 namespace {
 

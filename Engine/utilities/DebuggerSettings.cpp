@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/SettingRow.h"
 #include "Engine/utilities/CharString.h"
@@ -17,6 +18,10 @@
 #include "Engine/utilities/DebuggerPathSetting.h"
 #include "Engine/utilities/DebuggerSettingsHKORV.h"
 #include "Engine/utilities/DebuggerUnsignedSetting.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerSettings, listeners_, 8);
+CUL_FIXED_FIELD(DebuggerSettings, settings_, 40);
 
 namespace {
 
@@ -51,8 +56,9 @@ constexpr ListItem sourceCheckItems[] = {{L"DATE", 1, true},
 constexpr EnumItem sourceFilters[] = {
     {L"ALL", 0}, {L"ASSEMBLER", 0}, {L"SOURCE", 1}, {L"ALL_SOURCE", 2}, {nullptr, 0}};
 
-// Deliberate: the first name ends with a blank, so that "NONE", which is stripped before it
-// is compared, does not match it. The default is refused, and only "0" sets no language.
+// The first name ends with a blank, so that "NONE", which is stripped before it is compared, does
+// not match it. The default is refused, and only "0" sets no language: kept for user interfaces,
+// which show these names and values (docs/contract.md).
 constexpr EnumItem languages[] = {{L"NONE ", 0},    {L"C", 1},    {L"C++", 2},  {L"CPP", 2},
                                   {L"PL/I", 4},     {L"PLI", 4},  {L"RPG", 5},  {L"COBOL", 6},
                                   {L"FORTRAN", 11}, {L"UPC", 15}, {L"X10", 16}, {nullptr, 0}};

@@ -4,8 +4,8 @@
 
 namespace {
 
-// Deliberate: the defaults of "HRDM_PORT" and "SOCKET_DESCRIPTOR" are out of their ranges.
-// Both stay 0, which means that no port was given, until somebody gives one.
+// The defaults of "HRDM_PORT" and "SOCKET_DESCRIPTOR" are out of their ranges, so that both stay 0,
+// which tells the engine that no port was given, until somebody gives one.
 constexpr SettingRow hostSettings[] = {
     unsignedRow(L"HXT_PORT", 17, 20, 47, L"8002", 256, 65535),
     unsignedRow(L"HRDM_PORT", 17, 20, 51, L"0", 256, 65535),

@@ -1,5 +1,11 @@
 #include "Engine/utilities/DebuggerStringSetting.h"
 
+#include "Engine/internal/FixedLayout.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerStringSetting, minLength_, 78);
+CUL_FIXED_FIELD(DebuggerStringSetting, maxLength_, 80);
+
 DebuggerStringSetting::DebuggerStringSetting(const EncodedString& name, SettingControl control,
                                              int group, int identifier, unsigned short minLength,
                                              unsigned short maxLength)

@@ -1,6 +1,11 @@
 #include "Engine/utilities/DebuggerUnsignedSetting.h"
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/SettingTexts.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(DebuggerUnsignedSetting, minimum_, 84);
+CUL_FIXED_FIELD(DebuggerUnsignedSetting, maximum_, 88);
 
 DebuggerUnsignedSetting::DebuggerUnsignedSetting(const EncodedString& name, SettingControl control,
                                                  int group, int identifier, unsigned minimum,

@@ -47,7 +47,7 @@ constexpr Table makeToASCII() {
     const unsigned value = EBCDIC::codePage1047[byte];
     table[byte] = value < asciiCount ? static_cast<unsigned char>(value) : noASCII;
   }
-  // Deliberately not the code page's: remote programs count on these two.
+  // Not the code page's: kept, so that stored texts give the same bytes (docs/contract.md).
   table[0x26] = noASCII;
   table[0x22] = 0x17;
   return table;

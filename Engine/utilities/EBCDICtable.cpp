@@ -6,7 +6,19 @@
 #include <iterator>
 #include <memory>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/utilities/EBCDIC.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(EBCDICtable::ValuePair, 4);
+CUL_FIXED_FIELD(EBCDICtable::ValuePair, ucs, 0);
+CUL_FIXED_FIELD(EBCDICtable::ValuePair, ebcdic, 2);
+CUL_FIXED_SIZE(EBCDICtable, 1624);
+CUL_FIXED_FIELD(EBCDICtable, dbcsPairs, 0);
+CUL_FIXED_FIELD(EBCDICtable, upperPairs, 32);
+CUL_FIXED_FIELD(EBCDICtable, name, 64);
+CUL_FIXED_FIELD(EBCDICtable, toUCSTable, 88);
+CUL_FIXED_FIELD(EBCDICtable, fromUCS7Table, 1112);
 
 namespace {
 

@@ -4,6 +4,13 @@
 #include <cstdio>
 #include <sys/time.h>
 
+#include "Engine/internal/FixedLayout.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(ElapsedTime, 16);
+CUL_FIXED_FIELD(ElapsedTime, start, 0);
+CUL_FIXED_FIELD(ElapsedTime, text, 8);
+
 namespace {
 
 constexpr unsigned textSize = 50;

@@ -10,11 +10,21 @@
 #include <unistd.h>
 #include <utility>
 
+#include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/OwningList.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(FileName, 32);
+CUL_FIXED_FIELD(FileName, hash, 20);
+CUL_FIXED_FIELD(FileName, basePosition, 24);
+CUL_FIXED_FIELD(FileName, extensionPosition, 26);
+CUL_FIXED_FIELD(FileName, memberPosition, 28);
+CUL_FIXED_FIELD(FileName, hashValid, 30);
 
 namespace {
 
@@ -81,7 +91,7 @@ void FileName::validate() {
   if (isName(view())) {
     findParts();
   } else if (view().ends_with('/')) {
-    CUL_TRACE(TraceType::error, "Engine/utilities/FileName", 665,
+    CUL_TRACE(TraceType::error, "Engine/utilities/FileName", 665_place,
               "Filename ends with PathSepChar.");
   }
 }
@@ -309,7 +319,7 @@ FileName FileName::findFile(const FileName& name, const EncodedString& searchPat
     found.rationalizePath(current);
     return found;
   }
-  // Deliberately one list: a working directory with a ":" in its name is split as well.
+  // One list, kept so (docs/contract.md): a working directory with a ":" in its name is split too.
   const std::string folders = std::string(viewOf(current)).append(":").append(viewOf(searchPath));
   std::string_view list = folders;
   for (auto folder = nextPathEntry(list); !folder.empty(); folder = nextPathEntry(list)) {

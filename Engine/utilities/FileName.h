@@ -122,7 +122,7 @@ class CUL_EXPORT FileName : public EncodedString {
   /// @}
 
   /// The leading folders that two names share. Always empty: only names without a folder
-  /// part are compared, and those share none. Callers rely on it.
+  /// part are compared, and those share none. Kept so.
   [[nodiscard]] EncodedString commonPathPrefix(const FileName& other) const;
 
   /// The trailing folders that this name's directory() shares with the whole of `other`,

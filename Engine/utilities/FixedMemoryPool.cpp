@@ -5,6 +5,14 @@
 #include <cstring>
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(FixedMemoryPool, 16);
+CUL_FIXED_FIELD(FixedMemoryPool, cellSize_, 0);
+CUL_FIXED_FIELD(FixedMemoryPool, blockSize_, 4);
+CUL_FIXED_FIELD(FixedMemoryPool, free_, 8);
+
 namespace {
 
 constexpr unsigned int wordSize = 8;

@@ -2,6 +2,11 @@
 
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(HeapMemoryAllocator, 8);
+
 namespace {
 
 // Constant-initialised, so that it takes no memory to have it, and never destroyed.

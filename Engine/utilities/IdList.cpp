@@ -3,6 +3,13 @@
 #include <climits>
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(IdList, 40);
+CUL_FIXED_FIELD(IdList, directCount, 0);
+CUL_FIXED_FIELD(IdList, elements_, 8);
+
 namespace {
 
 // An element is an identifier in the low 31 bits and the mark of a taken one above.

@@ -8,9 +8,22 @@
 #include <emmintrin.h>
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/ListSort.h"
 #include "Engine/utilities/HeapMemoryAllocator.h"
+#include "Engine/utilities/List.h"
 #include "Engine/utilities/Pool.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(ListImplementation, 24);
+CUL_FIXED_FIELD(ListImplementation, allocator, 0);
+CUL_FIXED_FIELD(ListImplementation, count, 8);
+CUL_FIXED_FIELD(ListImplementation, capacity, 12);
+CUL_FIXED_FIELD(ListImplementation, elementSize_, 16);
+CUL_FIXED_FIELD(ListImplementation, growth_, 18);
+CUL_FIXED_SIZE(List<void*>, 32);
+CUL_FIXED_FIELD(List<void*>, implementation_, 0);
+CUL_FIXED_FIELD(List<void*>, elements_, 24);
 
 namespace {
 

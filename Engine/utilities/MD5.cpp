@@ -5,8 +5,13 @@
 #include <cstdint>
 #include <cstring>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(MD5, 16);
+CUL_FIXED_FIELD(MD5, digest, 0);
 
 namespace {
 

@@ -3,7 +3,11 @@
 #include <atomic>
 #include <sys/stat.h>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/utilities/KeepErrno.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(OpenFiles, 32);
 
 namespace {
 

@@ -4,6 +4,18 @@
 #include <climits>
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(Pool, 64);
+CUL_FIXED_FIELD(Pool, allocated, 0);
+CUL_FIXED_FIELD(Pool, increment, 8);
+CUL_FIXED_FIELD(Pool, initialSize, 16);
+CUL_FIXED_FIELD(Pool, first, 24);
+CUL_FIXED_FIELD(Pool, current, 32);
+CUL_FIXED_FIELD(Pool, name, 40);
+CUL_FIXED_FIELD(Pool, allocator_, 48);
+
 namespace {
 
 // A base size beyond 64 bits becomes one that no free store can serve.
@@ -35,8 +47,8 @@ Pool::~Pool() { destroy(); }
 // The first get(), and each one that the current area has no room for.
 void* Pool::getFromNewArea(unsigned long size) {
   if (first == nullptr) {
-    // Deliberate: the raw request counts here, not its unit. An area made as large as a
-    // request above the base size stays unused.
+    // Where units come to lie is kept (docs/contract.md): the raw request counts here, not its
+    // unit. An area made as large as a request above the base size stays unused.
     const unsigned long firstSize = std::max(size, initialSize);
     first = new PoolArea(nullptr, firstSize, name);
     current = first;

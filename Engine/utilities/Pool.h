@@ -12,7 +12,8 @@
 ///
 /// Each allocation is a unit: a 32-bit header with the unit's length, then the caller's
 /// bytes, together rounded up to 8. The memory handed out lies 4 bytes behind a multiple of
-/// 8 and so is only 4-byte aligned; callers depend on this layout.
+/// 8 and so is only 4-byte aligned; this layout is
+/// kept (docs/contract.md).
 ///
 /// The memory belongs to the pool. It does not run destructors: an object made in a pool is
 /// never deleted, it ends with the pool. Not thread-safe: one thread at a time.

@@ -5,14 +5,25 @@
 #include <cstring>
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(PoolArea, 48);
+CUL_FIXED_FIELD(PoolArea, previous, 0);
+CUL_FIXED_FIELD(PoolArea, next, 8);
+CUL_FIXED_FIELD(PoolArea, buffer, 16);
+CUL_FIXED_FIELD(PoolArea, name, 24);
+CUL_FIXED_FIELD(PoolArea, size, 32);
+CUL_FIXED_FIELD(PoolArea, used, 40);
 
 namespace {
 
 constexpr const char* growLocation =
     "void PoolArea::grow(size_t, PoolArea*&, size_t&, size_t&, size_t)";
-constexpr unsigned int chainExtendedLine = 140;
-constexpr unsigned int areaTooSmallLine = 160;
+constexpr unsigned int chainExtendedLine = 140_place;
+constexpr unsigned int areaTooSmallLine = 160_place;
 constexpr int dirt = 0x44;
 
 void warn(unsigned int line, const char* poolName) {
@@ -62,7 +73,8 @@ void PoolArea::grow(unsigned long request, PoolArea*& current, unsigned long& al
   }
   if (request > area->size) {
     warn(areaTooSmallLine, name);
-    // Deliberate: the walk does not look at the last area of the chain, it appends to it.
+    // Where units come to lie is kept (docs/contract.md): the walk does not look at the last area
+    // of the chain, it appends to it.
     do {
       if (area->next == nullptr) {
         current = area->append(request, false, allocated, initialSize, increment);

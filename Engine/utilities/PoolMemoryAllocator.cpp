@@ -1,8 +1,14 @@
 #include "Engine/utilities/PoolMemoryAllocator.h"
 
+#include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/utilities/Pool.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(PoolMemoryAllocator, 16);
+CUL_FIXED_FIELD(PoolMemoryAllocator, pool_, 8);
 
 namespace {
 
@@ -25,7 +31,7 @@ void* PoolMemoryAllocator::get(unsigned int size, const char*, unsigned int) {
 
 void PoolMemoryAllocator::put(void*) {
   const char* const poolName = PoolArea::shownName(pool_->name);
-  refuse(poolName, "Engine/utilities/PoolMemoryAllocator", 46, poolName, 0);
+  refuse(poolName, "Engine/utilities/PoolMemoryAllocator", 46_place, poolName, 0);
 }
 
 void PoolMemoryAllocator::put(void*, const char* file, unsigned int line) {

@@ -8,12 +8,31 @@
 #include <string>
 #include <utility>
 
+#include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SystemPath.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/StdException.h"
+
+// The engine knows this layout: docs/contract.md.
+using PropertyList = SearchList<Properties::HashElement, EncodedString>;
+CUL_FIXED_SIZE(PropertyList, 24);
+CUL_FIXED_FIELD(PropertyList, count_, 8);
+CUL_FIXED_FIELD(PropertyList, duplicatesAllowed_, 12);
+CUL_FIXED_FIELD(PropertyList, stamp_, 16);
+CUL_FIXED_FIELD(Properties::Table, cursor_, 24);
+CUL_FIXED_FIELD(Properties::Table, memory_, 64);
+CUL_FIXED_FIELD(Properties::Table, buckets_, 96);
+CUL_FIXED_FIELD(Properties::Table, bucketCount_, 104);
+CUL_FIXED_SIZE(Properties::HashElement, 56);
+CUL_FIXED_FIELD(Properties::HashElement, key, 8);
+CUL_FIXED_FIELD(Properties::HashElement, value, 32);
+CUL_FIXED_SIZE(SearchList_HashNode<Properties::HashElement>, 64);
+CUL_FIXED_FIELD(SearchList_HashNode<Properties::HashElement>, next, 0);
+CUL_FIXED_FIELD(SearchList_HashNode<Properties::HashElement>, element, 8);
 
 template class SearchList<Properties::HashElement, EncodedString>;
 template class SearchList_HashTable<Properties::HashElement, EncodedString>;
@@ -82,7 +101,7 @@ Properties::Properties(const FileName* file)
 
 Properties::~Properties() = default;
 
-// Deliberate: true stands for failure, as callers test it.
+// True stands for failure: callers test it so.
 bool Properties::set(const FileName& file) {
   LineReader reader(systemPath(file));
   if (!reader.isOpen()) {
@@ -133,8 +152,8 @@ int Properties::getInteger(const EncodedString& key) const {
   wide.loadFrom(text, text.length(), EncodedString::utf8);
   int value = 0;
   if (!wide.asValue(value)) {
-    StdException::throwException("int Properties::getInteger(const EncodedString&) const", 139,
-                                 "Invalid property format.", -1);
+    StdException::throwException("int Properties::getInteger(const EncodedString&) const",
+                                 139_place, "Invalid property format.", -1);
   }
   return value;
 }

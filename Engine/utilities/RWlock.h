@@ -53,7 +53,7 @@ class CUL_EXPORT RWlock : public RWlockBase {
   [[nodiscard]] bool holdsReadLock();
 
   /// Whether the calling thread is the only holder. The only reader, who could write at
-  /// once, is reported as holding the write lock: deliberate.
+  /// once, is reported as holding the write lock: callers ask whether they may change something.
   [[nodiscard]] bool holdsWriteLock();
 
   /// Whether the calling thread holds the lock in any way.

@@ -1,6 +1,11 @@
 #include "Engine/utilities/ReferenceCounted.h"
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(ReferenceCounted, 16);
+CUL_FIXED_FIELD(ReferenceCounted, referenceCount_, 8);
 
 ReferenceCounted::~ReferenceCounted() = default;
 

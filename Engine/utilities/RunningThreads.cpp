@@ -5,12 +5,19 @@
 #include <utility>
 
 #include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LockGuard.h"
 #include "Engine/internal/OwnThread.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ThisThread.h"
 #include "Engine/internal/UNIXStdThread.h"
 #include "Engine/utilities/StdThread.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(RunningThreads, 96);
+CUL_FIXED_FIELD(RunningThreads, threads_, 0);
+CUL_FIXED_FIELD(RunningThreads, lock_, 32);
 
 namespace {
 
@@ -45,7 +52,7 @@ void RunningThreads::append(StdThread* thread) {
   for (;;) {
     unsigned int needed = 0;
     {
-      LockGuard guard(lock_, function, 24);
+      LockGuard guard(lock_, function, 24_place);
       if (threads_.count() < threads_.capacity()) {
         threads_.add(thread);
         hasChanged(thread->threadId());
@@ -71,7 +78,7 @@ void RunningThreads::makeRoom(unsigned int needed) {
 
 void RunningThreads::remove(StdThread* thread) {
   const HoldRequests hold;  // nobody expects to end here
-  const LockGuard guard(lock_, "void RunningThreads::remove(StdThread*)", 31);
+  const LockGuard guard(lock_, "void RunningThreads::remove(StdThread*)", 31_place);
   if (threads_.remove(thread)) {
     hasChanged(thread->threadId());
   }
@@ -79,7 +86,7 @@ void RunningThreads::remove(StdThread* thread) {
 
 StdThread* RunningThreads::find(pthread_t id) {
   const HoldRequests hold;  // nobody expects to end here
-  const LockGuard guard(lock_, "StdThread* RunningThreads::find(pthread_t)", 38);
+  const LockGuard guard(lock_, "StdThread* RunningThreads::find(pthread_t)", 38_place);
   StdThread* found = nullptr;
   for (unsigned i = threads_.count(); i > 0 && found == nullptr; --i) {
     if (threads_[i - 1]->threadId() == id) {

@@ -5,7 +5,16 @@
 #include <cstring>
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/utilities/ListHeap.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(SearchListMemoryManager, 32);
+CUL_FIXED_FIELD(SearchListMemoryManager, blocks_, 0);
+CUL_FIXED_FIELD(SearchListMemoryManager, free_, 8);
+CUL_FIXED_FIELD(SearchListMemoryManager, elementSize_, 16);
+CUL_FIXED_FIELD(SearchListMemoryManager, elementsPerBlock_, 18);
+CUL_FIXED_FIELD(SearchListMemoryManager, heap_, 24);
 
 namespace {
 

@@ -1,7 +1,15 @@
 #include "Engine/utilities/StdException.h"
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(StdException, 56);
+CUL_FIXED_FIELD(StdException, text, 0);
+CUL_FIXED_FIELD(StdException, fileName, 24);
+CUL_FIXED_FIELD(StdException, line, 48);
+CUL_FIXED_FIELD(StdException, status, 52);
 
 StdException::StdException(const char* file, unsigned throwLine, int throwStatus)
     : fileName(file, EncodedString::utf8), line(throwLine), status(throwStatus) {

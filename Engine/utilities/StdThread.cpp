@@ -7,17 +7,39 @@
 #include <memory>
 
 #include "Engine/internal/AbandonTraceLines.h"
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LeafLock.h"
 #include "Engine/internal/LockGuard.h"
 #include "Engine/internal/OwnThread.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/UNIXStdThread.h"
 #include "Engine/internal/WayOut.h"
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(StdThread, 296);
+CUL_FIXED_FIELD(StdThread, recoveryPoint_, 8);
+CUL_FIXED_FIELD(StdThread, name_, 208);
+CUL_FIXED_FIELD(StdThread, slots_, 232);
+CUL_FIXED_FIELD(StdThread, threadId_, 264);
+CUL_FIXED_FIELD(StdThread, termination_, 272);
+CUL_FIXED_FIELD(StdThread, stackSize_, 280);
+CUL_FIXED_FIELD(StdThread, blockCount_, 284);
+CUL_FIXED_FIELD(StdThread, started_, 286);
+CUL_FIXED_FIELD(StdThread, recoveryArmed_, 287);
+CUL_FIXED_FIELD(StdThread, terminationPending_, 288);
+CUL_FIXED_SIZE(StdThread::NamedSlot, 24);
+CUL_FIXED_FIELD(StdThread::NamedSlot, key, 0);
+CUL_FIXED_FIELD(StdThread::NamedSlot, value, 8);
+CUL_FIXED_FIELD(StdThread::NamedSlot, keyLength, 16);
+CUL_FIXED_SIZE(StdThread::Termination, 16);
+CUL_FIXED_FIELD(StdThread::Termination, threadId_, 0);
+CUL_FIXED_FIELD(StdThread::Termination, thread_, 8);
 
 #pragma GCC diagnostic push
 // Both compilers lay StdThread out like any class with one vtable pointer.
@@ -34,8 +56,8 @@ StdThread::StdThread(const char* name, unsigned int stackSize, Termination* term
     StdThread* none = nullptr;
     if (!__atomic_compare_exchange_n(&termination->thread_, &none, this, false, __ATOMIC_ACQ_REL,
                                      __ATOMIC_ACQUIRE)) {
-      throw StdException("Engine/utilities/StdThread", 81, "Termination object used for 2 threads",
-                         -1);
+      throw StdException("Engine/utilities/StdThread", 81_place,
+                         "Termination object used for 2 threads", -1);
     }
   }
   RunningThreads::instance().append(this);
@@ -155,7 +177,7 @@ StdThread::BlockTermination::BlockTermination() {
 StdThread::BlockTermination::~BlockTermination() noexcept(false) {
   StdThread* self = currentThread();
   constexpr unsigned short belowZero = 65535;
-  // A balanced guard leaves the mark of a pending request alone: deliberate.
+  // A balanced guard leaves the mark of a pending request alone, see BlockTermination.
   if (__atomic_sub_fetch(&self->blockCount_, 1, __ATOMIC_RELAXED) == belowZero) {
     __atomic_store_n(&self->blockCount_, 0, __ATOMIC_RELAXED);
     if (__atomic_load_n(&self->terminationPending_, __ATOMIC_RELAXED) != 0) {

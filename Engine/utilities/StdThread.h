@@ -101,7 +101,8 @@ class CUL_EXPORT StdThread {
   /// Marks a stretch of the current thread in which a request to end only leaves a mark.
   ///
   /// The mark is not acted on when the guard ends: a request that arrives inside is lost,
-  /// unless a guard ends that was never counted on this thread. Deliberate.
+  /// unless a guard ends that was never counted on this thread. Kept so: a guard that acted on
+  /// it would end threads in destructors.
   class CUL_EXPORT BlockTermination {
    public:
     BlockTermination();

@@ -10,9 +10,15 @@
 #include <new>
 #include <type_traits>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/StringStock.h"
 #include "Engine/utilities/Checksums.h"
 #include "Engine/utilities/StringPoolManager.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(StringBuffer<char>, 24);
+CUL_FIXED_FIELD(StringBuffer<char>, buffer, 8);
+CUL_FIXED_FIELD(StringBuffer<char>, len, 16);
 
 namespace {
 

@@ -7,11 +7,17 @@
 #include <sys/single_threaded.h>
 
 #include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LockGuard.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/internal/StringStock.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(StringPoolManager, 112);
+CUL_FIXED_FIELD(StringPoolManager, freeLists_, 0);
+CUL_FIXED_FIELD(StringPoolManager, lock_, 48);
 
 constinit thread_local StringStock* ownStock = nullptr;
 

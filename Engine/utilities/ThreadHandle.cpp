@@ -2,11 +2,17 @@
 
 #include <utility>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LockGuard.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ThreadManagerLink.h"
 #include "Engine/utilities/ThreadManager.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(ThreadHandle, 232);
+CUL_FIXED_FIELD(ThreadHandle, manager_, 224);
 
 namespace {
 
@@ -19,19 +25,19 @@ Reference<ThreadManagerLink> none() { return {}; }
 class ThreadHandle::NotifyGuard {
  public:
   explicit NotifyGuard(const ThreadHandle& handle) : lock_(handle.lock()) {
-    lock_.request(function, 169);
+    lock_.request(function, 169_place);
   }
   NotifyGuard(const NotifyGuard&) = delete;
   NotifyGuard& operator=(const NotifyGuard&) = delete;
   ~NotifyGuard() noexcept(false) { lock_.release(function, line_); }
 
-  void hasNoManager() noexcept { line_ = 182; }
+  void hasNoManager() noexcept { line_ = 182_place; }
 
  private:
   static constexpr const char* function = "virtual void ThreadHandle::notify(pthread_t, int)";
 
   UNIX_Critical_Section& lock_;
-  unsigned int line_ = 176;
+  unsigned int line_ = 176_place;
 };
 
 ThreadHandle::ThreadHandle(ThreadManager* manager, Runnable& runnable)

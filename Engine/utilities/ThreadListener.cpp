@@ -2,9 +2,18 @@
 
 #include <utility>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/utilities/WorkerThread.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(ThreadListener, 224);
+CUL_FIXED_FIELD(ThreadListener, semaphore_, 16);
+CUL_FIXED_FIELD(ThreadListener, worker_, 136);
+CUL_FIXED_FIELD(ThreadListener, threadId_, 144);
+CUL_FIXED_FIELD(ThreadListener, result_, 152);
+CUL_FIXED_FIELD(ThreadListener, lock_, 160);
 
 ThreadListener::ThreadListener(Runnable& runnable) : runnable_(runnable) {
   worker_ = new WorkerThread(*this, runnable_);

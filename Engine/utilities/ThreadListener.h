@@ -59,8 +59,8 @@ class CUL_EXPORT ThreadListener : public ReferenceCounted {
   virtual void notify(pthread_t id, int result);
 
   /// Starts the run, unless it was started before or counts as ended already. Always looks
-  /// at the event with a zero-length timed wait first, which takes the timer 10 to 50 ms:
-  /// deliberate.
+  /// at the event with a zero-length timed wait first, which takes the timer 10 to 50 ms.
+  /// Kept so: who watches threads and traces knows this pace.
   /// \return the id of the new thread; 0 when none was started.
   /// \throws StdException status -1 when there can be no thread; the run stays unstarted.
   pthread_t start();

@@ -2,11 +2,18 @@
 
 #include <memory>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LockGuard.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ThreadManagerLink.h"
 #include "Engine/utilities/StdException.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(ThreadManager, handles_, 0);
+CUL_FIXED_FIELD(ThreadManager, allEnded_, 32);
+CUL_FIXED_FIELD(ThreadManager, lock_, 144);
 
 // Takes a handle off the list again when its run could not be started.
 class ThreadManager::Unlisting {
@@ -35,12 +42,12 @@ ThreadManager::ThreadManager() : link_(new ThreadManagerLink(*this)) {}
 ThreadManager::~ThreadManager() {
   const HoldRequests hold;
   link_->cut();
-  const LockGuard guard(lock_, "ThreadManager::~ThreadManager()", 25);
+  const LockGuard guard(lock_, "ThreadManager::~ThreadManager()", 25_place);
   orphanThreads();
 }
 
 pthread_t ThreadManager::start(Runnable& runnable) {
-  const HeldLock held(lock_, "pthread_t ThreadManager::start(Runnable&)", 33);
+  const HeldLock held(lock_, "pthread_t ThreadManager::start(Runnable&)", 33_place);
   Reference<ThreadHandle> handle = ThreadHandle::instance(*this, runnable);
   append(handle);
   Unlisting unlisting(*this, handle);
@@ -52,7 +59,8 @@ pthread_t ThreadManager::start(Runnable& runnable) {
 
 ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>& handle) {
   const HeldLock held(
-      lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>&)", 25);
+      lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>&)",
+      25_place);
   if (findThread(handle) >= 0) {
     return THREADMANAGER_FAILED;
   }
@@ -62,14 +70,15 @@ ThreadManager::THREADMANAGER_RC ThreadManager::append(Reference<ThreadHandle>& h
 
 ThreadManager::THREADMANAGER_RC ThreadManager::remove(Reference<ThreadHandle>& handle) {
   const HeldLock held(
-      lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::remove(Reference<ThreadHandle>&)", 59);
+      lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::remove(Reference<ThreadHandle>&)",
+      59_place);
   const int index = findThread(handle);
   return index < 0 ? THREADMANAGER_FAILED : destroy(static_cast<unsigned int>(index));
 }
 
 ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t id) {
   const HeldLock held(lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t)",
-                      71);
+                      71_place);
   const int index = findThread(id);
   if (index < 0) {
     return THREADMANAGER_FAILED;
@@ -83,7 +92,7 @@ ThreadManager::THREADMANAGER_RC ThreadManager::remove(pthread_t id) {
 
 ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int index) {
   const HeldLock held(lock_, "ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int)",
-                      40);
+                      40_place);
   if (index >= handles_.count()) {
     return THREADMANAGER_FAILED;
   }
@@ -92,13 +101,13 @@ ThreadManager::THREADMANAGER_RC ThreadManager::destroy(unsigned int index) {
 }
 
 void ThreadManager::notify(pthread_t id, int) {
-  const HeldLock held(lock_, "void ThreadManager::notify(pthread_t, int)", 105);
+  const HeldLock held(lock_, "void ThreadManager::notify(pthread_t, int)", 105_place);
   remove(id);
   postIfEmpty();
 }
 
 int ThreadManager::findThread(Reference<ThreadHandle>& handle) {
-  const HeldLock held(lock_, "int ThreadManager::findThread(Reference<ThreadHandle>&)", 124);
+  const HeldLock held(lock_, "int ThreadManager::findThread(Reference<ThreadHandle>&)", 124_place);
   for (unsigned int i = 0; i < handles_.count(); ++i) {
     if (handles_[i] == handle) {
       return static_cast<int>(i);
@@ -108,7 +117,7 @@ int ThreadManager::findThread(Reference<ThreadHandle>& handle) {
 }
 
 int ThreadManager::findThread(pthread_t id) const {
-  const HeldLock held(lock_, "int ThreadManager::findThread(pthread_t) const", 104);
+  const HeldLock held(lock_, "int ThreadManager::findThread(pthread_t) const", 104_place);
   for (unsigned int i = 0; i < handles_.count(); ++i) {
     if (handles_[i]->threadId() == id) {
       return static_cast<int>(i);
@@ -121,16 +130,16 @@ int ThreadManager::findThread(pthread_t id) const {
 const Reference<ThreadListener> ThreadManager::getThread(pthread_t id) const {
   static constexpr const char* function =
       "const Reference<ThreadListener> ThreadManager::getThread(pthread_t) const";
-  const HeldLock held(lock_, function, 66);
+  const HeldLock held(lock_, function, 66_place);
   const int index = findThread(id);
   if (index < 0) {
-    throw StdException(function, 80, "Thread not found.", -1);
+    throw StdException(function, 80_place, "Thread not found.", -1);
   }
   return handles_[static_cast<unsigned int>(index)];
 }
 
 List<unsigned long> ThreadManager::getThreadIds() {
-  const HeldLock held(lock_, "List<long unsigned int> ThreadManager::getThreadIds()", 46);
+  const HeldLock held(lock_, "List<long unsigned int> ThreadManager::getThreadIds()", 46_place);
   List<unsigned long> ids;
   for (const Reference<ThreadHandle>* holder : handles_.list()) {
     ids.add((*holder)->threadId());
@@ -139,7 +148,7 @@ List<unsigned long> ThreadManager::getThreadIds() {
 }
 
 void ThreadManager::orphanThreads() {
-  const HeldLock held(lock_, "void ThreadManager::orphanThreads()", 86);
+  const HeldLock held(lock_, "void ThreadManager::orphanThreads()", 86_place);
   while (handles_.count() != 0) {
     Reference<ThreadHandle> handle = handles_[0];
     remove(handle);

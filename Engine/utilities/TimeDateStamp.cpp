@@ -6,7 +6,12 @@
 #include <limits>
 
 #include "Engine/internal/CalendarTime.h"
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/utilities/EncodedString.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(TimeDateStamp, 8);
+CUL_FIXED_FIELD(TimeDateStamp, time, 0);
 
 namespace {
 
@@ -81,7 +86,7 @@ TimeDateStamp::TimeDateStamp(unsigned year, unsigned month, unsigned day, unsign
   fields.tm_hour = static_cast<int>(hour);
   fields.tm_min = static_cast<int>(minute);
   fields.tm_sec = static_cast<int>(second);
-  fields.tm_isdst = 0;  // Deliberate, also for dates in summer.
+  fields.tm_isdst = 0;  // Kept, also for dates in summer: docs/contract.md.
   time = fromLocalTime(fields);
 }
 

@@ -1,5 +1,11 @@
 #include "Engine/utilities/TraceFlags.h"
 
+#include "Engine/internal/FixedLayout.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(TraceFlags, 28);
+CUL_FIXED_FIELD(TraceFlags, bytes, 0);
+
 namespace {
 
 constexpr TraceFlags undecidedFlags() noexcept {

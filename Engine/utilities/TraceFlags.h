@@ -9,7 +9,7 @@
 ///
 /// A disabled trace is one byte read and one branch, without a call:
 /// \code
-///   CUL_TRACE(TraceType::error, "StdPipe::StdPipe()", 46, "pipe() failed with errno %d", errno);
+///   CUL_TRACE(TraceType::error, "StdPipe::StdPipe()", __LINE__, "pipe() failed: %d", errno);
 /// \endcode
 ///
 /// The process's trace is made by the first test of a switch, wherever that happens; as

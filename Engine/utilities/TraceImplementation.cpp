@@ -20,10 +20,12 @@
 
 #include "Engine/internal/AbandonTraceLines.h"
 #include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LocalTime.h"
 #include "Engine/internal/LockGuard.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/internal/WriteSignals.h"
 #include "Engine/utilities/ElapsedTime.h"
@@ -31,6 +33,23 @@
 #include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/StdThread.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(TraceImplementation, flags, 0);
+CUL_FIXED_FIELD(TraceImplementation, excludeList_, 32);
+CUL_FIXED_FIELD(TraceImplementation, includeList_, 64);
+CUL_FIXED_FIELD(TraceImplementation, ownedBuffer_, 96);
+CUL_FIXED_FIELD(TraceImplementation, startCounter_, 104);
+CUL_FIXED_FIELD(TraceImplementation, outputName_, 112);
+CUL_FIXED_FIELD(TraceImplementation, lock_, 136);
+CUL_FIXED_FIELD(TraceImplementation, startTime_, 200);
+CUL_FIXED_FIELD(TraceImplementation, output_, 208);
+CUL_FIXED_FIELD(TraceImplementation, rewindPoint_, 216);
+CUL_FIXED_FIELD(TraceImplementation, sizeLimit_, 220);
+CUL_FIXED_FIELD(TraceImplementation, currentSize_, 224);
+CUL_FIXED_FIELD(TraceImplementation, pauseCount_, 228);
+CUL_FIXED_FIELD(TraceImplementation, state_, 232);
+CUL_FIXED_FIELD(TraceImplementation, reopenInChild_, 236);
 
 namespace {
 
@@ -614,7 +633,7 @@ void TraceImplementation::openFiles() noexcept {
   const bool hasRole = std::any_of(std::begin(roles), std::end(roles), [](const Role& role) {
     return startsWithLetters(processId(), role.name);
   });
-  // Deliberate: without the type "PMD" only a process with a role traces.
+  // Without the type "PMD" only a process with a role traces: scripts configure it so.
   if (!flags[TraceType::pmd] && !hasRole) {
     return;
   }
@@ -712,8 +731,8 @@ void TraceImplementation::trace(const char* function, unsigned line, const char*
 void TraceImplementation::traceInternal(const char* format, ...) {
   va_list arguments;
   va_start(arguments, format);
-  writeLine("void TraceImplementation::traceInternal(const char*, ...)", 718, {nullptr}, format,
-            arguments);
+  writeLine("void TraceImplementation::traceInternal(const char*, ...)", 718_place, {nullptr},
+            format, arguments);
   va_end(arguments);
 }
 

@@ -7,11 +7,18 @@
 #include <string>
 
 #include "Engine/internal/ConvertedText.h"
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/LoaderGuard.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/KeepErrno.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(UTF8Converter, 24);
+CUL_FIXED_FIELD(UTF8Converter, toNative, 0);
+CUL_FIXED_FIELD(UTF8Converter, toUTF8, 8);
+CUL_FIXED_FIELD(UTF8Converter, codepage, 16);
 
 namespace {
 
@@ -102,7 +109,7 @@ EncodedString UTF8Converter::convertToUTF8(const char* bytes, unsigned n, const 
     const LoaderGuard guard(
         "EncodedString UTF8Converter::convertToUTF8(const char*, unsigned int, const char*) const",
         __LINE__);
-    // Deliberately from UTF-8 to the named code page: callers depend on this direction.
+    // From UTF-8 to the named code page, though the name says otherwise: kept (docs/contract.md).
     const IconvDescriptor descriptor(named, utf8Name);
     convertTo(descriptor.get(), bytes, n, false, result);
   }

@@ -1,9 +1,18 @@
 #include "Engine/utilities/WorkerThread.h"
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LockGuard.h"
 #include "Engine/utilities/ThreadListener.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(WorkerThread, 400);
+CUL_FIXED_FIELD(WorkerThread, listener_, 296);
+CUL_FIXED_FIELD(WorkerThread, result_, 312);
+CUL_FIXED_FIELD(WorkerThread, workerId_, 320);
+CUL_FIXED_FIELD(WorkerThread, state_, 328);
+CUL_FIXED_FIELD(WorkerThread, lock_, 336);
 
 WorkerThread::WorkerThread(ThreadListener& listener, Runnable& runnable)
     : StdThread("ThrdListener", defaultStackSize(), nullptr),

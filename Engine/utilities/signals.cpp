@@ -6,9 +6,15 @@
 #include <exception>
 #include <new>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessEnd.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(SignalOccurred, 4);
+CUL_FIXED_FIELD(SignalOccurred, signal_, 0);
 
 namespace {
 
@@ -19,7 +25,8 @@ struct NamedSignal {
   const char* name;
 };
 
-// The first row with a number counts; that 5 is first called "SIGPIPE" is deliberate.
+// The first row with a number counts. That 5 is first called "SIGPIPE" is kept for tools that read
+// traces.
 constexpr NamedSignal namedSignals[] = {
     {11, "SIGSEGV"}, {4, "SIGILL"},   {8, "SIGFPE"},   {15, "SIGTERM"}, {6, "SIGABRT"},
     {2, "SIGINT"},   {10, "SIGUSR1"}, {12, "SIGUSR2"}, {5, "SIGPIPE"},  {5, "SIGTRAP"},
@@ -80,19 +87,21 @@ void registerErrorHandlers() {
 }
 
 void CUL_terminate() {
-  CUL_TRACE(TraceType::error, sourceFile, 77, "*** FATAL DEBUGGER ERROR: C++ terminate() called");
+  CUL_TRACE(TraceType::error, sourceFile, 77_place,
+            "*** FATAL DEBUGGER ERROR: C++ terminate() called");
   failProcess();
 }
 
 void CUL_unexpected() {
-  CUL_TRACE(TraceType::error, sourceFile, 91, "*** FATAL DEBUGGER ERROR: C++ unexpected() called");
+  CUL_TRACE(TraceType::error, sourceFile, 91_place,
+            "*** FATAL DEBUGGER ERROR: C++ unexpected() called");
   failProcess();
 }
 
 void newHandler() {
   std::free(reserve.exchange(nullptr));
-  CUL_TRACE(TraceType::error, sourceFile, 111, "*** FATAL DEBUGGER ERROR: Out of memory");
-  // puts() adds a newline of its own: two end the text, deliberately.
+  CUL_TRACE(TraceType::error, sourceFile, 111_place, "*** FATAL DEBUGGER ERROR: Out of memory");
+  // puts() adds a newline of its own: two end the text, which is kept for those who read it.
   std::puts("*** FATAL DEBUGGER ERROR: Out of memory\n");
   // An ending that is cut short writes no streams out.
   std::fflush(stdout);

@@ -45,7 +45,7 @@ class CUL_EXPORT SignalOccurred {
   [[nodiscard]] int whichSignal() const noexcept { return signal_; }
 
   /// The signal's name, "Unknown Signal" when the table has none. Signal 5 is named
-  /// "SIGPIPE" and signal 13 is unknown: deliberate. The text is static.
+  /// "SIGPIPE" and signal 13 is unknown, as tools that read traces know it. The text is static.
   [[nodiscard]] const char* signalName() const noexcept;
 
  private:

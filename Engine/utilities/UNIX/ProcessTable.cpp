@@ -13,7 +13,12 @@
 #include <sys/vfs.h>
 #include <unistd.h>
 
+#include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(procentry64, processId, 0);
 
 namespace {
 
@@ -134,8 +139,8 @@ std::optional<Place> findFromTheStart(DIR* folder, pid_t wanted) {
   while (const dirent* const entry = readdir(folder)) {
     const std::optional<pid_t> process = processOf(entry->d_name);
     if (process && (wanted == 0 || *process == wanted)) {
-      // Deliberate: only the one entry behind is looked at, so that a walk ends early where that
-      // is no process. The kernel lists all processes behind everything else.
+      // Only the one entry behind is looked at, and a walk ends where that is no process: kept
+      // (docs/contract.md). The kernel lists all processes behind everything else.
       const dirent* const behind = readdir(folder);
       const std::optional<pid_t> next =
           behind != nullptr ? processOf(behind->d_name) : std::nullopt;
@@ -153,7 +158,7 @@ int getprocs64(procentry64* entries, int, fdsinfo*, int, pid_t* index, int) {
   }
   const Folder folder(opendir("/proc"));
   if (folder == nullptr) {
-    CUL_TRACE(TraceType::error, getprocsText, 39, "opendir(/proc) failed errno = %d", errno);
+    CUL_TRACE(TraceType::error, getprocsText, 39_place, "opendir(/proc) failed errno = %d", errno);
     return -1;
   }
   std::optional<Place> place = findAtOnce(dirfd(folder.get()), *index);
@@ -177,7 +182,8 @@ int getargs(procentry64* entry, int, char* buffer, int length) {
   std::snprintf(path, sizeof path, "/proc/%d/cmdline", entry->processId);
   const File file(path);
   if (file.handle() < 0) {
-    CUL_TRACE(TraceType::error, getargsText, 99, "failed to open '%s' errno = %d", path, errno);
+    CUL_TRACE(TraceType::error, getargsText, 99_place, "failed to open '%s' errno = %d", path,
+              errno);
     return -1;
   }
   // An empty list is told from a buffer that has no room for arguments.
@@ -198,8 +204,8 @@ int getargs(procentry64* entry, int, char* buffer, int length) {
   } while (n > 0 && stored < room);
   // A read that gets all it asked for has not seen the end, even when nothing more is there.
   if (n > 0) {
-    CUL_TRACE(TraceType::warning, getargsText, 105, "'%s' has arguments longer than %d args buffer",
-              path, length);
+    CUL_TRACE(TraceType::warning, getargsText, 105_place,
+              "'%s' has arguments longer than %d args buffer", path, length);
   }
   buffer[stored] = '\0';
   return 0;

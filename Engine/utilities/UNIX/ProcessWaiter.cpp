@@ -3,8 +3,13 @@
 #include <cerrno>
 #include <sys/wait.h>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(ProcessWaiter, 16);
+CUL_FIXED_FIELD(ProcessWaiter, process_, 8);
 
 int ProcessWaiter::work() {
   const StdThread::BlockTermination block;

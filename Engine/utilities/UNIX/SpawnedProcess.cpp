@@ -9,7 +9,9 @@
 #include <utility>
 #include <vector>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProgramStart.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/internal/SystemCallFailure.h"
@@ -19,6 +21,12 @@
 #include "Engine/utilities/ProcessWaiter.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/ThreadListener.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(SpawnedProcess, 16);
+CUL_FIXED_FIELD(SpawnedProcess, waiter_, 0);
+CUL_FIXED_FIELD(SpawnedProcess, sharesParentConsoleIO_, 8);
+CUL_FIXED_FIELD(SpawnedProcess, inheritsFileDescriptors_, 12);
 
 namespace {
 
@@ -100,7 +108,7 @@ SpawnedProcess::SpawnedProcess(const EncodedString& program, const EncodedString
       inheritsFileDescriptors_(inheritsFileDescriptors) {
   const EncodedString resolved = searchPath(program, path);
   if (resolved.length() == 0) {
-    StdException::throwException(constructorText, 92, "File not found.", -1);
+    StdException::throwException(constructorText, 92_place, "File not found.", -1);
   }
   const Program file(resolved, arguments);
   std::unique_ptr<Reference<ThreadListener>> waiter;
@@ -110,8 +118,8 @@ SpawnedProcess::SpawnedProcess(const EncodedString& program, const EncodedString
     const pid_t process =
         file.start(!this->sharesParentConsoleIO(), !this->inheritsFileDescriptors());
     if (process == -1) {
-      failSystemCall(constructorText, 189, 189, "Fork failed.", "::fork() failed with errno %d.",
-                     errno);
+      failSystemCall(constructorText, 189_place, 189_place, "Fork failed.",
+                     "::fork() failed with errno %d.", errno);
     }
     UnwatchedChild child(process);
     waiter = std::make_unique<Reference<ThreadListener>>(

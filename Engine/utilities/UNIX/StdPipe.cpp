@@ -7,9 +7,17 @@
 #include <unistd.h>
 #include <utility>
 
+#include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SignalIgnored.h"
 #include "Engine/internal/SystemCallFailure.h"
 #include "Engine/utilities/ByteString.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(StdPipe, 12);
+CUL_FIXED_FIELD(StdPipe, readHandle_, 0);
+CUL_FIXED_FIELD(StdPipe, writeHandle_, 4);
+CUL_FIXED_FIELD(StdPipe, reserved_, 8);
 
 namespace {
 
@@ -87,13 +95,14 @@ StdPipe::StdPipe() {
   PipeEnds pipe;
   // Close-on-exec at once: another thread may start a program before the steps below.
   if (pipe2(pipe.ends, O_CLOEXEC) != 0) {
-    failSystemCall(constructorText, 46, 47, "pipe() failed", "pipe() failed with errno %d", errno);
+    failSystemCall(constructorText, 46_place, 47_place, "pipe() failed",
+                   "pipe() failed with errno %d", errno);
   }
   const auto [readEnd, writeEnd] = pipe.ends;
-  setNonBlocking(0, readEnd, constructorText, 51);
-  setClose(0, readEnd, constructorText, 52);
-  setNonBlocking(0, writeEnd, constructorText, 54);
-  setClose(0, writeEnd, constructorText, 55);
+  setNonBlocking(0, readEnd, constructorText, 51_place);
+  setClose(0, readEnd, constructorText, 52_place);
+  setNonBlocking(0, writeEnd, constructorText, 54_place);
+  setClose(0, writeEnd, constructorText, 55_place);
   readHandle_ = pipe.release(0);
   writeHandle_ = pipe.release(1);
 }
@@ -108,14 +117,14 @@ int StdPipe::closeReadHandle() { return closeHandle(readHandle_); }
 int StdPipe::closeWriteHandle() { return closeHandle(writeHandle_); }
 
 HANDLE StdPipe::childReadHandle() {
-  setNonBlocking(0, readHandle_, childReadHandleText, 68);
-  setClose(1, readHandle_, childReadHandleText, 70);
+  setNonBlocking(0, readHandle_, childReadHandleText, 68_place);
+  setClose(1, readHandle_, childReadHandleText, 70_place);
   return readHandle_;
 }
 
 HANDLE StdPipe::childWriteHandle() {
-  setNonBlocking(0, writeHandle_, childWriteHandleText, 78);
-  setClose(1, writeHandle_, childWriteHandleText, 80);
+  setNonBlocking(0, writeHandle_, childWriteHandleText, 78_place);
+  setClose(1, writeHandle_, childWriteHandleText, 80_place);
   return writeHandle_;
 }
 
@@ -131,7 +140,7 @@ int StdPipe::write(const void* data, unsigned int length) const {
       n = ::write(writeHandle_, bytes + written, length - written);
     }
     if (n < 1) {
-      failSystemCall(writeText, 160, 161, "write() failed",
+      failSystemCall(writeText, 160_place, 161_place, "write() failed",
                      "write() failed with errno %d.  Length = %d", errno, static_cast<int>(n));
     }
     written += static_cast<unsigned int>(n);
@@ -140,21 +149,21 @@ int StdPipe::write(const void* data, unsigned int length) const {
 }
 
 int StdPipe::read(ByteString& out, unsigned int maximum) const {
-  setNonBlocking(0, readHandle_, readText, 102);
+  setNonBlocking(0, readHandle_, readText, 102_place);
   unsigned char byte;
-  const ssize_t atOnce = readPatiently(readHandle_, &byte, 1, 113, 114);
+  const ssize_t atOnce = readPatiently(readHandle_, &byte, 1, 113_place, 114_place);
   out = ByteString(&byte, static_cast<unsigned int>(atOnce));
   if (maximum == 0) {
-    return 0;  // Deliberate, also when a byte was stored.
+    return 0;  // Also when a byte was stored: kept, `out` tells.
   }
   // Before the end changes: without memory it stays blocking.
   const std::unique_ptr<unsigned char[]> buffer(new unsigned char[maximum]);
-  setNonBlocking(1, readHandle_, readText, 125);
-  const ssize_t rest = readPatiently(readHandle_, buffer.get(), maximum, 135, 136);
-  setNonBlocking(0, readHandle_, readText, 138);
+  setNonBlocking(1, readHandle_, readText, 125_place);
+  const ssize_t rest = readPatiently(readHandle_, buffer.get(), maximum, 135_place, 136_place);
+  setNonBlocking(0, readHandle_, readText, 138_place);
   // One buffer for both pieces: `out` is at most the first byte.
   out = ByteString(&byte, static_cast<unsigned int>(atOnce), buffer.get(),
                    static_cast<unsigned int>(rest), nullptr, 0);
-  // Deliberate: the first byte counts even when it was the end of the file.
+  // The first byte counts even when it was the end of the file: kept, callers look at `out`.
   return static_cast<int>(rest) + 1;
 }

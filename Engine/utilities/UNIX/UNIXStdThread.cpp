@@ -11,6 +11,7 @@
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LockGuard.h"
 #include "Engine/internal/OwnThread.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessEnd.h"
 #include "Engine/internal/ProcessLock.h"
 #include "Engine/internal/RequestToEnd.h"
@@ -112,7 +113,7 @@ pthread_t StdThreadRun::start(StdThread* thread) {
   }
   pthread_t id = 0;
   if (pthread_create(&id, attributes.get(), StdThreadRunFF, this) != 0) {
-    throw StdException(sourceFile, 169, -1);
+    throw StdException(sourceFile, 169_place, -1);
   }
   if (thread->termination_ != nullptr) {
     __atomic_store_n(&thread->termination_->threadId_, id, __ATOMIC_RELEASE);
@@ -121,12 +122,14 @@ pthread_t StdThreadRun::start(StdThread* thread) {
 }
 
 void StdThreadRun::run() {
-  CUL_TRACE(TraceType::active, sourceFile, 132, "Starting thread %s", charsOf(thread_->name_));
+  CUL_TRACE(TraceType::active, sourceFile, 132_place, "Starting thread %s",
+            charsOf(thread_->name_));
   signal(SIGUSR2, ::sigUSR2handler);
   registerErrorHandlers();
   thread_->run();
   RequestToEnd::own().comeTooLate();
-  CUL_TRACE(TraceType::active, sourceFile, 136, "Terminating thread %s", charsOf(thread_->name_));
+  CUL_TRACE(TraceType::active, sourceFile, 136_place, "Terminating thread %s",
+            charsOf(thread_->name_));
   delete thread_;
   thread_ = nullptr;
 }
@@ -143,7 +146,7 @@ void StdThreadRun::fail(const StdException& exception) const {
 void StdThreadRun::fail() const {
   RequestToEnd::own().comeTooLate();
   thread_->clearjmp();  // its place has been left
-  CUL_TRACE(TraceType::error, sourceFile, 79, "Unidentified internal error on thread %s(%d).",
+  CUL_TRACE(TraceType::error, sourceFile, 79_place, "Unidentified internal error on thread %s(%d).",
             charsOf(thread_->name_), static_cast<int>(pthread_self()));
   endProcess(failureStatus);
 }

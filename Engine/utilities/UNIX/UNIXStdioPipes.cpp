@@ -11,11 +11,28 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SignalIgnored.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(UNIXStdioPipes, 72);
+CUL_FIXED_FIELD(UNIXStdioPipes, slaveName_, 8);
+CUL_FIXED_FIELD(UNIXStdioPipes, savedAttributes_, 32);
+CUL_FIXED_FIELD(UNIXStdioPipes, savedWindowSize_, 40);
+CUL_FIXED_FIELD(UNIXStdioPipes, masterHandle_, 48);
+CUL_FIXED_FIELD(UNIXStdioPipes, slaveHandle_, 52);
+CUL_FIXED_FIELD(UNIXStdioPipes, inputCopy_, 56);
+CUL_FIXED_FIELD(UNIXStdioPipes, outputCopy_, 60);
+CUL_FIXED_FIELD(UNIXStdioPipes, errorCopy_, 64);
+CUL_FIXED_FIELD(UNIXStdioPipes, noConsole_, 68);
+CUL_FIXED_FIELD(UNIXStdioPipes, inputIsTerminal_, 69);
+CUL_FIXED_FIELD(UNIXStdioPipes, outputIsTerminal_, 70);
+CUL_FIXED_FIELD(UNIXStdioPipes, errorIsTerminal_, 71);
 
 namespace {
 
@@ -65,19 +82,19 @@ Master openMaster() {
 // The path of the slave side; null, having been traced, when it cannot be had.
 const char* unlockSlave(const Master& master) {
   if (grantpt(master.handle) != 0) {
-    CUL_TRACE(TraceType::error, constructorText, 120, "grantpt() failed for pseudo-terminal %s",
-              master.path);
+    CUL_TRACE(TraceType::error, constructorText, 120_place,
+              "grantpt() failed for pseudo-terminal %s", master.path);
     return nullptr;
   }
   if (unlockpt(master.handle) != 0) {
-    CUL_TRACE(TraceType::error, constructorText, 122, "unlockpt() failed for pseudo-terminal %s",
-              master.path);
+    CUL_TRACE(TraceType::error, constructorText, 122_place,
+              "unlockpt() failed for pseudo-terminal %s", master.path);
     return nullptr;
   }
   const char* const name = ptsname(master.handle);
   if (name == nullptr || *name == '\0') {
-    CUL_TRACE(TraceType::error, constructorText, 134, "ptsname() failed for pseudo-terminal %s",
-              master.path);
+    CUL_TRACE(TraceType::error, constructorText, 134_place,
+              "ptsname() failed for pseudo-terminal %s", master.path);
     return nullptr;
   }
   return name;
@@ -88,7 +105,7 @@ bool isReadyToRead(int fd) {
   return poll(&wait, 1, 0) > 0;
 }
 
-// Deliberate: what is read is a text, to which a zero byte adds nothing. Returns the new end.
+// What is read is a text, to which a zero byte adds nothing but an early end. Returns the new end.
 char* removeZeros(char* begin, char* end) {
   // There hardly ever is one: a fast search first.
   void* const zero = std::memchr(begin, '\0', static_cast<size_t>(end - begin));
@@ -128,7 +145,7 @@ void UNIXStdioPipes::saveTerminal() {
       savedWindowSize_ = &windowSizeRecord;
     }
     if (savedAttributes_ != nullptr && savedWindowSize_ != nullptr) {
-      // Deliberately only here: attributes without a window size keep their echo.
+      // Only here: attributes without a window size keep their echo, as the console is known to.
       savedAttributes_->c_lflag &= ~static_cast<tcflag_t>(ECHO);
       return;
     }
@@ -138,7 +155,8 @@ void UNIXStdioPipes::saveTerminal() {
 void UNIXStdioPipes::openConsole() {
   Master master = openMaster();
   if (master.handle < 0) {
-    CUL_TRACE(TraceType::error, constructorText, 118, "open() failed for all pseudo-terminals");
+    CUL_TRACE(TraceType::error, constructorText, 118_place,
+              "open() failed for all pseudo-terminals");
     return;
   }
   const char* const name = unlockSlave(master);
@@ -149,13 +167,13 @@ void UNIXStdioPipes::openConsole() {
   slaveName_ = ByteString(name);
   masterHandle_ = master.handle;
   noConsole_ = 0;
-  CUL_TRACE(TraceType::dsl, constructorText, 129,
+  CUL_TRACE(TraceType::dsl, constructorText, 129_place,
             "Console on pseudo-terminal \"%s\" successfully created", charsOf(slaveName_));
 }
 
 UNIXStdioPipes::~UNIXStdioPipes() {
   if (slaveName_.length() != 0 && slaveHandle_ < 0) {
-    CUL_TRACE(TraceType::dsl, destructorText, 147, "Pseudo-terminal \"%s\" destroyed",
+    CUL_TRACE(TraceType::dsl, destructorText, 147_place, "Pseudo-terminal \"%s\" destroyed",
               charsOf(slaveName_));
   }
   const HoldRequests hold;
@@ -182,24 +200,24 @@ int UNIXStdioPipes::slaveHandle() {
   closeHandle(masterHandle_);
   noConsole_ = 1;
   if (setsid() < 0) {
-    CUL_TRACE(TraceType::error, slaveHandleText, 273, "setsid() failed");
+    CUL_TRACE(TraceType::error, slaveHandleText, 273_place, "setsid() failed");
     return slaveHandle_;
   }
   // The first terminal that the leader of a session opens becomes its controlling terminal.
   slaveHandle_ = open(charsOf(slaveName_), O_RDWR | O_CLOEXEC);
   if (slaveHandle_ < 0) {
-    CUL_TRACE(TraceType::error, slaveHandleText, 278, "debuggee open '%s' failed",
+    CUL_TRACE(TraceType::error, slaveHandleText, 278_place, "debuggee open '%s' failed",
               charsOf(slaveName_));
     slaveHandle_ = -1;
     return slaveHandle_;
   }
   if (savedAttributes_ != nullptr && tcsetattr(slaveHandle_, TCSANOW, savedAttributes_) != 0) {
-    CUL_TRACE(TraceType::error, slaveHandleText, 284, "tcsetattr failed");
+    CUL_TRACE(TraceType::error, slaveHandleText, 284_place, "tcsetattr failed");
     closeHandle(slaveHandle_);
     return slaveHandle_;
   }
   if (savedWindowSize_ != nullptr && !setWindowSize(slaveHandle_, savedWindowSize_)) {
-    CUL_TRACE(TraceType::error, slaveHandleText, 294, "ioctl(TIOCSWINSZ) failed");
+    CUL_TRACE(TraceType::error, slaveHandleText, 294_place, "ioctl(TIOCSWINSZ) failed");
   }
   return slaveHandle_;
 }
@@ -231,7 +249,7 @@ HANDLE UNIXStdioPipes::readHandle(StdFileHandle stream) const {
     case StdError:
       return errorIsTerminal_ == 0 ? errorCopy_ : masterHandle_;
     default:
-      StdException::throwException(readHandleText, 259, "invalid call", -1);
+      StdException::throwException(readHandleText, 259_place, "invalid call", -1);
   }
 }
 

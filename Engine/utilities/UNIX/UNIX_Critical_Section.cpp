@@ -2,11 +2,17 @@
 
 #include <cerrno>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/MutexWait.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/internal/ThisThread.h"
 #include "Engine/utilities/CUL_SemaphoreError.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(UNIX_Critical_Section, 64);
+CUL_FIXED_FIELD(UNIX_Critical_Section, owner_, 48);
+CUL_FIXED_FIELD(UNIX_Critical_Section, count_, 56);
 
 UNIX_Critical_Section::UNIX_Critical_Section() = default;
 
@@ -54,7 +60,7 @@ void UNIX_Critical_Section::abandon(const char* file, unsigned int line) noexcep
 
 void UNIX_Critical_Section::refuse(const char* file, unsigned int line) const {
   const int error = errno;
-  // The text speaks of a creation although nothing is created: deliberate.
+  // The text speaks of a creation although nothing is created: tools look for it.
   warn("MutexCreate", file, line);
   throw CUL_SemaphoreError(file, line, this, error);
 }

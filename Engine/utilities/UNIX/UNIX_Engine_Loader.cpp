@@ -5,9 +5,17 @@
 #include <memory>
 #include <string>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/LoaderGuard.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SystemPath.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(UNIX_Engine_Loader, modules_, 8);
+CUL_FIXED_SIZE(UNIX_Engine_Loader::Module, 16);
+CUL_FIXED_FIELD(UNIX_Engine_Loader::Module, handle, 0);
+CUL_FIXED_FIELD(UNIX_Engine_Loader::Module, name, 8);
 
 namespace {
 
@@ -53,13 +61,13 @@ void* UNIX_Engine_Loader::get_korv_module(const FileName& name) const {
     }
   }
   const std::string given = systemPath(name);
-  void* handle =
-      open("lib" + given + ".so", 69, 75, "First try - Cannot load debugger engine module");
+  void* handle = open("lib" + given + ".so", 69_place, 75_place,
+                      "First try - Cannot load debugger engine module");
   if (handle == nullptr) {
-    handle = open(given, 80, 87, "Cannot load debugger engine module");
+    handle = open(given, 80_place, 87_place, "Cannot load debugger engine module");
   }
   if (handle == nullptr) {
-    CUL_TRACE(TraceType::error, getModuleText, 91, "LD_LIBRARY_PATH=%s",
+    CUL_TRACE(TraceType::error, getModuleText, 91_place, "LD_LIBRARY_PATH=%s",
               orEmpty(std::getenv("LD_LIBRARY_PATH")));
     return nullptr;
   }
@@ -79,7 +87,7 @@ void* UNIX_Engine_Loader::get_procedure_entry(const FileName& module,
   const std::string symbol = systemPath(entry);
   void* const address = dlsym(handle, symbol.c_str());
   if (address == nullptr) {
-    CUL_TRACE(TraceType::error, getEntryText, 115,
+    CUL_TRACE(TraceType::error, getEntryText, 115_place,
               "Module %s loaded, but entry point \"%s\" not found", systemPath(module).c_str(),
               symbol.c_str());
   }

@@ -7,12 +7,29 @@
 #include <unistd.h>
 
 #include "Engine/internal/AcrossFork.h"
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LockGuard.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessLock.h"
 #include "Engine/utilities/CUL_SemaphoreError.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_FIELD(UNIX_Event_Semaphore, mutex_, 8);
+CUL_FIXED_FIELD(UNIX_Event_Semaphore, condition_, 56);
+CUL_FIXED_FIELD(UNIX_Event_Semaphore, posted_, 104);
+CUL_FIXED_SIZE(UNIX_Event_Semaphore::MsecTime, 8);
+CUL_FIXED_FIELD(UNIX_Event_Semaphore::MsecTime, milliseconds_, 0);
+CUL_FIXED_SIZE(UNIX_Event_Semaphore::WaitInstance, 32);
+CUL_FIXED_FIELD(UNIX_Event_Semaphore::WaitInstance, semaphore_, 0);
+CUL_FIXED_FIELD(UNIX_Event_Semaphore::WaitInstance, deadline_, 8);
+CUL_FIXED_FIELD(UNIX_Event_Semaphore::WaitInstance, timer_, 16);
+CUL_FIXED_FIELD(UNIX_Event_Semaphore::WaitInstance, expired_, 24);
+CUL_FIXED_SIZE(UNIX_Event_Semaphore::MillisecondTimer, 392);
+CUL_FIXED_FIELD(UNIX_Event_Semaphore::MillisecondTimer, lock_, 296);
+CUL_FIXED_FIELD(UNIX_Event_Semaphore::MillisecondTimer, pending_, 360);
 
 namespace {
 
@@ -36,7 +53,8 @@ void sleepFor(unsigned milliseconds) { usleep(milliseconds * microsecondsPerMill
 
 UNIX_Event_Semaphore::UNIX_Event_Semaphore() : generation_(AcrossFork::generation()) {
   if (const int result = pthread_cond_init(&condition_, nullptr); result != 0) {
-    throw CUL_SemaphoreError("UNIX_Event_Semaphore::UNIX_Event_Semaphore()", 28, this, result);
+    throw CUL_SemaphoreError("UNIX_Event_Semaphore::UNIX_Event_Semaphore()", 28_place, this,
+                             result);
   }
 }
 
@@ -79,19 +97,19 @@ void UNIX_Event_Semaphore::post() {
   {
     const HoldRequests hold;
     makeOwn();
-    const LockGuard guard(mutex_, function, 47);
+    const LockGuard guard(mutex_, function, 47_place);
     __atomic_store_n(&posted_, 1, __ATOMIC_RELEASE);
     result = pthread_cond_broadcast(&condition_);
   }
   if (result != 0) [[unlikely]] {
-    throw CUL_SemaphoreError(function, 54, this, result);
+    throw CUL_SemaphoreError(function, 54_place, this, result);
   }
 }
 
 void UNIX_Event_Semaphore::reset() {
   const HoldRequests hold;
   makeOwn();
-  const LockGuard guard(mutex_, "virtual void UNIX_Event_Semaphore::reset()", 40);
+  const LockGuard guard(mutex_, "virtual void UNIX_Event_Semaphore::reset()", 40_place);
   __atomic_store_n(&posted_, 0, __ATOMIC_RELEASE);
 }
 
@@ -99,7 +117,7 @@ void UNIX_Event_Semaphore::wait() {
   static constexpr const char* function = "virtual void UNIX_Event_Semaphore::wait()";
   const HoldRequests hold;
   makeOwn();
-  const LockGuard guard(mutex_, function, 69);
+  const LockGuard guard(mutex_, function, 69_place);
   while (!isPosted()) {
     int result = 0;
     {
@@ -107,7 +125,7 @@ void UNIX_Event_Semaphore::wait() {
       result = pthread_cond_wait(&condition_, mutex_.nativeHandle());
     }
     if (result != 0) [[unlikely]] {
-      throw CUL_SemaphoreError(function, 80, this, result);
+      throw CUL_SemaphoreError(function, 80_place, this, result);
     }
   }
 }
@@ -122,7 +140,7 @@ bool UNIX_Event_Semaphore::wait(unsigned short amount, WaitTimeScale scale, bool
   const HoldRequests hold;
   // Listed before the mutex is taken and taken off the list after it is given back.
   const WaitInstance instance(*this, scale == Seconds ? amount * millisecondsPerSecond : amount);
-  const LockGuard guard(mutex_, function, 126);
+  const LockGuard guard(mutex_, function, 126_place);
   while (!isPosted() && !instance.isExpired()) {
     int result = 0;
     {
@@ -130,14 +148,14 @@ bool UNIX_Event_Semaphore::wait(unsigned short amount, WaitTimeScale scale, bool
       result = pthread_cond_wait(&condition_, mutex_.nativeHandle());
     }
     if (result != 0) [[unlikely]] {
-      throw CUL_SemaphoreError(function, 137, this, result);
+      throw CUL_SemaphoreError(function, 137_place, this, result);
     }
   }
   if (isPosted()) {
     return false;
   }
   if (throwOnTimeout) {
-    throw CUL_SemaphoreError(function, 143, this, ETIMEDOUT);
+    throw CUL_SemaphoreError(function, 143_place, this, ETIMEDOUT);
   }
   return true;
 }
@@ -206,12 +224,12 @@ void UNIX_Event_Semaphore::WaitInstance::expire() {
   static constexpr const char* function = "void UNIX_Event_Semaphore::WaitInstance::expire()";
   int result = 0;
   {
-    const HeldLock held(semaphore_->mutex_, function, 282);
+    const HeldLock held(semaphore_->mutex_, function, 282_place);
     __atomic_store_n(&expired_, 1, __ATOMIC_RELEASE);
     result = pthread_cond_broadcast(&semaphore_->condition_);
   }
   if (result != 0) [[unlikely]] {
-    throw CUL_SemaphoreError(function, 286, this, result);
+    throw CUL_SemaphoreError(function, 286_place, this, result);
   }
 }
 
@@ -223,7 +241,7 @@ void UNIX_Event_Semaphore::MillisecondTimer::add(WaitInstance& wait) {
   const HeldLock held(lock_,
                       "void UNIX_Event_Semaphore::MillisecondTimer::add("
                       "UNIX_Event_Semaphore::WaitInstance&)",
-                      167);
+                      167_place);
   remove(wait);
   const unsigned count = pending_.count();
   if (count == 0 || wait.deadline() < pending_[0]->deadline()) {
@@ -243,7 +261,7 @@ void UNIX_Event_Semaphore::MillisecondTimer::remove(WaitInstance& wait) {
   const HeldLock held(lock_,
                       "void UNIX_Event_Semaphore::MillisecondTimer::remove("
                       "UNIX_Event_Semaphore::WaitInstance&)",
-                      196);
+                      196_place);
   for (unsigned i = pending_.count(); i > 0; --i) {
     if (pending_[i - 1] == &wait) {
       pending_.removeAt(i - 1);
@@ -253,8 +271,9 @@ void UNIX_Event_Semaphore::MillisecondTimer::remove(WaitInstance& wait) {
 }
 
 void UNIX_Event_Semaphore::MillisecondTimer::remove(UNIX_Event_Semaphore& semaphore) {
-  const HeldLock held(
-      lock_, "void UNIX_Event_Semaphore::MillisecondTimer::remove(UNIX_Event_Semaphore&)", 210);
+  const HeldLock held(lock_,
+                      "void UNIX_Event_Semaphore::MillisecondTimer::remove(UNIX_Event_Semaphore&)",
+                      210_place);
   for (unsigned i = pending_.count(); i > 0; --i) {
     if (pending_[i - 1]->semaphore() == &semaphore) {
       pending_.removeAt(i - 1);
@@ -274,7 +293,8 @@ void UNIX_Event_Semaphore::MillisecondTimer::copyPending(List<const WaitInstance
 
 // Returns the milliseconds until the next look.
 unsigned int UNIX_Event_Semaphore::MillisecondTimer::expireDue() {
-  const HeldLock held(lock_, "virtual void UNIX_Event_Semaphore::MillisecondTimer::run()", 230);
+  const HeldLock held(lock_, "virtual void UNIX_Event_Semaphore::MillisecondTimer::run()",
+                      230_place);
   const MsecTime now(0);
   // A waiter that wakes up cannot end its wait, or the event, before the lock is free.
   while (!pending_.isEmpty() && pending_[0]->deadline() <= now) {

@@ -2,10 +2,15 @@
 
 #include <string_view>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/PathSearch.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(UNIX_Installpath, 32);
+CUL_FIXED_FIELD(UNIX_Installpath, installLocation_, 8);
 
 namespace {
 

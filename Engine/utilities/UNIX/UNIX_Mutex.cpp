@@ -2,14 +2,20 @@
 
 #include <cerrno>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/MutexWait.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/utilities/TraceFlags.h"
 
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(UNIX_Mutex, 48);
+CUL_FIXED_FIELD(UNIX_Mutex, mutex_, 8);
+
 UNIX_Mutex::UNIX_Mutex() {
   if (pthread_mutex_init(&mutex_, nullptr) != 0) {
-    warn("pthread_mutex_init", "UNIX_Mutex::UNIX_Mutex()", 29);
+    warn("pthread_mutex_init", "UNIX_Mutex::UNIX_Mutex()", 29_place);
   }
 }
 

@@ -1,8 +1,23 @@
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/internal/ThisThread.h"
 #include "Engine/utilities/AssertionFail.h"
 #include "Engine/utilities/RWlock.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(RWlock, 136);
+CUL_FIXED_FIELD(RWlock, priority_, 0);
+CUL_FIXED_FIELD(RWlock, holders_, 8);
+CUL_FIXED_FIELD(RWlock, _mutex, 40);
+CUL_FIXED_FIELD(RWlock, _cond, 80);
+CUL_FIXED_FIELD(RWlock, writersWaiting_, 128);
+CUL_FIXED_FIELD(RWlock, readersWaiting_, 130);
+CUL_FIXED_SIZE(RWlock::Holder, 16);
+CUL_FIXED_FIELD(RWlock::Holder, thread, 0);
+CUL_FIXED_FIELD(RWlock::Holder, readCount, 8);
+CUL_FIXED_FIELD(RWlock::Holder, writeCount, 10);
 
 // The expression's text is part of the message.
 #define ASSERT_CALL(function, line, expression)                                               \
@@ -61,15 +76,15 @@ class RWlock::Waiting {
 RWlock::RWlock(RWlockBase::Priority priority) : priority_(priority), holders_(10) {
   static constexpr const char* function = "RWlock::RWlock(RWlockBase::Priority)";
   // NOLINTBEGIN(modernize-use-nullptr): the expressions' texts are part of the messages.
-  ASSERT_CALL(function, 18, !pthread_mutex_init(&_mutex, 0));
-  ASSERT_CALL(function, 19, !pthread_cond_init(&_cond, 0));
+  ASSERT_CALL(function, 18_place, !pthread_mutex_init(&_mutex, 0));
+  ASSERT_CALL(function, 19_place, !pthread_cond_init(&_cond, 0));
   // NOLINTEND(modernize-use-nullptr)
 }
 
 RWlock::~RWlock() noexcept(false) {
   static constexpr const char* function = "RWlock::~RWlock()";
-  ASSERT_CALL(function, 24, !pthread_mutex_destroy(&_mutex));
-  ASSERT_CALL(function, 25, !pthread_cond_destroy(&_cond));
+  ASSERT_CALL(function, 24_place, !pthread_mutex_destroy(&_mutex));
+  ASSERT_CALL(function, 25_place, !pthread_cond_destroy(&_cond));
 }
 
 RWlock::Holder* RWlock::findOwn() {
@@ -128,7 +143,7 @@ void RWlock::requestRead() {
     endIfAsked();
   }
   const HoldRequests hold;
-  ASSERT_CALL(function, 32, !pthread_mutex_lock(&_mutex));
+  ASSERT_CALL(function, 32_place, !pthread_mutex_lock(&_mutex));
   MutexRescue rescue(_mutex);
   Holder* own = enterAsReader();
   if (own == nullptr) {
@@ -136,7 +151,7 @@ void RWlock::requestRead() {
     while (own == nullptr) {
       {
         const HoldRequests::Lift lift(hold);
-        ASSERT_CALL(function, 66, !pthread_cond_wait(&_cond, &_mutex));
+        ASSERT_CALL(function, 66_place, !pthread_cond_wait(&_cond, &_mutex));
       }
       own = enterAsReader();
     }
@@ -145,7 +160,7 @@ void RWlock::requestRead() {
   own->writeCount == 0 ? ++own->readCount : ++own->writeCount;
   LocksHeld::add();
   rescue.dismiss();
-  ASSERT_CALL(function, 70, !pthread_mutex_unlock(&_mutex));
+  ASSERT_CALL(function, 70_place, !pthread_mutex_unlock(&_mutex));
 }
 
 void RWlock::requestWrite() {
@@ -154,7 +169,7 @@ void RWlock::requestWrite() {
     endIfAsked();
   }
   const HoldRequests hold;
-  ASSERT_CALL(function, 77, !pthread_mutex_lock(&_mutex));
+  ASSERT_CALL(function, 77_place, !pthread_mutex_lock(&_mutex));
   MutexRescue rescue(_mutex);
   Holder* own = enterAsWriter();
   if (own == nullptr) {
@@ -162,7 +177,7 @@ void RWlock::requestWrite() {
     while (own == nullptr) {
       {
         const HoldRequests::Lift lift(hold);
-        ASSERT_CALL(function, 109, !pthread_cond_wait(&_cond, &_mutex));
+        ASSERT_CALL(function, 109_place, !pthread_cond_wait(&_cond, &_mutex));
       }
       own = enterAsWriter();
     }
@@ -171,13 +186,13 @@ void RWlock::requestWrite() {
   ++own->writeCount;
   LocksHeld::add();
   rescue.dismiss();
-  ASSERT_CALL(function, 113, !pthread_mutex_unlock(&_mutex));
+  ASSERT_CALL(function, 113_place, !pthread_mutex_unlock(&_mutex));
 }
 
 void RWlock::release() {
   static constexpr const char* function = "void RWlock::release()";
   const HoldRequests hold;
-  ASSERT_CALL(function, 120, !pthread_mutex_lock(&_mutex));
+  ASSERT_CALL(function, 120_place, !pthread_mutex_lock(&_mutex));
   MutexRescue rescue(_mutex);
   if (Holder* own = findOwn(); own != nullptr) {
     const bool isWriting = own->writeCount != 0;
@@ -189,39 +204,39 @@ void RWlock::release() {
       holders_.removeAt(static_cast<unsigned>(own - holders_.begin()));
     }
     if (hasEnded) {
-      ASSERT_CALL(function, 135, !pthread_cond_broadcast(&_cond));
+      ASSERT_CALL(function, 135_place, !pthread_cond_broadcast(&_cond));
     }
   }
   rescue.dismiss();
-  ASSERT_CALL(function, 137, !pthread_mutex_unlock(&_mutex));
+  ASSERT_CALL(function, 137_place, !pthread_mutex_unlock(&_mutex));
 }
 
 bool RWlock::holdsAnyLock() {
   static constexpr const char* function = "bool RWlock::holdsAnyLock()";
   const HoldRequests hold;
-  ASSERT_CALL(function, 144, !pthread_mutex_lock(&_mutex));
+  ASSERT_CALL(function, 144_place, !pthread_mutex_lock(&_mutex));
   const Holder* own = findOwn();
   const bool holds = own != nullptr && (own->readCount != 0 || own->writeCount != 0);
-  ASSERT_CALL(function, 154, !pthread_mutex_unlock(&_mutex));
+  ASSERT_CALL(function, 154_place, !pthread_mutex_unlock(&_mutex));
   return holds;
 }
 
 bool RWlock::holdsReadLock() {
   static constexpr const char* function = "bool RWlock::holdsReadLock()";
   const HoldRequests hold;
-  ASSERT_CALL(function, 162, !pthread_mutex_lock(&_mutex));
+  ASSERT_CALL(function, 162_place, !pthread_mutex_lock(&_mutex));
   const Holder* own = findOwn();
   const bool holds = own != nullptr && own->readCount != 0 && own->writeCount == 0;
-  ASSERT_CALL(function, 172, !pthread_mutex_unlock(&_mutex));
+  ASSERT_CALL(function, 172_place, !pthread_mutex_unlock(&_mutex));
   return holds;
 }
 
 bool RWlock::holdsWriteLock() {
   static constexpr const char* function = "bool RWlock::holdsWriteLock()";
   const HoldRequests hold;
-  ASSERT_CALL(function, 179, !pthread_mutex_lock(&_mutex));
-  // The only reader counts, too: deliberate.
+  ASSERT_CALL(function, 179_place, !pthread_mutex_lock(&_mutex));
+  // The only reader counts, too: he could write at once.
   const bool holds = holders_.count() == 1 && holders_[0].thread == thisThread();
-  ASSERT_CALL(function, 181, !pthread_mutex_unlock(&_mutex));
+  ASSERT_CALL(function, 181_place, !pthread_mutex_unlock(&_mutex));
   return holds;
 }

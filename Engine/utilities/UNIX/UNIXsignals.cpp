@@ -16,6 +16,7 @@
 
 #include "Engine/internal/AlternateStack.h"
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessEnd.h"
 #include "Engine/utilities/KeepErrno.h"
 #include "Engine/utilities/StdThread.h"
@@ -221,8 +222,8 @@ constinit thread_local unsigned handlersEntered __attribute__((tls_model("initia
 
 void report(int signal, const siginfo_t& info) {
   if (isTraced(TraceType::active)) {
-    CUL_TRACE(TraceType::error, sourceFile, 56, "Signal %d (%s) at location %p; code = %d.", signal,
-              SignalOccurred(signal).signalName(), info.si_addr, info.si_code);
+    CUL_TRACE(TraceType::error, sourceFile, 56_place, "Signal %d (%s) at location %p; code = %d.",
+              signal, SignalOccurred(signal).signalName(), info.si_addr, info.si_code);
     dumpModulesAndChain(false);
   }
 }
@@ -303,7 +304,7 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
   }
   StdThread* thread = StdThread::currentThread();
   if (thread != nullptr) {
-    CUL_TRACE(TraceType::error, sourceFile, 71, "Attempting longjmp recovery");
+    CUL_TRACE(TraceType::error, sourceFile, 71_place, "Attempting longjmp recovery");
     // Without a recovery a second signal must not disturb the end of the process.
     if (thread->isRecoveryArmed()) {
       handlersEntered = 0;
@@ -314,9 +315,9 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
       unblock(signal, context);
     }
     thread->longjmp(signal, 0);
-    CUL_TRACE(TraceType::error, sourceFile, 73, "No recovery possible");
+    CUL_TRACE(TraceType::error, sourceFile, 73_place, "No recovery possible");
   } else {
-    CUL_TRACE(TraceType::error, sourceFile, 68, "Not on recoverable thread");
+    CUL_TRACE(TraceType::error, sourceFile, 68_place, "Not on recoverable thread");
   }
   --handlersEntered;
   if (mustEnd) {
@@ -342,9 +343,9 @@ void dumpModulesAndChain(bool toStandardError) {
     std::fputs("---- End callback trace ----\n", stderr);
     return;
   }
-  CUL_TRACE(TraceType::error, sourceFile, 122, "---- Callback trace ----");
+  CUL_TRACE(TraceType::error, sourceFile, 122_place, "---- Callback trace ----");
   for (int i = 0; i < textCount; ++i) {
-    CUL_TRACE(TraceType::error, sourceFile, 124, "%s", texts[static_cast<std::size_t>(i)]);
+    CUL_TRACE(TraceType::error, sourceFile, 124_place, "%s", texts[static_cast<std::size_t>(i)]);
   }
-  CUL_TRACE(TraceType::error, sourceFile, 125, "---- End callback trace ----");
+  CUL_TRACE(TraceType::error, sourceFile, 125_place, "---- End callback trace ----");
 }

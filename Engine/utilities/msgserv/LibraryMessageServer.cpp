@@ -4,11 +4,16 @@
 #include <string>
 #include <string_view>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/AssertionFail.h"
 #include "Engine/utilities/SharedEntry.h"
 #include "Engine/utilities/TraceFlags.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(LibraryMessageServer, 16);
+CUL_FIXED_FIELD(LibraryMessageServer, messageRetriever, 8);
 
 namespace {
 
@@ -21,7 +26,7 @@ using LanguageSetter = int (*)(const char*);
 constexpr const char* locales[] = {"en_US", "de_DE", "es_ES", "fr_FR", "it_IT",
                                    "ja_JP", "ko_KR", "pt_BR", "zh_TW", "zh_CN"};
 
-// Taken only when asked for in full, and for Hong Kong on purpose.
+// Taken only when asked for in full; Hong Kong reads the same script.
 constexpr std::string_view taiwan = "zh_TW";
 constexpr std::string_view hongKong = "zh_HK";
 

@@ -11,18 +11,28 @@
 #include <unwind.h>
 #include <vector>
 
+#include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/SharedEntry.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/TraceImplementation.h"
+
+// The engine knows this layout: docs/contract.md.
+CUL_FIXED_SIZE(TraceStack, 16);
+CUL_FIXED_FIELD(TraceStack, whereis_, 0);
+CUL_FIXED_FIELD(TraceStack, lookedUp_, 8);
+CUL_FIXED_SIZE(TraceStack::FRAME, 16);
+CUL_FIXED_FIELD(TraceStack::FRAME, address, 0);
+CUL_FIXED_FIELD(TraceStack::FRAME, next, 8);
 
 namespace {
 
 constexpr const char* sourceFile = "Engine/utilities/workstation/TraceStack";
 constexpr const char* title = "Stack Traceback:";
 constexpr const char* invalidChain = "Invalid frame chaining pointer!";
-// With a newline of its own, besides the one that ends each line: deliberate.
+// With a newline of its own, besides the one that ends each line: tools look for these texts.
 constexpr const char* endOfChain = "--- End of call chain ---\n";
 
 constexpr int addressDigits = 16;
@@ -166,7 +176,7 @@ void TraceStack::printFrame(const FRAME& frame) {
 
 void TraceStack::traceback(FRAME* frame) {
   if (goesToTrace()) {
-    print(126, title);
+    print(126_place, title);
   } else {
     std::fprintf(stderr, "\n%s\n", title);
   }
@@ -175,7 +185,7 @@ void TraceStack::traceback(FRAME* frame) {
     FRAME* next = frame->next;
     if (next != nullptr && !std::less<>()(frame, next)) {
       if (goesToTrace()) {
-        CUL_TRACE(TraceType::error, sourceFile, 137, "%s", invalidChain);
+        CUL_TRACE(TraceType::error, sourceFile, 137_place, "%s", invalidChain);
       } else {
         std::fprintf(stderr, "%s\n", invalidChain);
       }
@@ -183,7 +193,7 @@ void TraceStack::traceback(FRAME* frame) {
     }
     frame = next;
   }
-  print(161, endOfChain);
+  print(161_place, endOfChain);
 }
 
 __attribute__((noinline)) void TraceStack::dumpStack() {
