@@ -217,7 +217,8 @@ ThePictureIsThatOfTheFloors() {
 WhatIsNotUnderstoodIsAWrongCall() {
   local status=0
   floors --help >/dev/null 2>"$folder/told" || status=$?
-  [ "$status" = 2 ] && grep -q '^usage: script/floors' "$folder/told" || fail "status $status"
+  [ "$status" = 2 ] || fail "status $status"
+  grep -q '^usage: script/floors' "$folder/told" || fail "$(cat "$folder/told")"
 }
 
 "$1"
