@@ -82,12 +82,6 @@ std::string unescapedInICU(const std::string& text, std::vector<UChar>& units) {
   return out;
 }
 
-std::string textOf(const ByteString& bytes) {
-  return {reinterpret_cast<const char*>(static_cast<const unsigned char*>(bytes)), bytes.length()};
-}
-
-std::string textOf(const EncodedString& s) { return {static_cast<const char*>(s), s.length()}; }
-
 std::string lowered(std::string text) {
   for (char& c : text) {
     c = (c >= 'A' && c <= 'F') ? static_cast<char>(c + 32) : c;
@@ -100,7 +94,7 @@ void compareWriting(const std::string& kind, const std::string& text) {
   const EncodedString ours(text.data(), static_cast<unsigned>(text.size()), EncodedString::utf8);
   const auto escaper = std::make_shared<Escaper>();
   const std::string escaped = printed(text);
-  require(textOf(ours.convert(EncodedString::slashU, nullptr)) == escaped &&
+  require(ours.convert(EncodedString::slashU, nullptr).view() == escaped &&
               lowered((*escaper)(text)) == lowered(escaped),
           what);
   compare(
@@ -128,7 +122,7 @@ void compareReading(const std::string& kind, const std::string& text) {
     return EncodedString(escaped.data(), static_cast<unsigned>(escaped.size()),
                          EncodedString::slashU);
   };
-  require(textOf(read()) == text && unescapedInICU(escaped, *units) == text, what);
+  require(read().view() == text && unescapedInICU(escaped, *units) == text, what);
   compare(
       what,
       [read] {

@@ -13,15 +13,13 @@ using Path = std::filesystem::path;
 
 FileName ourName(const std::string& text) { return {text.c_str(), EncodedString::utf8}; }
 
-std::string textOf(const EncodedString& s) { return static_cast<const char*>(s); }
-
 void compareParsing(const std::string& what, const std::string& text) {
   constexpr const char* peer = "std::filesystem::path";
   const FileName ours = ourName(text);
   const Path path(text);
-  require(textOf(ours.directory()) == (path.parent_path() / "").string() &&
-              textOf(ours.base()) == path.filename() && textOf(ours.root()) == path.stem() &&
-              textOf(ours.extension()) == path.extension(),
+  require(ours.directory().view() == (path.parent_path() / "").string() &&
+              ours.base().view() == path.filename() && ours.root().view() == path.stem() &&
+              ours.extension().view() == path.extension(),
           "the parts of " + what);
 
   compare(

@@ -27,8 +27,6 @@ EncodedString ourText(std::string_view s) {
   return {s.data(), static_cast<unsigned>(s.size()), EncodedString::utf8};
 }
 
-std::string textOf(const EncodedString& s) { return {static_cast<const char*>(s), s.length()}; }
-
 struct Property {
   std::string key;
   std::string value;
@@ -63,7 +61,7 @@ void compareLookups(const std::vector<Property>& properties, const std::string& 
         [peers, key] { benchmark::DoNotOptimize(peers->contains(key)); });
   }
   const EncodedString ourKey = ourText(present);
-  require(textOf(ours->getString(ourKey)) == peers->at(present), "values");
+  require(ours->getString(ourKey).view() == peers->at(present), "values");
   compare(
       "properties: copy a value of " + count,
       [ours, ourKey] {
@@ -138,7 +136,7 @@ void compareReading(const std::vector<Property>& properties, const std::string& 
   const PeersProperties peers = readPeers(path);
   bool isSame = ours.numItems() == peers.size() && peers.size() == properties.size();
   for (const auto& [key, value] : peers) {
-    isSame = isSame && textOf(ours.getString(ourText(key))) == value;
+    isSame = isSame && ours.getString(ourText(key)).view() == value;
   }
   require(isSame, "reading a file");
   compare(

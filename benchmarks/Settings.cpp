@@ -25,11 +25,9 @@ struct PeersSetting {
 
 using PeersSettings = std::unordered_map<std::wstring, PeersSetting>;
 
-std::string textOf(const EncodedString& s) { return {static_cast<const char*>(s), s.length()}; }
-
 // Names of settings are ASCII.
 std::wstring wide(const EncodedString& name) {
-  const std::string text = textOf(name);
+  const std::string text(name.view());
   return {text.begin(), text.end()};
 }
 
@@ -37,7 +35,7 @@ std::shared_ptr<PeersSettings> peersSettings() {
   auto result = std::make_shared<PeersSettings>();
   for (DebuggerSetting* setting : DebuggerSettings::instance()->getAllSettings()) {
     PeersSetting& peers = (*result)[wide(setting->getName())];
-    peers.value = textOf(setting->getValue());
+    peers.value = setting->getValue().view();
     if (const DebuggerNumericSetting* numeric = setting->asNumericSetting(); numeric != nullptr) {
       peers.number = numeric->getValueAsUnsigned();
     }
@@ -158,7 +156,7 @@ void compareChange(const std::string& what, const std::string& peer, const wchar
   const auto peers = std::make_shared<PeersSetting>();
   const EncodedString oursText(text.c_str(), EncodedString::utf8);
   require(ours->setValue(oursText) && setPeers(*peers, text) &&
-              textOf(ours->getValue()) == peers->value &&
+              ours->getValue().view() == peers->value &&
               ours->asNumericSetting()->getValueAsUnsigned() == peers->number,
           what);
   compare(

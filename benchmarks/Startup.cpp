@@ -186,19 +186,17 @@ PeersParameters peersParse(Arguments& arguments) {
   return result;
 }
 
-std::string textOf(const EncodedString& s) { return static_cast<const char*>(s); }
-
 void requireSameCommandLine(Arguments& arguments) {
   const UNIXDebuggerParameters ours(arguments.count(), arguments.vector());
   const PeersParameters peers = peersParse(arguments);
   const DebuggerArgList& options = ours.debuggerArguments();
   bool same = options.count() == 20 && peers.options.size() == 20 &&
-              ours.invalidArguments().isEmpty() && textOf(ours.debuggerName()) == peers.program &&
-              textOf(ours.debuggeeName()) == peers.debuggee &&
-              textOf(ours.debuggeeArguments()) == peers.debuggeeArguments;
+              ours.invalidArguments().isEmpty() && ours.debuggerName().view() == peers.program &&
+              ours.debuggeeName().view() == peers.debuggee &&
+              ours.debuggeeArguments().view() == peers.debuggeeArguments;
   for (unsigned i = 1; same && i <= options.count(); ++i) {
     const auto& [name, value] = peers.options[i - 1];
-    same = textOf(options.name(i)) == '-' + name && textOf(options.value(i)) == value;
+    same = options.name(i).view() == '-' + name && options.value(i).view() == value;
   }
   require(same, "the command line");
 }

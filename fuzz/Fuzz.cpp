@@ -55,15 +55,9 @@ ExactBytes::ExactBytes(std::string_view bytes)
   std::copy(bytes.begin(), bytes.end(), data_.get());
 }
 
-std::string bytesOf(const EncodedString& text) {
-  const char* const chars = text;
-  return {chars, text.length()};
-}
+std::string bytesOf(const EncodedString& text) { return std::string(text.view()); }
 
-std::string bytesOf(const ByteString& bytes) {
-  const unsigned char* const first = bytes;
-  return {reinterpret_cast<const char*>(first), bytes.length()};
-}
+std::string bytesOf(const ByteString& bytes) { return std::string(bytes.view()); }
 
 std::string bytesOf(const CharString& text) { return bytesOf(text.encoded()); }
 

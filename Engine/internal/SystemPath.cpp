@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <unistd.h>
 
-#include "Engine/internal/Texts.h"
 #include "Engine/utilities/ByteString.h"
 
 namespace {
@@ -16,17 +15,17 @@ std::string systemPath(const EncodedString& path) {
   if (path.isNLS()) {
     const ByteString bytes = path.convert(EncodedString::native);
     if (EncodedString(bytes, EncodedString::native) == path) {
-      return std::string(viewOf(bytes));
+      return std::string(bytes.view());
     }
   }
-  return std::string(viewOf(path));
+  return std::string(path.view());
 }
 
 EncodedString pathFromSystem(const char* path) {
   EncodedString raw(path, EncodedString::utf8);
   if (raw.isNLS()) {
     EncodedString text(path, EncodedString::native);
-    if (systemPath(text) == viewOf(raw)) {
+    if (systemPath(text) == raw.view()) {
       return text;
     }
   }

@@ -2,29 +2,12 @@
 
 #include <string_view>
 
-#include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
 
 /// \file
-/// The string types as plain text, and back. Pointers and views are valid until the string
-/// changes.
-
-[[nodiscard]] inline const char* charsOf(const EncodedString& text) noexcept { return text; }
-
-[[nodiscard]] inline const char* charsOf(const ByteString& bytes) noexcept {
-  const unsigned char* const first = bytes;
-  return reinterpret_cast<const char*>(first);
-}
-
-[[nodiscard]] inline std::string_view viewOf(const EncodedString& text) noexcept {
-  return {charsOf(text), text.length()};
-}
-
-[[nodiscard]] inline std::string_view viewOf(const ByteString& bytes) noexcept {
-  return {charsOf(bytes), bytes.length()};
-}
+/// Plain text as one of the string types. The way back is `view()`.
 
 /// The text of bytes that are UTF-8.
-[[nodiscard]] inline EncodedString textOf(std::string_view bytes) {
+[[nodiscard]] inline EncodedString encodedText(std::string_view bytes) {
   return {bytes.data(), static_cast<unsigned>(bytes.size()), EncodedString::utf8};
 }

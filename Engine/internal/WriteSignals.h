@@ -4,6 +4,8 @@
 #include <csignal>
 #include <ctime>
 
+#include "Engine/utilities/Descriptor.h"
+
 /// \file
 /// A guard that keeps from the program what the calling thread's own writes raise: SIGPIPE,
 /// when nobody reads what is written to, and SIGXFSZ, when a file would grow beyond the
@@ -52,8 +54,7 @@ class WriteSignals {
       sigemptyset(&one);
       sigaddset(&one, signal);
       constexpr timespec atOnce = {};
-      while (sigtimedwait(&one, nullptr, &atOnce) < 0 && errno == EINTR) {
-      }
+      uninterrupted([&] { return sigtimedwait(&one, nullptr, &atOnce); });
     }
     errno = error;
   }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "Engine/utilities/Export.h"
 #include "Engine/utilities/StringBuffer.h"
 
@@ -45,6 +47,12 @@ class CUL_EXPORT ByteString : public StringBuffer<unsigned char> {
 
   ByteString& operator=(const ByteString&) = default;
   ByteString& operator=(ByteString&&) noexcept = default;
+
+  /// The bytes as characters, behind which a zero byte stands; valid until the next change of this
+  /// object.
+  [[nodiscard]] std::string_view view() const noexcept {
+    return {reinterpret_cast<const char*>(buffer), len};
+  }
 
   ByteString& operator+=(const StringBuffer<unsigned char>& s) {
     StringBuffer<unsigned char>::operator+=(s);

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Export.h"
 #include "Engine/utilities/StringBuffer.h"
@@ -45,6 +47,9 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   CharString& operator=(CharString&&) noexcept = default;
   /// A zero-terminated text, also a part of this one; null gives the empty text.
   CharString& operator=(const wchar_t* text);
+
+  /// The text, behind which a zero value stands; valid until the next change of this object.
+  [[nodiscard]] std::wstring_view view() const noexcept { return {buffer, len}; }
 
   /// Replaces the contents by the code values of some bytes.
   /// \param bytes null counts as empty.

@@ -29,13 +29,13 @@ EncodedString DebuggerBooleanSetting::getPermittedValues() const {
   for (const WordPair& pair : wordPairs) {
     result.append(result.empty() ? "" : ", ").append(pair.on).append("/").append(pair.off);
   }
-  return textOf(result);
+  return encodedText(result);
 }
 
 DebuggerBooleanSetting* DebuggerBooleanSetting::asBooleanSetting() { return this; }
 
 bool DebuggerBooleanSetting::setValue(const EncodedString& text) {
-  const std::string word = keywordOf(viewOf(text));
+  const std::string word = keywordOf(text.view());
   for (const WordPair& pair : wordPairs) {
     if (word == pair.on || word == pair.off) {
       const unsigned number = word == pair.on ? 1 : 0;

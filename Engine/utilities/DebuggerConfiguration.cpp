@@ -1,9 +1,9 @@
 #include "Engine/utilities/DebuggerConfiguration.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <string_view>
 
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/StandardError.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/SharedEntry.h"
@@ -37,11 +37,6 @@ DebuggerConfiguration* load() {
 }  // namespace
 
 DebuggerConfiguration* DebuggerConfiguration::instance() {
-  static std::atomic<DebuggerConfiguration*> kept = nullptr;
-  DebuggerConfiguration* configuration = kept.load(std::memory_order_acquire);
-  if (configuration == nullptr) {
-    configuration = load();
-    kept.store(configuration, std::memory_order_release);
-  }
-  return configuration;
+  static constinit ProcessWide<DebuggerConfiguration> configuration;
+  return &configuration.get(load);
 }

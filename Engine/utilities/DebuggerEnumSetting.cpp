@@ -29,9 +29,9 @@ EncodedString DebuggerEnumSetting::getPermittedValues() const { return joined(na
 DebuggerEnumSetting* DebuggerEnumSetting::asEnumSetting() { return this; }
 
 bool DebuggerEnumSetting::setValue(const EncodedString& text) {
-  const std::string word = keywordOf(viewOf(text));
+  const std::string word = keywordOf(text.view());
   for (unsigned i = names_.count(); i-- > 0;) {
-    if (word == viewOf(names_[i]) || word == std::to_string(numbers_[i])) {
+    if (word == names_[i].view() || word == std::to_string(numbers_[i])) {
       store(names_[i], numbers_[i]);
       return true;
     }

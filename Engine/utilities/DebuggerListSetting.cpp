@@ -41,7 +41,7 @@ EncodedString tokensOf(std::string_view text) {
   for (std::string_view token = nextToken(text); !token.empty(); token = nextToken(text)) {
     result.append(result.empty() ? "" : ",").append(token);
   }
-  return textOf(result);
+  return encodedText(result);
 }
 
 }  // namespace
@@ -64,10 +64,10 @@ EncodedString DebuggerListSetting::getPermittedValues() const { return joined(na
 DebuggerListSetting* DebuggerListSetting::asListSetting() { return this; }
 
 bool DebuggerListSetting::setValue(const EncodedString& text) {
-  const std::string_view given = viewOf(text);
+  const std::string_view given = text.view();
   if (!hasTokens(given)) {
     // A default without tokens stands for nothing, least of all for itself.
-    return hasTokens(viewOf(getDefault())) && takeDefault();
+    return hasTokens(getDefault().view()) && takeDefault();
   }
   unsigned bits = 0;
   if (!parse(given, bits)) {
@@ -75,8 +75,8 @@ bool DebuggerListSetting::setValue(const EncodedString& text) {
   }
   const EncodedString canonical = canonicalText(bits);
   unsigned bitsReadBack = 0;
-  const bool readsBack = hasTokens(viewOf(canonical)) && parse(viewOf(canonical), bitsReadBack) &&
-                         bitsReadBack == bits;
+  const bool readsBack =
+      hasTokens(canonical.view()) && parse(canonical.view(), bitsReadBack) && bitsReadBack == bits;
   store(readsBack ? canonical : tokensOf(given), bits);
   return true;
 }
@@ -84,7 +84,7 @@ bool DebuggerListSetting::setValue(const EncodedString& text) {
 // Changes the bits as one token says; false for an unknown one.
 bool DebuggerListSetting::apply(std::string_view token, unsigned& bits) const {
   for (unsigned i = names_.count(); i-- > 0;) {
-    if (token == viewOf(names_[i])) {
+    if (token == names_[i].view()) {
       bits = setFlags_[i] ? bits | masks_[i] : bits & ~masks_[i];
       return true;
     }
@@ -122,7 +122,7 @@ EncodedString DebuggerListSetting::canonicalText(unsigned bits) const {
     if (setFlags_[i] && masks_[i] == allBits) {
       return names_[i];
     }
-    result.append(result.empty() ? "" : ",").append(viewOf(names_[i]));
+    result.append(result.empty() ? "" : ",").append(names_[i].view());
   }
-  return textOf(result);
+  return encodedText(result);
 }

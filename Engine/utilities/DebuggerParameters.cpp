@@ -1,7 +1,6 @@
 #include "Engine/utilities/DebuggerParameters.h"
 
 #include <algorithm>
-#include <atomic>
 #include <initializer_list>
 #include <memory>
 #include <optional>
@@ -9,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/ASCII.h"
 #include "Engine/utilities/AssertionFail.h"
@@ -85,15 +85,10 @@ struct SecretOption {
 constexpr SecretOption secretOptions[] = {{"qkeystorepass", "qkeystorep"}, {"qhrdmkey", "qhrdmk"}};
 constexpr std::string_view secretSeparators = "= :;,";
 
-std::atomic<DebuggerParameters*> theParameters = nullptr;
+constinit ProcessWide<DebuggerParameters> theParameters;
 
 DebuggerParameters* makeOnce(int argc, char** argv) {
-  DebuggerParameters* made = theParameters.load(std::memory_order_acquire);
-  if (made == nullptr) {
-    made = new UNIXDebuggerParameters(argc, argv);
-    theParameters.store(made, std::memory_order_release);
-  }
-  return made;
+  return &theParameters.get([&] { return new UNIXDebuggerParameters(argc, argv); });
 }
 
 // The vector itself is copied: its elements are pointers of another type.
@@ -192,13 +187,13 @@ std::string withoutSecret(std::string_view text) {
 bool isSecretLost(const DebuggerParameters& parameters) {
   const DebuggerArgList& options = parameters.debuggerArguments();
   for (unsigned int i = 1; i <= options.count(); ++i) {
-    if (options.value(i).length() == 0 && lacksSecret(viewOf(options.name(i)))) {
+    if (options.value(i).length() == 0 && lacksSecret(options.name(i).view())) {
       return true;
     }
   }
   const List<EncodedString*>& invalid = parameters.invalidArguments();
   return std::any_of(invalid.begin(), invalid.end(),
-                     [](const EncodedString* text) { return lacksSecret(viewOf(*text)); });
+                     [](const EncodedString* text) { return lacksSecret(text->view()); });
 }
 
 void dumpText(const char* label, std::string_view text) {
@@ -235,7 +230,7 @@ DebuggerParameters* DebuggerParameters::instance() {
 }
 
 DebuggerParameters* DebuggerParameters::instancePointer() noexcept {
-  return theParameters.load(std::memory_order_acquire);
+  return theParameters.present();
 }
 
 DebuggerParameters::~DebuggerParameters() = default;
@@ -389,7 +384,7 @@ EncodedString DebuggerParameters::startupKeyArg() const {
     return {};
   }
   EncodedString argument = startupKey_.allAfter(keySeparator);
-  if (argument.length() == 0 && viewOf(key) == "CLIP") {
+  if (argument.length() == 0 && key.view() == "CLIP") {
     argument = L"JETCLIP";
   }
   return argument;
@@ -426,28 +421,28 @@ void DebuggerParameters::diagnosticDump() const {
     return;
   }
   const bool isLost = isSecretLost(*this);
-  dumpText("Debugger Program Name: ", viewOf(debuggerName_));
+  dumpText("Debugger Program Name: ", debuggerName_.view());
   dumpLine("Debugger Args:");
   if (debuggerArguments_.isEmpty()) {
     dumpText("\t", {});
   }
   for (unsigned int i = 1; i <= debuggerArguments_.count(); ++i) {
-    const std::string_view name = viewOf(debuggerArguments_.name(i));
+    const std::string_view name = debuggerArguments_.name(i).view();
     const std::string label = '\t' + std::string(name) + ": ";
-    dumpText(label.c_str(), lacksSecret(name) ? asterisks : viewOf(debuggerArguments_.value(i)));
+    dumpText(label.c_str(), lacksSecret(name) ? asterisks : debuggerArguments_.value(i).view());
   }
   dumpLine("--\tend --");
-  dumpText("Start up Key: ", viewOf(startupKey()));
-  dumpText("Start up Key Arg: ", viewOf(startupKeyArg()));
+  dumpText("Start up Key: ", startupKey().view());
+  dumpText("Start up Key Arg: ", startupKeyArg().view());
   const bool isNameSecret = isLost && !attach_ && debuggeeName_.length() != 0;
-  dumpText("Debuggee Name: ", isNameSecret ? asterisks : viewOf(debuggeeName_));
-  dumpText("Debuggee Args: ", viewOf(debuggeeArguments_));
+  dumpText("Debuggee Name: ", isNameSecret ? asterisks : debuggeeName_.view());
+  dumpText("Debuggee Args: ", debuggeeArguments_.view());
   dumpLine("Invalid Args:");
   if (invalidArguments_.count() == 0) {
     dumpText("\t", {});
   }
   for (const EncodedString* text : invalidArguments_.list()) {
-    const bool isSecret = isLost && !lacksSecret(viewOf(*text));
-    dumpText("\t", isSecret ? asterisks : viewOf(*text));
+    const bool isSecret = isLost && !lacksSecret(text->view());
+    dumpText("\t", isSecret ? asterisks : text->view());
   }
 }

@@ -22,7 +22,7 @@ namespace {
 // The value of a setting's environment variable; null when it is not set.
 const char* environmentOf(const EncodedString& name) {
   const ByteString variable = (getEnvnamePrefix() + name).convertToNative();
-  return std::getenv(charsOf(variable));
+  return std::getenv(variable.view().data());
 }
 
 }  // namespace
@@ -35,7 +35,7 @@ EncodedString DebuggerSetting::getPermittedValues() const { return {}; }
 
 EncodedString DebuggerSetting::getEnvValue() const {
   const EncodedString text(environmentOf(name_), EncodedString::native);
-  return textOf(withoutBlanks(viewOf(text)));
+  return encodedText(withoutBlanks(text.view()));
 }
 
 DebuggerStringSetting* DebuggerSetting::asStringSetting() { return nullptr; }

@@ -1,8 +1,8 @@
 #include "Engine/utilities/EBCDICtableStore.h"
 
-#include <atomic>
 #include <string_view>
 
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/Texts.h"
 
 namespace {
@@ -14,15 +14,8 @@ bool isEmpty(const char* name) { return name == nullptr || *name == '\0'; }
 }  // namespace
 
 EBCDICtableStore& EBCDICtableStore::instance() {
-  // Not left to the compiler's own guard: a child that is forked meanwhile would wait for ever
-  // for the end of the making.
-  static constinit std::atomic<EBCDICtableStore*> store = nullptr;
-  EBCDICtableStore* made = store.load(std::memory_order_acquire);
-  if (made == nullptr) {
-    made = new EBCDICtableStore;
-    store.store(made, std::memory_order_release);
-  }
-  return *made;
+  static constinit ProcessWide<EBCDICtableStore> store;
+  return store.get([] { return new EBCDICtableStore; });
 }
 
 EBCDICtableStore::EBCDICtableStore() { tables_.push_back(std::make_unique<EBCDICtable>()); }
@@ -30,7 +23,7 @@ EBCDICtableStore::EBCDICtableStore() { tables_.push_back(std::make_unique<EBCDIC
 // The number of tables when none has the name.
 std::size_t EBCDICtableStore::indexOf(const char* name) const {
   for (std::size_t i = tables_.size(); i != 0; --i) {
-    if (viewOf(tables_[i - 1]->getName()) == name) {
+    if (tables_[i - 1]->getName().view() == name) {
       return i - 1;
     }
   }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string_view>
+
 #include "Engine/utilities/Export.h"
 #include "Engine/utilities/StringBuffer.h"
 
@@ -71,6 +73,9 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   EncodedString& operator=(EncodedString&&) noexcept = default;
   EncodedString& operator=(const CharString& text);
   EncodedString& operator=(const wchar_t* text);
+
+  /// The text, behind which a zero byte stands; valid until the next change of this object.
+  [[nodiscard]] std::string_view view() const noexcept { return {buffer, len}; }
 
   EncodedString& operator+=(const EncodedString& s) {
     StringBuffer<char>::operator+=(s);

@@ -164,20 +164,20 @@ bool FileName::is_valid_path(const EncodedString& path) {
 }
 
 List<EncodedString*> FileName::parsePaths(const EncodedString& paths) {
-  std::string_view list = viewOf(paths);
+  std::string_view list = paths.view();
   unsigned count = 0;
   for (; !nextPathEntry(list).empty(); ++count) {
   }
   // A list that has room from the start is not copied while it grows.
   OwningList<EncodedString> result(count);
-  list = viewOf(paths);
+  list = paths.view();
   for (auto entry = nextPathEntry(list); !entry.empty(); entry = nextPathEntry(list)) {
-    result.add(std::make_unique<EncodedString>(textOf(entry)));
+    result.add(std::make_unique<EncodedString>(encodedText(entry)));
   }
   return result.release();
 }
 
-EncodedString FileName::directory() const { return textOf(view(1, basePosition)); }
+EncodedString FileName::directory() const { return encodedText(view(1, basePosition)); }
 
 // Made in its place: to move a short text costs as much as to copy its bytes. Its parts are
 // looked for where the bytes come from, since what was just written cannot be read at once in
@@ -208,10 +208,10 @@ FileName FileName::root() const {
 
 FileName FileName::root_exe() const { return root(); }
 
-EncodedString FileName::extension() const { return textOf(extensionView()); }
+EncodedString FileName::extension() const { return encodedText(extensionView()); }
 
 EncodedString FileName::member() const {
-  return memberPosition == 0 ? EncodedString() : textOf(view(memberPosition + 1U, len));
+  return memberPosition == 0 ? EncodedString() : encodedText(view(memberPosition + 1U, len));
 }
 
 FileName FileName::genericLibraryName() const {
@@ -243,7 +243,7 @@ void FileName::change_path(const EncodedString& dir) {
   if (!isValidName()) {
     return;
   }
-  std::string folder(viewOf(dir));
+  std::string folder(dir.view());
   if (!folder.empty() && folder.back() != '/') {
     folder += '/';
   }
@@ -254,7 +254,7 @@ void FileName::change_extension(const EncodedString& ext) {
   if (!isValidName()) {
     return;
   }
-  std::string text(viewOf(ext));
+  std::string text(ext.view());
   if (!text.empty() && text.front() != '.') {
     text.insert(0, 1, '.');
   }
@@ -265,7 +265,7 @@ void FileName::change_member(const EncodedString& m) {
   if (!isValidName()) {
     return;
   }
-  std::string text(viewOf(m));
+  std::string text(m.view());
   if (!text.empty() && text.front() != '(' && text.back() != ')') {
     text = '(' + text + ')';
   }
@@ -294,13 +294,13 @@ EncodedString FileName::commonPathSuffix(const FileName& other) const {
       start = mine + 1;
     }
   }
-  return textOf(view(start, basePosition));
+  return encodedText(view(start, basePosition));
 }
 
 FileName FileName::findFile(const FileName& name, const EncodedString& searchPath,
                             bool executable) {
   if (name.memberPosition != 0) {
-    const EncodedString member = textOf(name.view(name.memberPosition, name.len + 1));
+    const EncodedString member = encodedText(name.view(name.memberPosition, name.len + 1));
     FileName archive = name;
     archive.change_member(EncodedString());
     FileName result = findFile(archive, searchPath, false);
@@ -320,12 +320,12 @@ FileName FileName::findFile(const FileName& name, const EncodedString& searchPat
     return found;
   }
   // One list, kept so (docs/contract.md): a working directory with a ":" in its name is split too.
-  const std::string folders = std::string(viewOf(current)).append(":").append(viewOf(searchPath));
+  const std::string folders = std::string(current.view()).append(":").append(searchPath.view());
   std::string_view list = folders;
   for (auto folder = nextPathEntry(list); !folder.empty(); folder = nextPathEntry(list)) {
     // Each from the name anew: a candidate that is too long cannot be changed any more.
     FileName candidate = name;
-    candidate.change_path(textOf(folder));
+    candidate.change_path(encodedText(folder));
     if (candidate.isAccessible(executable)) {
       candidate.rationalizePath(current);
       return candidate;
@@ -347,8 +347,8 @@ bool FileName::operator==(const FileName& other) const {
     return true;
   }
   if (hasTrailingWhiteSpace() || other.hasTrailingWhiteSpace()) {
-    EncodedString mine = textOf(view());
-    EncodedString theirs = textOf(other.view());
+    EncodedString mine = encodedText(view());
+    EncodedString theirs = encodedText(other.view());
     mine.stripTrailingWhiteSpace();
     theirs.stripTrailingWhiteSpace();
     return mine == theirs;

@@ -29,6 +29,8 @@ class CUL_EXPORT FileName : public EncodedString {
   /// The greatest length of a valid name, in bytes.
   static constexpr unsigned longest = 65535;
 
+  using EncodedString::view;
+
   /// Empty, and therefore invalid.
   FileName() noexcept = default;
   FileName(const FileName&) = default;
@@ -172,8 +174,7 @@ class CUL_EXPORT FileName : public EncodedString {
  private:
   friend class SearchTree;
 
-  // The text or a part of it, by byte positions: [from, to) or [from, end).
-  [[nodiscard]] std::string_view view() const noexcept { return {buffer, len}; }
+  // A part of the text, by byte positions: [from, to).
   [[nodiscard]] std::string_view view(unsigned from, unsigned to) const noexcept;
 
   // Position behind the base: that of the "(", or behind the end.

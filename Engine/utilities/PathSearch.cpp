@@ -26,14 +26,14 @@ bool isCandidate(const EncodedString& path) {
 }  // namespace
 
 EncodedString searchPath(const EncodedString& name, const EncodedString& directories) {
-  const std::string_view nameView = viewOf(name);
+  const std::string_view nameView = name.view();
   if (nameView.empty() || nameView.front() == '/') {
     return name;
   }
   const EncodedString separator("/", EncodedString::utf8);
-  std::string_view list = viewOf(directories);
+  std::string_view list = directories.view();
   for (auto entry = nextPathEntry(list); !entry.empty(); entry = nextPathEntry(list)) {
-    EncodedString candidate = textOf(entry);
+    EncodedString candidate = encodedText(entry);
     if (entry.front() == '.') {
       if (const EncodedString current = workingDirectory(workingDirectoryRoom);
           current.length() != 0) {
@@ -92,10 +92,10 @@ EncodedString resolveSymbolicLink(const EncodedString& path) {
 }
 
 EncodedString stripPath(const EncodedString& path) {
-  const std::string_view text = viewOf(path);
+  const std::string_view text = path.view();
   size_t last = text.rfind('/');
   if (last != std::string_view::npos && last != 0 && last == text.size() - 1) {
     last = text.rfind('/', last - 1);
   }
-  return textOf(text.substr(0, last + 1));  // Without a "/", `last` + 1 is 0.
+  return encodedText(text.substr(0, last + 1));  // Without a "/", `last` + 1 is 0.
 }

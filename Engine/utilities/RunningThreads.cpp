@@ -10,6 +10,7 @@
 #include "Engine/internal/LockGuard.h"
 #include "Engine/internal/OwnThread.h"
 #include "Engine/internal/PlaceNumber.h"
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/ThisThread.h"
 #include "Engine/internal/UNIXStdThread.h"
 #include "Engine/utilities/StdThread.h"
@@ -21,7 +22,7 @@ CUL_FIXED_FIELD(RunningThreads, lock_, 32);
 
 namespace {
 
-constinit std::atomic<RunningThreads*> registry = nullptr;
+constinit ProcessWide<RunningThreads> registry;
 
 // An object with this id was registered or unregistered.
 void hasChanged(pthread_t id) noexcept {
@@ -38,12 +39,7 @@ constinit thread_local OwnThread::Found OwnThread::found_;
 constinit OwnThread::Generation OwnThread::generation_;
 
 RunningThreads& RunningThreads::instance() {
-  RunningThreads* made = registry.load(std::memory_order_acquire);
-  if (made == nullptr) {
-    made = new RunningThreads;
-    registry.store(made, std::memory_order_release);
-  }
-  return *made;
+  return registry.get([] { return new RunningThreads; });
 }
 
 void RunningThreads::append(StdThread* thread) {
@@ -100,7 +96,7 @@ StdThread* RunningThreads::find(pthread_t id) {
 }
 
 bool AcrossFork::holdThreads() noexcept {
-  RunningThreads* const made = registry.load(std::memory_order_acquire);
+  RunningThreads* const made = registry.present();
   if (made != nullptr) {
     made->lock_.request("bool AcrossFork::holdThreads()", __LINE__);
   }

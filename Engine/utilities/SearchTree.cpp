@@ -100,7 +100,7 @@ SearchTree::Folder SearchTree::list() const {
 }
 
 EncodedString SearchTree::pathOf(const EncodedString& entry) const {
-  const std::string_view folder = viewOf(root_);
+  const std::string_view folder = root_.view();
   const bool needsSeparator = !folder.empty() && folder.back() != '/';
   return needsSeparator ? root_ + FileName::PathSepString() + entry : root_ + entry;
 }
@@ -142,7 +142,7 @@ FileName SearchTree::search(const FileName& wanted) const {
   const std::string_view name = wanted.baseView();
   if (!name.empty()) {
     walk([&](const SearchTree& tree, const EncodedString& entry) {
-      if (viewOf(entry) != name) {
+      if (entry.view() != name) {
         return true;
       }
       result = tree.pathOf(entry);

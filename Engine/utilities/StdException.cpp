@@ -13,7 +13,7 @@ CUL_FIXED_FIELD(StdException, status, 52);
 
 StdException::StdException(const char* file, unsigned throwLine, int throwStatus)
     : fileName(file, EncodedString::utf8), line(throwLine), status(throwStatus) {
-  CUL_TRACE(TraceType::excptn, charsOf(fileName), line, "StdException created;  Status = %d",
+  CUL_TRACE(TraceType::excptn, fileName.view().data(), line, "StdException created;  Status = %d",
             status);
 }
 
@@ -23,8 +23,8 @@ StdException::StdException(const char* file, unsigned throwLine, const char* mes
       fileName(file, EncodedString::utf8),
       line(throwLine),
       status(throwStatus) {
-  CUL_TRACE(TraceType::excptn, charsOf(fileName), line,
-            "StdException created;  Status = %d, Text = %s", status, charsOf(text));
+  CUL_TRACE(TraceType::excptn, fileName.view().data(), line,
+            "StdException created;  Status = %d, Text = %s", status, text.view().data());
 }
 
 void StdException::throwException(const char* file, unsigned line, int status) {
@@ -37,6 +37,6 @@ void StdException::throwException(const char* file, unsigned line, const char* t
 
 void StdException::trace(const char* file, unsigned catchLine) const {
   CUL_TRACE(TraceType::excptn, file, catchLine,
-            "StdException caught; thrown from %s(%d); Status = %d, Text = %s", charsOf(fileName),
-            static_cast<int>(line), status, charsOf(text));
+            "StdException caught; thrown from %s(%d); Status = %d, Text = %s",
+            fileName.view().data(), static_cast<int>(line), status, text.view().data());
 }

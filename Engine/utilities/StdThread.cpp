@@ -1,6 +1,5 @@
 #include "Engine/utilities/StdThread.h"
 
-#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -14,6 +13,7 @@
 #include "Engine/internal/LockGuard.h"
 #include "Engine/internal/OwnThread.h"
 #include "Engine/internal/PlaceNumber.h"
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/UNIXStdThread.h"
 #include "Engine/internal/WayOut.h"
 #include "Engine/utilities/RunningThreads.h"
@@ -118,13 +118,8 @@ StdThread* StdThread::thread1() {
     }
     void run() override {}
   };
-  static std::atomic<StdThread*> mainThread = nullptr;
-  StdThread* made = mainThread.load(std::memory_order_acquire);
-  if (made == nullptr) {
-    made = new DummyThread;
-    mainThread.store(made, std::memory_order_release);
-  }
-  return made;
+  static constinit ProcessWide<StdThread> mainThread;
+  return &mainThread.get([] { return new DummyThread; });
 }
 
 // Of ids of other threads, only that of a new one is given to an object; see OwnThread.h.

@@ -1,20 +1,15 @@
 #include "Engine/utilities/StdioPipes.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/UNIX/UNIXStdioPipes.h"
 
 StdioPipes* StdioPipes::instance() {
-  static std::atomic<StdioPipes*> console = nullptr;
-  StdioPipes* made = console.load(std::memory_order_acquire);
-  if (made == nullptr) {
-    made = new UNIXStdioPipes;
-    console.store(made, std::memory_order_release);
-  }
-  return made;
+  static constinit ProcessWide<StdioPipes> console;
+  return &console.get([] { return new UNIXStdioPipes; });
 }
 
 void StdioPipes::closePipes() {}

@@ -28,6 +28,7 @@
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/internal/WriteSignals.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/ElapsedTime.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/KeepErrno.h"
@@ -151,7 +152,7 @@ ByteString nameOf(std::string_view text) {
 // string pool's lock, which a child forked by a busy process may find held for ever.
 unsigned find(const List<ByteString*>& list, std::string_view name) noexcept {
   unsigned index = 0;
-  while (index < list.count() && viewOf(*list[index]) != name) {
+  while (index < list.count() && list[index]->view() != name) {
     ++index;
   }
   return index;
@@ -172,7 +173,7 @@ bool isNumber(const ByteString& text, unsigned long& number) noexcept {
 bool isNative(std::string_view bytes) {
   const auto length = static_cast<unsigned>(bytes.size());
   const EncodedString text(bytes.data(), length, EncodedString::native);
-  return viewOf(text.convert(EncodedString::native)) == bytes;
+  return text.convert(EncodedString::native).view() == bytes;
 }
 
 // The output's name as it stands in the variable that a configuration was read from.
@@ -192,17 +193,17 @@ void prepare(FILE* stream) noexcept {
 // Opens the trace's own output for writing, emptied; null when that fails, also for a FIFO
 // that nobody reads. Never waits, and gains no controlling terminal.
 FILE* openEmptied(const char* name) noexcept {
-  const int fd = open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666);
-  if (fd < 0) {
+  Descriptor file(
+      open(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0666));
+  if (!file.isOpen()) {
     return nullptr;
   }
-  fcntl(fd, F_SETFL, 0);  // a reader that is slow is waited for
-  FILE* stream = fdopen(fd, "w");
-  if (stream == nullptr) {
-    close(fd);
-    return nullptr;
+  fcntl(file.get(), F_SETFL, 0);  // a reader that is slow is waited for
+  FILE* const stream = fdopen(file.get(), "w");
+  if (stream != nullptr) {
+    static_cast<void>(file.release());  // now the stream's
+    prepare(stream);
   }
-  prepare(stream);
   return stream;
 }
 
@@ -387,7 +388,7 @@ std::string_view functionName(const char* function) noexcept {
 std::string_view currentThreadName() noexcept {
   try {
     const ByteString& name = StdThread::currentThread()->name();
-    return viewOf(name);
+    return name.view();
   } catch (...) {
     return "main";
   }
@@ -507,7 +508,7 @@ void TraceImplementation::parse(CharString configuration, const char* variable) 
   if (!isNative(bytes)) {
     nativeName = nameOf(bytes);
   }
-  ownedBuffer_ = strndup(viewOf(nativeName).data(), nativeName.length());
+  ownedBuffer_ = strndup(nativeName.view().data(), nativeName.length());
   if (ownedBuffer_ == nullptr) {
     throw std::bad_alloc();
   }
@@ -525,7 +526,7 @@ void TraceImplementation::parse(CharString configuration, const char* variable) 
 
 void TraceImplementation::parseToken(const CharString& token) {
   const ByteString name = token.encoded().convert(EncodedString::utf8);
-  const std::string_view text = viewOf(name);
+  const std::string_view text = name.view();
   unsigned long size = 0;
   if (text.starts_with('~') || text.starts_with('!')) {
     const ByteString excluded = nameOf(text.substr(1));
@@ -578,7 +579,7 @@ void TraceImplementation::excludeUnlessNamed(const char* type) {
 }
 
 void TraceImplementation::add(List<ByteString*>& list, const ByteString& name) {
-  if (!holds(list, viewOf(name))) {
+  if (!holds(list, name.view())) {
     auto copy = std::make_unique<ByteString>(name);
     list.add(copy.get());
     static_cast<void>(copy.release());
@@ -586,7 +587,7 @@ void TraceImplementation::add(List<ByteString*>& list, const ByteString& name) {
 }
 
 void TraceImplementation::remove(List<ByteString*>& list, const ByteString& name) {
-  const unsigned index = find(list, viewOf(name));
+  const unsigned index = find(list, name.view());
   if (index < list.count()) {
     delete list[index];
     list.removeAt(index);
@@ -594,11 +595,11 @@ void TraceImplementation::remove(List<ByteString*>& list, const ByteString& name
 }
 
 bool TraceImplementation::isIncluded(const ByteString& type) const noexcept {
-  return holds(includeList_, viewOf(type));
+  return holds(includeList_, type.view());
 }
 
 bool TraceImplementation::isExcluded(const ByteString& type) const noexcept {
-  return holds(excludeList_, viewOf(type));
+  return holds(excludeList_, type.view());
 }
 
 bool TraceImplementation::isTraceBitSet(const char* type) const noexcept {

@@ -1,6 +1,5 @@
 #include "Engine/utilities/UTF8Converter.h"
 
-#include <atomic>
 #include <clocale>
 #include <cstdlib>
 #include <langinfo.h>
@@ -9,6 +8,7 @@
 #include "Engine/internal/ConvertedText.h"
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/LoaderGuard.h"
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
@@ -64,13 +64,8 @@ void convertTo(iconv_t descriptor, const char* bytes, unsigned n, bool utf8,
 }  // namespace
 
 UTF8Converter& UTF8Converter::instance() {
-  static std::atomic<UTF8Converter*> converter;
-  UTF8Converter* result = converter.load(std::memory_order_acquire);
-  if (result == nullptr) {
-    result = new UTF8Converter;
-    converter.store(result, std::memory_order_release);
-  }
-  return *result;
+  static constinit ProcessWide<UTF8Converter> converter;
+  return converter.get([] { return new UTF8Converter; });
 }
 
 UTF8Converter::UTF8Converter() : toNative(invalidIconv), toUTF8(invalidIconv), codepage(nullptr) {

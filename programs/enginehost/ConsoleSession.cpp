@@ -42,19 +42,11 @@ ConsoleSession::ConsoleSession(const StdioPipes& console, UserTerminal& terminal
       // open them again later.
       slave_(ioctl(master_, TIOCGPTPEER, O_RDWR | O_NOCTTY | O_CLOEXEC)),
       screen_(openScreen()) {
-  if (slave_ < 0 || screen_ < 0) {
-    const int error = errno;
-    close(slave_);
-    close(screen_);
-    StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(error), -1);
+  if (!slave_.isOpen() || !screen_.isOpen()) {
+    StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(errno), -1);
   }
   // A program that does not read must not keep the user from seeing what it prints.
   fcntl(master_, F_SETFL, fcntl(master_, F_GETFL) | O_NONBLOCK);
-}
-
-ConsoleSession::~ConsoleSession() {
-  close(slave_);
-  close(screen_);
 }
 
 int ConsoleSession::run() {
@@ -73,7 +65,7 @@ int ConsoleSession::run() {
         {events_.handle(), POLLIN, 0},
         {hasEnded_ ? -1 : STDIN_FILENO, static_cast<short>(hasInput ? 0 : POLLIN), 0},
         {fromConsole == 0 ? -1 : master_, static_cast<short>(fromConsole), 0},
-        {hasOutput ? screen_ : -1, POLLOUT, 0},
+        {hasOutput ? screen_.get() : -1, POLLOUT, 0},
     };
     if (poll(waited, std::size(waited), -1) < 0) {
       continue;
@@ -187,7 +179,7 @@ bool ConsoleSession::showOutput() {
   if (isAway_ || printed_.empty()) {
     return true;
   }
-  const ssize_t shown = write(screen_, printed_.data(), printed_.size());
+  const ssize_t shown = write(screen_.get(), printed_.data(), printed_.size());
   if (shown >= 0) {
     printed_.erase(0, static_cast<std::size_t>(shown));
     return true;

@@ -3,6 +3,7 @@
 #include <string>
 
 #include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/Descriptor.h"
 
 #include "HostEvents.h"
 #include "UserTerminal.h"
@@ -22,7 +23,6 @@ class ConsoleSession {
   ConsoleSession(const StdioPipes& console, UserTerminal& terminal, const HostEvents& events);
   ConsoleSession(const ConsoleSession&) = delete;
   ConsoleSession& operator=(const ConsoleSession&) = delete;
-  ~ConsoleSession();
 
   /// Goes on until the program has ended, and what it has printed has been shown, or the
   /// host has to end.
@@ -45,8 +45,8 @@ class ConsoleSession {
   UserTerminal& terminal_;
   const HostEvents& events_;
   int master_;
-  int slave_;
-  int screen_;
+  Descriptor slave_;
+  Descriptor screen_;
   ByteString typed_;         // not yet taken by the console
   std::string printed_;      // not yet taken by the user's terminal
   bool isAway_ = true;       // the terminal is still to be taken

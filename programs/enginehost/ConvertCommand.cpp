@@ -12,6 +12,7 @@
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/EBCDICtableStore.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
@@ -180,9 +181,7 @@ class TableWriter : public Writer {
   explicit TableWriter(const EBCDICtable& table) : table_(table) {}
 
   std::string write(std::wstring_view piece, bool /*isLast*/) override {
-    const ByteString bytes = table_.fromUCS(piece.data(), static_cast<unsigned>(piece.size()));
-    const unsigned char* const first = bytes;
-    return {first, first + bytes.length()};
+    return std::string(table_.fromUCS(piece.data(), static_cast<unsigned>(piece.size())).view());
   }
 
  private:
@@ -227,9 +226,7 @@ class EscapesReader : public IconvReader {
 class EscapesWriter : public Writer {
  public:
   std::string write(std::wstring_view piece, bool /*isLast*/) override {
-    const ByteString bytes = EncodedString(charStringOf(piece)).convert(EncodedString::slashU);
-    const unsigned char* const first = bytes;
-    return {first, first + bytes.length()};
+    return std::string(EncodedString(charStringOf(piece)).convert(EncodedString::slashU).view());
   }
 };
 
@@ -280,20 +277,17 @@ int failed(Message stream) {
 }
 
 ssize_t readSome(std::span<char> area) {
-  ssize_t n;
-  do {
-    n = ::read(STDIN_FILENO, area.data(), area.size());
-  } while (n < 0 && errno == EINTR);
-  return n;
+  return uninterrupted([&] { return ::read(STDIN_FILENO, area.data(), area.size()); });
 }
 
 bool writeAll(std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t n = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
-    if (n < 0 && errno != EINTR) {
+    const ssize_t n =
+        uninterrupted([&] { return ::write(STDOUT_FILENO, bytes.data(), bytes.size()); });
+    if (n < 0) {
       return false;
     }
-    bytes.remove_prefix(n < 0 ? 0 : static_cast<std::size_t>(n));
+    bytes.remove_prefix(static_cast<std::size_t>(n));
   }
   return true;
 }

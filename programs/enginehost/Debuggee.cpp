@@ -10,6 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/ProcessWaiter.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdioPipes.h"
@@ -26,30 +27,26 @@ namespace {
 class StartLine {
  public:
   StartLine() {
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_) != 0) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
       StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(errno), errno);
     }
-  }
-  StartLine(const StartLine&) = delete;
-  StartLine& operator=(const StartLine&) = delete;
-  ~StartLine() {
-    close(ends_[0]);
-    close(ends_[1]);
+    host_.reset(ends[0]);
+    child_.reset(ends[1]);
   }
 
   // In the host.
 
   void giveWord() const noexcept {
     // To a child that was killed meanwhile it is no matter.
-    send(ends_[0], "", 1, MSG_NOSIGNAL);
+    send(host_.get(), "", 1, MSG_NOSIGNAL);
   }
 
   /// \return an `errno` value, 0 when the program runs.
   int hear() noexcept {
-    closeEnd(1);
+    child_.reset();
     int error = 0;
-    while (read(ends_[0], &error, sizeof error) < 0 && errno == EINTR) {
-    }
+    uninterrupted([&] { return read(host_.get(), &error, sizeof error); });
     return error;
   }
 
@@ -57,24 +54,16 @@ class StartLine {
 
   /// \return false when the host has ended without a word.
   bool awaitWord() noexcept {
-    closeEnd(0);
+    host_.reset();
     char word;
-    ssize_t n;
-    do {
-      n = read(ends_[1], &word, 1);
-    } while (n < 0 && errno == EINTR);
-    return n == 1;
+    return uninterrupted([&] { return read(child_.get(), &word, 1); }) == 1;
   }
 
-  void tell(int error) const noexcept { send(ends_[1], &error, sizeof error, MSG_NOSIGNAL); }
+  void tell(int error) const noexcept { send(child_.get(), &error, sizeof error, MSG_NOSIGNAL); }
 
  private:
-  void closeEnd(int end) noexcept {
-    close(ends_[end]);
-    ends_[end] = -1;
-  }
-
-  int ends_[2] = {-1, -1};
+  Descriptor host_;
+  Descriptor child_;
 };
 
 // Everything from here to execv() runs in the child.

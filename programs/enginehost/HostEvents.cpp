@@ -22,10 +22,13 @@ extern "C" void postSignal(int signal, siginfo_t* info, void*) {
 
 HostEvents::HostEvents(std::initializer_list<int> signals) {
   // Non-blocking: a full queue must not stop a signal handler.
-  if (pipe2(ends_, O_CLOEXEC | O_NONBLOCK) != 0) {
+  int ends[2];
+  if (pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0) {
     StdException::throwException(__PRETTY_FUNCTION__, __LINE__, std::strerror(errno), -1);
   }
-  writeEnd = ends_[1];
+  readEnd_.reset(ends[0]);
+  writeEnd_.reset(ends[1]);
+  writeEnd = ends[1];
   for (const int signal : signals) {
     struct sigaction action = {};
     action.sa_sigaction = postSignal;
@@ -41,22 +44,20 @@ HostEvents::~HostEvents() {
     sigaction(former.signal, &former.action, nullptr);
   }
   writeEnd = -1;
-  close(ends_[0]);
-  close(ends_[1]);
 }
 
 bool HostEvents::isEmpty() const {
-  pollfd waited = {ends_[0], POLLIN, 0};
+  pollfd waited = {readEnd_.get(), POLLIN, 0};
   return poll(&waited, 1, 0) <= 0;
 }
 
 int HostEvents::next() const {
   for (;;) {
     unsigned char event;
-    if (read(ends_[0], &event, 1) == 1) {
+    if (read(readEnd_.get(), &event, 1) == 1) {
       return event;
     }
-    pollfd waited = {ends_[0], POLLIN, 0};
+    pollfd waited = {readEnd_.get(), POLLIN, 0};
     poll(&waited, 1, -1);
   }
 }

@@ -4,6 +4,8 @@
 #include <initializer_list>
 #include <vector>
 
+#include "Engine/utilities/Descriptor.h"
+
 /// \file
 /// What the host waits for: signals, and the end of the debuggee.
 
@@ -24,7 +26,7 @@ class HostEvents {
   ~HostEvents();
 
   /// A descriptor that is readable while there is an event.
-  [[nodiscard]] int handle() const noexcept { return ends_[0]; }
+  [[nodiscard]] int handle() const noexcept { return readEnd_.get(); }
 
   /// Whether there is no event.
   [[nodiscard]] bool isEmpty() const;
@@ -41,7 +43,8 @@ class HostEvents {
     struct sigaction action;
   };
 
-  int ends_[2] = {-1, -1};
+  Descriptor readEnd_;
+  Descriptor writeEnd_;
   std::vector<Former> former_;
 };
 

@@ -30,9 +30,7 @@ void printAll(Properties& properties) {
   std::map<std::string_view, std::string_view> sorted;
   Properties::TableCursor cursor = properties.cursor();
   for (bool any = cursor.first(); any; any = cursor.next()) {
-    const EncodedString& key = cursor.element()->key;
-    const EncodedString& value = cursor.element()->value;
-    sorted.try_emplace({key, key.length()}, value, value.length());
+    sorted.emplace(cursor.element()->key.view(), cursor.element()->value.view());
   }
   for (const auto& [key, value] : sorted) {
     std::printf("%s=%s\n", printable(key).c_str(), printable(value).c_str());
@@ -44,7 +42,7 @@ int printValue(const Properties& properties, const EncodedString& key) {
     return statusNoSuchKey;
   }
   const EncodedString value = properties.getString(key);
-  std::fwrite(static_cast<const char*>(value), 1, value.length(), stdout);
+  std::fwrite(value.view().data(), 1, value.length(), stdout);
   std::puts("");
   return finishOutput();
 }

@@ -28,12 +28,7 @@ constexpr std::string_view otherVariables[] = {
     "CODEPAGE",   "LD_LIBRARY_PATH", "FRAME_ADD_DISABLE",
 };
 
-std::string textOf(const EncodedString& text) {
-  const char* const characters = text;
-  return {characters, text.length()};
-}
-
-std::string prefix() { return textOf(getEnvnamePrefix()); }
+std::string prefix() { return std::string(getEnvnamePrefix().view()); }
 
 struct Row {
   std::string name;
@@ -48,8 +43,8 @@ struct Row {
 
 // A setting that holds a key shows only whether there is one.
 std::string shown(const DebuggerSetting& setting, const EncodedString& value) {
-  const bool isSecret = textOf(setting.getName()) == "HRDM_KEY";
-  return isSecret && value.length() > 0 ? "********" : textOf(value);
+  const bool isSecret = setting.getName().view() == "HRDM_KEY";
+  return isSecret && value.length() > 0 ? "********" : std::string(value.view());
 }
 
 std::string typeName(const DebuggerSetting& setting) {
@@ -102,10 +97,10 @@ std::string reasonToRefuse(DebuggerSetting& setting, Say say) {
 
 Row rowOf(DebuggerSetting& setting, Say say) {
   Row row;
-  row.name = textOf(setting.getName());
+  row.name = setting.getName().view();
   row.type = typeName(setting);
-  row.permitted = textOf(setting.getPermittedValues());
-  row.defaultText = textOf(setting.getDefault());
+  row.permitted = setting.getPermittedValues().view();
+  row.defaultText = setting.getDefault().view();
   row.value = shown(setting, setting.getValue());
   row.from = originName(setting);
   if (setting.isEnvValueRefused()) {

@@ -9,6 +9,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/KeepErrno.h"
 
 #include "SignalsBlocked.h"
@@ -151,8 +152,7 @@ void restoreAtSignals() {
 
 // Interrupted by the signals of a stop and its end.
 void setModes(int handle, const termios& modes) {
-  while (tcsetattr(handle, TCSANOW, &modes) != 0 && errno == EINTR) {
-  }
+  uninterrupted([&] { return tcsetattr(handle, TCSANOW, &modes); });
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <system_error>
 #include <unistd.h>
 
+#include "Engine/utilities/Descriptor.h"
+
 namespace {
 
 // Puts off the signals that end a process, until the end of the scope. That a file would become
@@ -36,11 +38,11 @@ class SignalsPutOff {
 
 bool writeAll(int handle, std::string_view bytes) {
   while (!bytes.empty()) {
-    const ssize_t n = write(handle, bytes.data(), bytes.size());
-    if (n < 0 && errno != EINTR) {
+    const ssize_t n = uninterrupted([&] { return write(handle, bytes.data(), bytes.size()); });
+    if (n < 0) {
       return false;
     }
-    bytes.remove_prefix(n < 0 ? 0 : static_cast<std::size_t>(n));
+    bytes.remove_prefix(static_cast<std::size_t>(n));
   }
   return true;
 }
@@ -105,11 +107,9 @@ bool writeOutput(const std::string& file, const std::string& contents) {
     return writeInPlace(file.c_str(), contents);
   }
   // Opened to be told what speaks against it: that nobody may write to it, that it runs.
-  const int handle = open(file.c_str(), O_WRONLY | O_CLOEXEC);
-  if (handle < 0) {
+  if (!Descriptor(open(file.c_str(), O_WRONLY | O_CLOEXEC)).isOpen()) {
     return false;
   }
-  close(handle);
   constexpr mode_t permissions = 07777;
   return replace(behindLinks(file), contents, state.st_mode & permissions);
 }

@@ -43,7 +43,7 @@ EncodedString encoded(const std::string& text) {
 std::string text(const EncodedString& s) {
   const char* const p = s;
   EXPECT_EQ(p[s.length()], 0);
-  return {p, s.length()};
+  return std::string(s.view());
 }
 
 struct Pieces {

@@ -24,18 +24,13 @@ using testing::HasSubstr;
 
 EncodedString encoded(const std::string& text) { return {text.c_str(), EncodedString::utf8}; }
 
-std::string text(const EncodedString& s) {
-  const char* const p = s;
-  return {p, s.length()};
-}
-
 // The install location of an executable, or nothing. A failure leaves the argument alone.
 std::optional<std::string> locationOf(const std::string& executable) {
   EncodedString argument = encoded(executable);
   if (UNIX_Installpath::installLocation(argument)) {
-    return text(argument);
+    return std::string(argument.view());
   }
-  EXPECT_EQ(text(argument), executable);
+  EXPECT_EQ(argument.view(), executable);
   return std::nullopt;
 }
 
@@ -220,10 +215,10 @@ TEST(InstallPath, IsTheFolderAboveTheBinOfThisProgram) {
   const std::filesystem::path self = std::filesystem::read_symlink("/proc/self/exe");
   ASSERT_EQ(self.parent_path().filename(), "bin");
   const InstallPath* const path = InstallPath::instance();
-  EXPECT_EQ(text(path->path()), self.parent_path().parent_path().string());
+  EXPECT_EQ(path->path().view(), self.parent_path().parent_path().string());
   EXPECT_EQ(InstallPath::instance(), path);
   EXPECT_EQ(&path->path(), &path->path());
-  EXPECT_EQ(text(LINUX_Installpath().path()), text(path->path()));
+  EXPECT_EQ(LINUX_Installpath().path().view(), path->path().view());
 }
 
 std::string installPathOf(const std::string& program) {

@@ -24,20 +24,15 @@ EncodedString encoded(const std::string& text) {
   return {text.data(), static_cast<unsigned>(text.size()), EncodedString::utf8};
 }
 
-std::string text(const EncodedString& s) {
-  const char* const p = s;
-  return {p, s.length()};
-}
-
 std::string search(const std::string& name, const std::string& directories) {
-  return text(searchPath(encoded(name), encoded(directories)));
+  return std::string(searchPath(encoded(name), encoded(directories)).view());
 }
 
 std::string resolve(const std::string& path, unsigned depth) {
-  return text(resolveSymbolicLink(encoded(path), depth));
+  return std::string(resolveSymbolicLink(encoded(path), depth).view());
 }
 
-std::string strip(const std::string& path) { return text(stripPath(encoded(path))); }
+std::string strip(const std::string& path) { return std::string(stripPath(encoded(path)).view()); }
 
 void makeTool(const std::string& file, mode_t mode = 0755) {
   writeFile(file, "x");
@@ -162,17 +157,17 @@ CUL_CHILD(SearchPathAlongPATH) {
   const std::string top = childArguments().at(0);
   {
     const EnvironmentGuard path("PATH", "/none:" + top + "/sub");
-    EXPECT_EQ(text(searchPath(encoded("other"))), top + "/sub/other");
-    EXPECT_EQ(text(searchPath(encoded("tool"))), "");
+    EXPECT_EQ(searchPath(encoded("other")).view(), top + "/sub/other");
+    EXPECT_EQ(searchPath(encoded("tool")).view(), "");
   }
   {
     const EnvironmentGuard path("PATH", "");
-    EXPECT_EQ(text(searchPath(encoded("tool"))), "");
+    EXPECT_EQ(searchPath(encoded("tool")).view(), "");
   }
   const EnvironmentGuard path("PATH", std::nullopt);
-  EXPECT_EQ(text(searchPath(encoded("tool"))), top + "/./tool");
-  EXPECT_EQ(text(searchPath(encoded("other"))), "");
-  EXPECT_EQ(text(searchPath(encoded("/other"))), "/other");
+  EXPECT_EQ(searchPath(encoded("tool")).view(), top + "/./tool");
+  EXPECT_EQ(searchPath(encoded("other")).view(), "");
+  EXPECT_EQ(searchPath(encoded("/other")).view(), "/other");
 }
 
 TEST(SearchPath, UsesPATHOrTheWorkingDirectoryWhenItIsNotSet) {
@@ -230,7 +225,7 @@ CUL_CHILD(SearchPathWithForeignNames) {
   ASSERT_EQ(chdir(folder.c_str()), 0);
   EXPECT_EQ(search("\xE2\x82\xAC", "."), folder + "/./\xE2\x82\xAC");
   const EnvironmentGuard path("PATH", folder);
-  EXPECT_EQ(text(searchPath(encoded("\xE2\x82\xAC"))), folder + "/\xE2\x82\xAC");
+  EXPECT_EQ(searchPath(encoded("\xE2\x82\xAC")).view(), folder + "/\xE2\x82\xAC");
   ASSERT_EQ(symlink("\xE2\x82\xAC", "link"), 0);
   EXPECT_EQ(resolve(folder + "/link", 10), folder + "/\xE2\x82\xAC");
 }
@@ -247,7 +242,7 @@ TEST(ResolveSymbolicLink, GivesAPathThatIsNoLinkBack) {
   EXPECT_EQ(resolve(folder.path(), 10), folder.path());
   EXPECT_EQ(resolve(folder.file("none"), 10), folder.file("none"));
   EXPECT_EQ(resolve("", 10), "");
-  EXPECT_EQ(text(resolveSymbolicLink(encoded(folder.file("file")))), folder.file("file"));
+  EXPECT_EQ(resolveSymbolicLink(encoded(folder.file("file"))).view(), folder.file("file"));
 }
 
 TEST(ResolveSymbolicLink, JoinsARelativeTargetToTheFolderOfItsLink) {
@@ -276,12 +271,12 @@ TEST(ResolveSymbolicLink, FollowsTenLinksAndNoMoreWithDepthTen) {
   const TemporaryFolder folder;
   makeChain(folder, 11);
   EXPECT_EQ(resolve(folder.file("2"), 10), folder.file("end"));
-  EXPECT_EQ(text(resolveSymbolicLink(encoded(folder.file("2")))), folder.file("end"));
+  EXPECT_EQ(resolveSymbolicLink(encoded(folder.file("2"))).view(), folder.file("end"));
   try {
     const std::string result = resolve(folder.file("1"), 10);
     FAIL() << result;
   } catch (const EncodedString& path) {
-    EXPECT_EQ(text(path), folder.file("end"));
+    EXPECT_EQ(path.view(), folder.file("end"));
   }
 }
 
@@ -295,7 +290,7 @@ TEST(ResolveSymbolicLink, WithDepthZeroThrowsForAnyLink) {
     const std::string result = resolve(folder.file("1"), 0);
     FAIL() << result;
   } catch (const EncodedString& path) {
-    EXPECT_EQ(text(path), folder.file("2"));
+    EXPECT_EQ(path.view(), folder.file("2"));
   }
 }
 
@@ -324,7 +319,7 @@ TEST(ResolveSymbolicLink, DoesNotFollowALinkTextThatMayBeCut) {
 
 CUL_CHILD(ResolveALongChain) {
   const EncodedString result = resolveSymbolicLink(encoded(childArguments().at(0)));
-  ADD_FAILURE() << text(result);
+  ADD_FAILURE() << std::string(result.view());
 }
 
 TEST(ResolveSymbolicLink, EndsTheProcessForAChainOfElevenLinks) {
@@ -342,7 +337,7 @@ namespace {
 
 void printResolved() {
   for (const std::string& path : childArguments()) {
-    std::printf("%s\n", text(resolveSymbolicLink(encoded(path))).c_str());
+    std::printf("%s\n", std::string(resolveSymbolicLink(encoded(path)).view()).c_str());
   }
 }
 
@@ -351,7 +346,7 @@ void printResolved() {
 CUL_CHILD(ResolveALongChainUnheard) {
   loseReaderOfStandardError();
   const EncodedString result = resolveSymbolicLink(encoded(childArguments().at(0)));
-  ADD_FAILURE() << text(result);
+  ADD_FAILURE() << std::string(result.view());
 }
 
 TEST(ResolveSymbolicLink, EndsTheProcessWithItsStatusWhenNobodyReadsWhy) {

@@ -24,11 +24,6 @@ FileName name(const std::string& text) {
       EncodedString(text.data(), static_cast<unsigned>(text.size()), EncodedString::utf8));
 }
 
-std::string text(const EncodedString& s) {
-  const char* const p = s;
-  return {p, s.length()};
-}
-
 // Wanted names with their statuses and what was found for them.
 class Wanted {
  public:
@@ -55,7 +50,7 @@ class Wanted {
   std::vector<std::string> foundBelow(const std::string& folder) const {
     std::vector<std::string> result;
     for (const FileName* n : found) {
-      const std::string path = text(*n);
+      const std::string path = std::string(n->view());
       EXPECT_TRUE(path.starts_with(folder)) << path;
       result.push_back(path.substr(folder.size()));
     }
@@ -82,7 +77,7 @@ size_t openDescriptors() {
 }
 
 std::string search(const TemporaryFolder& folder, const std::string& wanted) {
-  const std::string path = text(SearchTree(name(folder.path())).search(name(wanted)));
+  const std::string path(SearchTree(name(folder.path())).search(name(wanted)).view());
   return path.starts_with(folder.path()) ? path.substr(folder.path().size()) : path;
 }
 
@@ -94,7 +89,7 @@ TEST(SearchTree, HasItsOptionsOffOnOff) {
   EXPECT_FALSE(tree.followsLinks());
   EXPECT_TRUE(tree.descends());
   EXPECT_FALSE(tree.stopsAtFirstHit());
-  EXPECT_EQ(text(tree.root()), folder.path());
+  EXPECT_EQ(tree.root().view(), folder.path());
 }
 
 TEST(SearchTree, OfAParentCopiesItsOptions) {
@@ -108,7 +103,7 @@ TEST(SearchTree, OfAParentCopiesItsOptions) {
     EXPECT_EQ(child.followsLinks(), (bits & 1U) != 0);
     EXPECT_EQ(child.descends(), (bits & 2U) != 0);
     EXPECT_EQ(child.stopsAtFirstHit(), (bits & 4U) != 0);
-    EXPECT_EQ(text(child.root()), folder.file("sub"));
+    EXPECT_EQ(child.root().view(), folder.file("sub"));
   }
 }
 
@@ -154,7 +149,7 @@ TEST(SearchTree, WalksInTheByteOrderOfNames) {
 TEST(SearchTree, TakesARootWithASeparatorAtItsEnd) {
   const TemporaryFolder folder;
   makeFile(folder, "a/x");
-  EXPECT_EQ(text(SearchTree(name(folder.path() + "/")).search(name("x"))), folder.file("a/x"));
+  EXPECT_EQ(SearchTree(name(folder.path() + "/")).search(name("x")).view(), folder.file("a/x"));
 }
 
 TEST(SearchTree, FindsNothingBelowARootThatCannotBeOpened) {
@@ -162,7 +157,7 @@ TEST(SearchTree, FindsNothingBelowARootThatCannotBeOpened) {
   makeFile(folder, "file");
   for (const std::string& root : {std::string(), folder.file("none"), folder.file("file")}) {
     const SearchTree tree(name(root));
-    EXPECT_EQ(text(tree.search(name("file"))), "") << root;
+    EXPECT_EQ(tree.search(name("file")).view(), "") << root;
     Wanted wanted({"file"});
     EXPECT_FALSE(wanted.searchIn(tree));
     EXPECT_EQ(wanted.status[0], SearchTree::stillWanted);
@@ -172,10 +167,10 @@ TEST(SearchTree, FindsNothingBelowARootThatCannotBeOpened) {
 TEST(SearchTree, SearchesAgainAndSeesWhatIsNew) {
   const TemporaryFolder folder;
   const SearchTree tree(name(folder.path()));
-  EXPECT_EQ(text(tree.search(name("x"))), "");
+  EXPECT_EQ(tree.search(name("x")).view(), "");
   makeFile(folder, "x");
-  EXPECT_EQ(text(tree.search(name("x"))), folder.file("x"));
-  EXPECT_EQ(text(tree.search(name("x"))), folder.file("x"));
+  EXPECT_EQ(tree.search(name("x")).view(), folder.file("x"));
+  EXPECT_EQ(tree.search(name("x")).view(), folder.file("x"));
 }
 
 TEST(SearchTree, StaysInTheRootWhenItDoesNotDescend) {
@@ -184,8 +179,8 @@ TEST(SearchTree, StaysInTheRootWhenItDoesNotDescend) {
   makeFile(folder, "y");
   SearchTree tree(name(folder.path()));
   tree.setDescend(false);
-  EXPECT_EQ(text(tree.search(name("x"))), "");
-  EXPECT_EQ(text(tree.search(name("y"))), folder.file("y"));
+  EXPECT_EQ(tree.search(name("x")).view(), "");
+  EXPECT_EQ(tree.search(name("y")).view(), folder.file("y"));
   Wanted wanted({"x", "y"});
   EXPECT_FALSE(wanted.searchIn(tree));
   EXPECT_THAT(wanted.foundBelow(folder.path()), ElementsAre("/y"));
@@ -215,17 +210,17 @@ TEST(SearchTree, EntersLinksToFoldersOnlyWhenAskedTo) {
   const TemporaryFolder folder;
   makeLink(folder, outside.path(), "link");
   SearchTree tree(name(folder.path()));
-  EXPECT_EQ(text(tree.search(name("x"))), "");
+  EXPECT_EQ(tree.search(name("x")).view(), "");
   tree.setFollowLinks(true);
-  EXPECT_EQ(text(tree.search(name("x"))), folder.file("link/x"));
-  EXPECT_EQ(text(tree.search(name("link"))), "");
+  EXPECT_EQ(tree.search(name("x")).view(), folder.file("link/x"));
+  EXPECT_EQ(tree.search(name("link")).view(), "");
 }
 
 TEST(SearchTree, TheRootMayBeALink) {
   const TemporaryFolder folder;
   makeFile(folder, "real/x");
   makeLink(folder, "real", "link");
-  EXPECT_EQ(text(SearchTree(name(folder.file("link"))).search(name("x"))), folder.file("link/x"));
+  EXPECT_EQ(SearchTree(name(folder.file("link"))).search(name("x")).view(), folder.file("link/x"));
 }
 
 TEST(SearchTree, EndsInALoopOfLinks) {
@@ -235,8 +230,8 @@ TEST(SearchTree, EndsInALoopOfLinks) {
   makeLink(folder, ".", "self");
   SearchTree tree(name(folder.path()));
   tree.setFollowLinks(true);
-  EXPECT_EQ(text(tree.search(name("none"))), "");
-  EXPECT_EQ(text(tree.search(name("z"))), folder.file("a/b/z"));
+  EXPECT_EQ(tree.search(name("none")).view(), "");
+  EXPECT_EQ(tree.search(name("z")).view(), folder.file("a/b/z"));
 }
 
 TEST(SearchTree, EntersEachFolderOnceHoweverManyLinksLeadToIt) {
@@ -252,8 +247,8 @@ TEST(SearchTree, EntersEachFolderOnceHoweverManyLinksLeadToIt) {
   makeFile(folder, "9/z");
   SearchTree tree(name(folder.path()));
   tree.setFollowLinks(true);
-  EXPECT_EQ(text(tree.search(name("none"))), "");
-  EXPECT_EQ(text(tree.search(name("z"))).substr(folder.path().size() + 1, 2), "0/");
+  EXPECT_EQ(tree.search(name("none")).view(), "");
+  EXPECT_EQ(tree.search(name("z")).view().substr(folder.path().size() + 1, 2), "0/");
 }
 
 TEST(SearchTree, FindsSeveralNamesInOneWalk) {
@@ -334,7 +329,7 @@ TEST(SearchTree, CompareMultiRecordsThePathBelowTheRoot) {
     char entry[] = "a.b";
     EXPECT_EQ(tree.compareMulti(entry, wanted.wanted, wanted.found, wanted.status.data()), 1U);
     EXPECT_THAT(wanted.foundBelow(folder.path()), ElementsAre("/a.b"));
-    EXPECT_EQ(text(wanted.found[0]->base()), "a.b");
+    EXPECT_EQ(wanted.found[0]->base().view(), "a.b");
   }
 }
 
@@ -348,7 +343,7 @@ CUL_CHILD(SearchTreeThatIsDeep) {
     few.rlim_cur = before + 4;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
     const SearchTree tree(name(top));
-    EXPECT_EQ(text(tree.search(name("x"))), file);
+    EXPECT_EQ(tree.search(name("x")).view(), file);
     Wanted wanted({"x", "none"});
     EXPECT_FALSE(wanted.searchIn(tree));
     EXPECT_EQ(wanted.found.count(), 1U);
@@ -378,7 +373,7 @@ TEST(SearchTree, GivesItsDescriptorBack) {
   {
     const SearchTree tree(name(folder.path()));
     EXPECT_EQ(openDescriptors(), before + 1);
-    EXPECT_EQ(text(tree.search(name("x"))), folder.file("a/x"));
+    EXPECT_EQ(tree.search(name("x")).view(), folder.file("a/x"));
     EXPECT_EQ(openDescriptors(), before + 1);
     const SearchTree none{FileName()};
     EXPECT_EQ(openDescriptors(), before + 1);
@@ -391,7 +386,7 @@ CUL_CHILD(SearchTreeWithALockedFolder) {
     ASSERT_EQ(setuid(65534), 0);
   }
   const std::string folder = childArguments().at(0);
-  EXPECT_EQ(text(SearchTree(name(folder)).search(name("x"))), folder + "/b/x");
+  EXPECT_EQ(SearchTree(name(folder)).search(name("x")).view(), folder + "/b/x");
 }
 
 TEST(SearchTree, PassesOverAFolderThatMayNotBeRead) {

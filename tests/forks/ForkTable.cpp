@@ -53,11 +53,7 @@ using Encoding = EncodedString::Encoding;
 
 std::string traceFolder;
 
-std::string_view textOf(const char* text) { return text; }
-
 EncodedString utf8(const char* text) { return {text, Encoding::utf8}; }
-
-const char* charsOf(const EncodedString& text) { return text; }
 
 // Has a child that hangs killed by SIGALRM.
 void limitLife() {
@@ -72,7 +68,7 @@ bool useStrings() {
     text += EncodedString::number(i);
     const CharString wide(L"a wide text");
     const EncodedString copy = text;
-    if (charsOf(copy) != "forked " + std::to_string(i) || wide.length() != 11) {
+    if (copy.view() != "forked " + std::to_string(i) || wide.length() != 11) {
       return false;
     }
   }
@@ -95,7 +91,7 @@ bool convertNatively() {
   for (int i = 0; i < 10; ++i) {
     const EncodedString text("caf\xE9", Encoding::native);
     const ByteString back = text.convert(Encoding::native);
-    if (textOf(text) != "caf\xC3\xA9" || back != ByteString("caf\xE9")) {
+    if (text.view() != "caf\xC3\xA9" || back != ByteString("caf\xE9")) {
       return false;
     }
   }
@@ -117,7 +113,7 @@ bool convertOtherCodePages() {
     const EncodedString text = UnicodeUtilities::convertFromCP(one.bytes, one.codePage);
     EncodedString back = text;
     back.convertToUTF8(one.codePage);
-    if (textOf(text) != one.text || textOf(back) != one.bytes) {
+    if (text.view() != one.text || back.view() != one.bytes) {
       return false;
     }
   }
@@ -265,13 +261,12 @@ bool searchFiles() {
   name.change_extension(utf8("doc"));
   const EncodedString shell = searchPath(utf8("sh"), utf8("/nowhere:/bin"));
   const FileName found = FileName::findFile(FileName("sh", Encoding::utf8), utf8("/bin"), false);
-  return textOf(name.extension()) == ".doc" && textOf(shell) == "/bin/sh" &&
-         found.isAccessible(true);
+  return name.extension().view() == ".doc" && shell.view() == "/bin/sh" && found.isAccessible(true);
 }
 
 bool getMessages() {
   const LibraryMessageServer server(ByteString("wobndbg"), "de_DE");
-  return textOf(server.getMessage(1, 2)) == "Gr\u00fc\u00dfe, \u4e16\u754c";
+  return server.getMessage(1, 2).view() == "Gr\u00fc\u00dfe, \u4e16\u754c";
 }
 
 bool findModules() {
@@ -297,7 +292,7 @@ bool spawnAProcess() {
 
 bool tellTheTime() {
   const TimeDateStamp stamp(2001, 2, 3, 4, 5, 6);
-  return textOf(stamp.asString(true)) == "20010203040506";
+  return stamp.asString(true).view() == "20010203040506";
 }
 
 bool forkAgain() {

@@ -37,16 +37,12 @@ EncodedString text(std::string_view s) {
 
 FileName named(const std::string& path) { return {path.c_str(), EncodedString::utf8}; }
 
-std::string bytesOf(const EncodedString& s) {
-  const char* const characters = s;
-  return {characters, s.length()};
-}
-
 Map contentsOf(Properties& properties) {
   Map contents;
   Properties::TableCursor cursor = properties.cursor();
   for (bool any = cursor.first(); any; any = cursor.next()) {
-    contents[bytesOf(cursor.element()->key)] = bytesOf(cursor.element()->value);
+    contents[std::string(cursor.element()->key.view())] =
+        std::string(cursor.element()->value.view());
   }
   EXPECT_EQ(contents.size(), properties.numItems());
   return contents;
@@ -69,8 +65,8 @@ void expectNoInteger(const Properties& properties, std::string_view key) {
     static_cast<void>(properties.getInteger(text(key)));
     ADD_FAILURE() << key;
   } catch (const StdException& e) {
-    EXPECT_EQ(bytesOf(e.text), "Invalid property format.");
-    EXPECT_EQ(bytesOf(e.fileName), location);
+    EXPECT_EQ(e.text.view(), "Invalid property format.");
+    EXPECT_EQ(e.fileName.view(), location);
     EXPECT_EQ(e.line, 139U);
     EXPECT_EQ(e.status, -1);
   }
@@ -83,7 +79,7 @@ TEST(Properties, AreEmptyWithoutAFile) {
   EXPECT_TRUE(properties.isEmpty());
   EXPECT_EQ(properties.numItems(), 0U);
   EXPECT_FALSE(properties.doesContain(text("a")));
-  EXPECT_EQ(bytesOf(properties.getString(text("a"))), "");
+  EXPECT_EQ(properties.getString(text("a")).view(), "");
   EXPECT_FALSE(properties.cursor().first());
 }
 
@@ -172,8 +168,9 @@ TEST(Properties, AreInATableOf257BucketsAndBlocksOf500Elements) {
   Properties::TableCursor expected(table);
   std::map<unsigned, std::uintptr_t> addresses;
   for (bool any = cursor.first() && expected.first(); any; any = cursor.next() && expected.next()) {
-    ASSERT_EQ(bytesOf(cursor.element()->key), bytesOf(expected.element()->key));
-    const auto number = static_cast<unsigned>(std::stoul(bytesOf(cursor.element()->key)));
+    ASSERT_EQ(cursor.element()->key.view(), expected.element()->key.view());
+    const auto number =
+        static_cast<unsigned>(std::stoul(std::string(cursor.element()->key.view())));
     addresses[number] = reinterpret_cast<std::uintptr_t>(cursor.element());
   }
   ASSERT_EQ(addresses.size(), 1001U);
@@ -344,12 +341,12 @@ TEST(Properties, AreSetAndReplaced) {
   properties.setProperty(text("a"), text("22"));
   properties.setProperty(text("b"), text(""));
   EXPECT_EQ(properties.numItems(), 2U);
-  EXPECT_EQ(bytesOf(properties.getString(text("a"))), "22");
+  EXPECT_EQ(properties.getString(text("a")).view(), "22");
   EXPECT_TRUE(properties.doesContain(text("b")));
-  EXPECT_EQ(bytesOf(properties.getString(text("b"))), "");
+  EXPECT_EQ(properties.getString(text("b")).view(), "");
   // Nothing is stripped or taken for a comment here.
   properties.setProperty(text(" # "), text(" = "));
-  EXPECT_EQ(bytesOf(properties.getString(text(" # "))), " = ");
+  EXPECT_EQ(properties.getString(text(" # ")).view(), " = ");
 }
 
 TEST(Properties, TakeNoEmptyKey) {
@@ -365,7 +362,7 @@ TEST(Properties, KeepTheirPlaceWhenTheyAreReplacedAndTheirCursorsInAnyChange) {
     std::vector<std::string> result;
     Properties::TableCursor cursor = properties.cursor();
     for (bool isThere = cursor.first(); isThere; isThere = cursor.next()) {
-      result.push_back(bytesOf(cursor.element()->key));
+      result.push_back(std::string(cursor.element()->key.view()));
     }
     return result;
   };
@@ -376,23 +373,23 @@ TEST(Properties, KeepTheirPlaceWhenTheyAreReplacedAndTheirCursorsInAnyChange) {
   Properties::TableCursor cursor = properties.cursor();
   size_t met = 0;
   for (bool isThere = cursor.first(); isThere; isThere = cursor.next(), ++met) {
-    const std::string key = bytesOf(cursor.element()->key);
+    const std::string key(cursor.element()->key.view());
     ASSERT_LT(met, before.size());
     EXPECT_EQ(key, before[met]);
     properties.setProperty(text(key), text("new"));
     EXPECT_FALSE(properties.doesContain(text("absent")));
-    EXPECT_EQ(bytesOf(properties.getString(text("0"))).size(), 3U);
+    EXPECT_EQ(properties.getString(text("0")).length(), 3U);
   }
   EXPECT_EQ(met, 1000U);
   EXPECT_EQ(keys(), before);
   // What is added comes first in its bucket: ahead of the cursor or behind it.
   const std::string last = before.back();
   ASSERT_TRUE(cursor.last());
-  EXPECT_EQ(bytesOf(cursor.element()->key), last);
+  EXPECT_EQ(cursor.element()->key.view(), last);
   for (int i = 1000; i < 3000; ++i) {
     properties.setProperty(text(std::to_string(i)), text("added"));
   }
-  EXPECT_EQ(bytesOf(cursor.element()->key), last);
+  EXPECT_EQ(cursor.element()->key.view(), last);
   EXPECT_FALSE(cursor.next());
   EXPECT_EQ(keys().back(), last);
 }
@@ -460,7 +457,7 @@ TEST(Properties, ThrowForAnEmptyValueOfAFile) {
   const FileName file = named(folder.file("p"));
   const Properties properties(&file);
   EXPECT_TRUE(properties.doesContain(text("key")));
-  EXPECT_EQ(bytesOf(properties.getString(text("key"))), "");
+  EXPECT_EQ(properties.getString(text("key")).view(), "");
   expectNoInteger(properties, "key");
 }
 

@@ -26,8 +26,6 @@ EncodedString text(std::string_view s) {
   return {s.data(), static_cast<unsigned>(s.size()), EncodedString::utf8};
 }
 
-std::string bytesOf(const EncodedString& s) { return static_cast<const char*>(s); }
-
 Element entry(std::string_view key, std::string_view value = "") {
   return {text(key), text(value)};
 }
@@ -46,7 +44,7 @@ std::vector<std::string> keysForward(Table& table) {
   std::vector<std::string> keys;
   TableCursor cursor(table);
   for (bool any = cursor.first(); any; any = cursor.next()) {
-    keys.push_back(bytesOf(cursor.element()->key));
+    keys.push_back(std::string(cursor.element()->key.view()));
   }
   return keys;
 }
@@ -55,7 +53,7 @@ std::vector<std::string> keysBackward(Table& table) {
   std::vector<std::string> keys;
   TableCursor cursor(table);
   for (bool any = cursor.last(); any; any = cursor.previous()) {
-    keys.push_back(bytesOf(cursor.element()->key));
+    keys.push_back(std::string(cursor.element()->key.view()));
   }
   return keys;
 }
@@ -111,8 +109,8 @@ TEST(SearchList_HashTable, FindsWhatWasAdded) {
   for (const std::string& key : keys) {
     Element* const found = table.find(text(key));
     ASSERT_NE(found, nullptr);
-    EXPECT_EQ(bytesOf(found->key), key);
-    EXPECT_EQ(bytesOf(found->value), "value of " + key);
+    EXPECT_EQ(found->key.view(), key);
+    EXPECT_EQ(found->value.view(), "value of " + key);
   }
   EXPECT_EQ(table.find(text("key20")), nullptr);
 }
@@ -122,9 +120,9 @@ TEST(SearchList_HashTable, HasTheEmptyKeyAndKeysWithZeroBytes) {
   EXPECT_TRUE(table.add(entry("", "empty")));
   EXPECT_TRUE(table.add(entry(std::string_view("\0", 1), "zero")));
   EXPECT_TRUE(table.add(entry(std::string_view("\0a", 2), "more")));
-  EXPECT_EQ(bytesOf(table.find(text(""))->value), "empty");
-  EXPECT_EQ(bytesOf(table.find(text(std::string_view("\0", 1)))->value), "zero");
-  EXPECT_EQ(bytesOf(table.find(text(std::string_view("\0a", 2)))->value), "more");
+  EXPECT_EQ(table.find(text(""))->value.view(), "empty");
+  EXPECT_EQ(table.find(text(std::string_view("\0", 1)))->value.view(), "zero");
+  EXPECT_EQ(table.find(text(std::string_view("\0a", 2)))->value.view(), "more");
 }
 
 TEST(SearchList_HashTable, KeepsTheFirstOfTwoElementsWithTheSameUniqueKey) {
@@ -134,7 +132,7 @@ TEST(SearchList_HashTable, KeepsTheFirstOfTwoElementsWithTheSameUniqueKey) {
   EXPECT_FALSE(table.add(entry("a", "3")));
   EXPECT_EQ(table.count(), 2U);
   // The cursor has moved to the one that is there.
-  EXPECT_EQ(bytesOf(table.cursor().element()->value), "1");
+  EXPECT_EQ(table.cursor().element()->value.view(), "1");
 }
 
 TEST(SearchList_HashTable, KeepsDuplicatesWhenAskedToAndFindsTheLastOneFirst) {
@@ -144,9 +142,9 @@ TEST(SearchList_HashTable, KeepsDuplicatesWhenAskedToAndFindsTheLastOneFirst) {
       EXPECT_TRUE(table.add(entry("a", value)));
     }
     EXPECT_EQ(table.count(), 3U);
-    EXPECT_EQ(bytesOf(table.find(text("a"))->value), "3");
+    EXPECT_EQ(table.find(text("a"))->value.view(), "3");
     EXPECT_TRUE(table.remove(text("a")));
-    EXPECT_EQ(bytesOf(table.find(text("a"))->value), "2");
+    EXPECT_EQ(table.find(text("a"))->value.view(), "2");
     EXPECT_TRUE(table.add(*table.find(text("a"))));
     EXPECT_EQ(table.count(), 3U);
   }
@@ -256,7 +254,7 @@ TEST(SearchList_HashTable, RemovesWhatACursorStandsOn) {
   unsigned left = 30;
   for (bool any = cursor.first(); any; --left) {
     ASSERT_EQ(table.count(), left);
-    const std::string key = bytesOf(cursor.element()->key);
+    const std::string key(cursor.element()->key.view());
     TableCursor removed = cursor;
     any = cursor.next();
     EXPECT_TRUE(table.remove(removed));
@@ -275,12 +273,12 @@ TEST(SearchList_HashTable, RemovesOneOfTheDuplicatesByCursor) {
   }
   TableCursor cursor(table);
   ASSERT_TRUE(cursor.first() && cursor.next());
-  EXPECT_EQ(bytesOf(cursor.element()->value), "2");
+  EXPECT_EQ(cursor.element()->value.view(), "2");
   EXPECT_TRUE(table.remove(cursor));
   ASSERT_TRUE(cursor.first());
-  EXPECT_EQ(bytesOf(cursor.element()->value), "3");
+  EXPECT_EQ(cursor.element()->value.view(), "3");
   ASSERT_TRUE(cursor.next());
-  EXPECT_EQ(bytesOf(cursor.element()->value), "1");
+  EXPECT_EQ(cursor.element()->value.view(), "1");
 }
 
 TEST(SearchList_HashTable, RemovesWhatItsOwnCursorStandsOn) {
@@ -312,13 +310,13 @@ TEST(SearchList_HashTable, MarksWhatWasFoundOrAddedLast) {
   Table table(3, 4, 0, nullptr);
   EXPECT_EQ(table.cursor().element(), nullptr);
   addAll(table, {"a", "b", "c"});
-  EXPECT_EQ(bytesOf(table.cursor().element()->key), "c");
+  EXPECT_EQ(table.cursor().element()->key.view(), "c");
   Element* const a = table.find(text("a"));
   EXPECT_EQ(table.cursor().element(), a);
   EXPECT_EQ(table.find(text("none")), nullptr);
-  EXPECT_EQ(bytesOf(table.cursor().element()->key), "a");
+  EXPECT_EQ(table.cursor().element()->key.view(), "a");
   EXPECT_TRUE(table.remove(text("b")));
-  EXPECT_EQ(bytesOf(table.cursor().element()->key), "a");
+  EXPECT_EQ(table.cursor().element()->key.view(), "a");
   EXPECT_TRUE(table.remove(text("a")));
   EXPECT_EQ(table.cursor().element(), nullptr);
 }
@@ -328,7 +326,7 @@ TEST(SearchList_HashTable, LooksKeysUpThroughAFindThatMayBeReplaced) {
    public:
     using Table::Table;
     Element* find(const EncodedString& key) override {
-      return bytesOf(key) == "known" ? &known_ : Table::find(key);
+      return key.view() == "known" ? &known_ : Table::find(key);
     }
 
    private:
@@ -436,7 +434,7 @@ TEST(SearchList_HashTable, IsWholeAfterACopyThatFailed) {
   EXPECT_THROW(table.add(Fragile("b")), std::runtime_error);
   EXPECT_EQ(table.count(), 1U);
   EXPECT_EQ(table.find(text("b")), nullptr);
-  EXPECT_EQ(bytesOf(table.cursor().element()->key), "a");
+  EXPECT_EQ(table.cursor().element()->key.view(), "a");
   // The storage that was meant for it serves the next one.
   const size_t requests = heap.sizes.size();
   Fragile::copiesLeft = UINT_MAX;
@@ -480,7 +478,7 @@ TEST(SearchList_HashTable, IsUsedThroughItsBase) {
   std::unique_ptr<SearchList<Element, EncodedString>> list =
       std::make_unique<Table>(3, 4, 0, nullptr);
   EXPECT_TRUE(list->add(entry("a", "1")));
-  EXPECT_EQ(bytesOf(list->find(text("a"))->value), "1");
+  EXPECT_EQ(list->find(text("a"))->value.view(), "1");
   const std::unique_ptr<Cursor<Element, EncodedString>> cursor = list->cursor().clone();
   EXPECT_TRUE(list->remove(*cursor));
   EXPECT_TRUE(list->isEmpty());
@@ -554,9 +552,9 @@ TEST(Cursor_HashTable, TurnsRound) {
     for (size_t i = 0; i < turn; ++i) {
       ASSERT_TRUE(cursor.next());
     }
-    EXPECT_EQ(bytesOf(cursor.element()->key), order[turn]);
+    EXPECT_EQ(cursor.element()->key.view(), order[turn]);
     ASSERT_TRUE(cursor.previous());
-    EXPECT_EQ(bytesOf(cursor.element()->key), order[turn - 1]);
+    EXPECT_EQ(cursor.element()->key.view(), order[turn - 1]);
   }
 }
 
@@ -590,9 +588,9 @@ TEST(Cursor_HashTable, StaysOnItsElementWhenOthersComeAndGo) {
     for (const std::string& other : keys) {
       if (other != key) {
         ASSERT_TRUE(table.remove(text(other)));
-        EXPECT_EQ(bytesOf(cursor.element()->key), key);
+        EXPECT_EQ(cursor.element()->key.view(), key);
         addAll(table, {other});
-        EXPECT_EQ(bytesOf(cursor.element()->key), key);
+        EXPECT_EQ(cursor.element()->key.view(), key);
       }
     }
   }

@@ -25,7 +25,6 @@
 #include "tests/support/ChildMain.h"
 #include "tests/support/OrdinaryUser.h"
 #include "tests/support/TemporaryFolder.h"
-#include "tests/support/Views.h"
 
 /// The compiler of message catalogs and the libraries that come of it.
 
@@ -145,11 +144,11 @@ TEST(MessageCompiler, MakesALibraryThatShowsItsTwoEntriesOnly) {
 
 CUL_CHILD(ServeABuiltCatalog) {
   const XPG4MsgServer server(nullptr, "test");
-  EXPECT_EQ(viewOf(server.getMessage(2, 1)), "Gr\u00fc\u00dfe");
-  EXPECT_EQ(viewOf(server.getMessage(3, 1)), "one");
+  EXPECT_EQ(server.getMessage(2, 1).view(), "Gr\u00fc\u00dfe");
+  EXPECT_EQ(server.getMessage(3, 1).view(), "one");
   EXPECT_EQ(server.getMessage(9, 9).length(), 0U);
   const XPG4MsgServer other("ko_KR", "test");
-  EXPECT_EQ(viewOf(other.getMessage(3, 2)), "two");
+  EXPECT_EQ(other.getMessage(3, 2).view(), "two");
 }
 
 TEST(MessageCompiler, MakesALibraryForTheMessageServer) {

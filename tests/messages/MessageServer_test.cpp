@@ -17,7 +17,6 @@
 #include "tests/support/Child.h"
 #include "tests/support/EnvironmentGuard.h"
 #include "tests/support/TracedChild.h"
-#include "tests/support/Views.h"
 #include "tests/threads/ThreadSupport.h"
 
 namespace {
@@ -128,7 +127,7 @@ TEST(LibraryMessageServer, AsksNoOtherVariableForTheLocale) {
 CUL_CHILD(ServeAllNames) {
   for (const auto& [name, locale] : localesByName) {
     const LibraryMessageServer server(ByteString("wobndbg"), name.c_str());
-    EXPECT_EQ(viewOf(server.getMessage(1, 1)), locale) << name;
+    EXPECT_EQ(server.getMessage(1, 1).view(), locale) << name;
   }
 }
 
@@ -141,7 +140,7 @@ TEST(LibraryMessageServer, GivesTheCatalogTheLocaleThatTheRequestedNameChooses) 
 
 CUL_CHILD(ServeTheEnvironment) {
   const LibraryMessageServer server(ByteString("wobndbg"), nullptr);
-  EXPECT_EQ(viewOf(server.getMessage(1, 1)), childArguments().at(0));
+  EXPECT_EQ(server.getMessage(1, 1).view(), childArguments().at(0));
 }
 
 TEST(LibraryMessageServer, GivesTheCatalogTheLocaleOfTheEnvironmentWhenNoneIsRequested) {
@@ -152,16 +151,16 @@ TEST(LibraryMessageServer, GivesTheCatalogTheLocaleOfTheEnvironmentWhenNoneIsReq
 CUL_CHILD(ServeTexts) {
   const XPG4MsgServer server("de_DE", "dbg");
   const XPG4MsgServer::SystemMessageServer& texts = server;
-  EXPECT_EQ(viewOf(texts.getMessage(1, 2)), "Gr\u00fc\u00dfe, \u4e16\u754c");
+  EXPECT_EQ(texts.getMessage(1, 2).view(), "Gr\u00fc\u00dfe, \u4e16\u754c");
   EXPECT_EQ(texts.getMessage(1, 2).charCount(), 9U);
-  EXPECT_EQ(viewOf(texts.getRawMessage(1, 2)), "Gr\u00fc\u00dfe, \u4e16\u754c");
+  EXPECT_EQ(texts.getRawMessage(1, 2).view(), "Gr\u00fc\u00dfe, \u4e16\u754c");
   // As they stand in the catalog, whatever they are.
-  EXPECT_EQ(viewOf(texts.getRawMessage(1, 3)), "\xff\x80 is no UTF-8");
-  EXPECT_EQ(viewOf(texts.getMessage(1, 3)), "\xff\x80 is no UTF-8");
-  EXPECT_EQ(viewOf(texts.getMessage(1, 4)), "");
-  EXPECT_EQ(viewOf(texts.getRawMessage(1, 4)), "");
-  EXPECT_EQ(viewOf(texts.getMessage(INT_MIN, INT_MAX)), "the least and the greatest");
-  EXPECT_EQ(viewOf(texts.getRawMessage(INT_MIN, INT_MAX)), "the least and the greatest");
+  EXPECT_EQ(texts.getRawMessage(1, 3).view(), "\xff\x80 is no UTF-8");
+  EXPECT_EQ(texts.getMessage(1, 3).view(), "\xff\x80 is no UTF-8");
+  EXPECT_EQ(texts.getMessage(1, 4).view(), "");
+  EXPECT_EQ(texts.getRawMessage(1, 4).view(), "");
+  EXPECT_EQ(texts.getMessage(INT_MIN, INT_MAX).view(), "the least and the greatest");
+  EXPECT_EQ(texts.getRawMessage(INT_MIN, INT_MAX).view(), "the least and the greatest");
 }
 
 TEST(XPG4MsgServer, GivesTextsAsUtf8AndAsTheirBytes) {
@@ -205,13 +204,13 @@ CUL_CHILD(TryCatalog) {
   try {
     const LibraryMessageServer server(ByteString(childArguments().at(0).c_str()), "de_DE");
     const EncodedString text = server.getMessage(1, 1);
-    EXPECT_EQ(viewOf(server.getRawMessage(1, 1)), viewOf(text));
-    std::printf("made, <%s>", charsOf(text));
+    EXPECT_EQ(server.getRawMessage(1, 1).view(), text.view());
+    std::printf("made, <%s>", text.view().data());
   } catch (const StdException& e) {
-    EXPECT_EQ(viewOf(e.fileName), place);
+    EXPECT_EQ(e.fileName.view(), place);
     EXPECT_EQ(e.status, -1);
     EXPECT_GT(e.line, 0U);
-    std::printf("thrown, %s", charsOf(e.text));
+    std::printf("thrown, %s", e.text.view().data());
   }
 }
 

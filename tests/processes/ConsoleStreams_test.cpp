@@ -21,7 +21,6 @@
 #include "tests/processes/ConsoleSupport.h"
 #include "tests/processes/FailingCall.h"
 #include "tests/support/ChildMain.h"
-#include "tests/support/Views.h"
 #include "tests/support/WaitUntil.h"
 
 namespace {
@@ -76,7 +75,7 @@ std::string readAll(const UNIXStdioPipes& console, StdioPipes::StdFileHandle str
     ByteString out;
     const int n = console.read(stream, out, size - static_cast<unsigned>(all.size()));
     EXPECT_EQ(n, static_cast<int>(out.length()));
-    all += viewOf(out);
+    all += out.view();
     return all.size() >= size;
   })) << all;
   return all;
@@ -156,7 +155,7 @@ CUL_CHILD(ConsoleReadStops) {
   }));
   ByteString out;
   EXPECT_EQ(console.read(StdioPipes::StdOutput, out, 3), 3);
-  EXPECT_EQ(viewOf(out), "abc");
+  EXPECT_EQ(out.view(), "abc");
   char bytes[6] = {'.', '.', '.', '.', '.', '.'};
   EXPECT_EQ(console.read(StdioPipes::StdError, bytes, 4), 4);
   EXPECT_EQ(std::string(bytes, 6), "defg..");
@@ -184,13 +183,13 @@ CUL_CHILD(ConsoleReadZeros) {
   ByteString out;
   print(std::string("\0a\0\0b\0c\0\0d\0", 11));
   EXPECT_EQ(console.read(StdioPipes::StdOutput, out, 3), 3);
-  EXPECT_EQ(viewOf(out), "abc");
+  EXPECT_EQ(out.view(), "abc");
   // Zero bytes are dropped while more is wanted, and only then.
   int waiting = 0;
   EXPECT_EQ(ioctl(console.readHandle(StdioPipes::StdOutput), FIONREAD, &waiting), 0);
   EXPECT_EQ(waiting, 4);
   EXPECT_EQ(console.read(StdioPipes::StdOutput, out, 3), 1);
-  EXPECT_EQ(viewOf(out), "d");
+  EXPECT_EQ(out.view(), "d");
   print(std::string(3, '\0'));
   EXPECT_EQ(console.read(StdioPipes::StdOutput, out, 3), 0);
   EXPECT_EQ(out.length(), 0U);
@@ -205,7 +204,7 @@ CUL_CHILD(ConsoleReadZeros) {
   print(all);
   withoutZero = all.substr(1);
   EXPECT_EQ(console.read(StdioPipes::StdOutput, out, 1000), 255);
-  EXPECT_EQ(viewOf(out), withoutZero);
+  EXPECT_EQ(out.view(), withoutZero);
 }
 
 TEST(ConsoleStreams, DropZeroBytesFromWhatIsRead) { expectSuccess("ConsoleReadZeros"); }
@@ -276,7 +275,7 @@ CUL_CHILD(ConsoleReadFailing) {
     const CallRecord record({LibcCall::poll, LibcCall::read});
     const FailingCall failing({.call = LibcCall::poll, .first = master, .after = 1});
     EXPECT_EQ(console.read(StdioPipes::StdOutput, out, 10), 3);
-    EXPECT_EQ(viewOf(out), "abc");
+    EXPECT_EQ(out.view(), "abc");
     for (const CallMade& made : record.calls()) {
       EXPECT_EQ(made.first, master);
       if (made.call == LibcCall::poll) {
@@ -543,8 +542,8 @@ CUL_CHILD(ConsoleDebugger) {
     }
     EXPECT_EQ(statusOf(debuggee), 0);
     ByteString rest;
-    EXPECT_EQ(console.read(StdioPipes::StdOutput, rest, 1000), 0) << viewOf(rest);
-    EXPECT_EQ(console.read(StdioPipes::StdError, rest, 1000), 0) << viewOf(rest);
+    EXPECT_EQ(console.read(StdioPipes::StdOutput, rest, 1000), 0) << rest.view();
+    EXPECT_EQ(console.read(StdioPipes::StdError, rest, 1000), 0) << rest.view();
   }
   EXPECT_EQ(openDescriptors(), before);
 }

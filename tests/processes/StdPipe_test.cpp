@@ -25,7 +25,6 @@
 #include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/TracedChild.h"
-#include "tests/support/Views.h"
 
 namespace {
 
@@ -131,7 +130,7 @@ std::string readToTheEnd(const StdPipe& pipe) {
   ByteString piece;
   do {
     EXPECT_GE(pipe.read(piece, 10000), 1);
-    all += viewOf(piece);
+    all += piece.view();
   } while (piece.length() != 0);
   return all;
 }
@@ -243,7 +242,7 @@ TEST(StdPipe, WritesAndReads) {
   EXPECT_EQ(pipe.write("hello", 5), 5);
   ByteString out;
   EXPECT_EQ(pipe.read(out, 100), 5);
-  EXPECT_EQ(viewOf(out), "hello");
+  EXPECT_EQ(out.view(), "hello");
   EXPECT_TRUE(isBlocking(pipe.readHandle()));
 }
 
@@ -252,9 +251,9 @@ TEST(StdPipe, ReadsOneByteMoreThanTheMaximum) {
   (void)pipe.write("abcdef", 6);
   ByteString out;
   EXPECT_EQ(pipe.read(out, 3), 4);
-  EXPECT_EQ(viewOf(out), "abcd");
+  EXPECT_EQ(out.view(), "abcd");
   EXPECT_EQ(pipe.read(out, 1), 2);
-  EXPECT_EQ(viewOf(out), "ef");
+  EXPECT_EQ(out.view(), "ef");
 }
 
 TEST(StdPipe, CarriesBytesOfAnyValue) {
@@ -266,7 +265,7 @@ TEST(StdPipe, CarriesBytesOfAnyValue) {
   EXPECT_EQ(pipe.write(bytes.data(), 512), 512);
   ByteString out;
   EXPECT_EQ(pipe.read(out, 511), 512);
-  EXPECT_EQ(viewOf(out), bytes);
+  EXPECT_EQ(out.view(), bytes);
 }
 
 TEST(StdPipe, ReturnsZeroForAMaximumOfZeroAndStoresTheByte) {
@@ -274,9 +273,9 @@ TEST(StdPipe, ReturnsZeroForAMaximumOfZeroAndStoresTheByte) {
   (void)pipe.write("xy", 2);
   ByteString out;
   EXPECT_EQ(pipe.read(out, 0), 0);
-  EXPECT_EQ(viewOf(out), "x");
+  EXPECT_EQ(out.view(), "x");
   EXPECT_EQ(pipe.read(out, 0), 0);
-  EXPECT_EQ(viewOf(out), "y");
+  EXPECT_EQ(out.view(), "y");
 }
 
 TEST(StdPipe, ReturnsOneAndNothingAtTheEndOfTheFile) {
@@ -285,11 +284,11 @@ TEST(StdPipe, ReturnsOneAndNothingAtTheEndOfTheFile) {
   pipe.closeWriteHandle();
   ByteString out;
   EXPECT_EQ(pipe.read(out, 10), 1);
-  EXPECT_EQ(viewOf(out), "x");
+  EXPECT_EQ(out.view(), "x");
   EXPECT_EQ(pipe.read(out, 10), 1);
-  EXPECT_EQ(viewOf(out), "");
+  EXPECT_EQ(out.view(), "");
   EXPECT_EQ(pipe.read(out, 0), 0);
-  EXPECT_EQ(viewOf(out), "");
+  EXPECT_EQ(out.view(), "");
   EXPECT_TRUE(isBlocking(pipe.readHandle()));
 }
 
@@ -301,7 +300,7 @@ TEST(StdPipe, WaitsForTheFirstByteAndForTheSecond) {
   });
   ByteString out;
   EXPECT_EQ(pipe.read(out, 1), 2);
-  EXPECT_EQ(viewOf(out), "ab");
+  EXPECT_EQ(out.view(), "ab");
   writer.join();
 }
 
@@ -311,7 +310,7 @@ TEST(StdPipe, ReadsFromAnEndThatWasMadeNonBlocking) {
   std::thread writer([&pipe] { (void)pipe.write("late", 4); });
   ByteString out;
   EXPECT_EQ(pipe.read(out, 10), 4);
-  EXPECT_EQ(viewOf(out), "late");
+  EXPECT_EQ(out.view(), "late");
   EXPECT_TRUE(isBlocking(pipe.readHandle()));
   writer.join();
 }
@@ -505,7 +504,7 @@ CUL_CHILD(PipeReadFromClosedEnd) {
   const unsigned char old[] = "old";
   ByteString out(old, 3);
   expectFailure([&] { (void)pipe.read(out, 10); }, readText, 102, "::fcntl(F_GETFL) failed");
-  EXPECT_EQ(viewOf(out), "old");
+  EXPECT_EQ(out.view(), "old");
 }
 
 CUL_CHILD(PipeReadFailsAtTheFirstByte) {
@@ -525,7 +524,7 @@ CUL_CHILD(PipeReadFailsToGoOnUnblocked) {
   failSystemCall(SYS_fcntl, pipe.readHandle(), 1, F_SETFL, EPERM);
   ByteString out;
   expectFailure([&] { (void)pipe.read(out, 10); }, readText, 125, "::fcntl(F_SETFL) failed");
-  EXPECT_EQ(viewOf(out), "a");
+  EXPECT_EQ(out.view(), "a");
 }
 
 CUL_CHILD(PipeReadFailsAtTheRest) {
@@ -535,7 +534,7 @@ CUL_CHILD(PipeReadFailsAtTheRest) {
   failSystemCall(SYS_read, pipe.readHandle(), 2, 10, EIO);
   ByteString out;
   expectFailure([&] { (void)pipe.read(out, 10); }, readText, 136, "read() failed");
-  EXPECT_EQ(viewOf(out), "a");
+  EXPECT_EQ(out.view(), "a");
   EXPECT_TRUE(isOpen(pipe.readHandle()));
 }
 
@@ -572,10 +571,10 @@ CUL_CHILD(PipeReadWithoutMemory) {
   const rlimit none = {1, 1};
   ASSERT_EQ(setrlimit(RLIMIT_AS, &none), 0);
   EXPECT_THROW((void)pipe.read(out, 0xFFFFFFFF), std::bad_alloc);
-  EXPECT_EQ(viewOf(out), "a");
+  EXPECT_EQ(out.view(), "a");
   EXPECT_TRUE(isBlocking(pipe.readHandle()));
   EXPECT_EQ(pipe.read(out, 0), 0);
-  EXPECT_EQ(viewOf(out), "b");
+  EXPECT_EQ(out.view(), "b");
 }
 
 TEST(StdPipe, StaysBlockingWhenThereIsNoMemoryToRead) {
@@ -606,7 +605,7 @@ CUL_CHILD(PipeReadInterrupted) {
   ByteString out;
   EXPECT_EQ(pipe.read(out, 0), 0);
   EXPECT_GE(signalsSeen, 3);
-  EXPECT_EQ(viewOf(out), "s");
+  EXPECT_EQ(out.view(), "s");
 }
 
 CUL_CHILD(PipeReadInterruptedInBetween) {
@@ -618,7 +617,7 @@ CUL_CHILD(PipeReadInterruptedInBetween) {
   ByteString out;
   EXPECT_EQ(pipe.read(out, 5), 2);
   EXPECT_GE(signalsSeen, 3);
-  EXPECT_EQ(viewOf(out), "fs");
+  EXPECT_EQ(out.view(), "fs");
 }
 
 TEST(StdPipe, ReadsOnWhenASignalInterrupts) {

@@ -19,10 +19,7 @@ inline EncodedString encoded(std::string_view utf8) {
   return {utf8.data(), static_cast<unsigned>(utf8.size()), EncodedString::utf8};
 }
 
-inline std::string plain(const EncodedString& text) {
-  const char* const bytes = text;
-  return {bytes, text.length()};
-}
+inline std::string plain(const EncodedString& text) { return std::string(text.view()); }
 
 inline std::string plain(const CharString& text) { return plain(text.encoded()); }
 

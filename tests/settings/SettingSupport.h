@@ -21,9 +21,7 @@ inline EncodedString encoded(const std::string& text) {
   return {text.data(), static_cast<unsigned>(text.size()), EncodedString::utf8};
 }
 
-inline std::string plain(const EncodedString& text) {
-  return {static_cast<const char*>(text), text.length()};
-}
+inline std::string plain(const EncodedString& text) { return std::string(text.view()); }
 
 inline std::string valueOf(const DebuggerSetting& setting) { return plain(setting.getValue()); }
 

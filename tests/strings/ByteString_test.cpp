@@ -12,6 +12,8 @@
 
 namespace {
 
+using namespace std::string_view_literals;
+
 ByteString bytes(std::string_view text) {
   return {text.data(), static_cast<unsigned>(text.size())};
 }
@@ -21,7 +23,7 @@ std::string text(const ByteString& s) {
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): what a move leaves is promised.
   const unsigned char* const p = s;
   EXPECT_EQ(p[s.length()], 0);
-  return std::string(p, p + s.length());
+  return std::string(s.view());
 }
 
 std::string strippedPointers(std::string_view before) {
@@ -33,6 +35,13 @@ std::string strippedPointers(std::string_view before) {
 std::string stripped(std::string_view before) { return text(stripWhiteSpace(bytes(before))); }
 
 }  // namespace
+
+TEST(ByteString, GivesAViewOfAllItsBytes) {
+  const ByteString s("a\0\xFF", 3);
+  EXPECT_EQ(s.view(), "a\0\xFF"sv);
+  EXPECT_EQ(static_cast<const void*>(s.view().data()), static_cast<const unsigned char*>(s));
+  EXPECT_EQ(ByteString().view(), "");
+}
 
 TEST(ByteString, IsEmptyWhenMadeFromNothing) {
   EXPECT_EQ(text(ByteString()), "");

@@ -32,11 +32,6 @@ std::wstring text(const CharString& s) {
   return {p, s.length()};
 }
 
-std::string bytes(const EncodedString& s) {
-  const char* const p = s;
-  return {p, s.length()};
-}
-
 const wchar_t* address(const CharString& s) { return s; }
 
 // Texts of up to `longest` values out of `alphabet`, the same ones in every run.
@@ -53,6 +48,13 @@ std::vector<std::wstring> someTexts(std::wstring_view alphabet, unsigned longest
 }
 
 }  // namespace
+
+TEST(CharString, GivesAViewOfItsWholeText) {
+  const CharString s(L"a\0\u20ac", 3U);
+  EXPECT_EQ(s.view(), std::wstring_view(L"a\0\u20ac", 3));
+  EXPECT_EQ(s.view().data(), static_cast<const wchar_t*>(s));
+  EXPECT_TRUE(CharString().view().empty());
+}
 
 TEST(CharString, IsEmptyWhenMadeFromNothing) {
   EXPECT_EQ(text(CharString()), L"");
@@ -180,10 +182,10 @@ TEST(CharString, LoadsTheNativeCodePage) {
 }
 
 TEST(CharString, EncodedGivesUTF8) {
-  EXPECT_EQ(bytes(CharString(L"a\x00E9\x20AC\x1F600").encoded()),
+  EXPECT_EQ(CharString(L"a\x00E9\x20AC\x1F600").encoded().view(),
             "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
-  EXPECT_EQ(bytes(CharString().encoded()), "");
-  EXPECT_EQ(bytes(CharString(L"a\0b", 3U).encoded()), std::string("a\0b", 3));
+  EXPECT_EQ(CharString().encoded().view(), "");
+  EXPECT_EQ(CharString(L"a\0b", 3U).encoded().view(), std::string("a\0b", 3));
 }
 
 TEST(CharString, LoadingWhatEncodedGivesGivesTheTextBack) {

@@ -8,7 +8,6 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/Child.h"
-#include "tests/support/Views.h"
 
 /// The store belongs to the process: each test that changes it is a process of its own.
 
@@ -44,7 +43,7 @@ TEST(EBCDICtableStore, IsOneForTheProcess) {
 TEST(EBCDICtableStore, StartsWithTheBuiltInTable) {
   const EBCDICtable* const builtIn = store().find("VKT-1047");
   ASSERT_NE(builtIn, nullptr);
-  EXPECT_EQ(viewOf(builtIn->getName()), "VKT-1047");
+  EXPECT_EQ(builtIn->getName().view(), "VKT-1047");
   EXPECT_EQ(byteForA(builtIn), 0x81);
 }
 
@@ -70,7 +69,7 @@ CUL_CHILD(StoreKeepsTables) {
   EXPECT_EQ(store().find("two"), two);
   EXPECT_EQ(byteForA(one), 0x11);
   EXPECT_EQ(byteForA(two), 0x12);
-  EXPECT_EQ(viewOf(two->getName()), "two");
+  EXPECT_EQ(two->getName().view(), "two");
   EXPECT_EQ(byteForA(store().find(nullptr)), 0x81);
 }
 
@@ -94,10 +93,10 @@ TEST(EBCDICtableStore, ReplacesATableOfTheSameName) {
 
 CUL_CHILD(StoreTakesTheNameOfItsOwnTable) {
   EBCDICtable* const one = store().add(letter('a', 0x11), "a name that is not short");
-  EBCDICtable* const replaced = store().add(letter('a', 0x21), charsOf(one->getName()));
+  EBCDICtable* const replaced = store().add(letter('a', 0x21), one->getName().view().data());
   EXPECT_EQ(byteForA(replaced), 0x21);
   EXPECT_EQ(store().find("a name that is not short"), replaced);
-  store().remove(charsOf(replaced->getName()));
+  store().remove(replaced->getName().view().data());
   EXPECT_EQ(store().find("a name that is not short"), nullptr);
 }
 

@@ -13,7 +13,6 @@
 #include "Engine/utilities/Iconv.h"
 
 #include "tests/strings/GuardedBytes.h"
-#include "tests/support/Views.h"
 
 namespace {
 
@@ -28,7 +27,7 @@ Pairs pairs(std::initializer_list<Pair> values) {
 }
 
 std::string from(const EBCDICtable& table, std::wstring_view text) {
-  return std::string(viewOf(table.fromUCS(text.data(), static_cast<unsigned>(text.size()))));
+  return std::string(table.fromUCS(text.data(), static_cast<unsigned>(text.size())).view());
 }
 
 std::wstring to(const EBCDICtable& table, std::string_view bytes) {
@@ -109,7 +108,7 @@ TEST(EBCDICtable, HoldsValuesInTheOrderUnicodeEBCDIC) {
 
 TEST(EBCDICtable, BuiltInOneIsThePublishedCodePageWithTheLineFeedsExchanged) {
   const EBCDICtable table;
-  EXPECT_EQ(viewOf(table.getName()), "VKT-1047");
+  EXPECT_EQ(table.getName().view(), "VKT-1047");
   for (unsigned byte = 0; byte < 256; ++byte) {
     const unsigned other = byte == 0x15 ? 0x25 : byte == 0x25 ? 0x15 : byte;
     const std::wstring value = published("IBM1047", std::string(1, static_cast<char>(other)));
@@ -132,7 +131,7 @@ TEST(EBCDICtable, BuiltInOneTakesShiftBytesForOrdinaryOnes) {
 }
 
 TEST(EBCDICtable, KeepsItsName) {
-  EXPECT_EQ(viewOf(EBCDICtable(mixedPairs(), "IBM-939").getName()), "IBM-939");
+  EXPECT_EQ(EBCDICtable(mixedPairs(), "IBM-939").getName().view(), "IBM-939");
   EXPECT_EQ(EBCDICtable(mixedPairs(), nullptr).getName().length(), 0U);
   EXPECT_EQ(EBCDICtable(mixedPairs(), "").getName().length(), 0U);
 }

@@ -26,12 +26,6 @@ using E = EncodedString;
 
 constexpr auto anotherEncoding = static_cast<E::Encoding>(77);
 
-std::string text(const E& s) { return {static_cast<const char*>(s), s.length()}; }
-
-std::string text(const ByteString& s) {
-  return {reinterpret_cast<const char*>(static_cast<const unsigned char*>(s)), s.length()};
-}
-
 E utf8(std::string_view s) { return {s.data(), static_cast<unsigned>(s.size()), E::utf8}; }
 
 E slashU(std::string_view s) {
@@ -44,7 +38,7 @@ template <class Change>
 std::string after(std::string_view s, Change change) {
   E result = utf8(s);
   change(result);
-  return text(result);
+  return std::string(result.view());
 }
 
 void expectSuccess(const char* child, std::map<std::string, std::string> environment) {
@@ -57,6 +51,13 @@ void expectSuccess(const char* child, std::map<std::string, std::string> environ
 }  // namespace
 
 // Construction.
+
+TEST(EncodedString, GivesAViewOfItsWholeText) {
+  const E s("a\0\xC3\xA9", 4, E::utf8);
+  EXPECT_EQ(s.view(), "a\0\xC3\xA9"sv);
+  EXPECT_EQ(s.view().data(), static_cast<const char*>(s));
+  EXPECT_EQ(E().view(), "");
+}
 
 TEST(EncodedString, IsEmptyAtFirst) {
   const E s;
@@ -76,14 +77,14 @@ TEST(EncodedString, TakesTerminatedAndCountedBytesOfEachKind) {
   const char* c = bytes.c_str();
   const auto* u = reinterpret_cast<const unsigned char*>(c);
   const auto* s = reinterpret_cast<const signed char*>(c);
-  EXPECT_EQ(text(E(c, E::utf8)), bytes);
-  EXPECT_EQ(text(E(u, E::utf8)), bytes);
-  EXPECT_EQ(text(E(s, E::utf8)), bytes);
-  EXPECT_EQ(text(E(c, 3, E::utf8)), "caf");
-  EXPECT_EQ(text(E(u, 3, E::utf8)), "caf");
-  EXPECT_EQ(text(E(s, 3, E::utf8)), "caf");
-  EXPECT_EQ(text(E("a\0b", 3, E::utf8)), "a\0b"s);
-  EXPECT_EQ(text(E("a\0b", E::utf8)), "a");
+  EXPECT_EQ(E(c, E::utf8).view(), bytes);
+  EXPECT_EQ(E(u, E::utf8).view(), bytes);
+  EXPECT_EQ(E(s, E::utf8).view(), bytes);
+  EXPECT_EQ(E(c, 3, E::utf8).view(), "caf");
+  EXPECT_EQ(E(u, 3, E::utf8).view(), "caf");
+  EXPECT_EQ(E(s, 3, E::utf8).view(), "caf");
+  EXPECT_EQ(E("a\0b", 3, E::utf8).view(), "a\0b"s);
+  EXPECT_EQ(E("a\0b", E::utf8).view(), "a");
   EXPECT_EQ(static_cast<const char*>(E(c, 3, E::utf8))[3], '\0');
 }
 
@@ -106,13 +107,13 @@ TEST(EncodedString, CopiesItsText) {
   E s = utf8("some text");
   E copy(s);
   s[1] = 'S';
-  EXPECT_EQ(text(copy), "some text");
+  EXPECT_EQ(copy.view(), "some text");
   copy = s;
-  EXPECT_EQ(text(copy), "Some text");
+  EXPECT_EQ(copy.view(), "Some text");
   EXPECT_NE(static_cast<const char*>(copy), static_cast<const char*>(s));
   const E& same = copy;
   copy = same;
-  EXPECT_EQ(text(copy), "Some text");
+  EXPECT_EQ(copy.view(), "Some text");
 }
 
 TEST(EncodedString, LeavesTheSourceOfAMoveEmpty) {
@@ -120,7 +121,7 @@ TEST(EncodedString, LeavesTheSourceOfAMoveEmpty) {
   const char* storage = s;
   E moved(std::move(s));
   EXPECT_EQ(static_cast<const char*>(moved), storage);
-  EXPECT_EQ(text(moved), "some text");
+  EXPECT_EQ(moved.view(), "some text");
   EXPECT_EQ(s.length(), 0U);  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
   s = utf8("other");
   s = std::move(moved);
@@ -131,37 +132,37 @@ TEST(EncodedString, LeavesTheSourceOfAMoveEmpty) {
 }
 
 TEST(EncodedString, TakesWideTextValueByValue) {
-  EXPECT_EQ(text(E(L"a\u00e9\u20ac\U0001f600")), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
-  EXPECT_EQ(text(E(CharString(L"a\u00e9"))), "a\xC3\xA9");
-  EXPECT_EQ(text(E(CharString(L"a\0z", 3))), "a\0z"s);
+  EXPECT_EQ(E(L"a\u00e9\u20ac\U0001f600").view(), "a\xC3\xA9\xE2\x82\xAC\xF0\x9F\x98\x80");
+  EXPECT_EQ(E(CharString(L"a\u00e9")).view(), "a\xC3\xA9");
+  EXPECT_EQ(E(CharString(L"a\0z", 3)).view(), "a\0z"s);
   const wchar_t odd[] = {0xD800, 0x110000, 0x7FFFFFFF, 0};
-  EXPECT_EQ(text(E(odd)), "\xED\xA0\x80\xF4\x90\x80\x80\xFD\xBF\xBF\xBF\xBF\xBF");
+  EXPECT_EQ(E(odd).view(), "\xED\xA0\x80\xF4\x90\x80\x80\xFD\xBF\xBF\xBF\xBF\xBF");
   E s = utf8("old");
   s = L"n\u00e9w";
-  EXPECT_EQ(text(s), "n\xC3\xA9w");
+  EXPECT_EQ(s.view(), "n\xC3\xA9w");
   s = CharString(L"\u00fc");
-  EXPECT_EQ(text(s), "\xC3\xBC");
+  EXPECT_EQ(s.view(), "\xC3\xBC");
   s = static_cast<const wchar_t*>(nullptr);
-  EXPECT_EQ(text(s), "");
+  EXPECT_EQ(s.view(), "");
 }
 
 TEST(EncodedString, AppendsWideText) {
   E s = utf8("a");
   s += CharString(L"\u00e9");
-  EXPECT_EQ(text(s), "a\xC3\xA9");
+  EXPECT_EQ(s.view(), "a\xC3\xA9");
   s += L"\u20ac";
-  EXPECT_EQ(text(s), "a\xC3\xA9\xE2\x82\xAC");
+  EXPECT_EQ(s.view(), "a\xC3\xA9\xE2\x82\xAC");
   s += CharString();
   s += static_cast<const wchar_t*>(nullptr);
-  EXPECT_EQ(text(s), "a\xC3\xA9\xE2\x82\xAC");
+  EXPECT_EQ(s.view(), "a\xC3\xA9\xE2\x82\xAC");
 }
 
 TEST(EncodedString, RepeatsACharacter) {
-  EXPECT_EQ(text(E(L'x', 3U)), "xxx");
-  EXPECT_EQ(text(E(L'\u20ac', 2U)), "\xE2\x82\xAC\xE2\x82\xAC");
-  EXPECT_EQ(text(E(L'x', 0U)), "");
-  EXPECT_EQ(text(E(L'\0', 2U)), "\0\0"s);
-  EXPECT_EQ(text(E(static_cast<wchar_t>(0x7FFFFFFF), 1U)), "\xFD\xBF\xBF\xBF\xBF\xBF");
+  EXPECT_EQ(E(L'x', 3U).view(), "xxx");
+  EXPECT_EQ(E(L'\u20ac', 2U).view(), "\xE2\x82\xAC\xE2\x82\xAC");
+  EXPECT_EQ(E(L'x', 0U).view(), "");
+  EXPECT_EQ(E(L'\0', 2U).view(), "\0\0"s);
+  EXPECT_EQ(E(static_cast<wchar_t>(0x7FFFFFFF), 1U).view(), "\xFD\xBF\xBF\xBF\xBF\xBF");
 }
 
 TEST(EncodedString, RefusesATextTooLongForItsLength) {
@@ -171,24 +172,24 @@ TEST(EncodedString, RefusesATextTooLongForItsLength) {
 }
 
 TEST(EncodedString, FormatsNumbers) {
-  EXPECT_EQ(text(E::number(0)), "0");
-  EXPECT_EQ(text(E::number(INT_MIN)), "-2147483648");
-  EXPECT_EQ(text(E::number(INT_MAX)), "2147483647");
-  EXPECT_EQ(text(E::number(UINT_MAX)), "4294967295");
-  EXPECT_EQ(text(E::number(LONG_MIN)), "-9223372036854775808");
-  EXPECT_EQ(text(E::number(LONG_MAX)), "9223372036854775807");
-  EXPECT_EQ(text(E::number(ULONG_MAX)), "18446744073709551615");
-  EXPECT_EQ(text(E::number(0.1F)), "0.1");
-  EXPECT_EQ(text(E::number(1e20F)), "1e+20");
-  EXPECT_EQ(text(E::number(1.0F / 3)), "0.333333");
-  EXPECT_EQ(text(E::number(-FLT_MAX)), "-3.40282e+38");
-  EXPECT_EQ(text(E::number(0.1)), "0.1");
-  EXPECT_EQ(text(E::number(100000.0)), "100000");
-  EXPECT_EQ(text(E::number(1234567.0)), "1.23457e+06");
-  EXPECT_EQ(text(E::number(-DBL_MAX)), "-1.79769e+308");
-  EXPECT_EQ(text(E::number(LDBL_MAX)), "1.18973e+4932");
-  EXPECT_EQ(text(E::number(-0.0L)), "-0");
-  EXPECT_EQ(text(E::number(__builtin_inf())), "inf");
+  EXPECT_EQ(E::number(0).view(), "0");
+  EXPECT_EQ(E::number(INT_MIN).view(), "-2147483648");
+  EXPECT_EQ(E::number(INT_MAX).view(), "2147483647");
+  EXPECT_EQ(E::number(UINT_MAX).view(), "4294967295");
+  EXPECT_EQ(E::number(LONG_MIN).view(), "-9223372036854775808");
+  EXPECT_EQ(E::number(LONG_MAX).view(), "9223372036854775807");
+  EXPECT_EQ(E::number(ULONG_MAX).view(), "18446744073709551615");
+  EXPECT_EQ(E::number(0.1F).view(), "0.1");
+  EXPECT_EQ(E::number(1e20F).view(), "1e+20");
+  EXPECT_EQ(E::number(1.0F / 3).view(), "0.333333");
+  EXPECT_EQ(E::number(-FLT_MAX).view(), "-3.40282e+38");
+  EXPECT_EQ(E::number(0.1).view(), "0.1");
+  EXPECT_EQ(E::number(100000.0).view(), "100000");
+  EXPECT_EQ(E::number(1234567.0).view(), "1.23457e+06");
+  EXPECT_EQ(E::number(-DBL_MAX).view(), "-1.79769e+308");
+  EXPECT_EQ(E::number(LDBL_MAX).view(), "1.18973e+4932");
+  EXPECT_EQ(E::number(-0.0L).view(), "-0");
+  EXPECT_EQ(E::number(__builtin_inf()).view(), "inf");
 }
 
 // Reading bytes; the native code page of these processes is ISO-8859-1.
@@ -197,26 +198,26 @@ CUL_CHILD(ReadEncodings) {
   EXPECT_STREQ(E::nativeCodepage(), "ISO-8859-1");
   const char* const latin1 = "caf\xE9\\u20ac";
   const char* const asUtf8 = "caf\xC3\xA9\\u20ac";
-  EXPECT_EQ(text(E(latin1, E::native)), asUtf8);
-  EXPECT_EQ(text(E(latin1, E::slashU)), "caf\xC3\xA9\xE2\x82\xAC");
-  EXPECT_EQ(text(E(latin1, E::utf8)), latin1);
-  EXPECT_EQ(text(E(latin1, E::autodetect)), asUtf8);
-  EXPECT_EQ(text(E(latin1, anotherEncoding)), latin1);
-  EXPECT_EQ(text(E(asUtf8, E::autodetect)), asUtf8);
-  EXPECT_EQ(text(E(asUtf8, E::native)), "caf\xC3\x83\xC2\xA9\\u20ac");
-  EXPECT_EQ(text(E("\xE9t\xE9", 2, E::native)), "\xC3\xA9t");
+  EXPECT_EQ(E(latin1, E::native).view(), asUtf8);
+  EXPECT_EQ(E(latin1, E::slashU).view(), "caf\xC3\xA9\xE2\x82\xAC");
+  EXPECT_EQ(E(latin1, E::utf8).view(), latin1);
+  EXPECT_EQ(E(latin1, E::autodetect).view(), asUtf8);
+  EXPECT_EQ(E(latin1, anotherEncoding).view(), latin1);
+  EXPECT_EQ(E(asUtf8, E::autodetect).view(), asUtf8);
+  EXPECT_EQ(E(asUtf8, E::native).view(), "caf\xC3\x83\xC2\xA9\\u20ac");
+  EXPECT_EQ(E("\xE9t\xE9", 2, E::native).view(), "\xC3\xA9t");
   // All forms apply their encoding.
-  EXPECT_EQ(text(E(reinterpret_cast<const unsigned char*>(latin1), E::native)), asUtf8);
-  EXPECT_EQ(text(E(reinterpret_cast<const signed char*>(latin1), E::native)), asUtf8);
-  EXPECT_EQ(text(E(reinterpret_cast<const unsigned char*>(latin1), 4, E::native)), "caf\xC3\xA9");
-  EXPECT_EQ(text(E(reinterpret_cast<const signed char*>(latin1), 4, E::native)), "caf\xC3\xA9");
-  EXPECT_EQ(text(E(ByteString(latin1, 4), E::native)), "caf\xC3\xA9");
-  EXPECT_EQ(text(E(ByteString(latin1, 4), E::utf8)), "caf\xE9");
+  EXPECT_EQ(E(reinterpret_cast<const unsigned char*>(latin1), E::native).view(), asUtf8);
+  EXPECT_EQ(E(reinterpret_cast<const signed char*>(latin1), E::native).view(), asUtf8);
+  EXPECT_EQ(E(reinterpret_cast<const unsigned char*>(latin1), 4, E::native).view(), "caf\xC3\xA9");
+  EXPECT_EQ(E(reinterpret_cast<const signed char*>(latin1), 4, E::native).view(), "caf\xC3\xA9");
+  EXPECT_EQ(E(ByteString(latin1, 4), E::native).view(), "caf\xC3\xA9");
+  EXPECT_EQ(E(ByteString(latin1, 4), E::utf8).view(), "caf\xE9");
   // Converted text ends at a zero byte, text taken as it is does not.
-  EXPECT_EQ(text(E("a\0b", 3, E::native)), "a");
-  EXPECT_EQ(text(E("a\0b", 3, E::slashU)), "a");
-  EXPECT_EQ(text(E("a\0b", 3, E::autodetect)), "a\0b"s);
-  EXPECT_EQ(text(E("a\0\xE9", 3, E::autodetect)), "a");
+  EXPECT_EQ(E("a\0b", 3, E::native).view(), "a");
+  EXPECT_EQ(E("a\0b", 3, E::slashU).view(), "a");
+  EXPECT_EQ(E("a\0b", 3, E::autodetect).view(), "a\0b"s);
+  EXPECT_EQ(E("a\0\xE9", 3, E::autodetect).view(), "a");
 }
 
 TEST(EncodedString, ReadsBytesByTheirEncoding) {
@@ -225,18 +226,18 @@ TEST(EncodedString, ReadsBytesByTheirEncoding) {
 
 CUL_CHILD(WriteEncodings) {
   const E s = utf8("caf\xC3\xA9 \xE2\x82\xAC");
-  EXPECT_EQ(text(s.convert(E::native)), "caf\xE9 ???");
-  EXPECT_EQ(text(s.convert(E::native, "UTF-8")), "caf\xE9 ???");
-  EXPECT_EQ(text(s.convertToNative()), "caf\xE9 ???");
-  EXPECT_EQ(text(s.convertToNative("UTF-8")), "caf\xE9 ???");
-  EXPECT_EQ(text(s.convert(E::slashU)), "caf\\u00e9 \\u20ac");
+  EXPECT_EQ(s.convert(E::native).view(), "caf\xE9 ???");
+  EXPECT_EQ(s.convert(E::native, "UTF-8").view(), "caf\xE9 ???");
+  EXPECT_EQ(s.convertToNative().view(), "caf\xE9 ???");
+  EXPECT_EQ(s.convertToNative("UTF-8").view(), "caf\xE9 ???");
+  EXPECT_EQ(s.convert(E::slashU).view(), "caf\\u00e9 \\u20ac");
   for (const E::Encoding e : {E::utf8, E::autodetect, anotherEncoding}) {
-    EXPECT_EQ(text(s.convert(e)), text(s));
-    EXPECT_EQ(text(utf8("a\0b"sv).convert(e)), "a\0b"s);
+    EXPECT_EQ(s.convert(e).view(), s.view());
+    EXPECT_EQ(utf8("a\0b"sv).convert(e).view(), "a\0b"s);
   }
-  EXPECT_EQ(text(utf8("a\0b"sv).convert(E::native)), "a");
+  EXPECT_EQ(utf8("a\0b"sv).convert(E::native).view(), "a");
   for (const E::Encoding e : {E::native, E::slashU, E::utf8, E::autodetect}) {
-    EXPECT_EQ(text(E().convert(e)), "");
+    EXPECT_EQ(E().convert(e).view(), "");
   }
 }
 
@@ -251,9 +252,9 @@ CUL_CHILD(ConvertInPlace) {
   EXPECT_EQ(after("caf\xC3\xA9", [](E& s) { s.convertToUTF8("ISO-8859-1"); }), "caf\xE9");
   EXPECT_EQ(after("", [](E& s) { s.convertToUTF8(); }), "");
   const ByteString bytes("\u65e5", 3);
-  EXPECT_EQ(text(E(bytes, "SHIFT_JIS")), "\x93\xFA");
-  EXPECT_EQ(text(E(bytes, "NO-SUCH-CODE-PAGE")), "???");
-  EXPECT_EQ(text(E(ByteString("\xE9", 1), static_cast<const char*>(nullptr))), "\xC3\xA9");
+  EXPECT_EQ(E(bytes, "SHIFT_JIS").view(), "\x93\xFA");
+  EXPECT_EQ(E(bytes, "NO-SUCH-CODE-PAGE").view(), "???");
+  EXPECT_EQ(E(ByteString("\xE9", 1), static_cast<const char*>(nullptr)).view(), "\xC3\xA9");
 }
 
 TEST(EncodedString, ConvertsFromTheNativeCodePageButToANamedOne) {
@@ -263,33 +264,35 @@ TEST(EncodedString, ConvertsFromTheNativeCodePageButToANamedOne) {
 // Escapes.
 
 TEST(EncodedString, ReplacesEscapesByTheirCharacters) {
-  EXPECT_EQ(text(slashU("\\u00e9")), "\xC3\xA9");
-  EXPECT_EQ(text(slashU("\\u00E9")), "\xC3\xA9");
-  EXPECT_EQ(text(slashU("<\\u20aC|\\U0001f600>")), "<\xE2\x82\xAC|\xF0\x9F\x98\x80>");
-  EXPECT_EQ(text(slashU("\\u0041\\u0042C\\u00444")), "ABCD4");
-  EXPECT_EQ(text(slashU("\\u0000z")), "\0z"s);
-  EXPECT_EQ(text(slashU("\\ud83d")), "\xED\xA0\xBD");
-  EXPECT_EQ(text(slashU("\\U7fffffff")), "\xFD\xBF\xBF\xBF\xBF\xBF");
-  EXPECT_EQ(text(slashU("\\Uffffffff")), "\xFF\xBF\xBF\xBF\xBF\xBF");
+  EXPECT_EQ(slashU("\\u00e9").view(), "\xC3\xA9");
+  EXPECT_EQ(slashU("\\u00E9").view(), "\xC3\xA9");
+  EXPECT_EQ(slashU("<\\u20aC|\\U0001f600>").view(), "<\xE2\x82\xAC|\xF0\x9F\x98\x80>");
+  EXPECT_EQ(slashU("\\u0041\\u0042C\\u00444").view(), "ABCD4");
+  EXPECT_EQ(slashU("\\u0000z").view(), "\0z"s);
+  EXPECT_EQ(slashU("\\ud83d").view(), "\xED\xA0\xBD");
+  EXPECT_EQ(slashU("\\U7fffffff").view(), "\xFD\xBF\xBF\xBF\xBF\xBF");
+  EXPECT_EQ(slashU("\\Uffffffff").view(), "\xFF\xBF\xBF\xBF\xBF\xBF");
 }
 
 TEST(EncodedString, KeepsWhatIsNoEscape) {
   for (const char* s : {"", "\\", "abc\\", "\\n", "\\u", "\\U", "\\u00e", "\\U0001f60", "\\u00g9",
                         "\\ug0e9", "\\u00e\\", "\\U0001f60g", "\\u-123", "\\u 123", "\\u0x12",
                         "\\u+123", "u00e9", "\\x00e9", "\\\\"}) {
-    EXPECT_EQ(text(slashU(s)), s);
+    EXPECT_EQ(slashU(s).view(), s);
   }
 }
 
 TEST(EncodedString, LooksForAnEscapeBehindEveryBackslash) {
-  EXPECT_EQ(text(slashU("\\\\u00e9")), "\\\xC3\xA9");
-  EXPECT_EQ(text(slashU("\\u\\u00e9")), "\\u\xC3\xA9");
-  EXPECT_EQ(text(slashU("\\u00\\u00e9z\\")), "\\u00\xC3\xA9z\\");
-  EXPECT_EQ(text(slashU("\\u005cu0041")), "\\u0041");
+  EXPECT_EQ(slashU("\\\\u00e9").view(), "\\\xC3\xA9");
+  EXPECT_EQ(slashU("\\u\\u00e9").view(), "\\u\xC3\xA9");
+  EXPECT_EQ(slashU("\\u00\\u00e9z\\").view(), "\\u00\xC3\xA9z\\");
+  EXPECT_EQ(slashU("\\u005cu0041").view(), "\\u0041");
 }
 
 TEST(EncodedString, WritesEscapesForAllButAscii) {
-  const auto escaped = [](std::string_view s) { return text(utf8(s).convert(E::slashU)); };
+  const auto escaped = [](std::string_view s) {
+    return std::string(utf8(s).convert(E::slashU).view());
+  };
   EXPECT_EQ(escaped("\xF0\x9F\x98\x80"), "\\U0001f600");
   EXPECT_EQ(escaped("a\\u\x7F\xC2\x80z"), "a\\u\x7F\\u0080z");
   EXPECT_EQ(escaped("\xEF\xBF\xBF\xF0\x90\x80\x80"), "\\uffff\\U00010000");
@@ -300,7 +303,9 @@ TEST(EncodedString, WritesEscapesForAllButAscii) {
 }
 
 TEST(EncodedString, WritesEscapesForMalformedTextToo) {
-  const auto escaped = [](std::string_view s) { return text(utf8(s).convert(E::slashU)); };
+  const auto escaped = [](std::string_view s) {
+    return std::string(utf8(s).convert(E::slashU).view());
+  };
   EXPECT_EQ(escaped("\x80\xFF"), "\\u0080\\u00ff");
   EXPECT_EQ(escaped("\xC3z"), "\\u0003z");
   EXPECT_EQ(escaped("\xE2\x82"), "\\u0002\\u0082");
@@ -314,7 +319,7 @@ TEST(EncodedString, ReadsBackTheEscapesItWrites) {
     }
   }
   const E s(all.c_str());
-  EXPECT_TRUE(text(slashU(text(s.convert(E::slashU)))) == text(s));
+  EXPECT_TRUE(slashU(s.convert(E::slashU).view()).view() == s.view());
 }
 
 // Inspection.
@@ -396,19 +401,19 @@ TEST(EncodedString, ComparesBytes) {
 TEST(EncodedString, Concatenates) {
   const E a = utf8("ab");
   const E b = utf8("cde");
-  EXPECT_EQ(text(a + b), "abcde");
-  EXPECT_EQ(text(a + E()), "ab");
-  EXPECT_EQ(text(E() + b), "cde");
-  EXPECT_EQ(text(E() + E()), "");
+  EXPECT_EQ((a + b).view(), "abcde");
+  EXPECT_EQ((a + E()).view(), "ab");
+  EXPECT_EQ((E() + b).view(), "cde");
+  EXPECT_EQ((E() + E()).view(), "");
   E s = a;
   s += b;
   s += E();
-  EXPECT_EQ(text(s), "abcde");
+  EXPECT_EQ(s.view(), "abcde");
   s += s;
-  EXPECT_EQ(text(s), "abcdeabcde");
+  EXPECT_EQ(s.view(), "abcdeabcde");
   E empty;
   empty += a;
-  EXPECT_EQ(text(empty), "ab");
+  EXPECT_EQ(empty.view(), "ab");
 }
 
 TEST(compareCaseInsensitive, IgnoresTheCaseOfAsciiLettersOnly) {
@@ -430,94 +435,94 @@ TEST(compareCaseInsensitive, IgnoresTheCaseOfAsciiLettersOnly) {
 
 TEST(EncodedString, CutsAtACharacter) {
   const E s = utf8("a\xC3\xA9\xE2\x82\xAC!");
-  EXPECT_EQ(text(s.subString(0)), text(s));
-  EXPECT_EQ(text(s.subString(1)), text(s));
-  EXPECT_EQ(text(s.subString(2)), "\xC3\xA9\xE2\x82\xAC!");
-  EXPECT_EQ(text(s.subString(4)), "!");
-  EXPECT_EQ(text(s.subString(5)), "");
-  EXPECT_EQ(text(s.subString(0xFFFFFFFF)), "");
-  EXPECT_EQ(text(E().subString(1)), "");
+  EXPECT_EQ(s.subString(0).view(), s.view());
+  EXPECT_EQ(s.subString(1).view(), s.view());
+  EXPECT_EQ(s.subString(2).view(), "\xC3\xA9\xE2\x82\xAC!");
+  EXPECT_EQ(s.subString(4).view(), "!");
+  EXPECT_EQ(s.subString(5).view(), "");
+  EXPECT_EQ(s.subString(0xFFFFFFFF).view(), "");
+  EXPECT_EQ(E().subString(1).view(), "");
 }
 
 TEST(EncodedString, CutsACountOfCharactersAndPadsWhatIsMissing) {
   const E s = utf8("a\xC3\xA9\xE2\x82\xAC");
-  EXPECT_EQ(text(s.subString(2, 5, L'*')), "\xC3\xA9\xE2\x82\xAC***");
-  EXPECT_EQ(text(s.subString(2, 1, L'*')), "\xC3\xA9");
-  EXPECT_EQ(text(s.subString(2, 2, L'*')), "\xC3\xA9\xE2\x82\xAC");
-  EXPECT_EQ(text(s.subString(2, 3, L'*')), "\xC3\xA9\xE2\x82\xAC*");
-  EXPECT_EQ(text(s.subString(0, 2, L'*')), "a\xC3\xA9");
-  EXPECT_EQ(text(s.subString(1, 3, L'*')), text(s));
-  EXPECT_EQ(text(s.subString(1, 4, L'\u00fc')), text(s) + "\xC3\xBC");
-  EXPECT_EQ(text(s.subString(1, 6, L'\0')), text(s) + "\0\0\0"s);
-  EXPECT_EQ(text(s.subString(1, 0, L'*')), "");
-  EXPECT_EQ(text(s.subString(4, 2, L'*')), "**");
-  EXPECT_EQ(text(s.subString(4, 0, L'*')), "");
-  EXPECT_EQ(text(s.subString(0xFFFFFFFF, 2, L'\u20ac')), "\xE2\x82\xAC\xE2\x82\xAC");
-  EXPECT_EQ(text(E().subString(1, 3, L' ')), "   ");
-  EXPECT_EQ(text(utf8("abcdefgh").subString(3, 4, L'*')), "cdef");
+  EXPECT_EQ(s.subString(2, 5, L'*').view(), "\xC3\xA9\xE2\x82\xAC***");
+  EXPECT_EQ(s.subString(2, 1, L'*').view(), "\xC3\xA9");
+  EXPECT_EQ(s.subString(2, 2, L'*').view(), "\xC3\xA9\xE2\x82\xAC");
+  EXPECT_EQ(s.subString(2, 3, L'*').view(), "\xC3\xA9\xE2\x82\xAC*");
+  EXPECT_EQ(s.subString(0, 2, L'*').view(), "a\xC3\xA9");
+  EXPECT_EQ(s.subString(1, 3, L'*').view(), s.view());
+  EXPECT_EQ(s.subString(1, 4, L'\u00fc').view(), std::string(s.view()) + "\xC3\xBC");
+  EXPECT_EQ(s.subString(1, 6, L'\0').view(), std::string(s.view()) + "\0\0\0"s);
+  EXPECT_EQ(s.subString(1, 0, L'*').view(), "");
+  EXPECT_EQ(s.subString(4, 2, L'*').view(), "**");
+  EXPECT_EQ(s.subString(4, 0, L'*').view(), "");
+  EXPECT_EQ(s.subString(0xFFFFFFFF, 2, L'\u20ac').view(), "\xE2\x82\xAC\xE2\x82\xAC");
+  EXPECT_EQ(E().subString(1, 3, L' ').view(), "   ");
+  EXPECT_EQ(utf8("abcdefgh").subString(3, 4, L'*').view(), "cdef");
 }
 
 TEST(EncodedString, CutsBeforeAndBehindAByte) {
   const E s = utf8("ab=cd=ef");
-  EXPECT_EQ(text(s.allBefore('=')), "ab");
-  EXPECT_EQ(text(s.allAfter('=')), "cd=ef");
-  EXPECT_EQ(text(s.allBefore('#')), "ab=cd=ef");
-  EXPECT_EQ(text(s.allAfter('#')), "");
-  EXPECT_EQ(text(utf8("=a").allBefore('=')), "");
-  EXPECT_EQ(text(utf8("a=").allAfter('=')), "");
-  EXPECT_EQ(text(E().allBefore('=')), "");
-  EXPECT_EQ(text(E().allAfter('=')), "");
-  EXPECT_EQ(text(utf8("a\xC3\xA9z").allBefore(0xC3)), "a");
-  EXPECT_EQ(text(utf8("a\xC3\xA9z").allAfter(0xC3)), "\xA9z");
+  EXPECT_EQ(s.allBefore('=').view(), "ab");
+  EXPECT_EQ(s.allAfter('=').view(), "cd=ef");
+  EXPECT_EQ(s.allBefore('#').view(), "ab=cd=ef");
+  EXPECT_EQ(s.allAfter('#').view(), "");
+  EXPECT_EQ(utf8("=a").allBefore('=').view(), "");
+  EXPECT_EQ(utf8("a=").allAfter('=').view(), "");
+  EXPECT_EQ(E().allBefore('=').view(), "");
+  EXPECT_EQ(E().allAfter('=').view(), "");
+  EXPECT_EQ(utf8("a\xC3\xA9z").allBefore(0xC3).view(), "a");
+  EXPECT_EQ(utf8("a\xC3\xA9z").allAfter(0xC3).view(), "\xA9z");
 }
 
 TEST(EncodedString, SplitsAtAByte) {
   E s = utf8("ab=cd=ef");
-  EXPECT_EQ(text(s.splitAt('=')), "ab");
-  EXPECT_EQ(text(s), "cd=ef");
-  EXPECT_EQ(text(s.splitAt('=')), "cd");
-  EXPECT_EQ(text(s.splitAt('=')), "ef");
-  EXPECT_EQ(text(s), "");
-  EXPECT_EQ(text(s.splitAt('=')), "");
+  EXPECT_EQ(s.splitAt('=').view(), "ab");
+  EXPECT_EQ(s.view(), "cd=ef");
+  EXPECT_EQ(s.splitAt('=').view(), "cd");
+  EXPECT_EQ(s.splitAt('=').view(), "ef");
+  EXPECT_EQ(s.view(), "");
+  EXPECT_EQ(s.splitAt('=').view(), "");
   s = utf8("ab=");
-  EXPECT_EQ(text(s.splitAt('=')), "ab");
-  EXPECT_EQ(text(s), "");
+  EXPECT_EQ(s.splitAt('=').view(), "ab");
+  EXPECT_EQ(s.view(), "");
   s = utf8("=ab");
-  EXPECT_EQ(text(s.splitAt('=')), "");
-  EXPECT_EQ(text(s), "ab");
+  EXPECT_EQ(s.splitAt('=').view(), "");
+  EXPECT_EQ(s.view(), "ab");
   s = utf8("a\xFFz");
-  EXPECT_EQ(text(s.splitAt(0xFF)), "a");
-  EXPECT_EQ(text(s), "z");
+  EXPECT_EQ(s.splitAt(0xFF).view(), "a");
+  EXPECT_EQ(s.view(), "z");
 }
 
 TEST(EncodedString, TakesTokensOffItsFront) {
   E s = utf8(",, ab ,cd; ef  ");
-  EXPECT_EQ(text(s.firstToken(", ")), "ab");
-  EXPECT_EQ(text(s), "cd; ef  ");
-  EXPECT_EQ(text(s.firstToken(", ")), "cd;");
-  EXPECT_EQ(text(s), "ef  ");
-  EXPECT_EQ(text(s.firstToken(", ")), "ef");
-  EXPECT_EQ(text(s), "");
-  EXPECT_EQ(text(s.firstToken(", ")), "");
+  EXPECT_EQ(s.firstToken(", ").view(), "ab");
+  EXPECT_EQ(s.view(), "cd; ef  ");
+  EXPECT_EQ(s.firstToken(", ").view(), "cd;");
+  EXPECT_EQ(s.view(), "ef  ");
+  EXPECT_EQ(s.firstToken(", ").view(), "ef");
+  EXPECT_EQ(s.view(), "");
+  EXPECT_EQ(s.firstToken(", ").view(), "");
 }
 
 TEST(EncodedString, TakesTheRestWhenNoDelimiterFollows) {
   E s = utf8("  rest");
-  EXPECT_EQ(text(s.firstToken(" ")), "rest");
-  EXPECT_EQ(text(s), "");
+  EXPECT_EQ(s.firstToken(" ").view(), "rest");
+  EXPECT_EQ(s.view(), "");
   s = utf8("a b");
-  EXPECT_EQ(text(s.firstToken("")), "a b");
-  EXPECT_EQ(text(s), "");
+  EXPECT_EQ(s.firstToken("").view(), "a b");
+  EXPECT_EQ(s.view(), "");
   s = utf8("a b");
-  EXPECT_EQ(text(s.firstToken(nullptr)), "a b");
-  EXPECT_EQ(text(s), "");
+  EXPECT_EQ(s.firstToken(nullptr).view(), "a b");
+  EXPECT_EQ(s.view(), "");
   s = utf8(" ,, ");
-  EXPECT_EQ(text(s.firstToken(" ,")), "");
-  EXPECT_EQ(text(s), "");
+  EXPECT_EQ(s.firstToken(" ,").view(), "");
+  EXPECT_EQ(s.view(), "");
 }
 
 TEST(EncodedString, TakesHighBytesAsDelimiters) {
   E s = utf8("\xFFone\x80\xFFtwo\0three"sv);
-  EXPECT_EQ(text(s.firstToken("\xFF\x80")), "one");
-  EXPECT_EQ(text(s.firstToken("\xFF\x80")), "two\0three"s);
+  EXPECT_EQ(s.firstToken("\xFF\x80").view(), "one");
+  EXPECT_EQ(s.firstToken("\xFF\x80").view(), "two\0three"s);
 }

@@ -26,8 +26,6 @@ using U = UnicodeUtilities;
 
 unsigned length(std::string_view s) { return static_cast<unsigned>(s.size()); }
 
-std::string text(const EncodedString& s) { return {static_cast<const char*>(s), s.length()}; }
-
 // The plain rules, byte by byte, to measure the fast functions by.
 
 unsigned plainLength(unsigned char lead) {
@@ -639,22 +637,23 @@ TEST(UnicodeUtilities, PutsValuesOutsideUnicodeIntoNoClass) {
 
 CUL_CHILD(ConvertFromCodePages) {
   const char* const e9 = "caf\xE9";
-  EXPECT_EQ(text(U::convertFromCP(e9, nullptr)), "caf\xC3\xA9");
-  EXPECT_EQ(text(U::convertFromCP(e9, "")), "caf\xC3\xA9");
-  EXPECT_EQ(text(U::convertFromCP(e9, "NO-SUCH-CODE-PAGE")), "caf\xC3\xA9");
-  EXPECT_EQ(text(U::convertFromCP("", "ISO-8859-5")), "");
-  EXPECT_EQ(text(U::convertFromCP(nullptr, "ISO-8859-5")), "");
+  EXPECT_EQ(U::convertFromCP(e9, nullptr).view(), "caf\xC3\xA9");
+  EXPECT_EQ(U::convertFromCP(e9, "").view(), "caf\xC3\xA9");
+  EXPECT_EQ(U::convertFromCP(e9, "NO-SUCH-CODE-PAGE").view(), "caf\xC3\xA9");
+  EXPECT_EQ(U::convertFromCP("", "ISO-8859-5").view(), "");
+  EXPECT_EQ(U::convertFromCP(nullptr, "ISO-8859-5").view(), "");
   // 0xE9 is a Cyrillic letter there.
-  EXPECT_EQ(text(U::convertFromCP(e9, "ISO-8859-5")), "caf\xD1\x89");
-  EXPECT_EQ(text(U::convertFromCP("\x93\xFA\x96\x7B", "SHIFT_JIS")), "\u65e5\u672c");
-  EXPECT_EQ(text(U::convertFromCP(std::string(5000, '\xE9').c_str(), "ISO-8859-1")).size(), 10000U);
+  EXPECT_EQ(U::convertFromCP(e9, "ISO-8859-5").view(), "caf\xD1\x89");
+  EXPECT_EQ(U::convertFromCP("\x93\xFA\x96\x7B", "SHIFT_JIS").view(), "\u65e5\u672c");
+  EXPECT_EQ(U::convertFromCP(std::string(5000, '\xE9').c_str(), "ISO-8859-1").view().size(),
+            10000U);
   // Six bytes at most for each byte: this one stands for four characters of three each.
-  EXPECT_EQ(text(U::convertFromCP("\x82", "TSCII")), "\u0bb8\u0bcd");
-  EXPECT_EQ(text(U::convertFromCP("\x82zz", "TSCII")), "\u0bb8\u0bcd\u0bb0\u0bc0zz");
+  EXPECT_EQ(U::convertFromCP("\x82", "TSCII").view(), "\u0bb8\u0bcd");
+  EXPECT_EQ(U::convertFromCP("\x82zz", "TSCII").view(), "\u0bb8\u0bcd\u0bb0\u0bc0zz");
   // The one spelling copies, any other converts.
-  EXPECT_EQ(text(U::convertFromCP(e9, "UTF-8")), e9);
-  EXPECT_EQ(text(U::convertFromCP(e9, "utf-8")), "caf?");
-  EXPECT_EQ(text(U::convertFromCP("caf\xC3\xA9", "utf-8")), "caf\xC3\xA9");
+  EXPECT_EQ(U::convertFromCP(e9, "UTF-8").view(), e9);
+  EXPECT_EQ(U::convertFromCP(e9, "utf-8").view(), "caf?");
+  EXPECT_EQ(U::convertFromCP("caf\xC3\xA9", "utf-8").view(), "caf\xC3\xA9");
 }
 
 TEST(UnicodeUtilities, ConvertsFromCodePages) {

@@ -36,11 +36,6 @@ Reference<ThreadHandle> handleOf(const ThreadManager& manager, pthread_t id) {
   return Reference<ThreadHandle>(dynamic_cast<ThreadHandle*>(manager.getThread(id).get()));
 }
 
-std::string textOf(const EncodedString& string) {
-  const char* text = string;
-  return text;
-}
-
 }  // namespace
 
 TEST(ThreadManager, HasItsResultCodes) {
@@ -315,9 +310,9 @@ TEST(ThreadManager, DoesNotFindAnUnknownThread) {
     static_cast<void>(manager.getThread(pthread_self()));
     FAIL() << "found a thread that is not there";
   } catch (const StdException& exception) {
-    EXPECT_EQ(textOf(exception.text), "Thread not found.");
+    EXPECT_EQ(exception.text.view(), "Thread not found.");
     EXPECT_EQ(exception.status, -1);
-    EXPECT_EQ(textOf(exception.fileName),
+    EXPECT_EQ(exception.fileName.view(),
               "const Reference<ThreadListener> ThreadManager::getThread(pthread_t) const");
     EXPECT_EQ(exception.line, 80U);
   }

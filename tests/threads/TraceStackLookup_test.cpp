@@ -44,13 +44,8 @@ ChildOptions answering(const Answer& answer, std::vector<std::string> arguments 
   return options;
 }
 
-std::string textOf(const ByteString& bytes) {
-  const unsigned char* text = bytes;
-  return {reinterpret_cast<const char*>(text), bytes.length()};
-}
-
 std::string located(unsigned long address) {
-  return textOf(TraceStack::instance().sourceLoc(address));
+  return std::string(TraceStack::instance().sourceLoc(address).view());
 }
 
 std::string locationFor(const Answer& answer, const std::string& address = "12") {

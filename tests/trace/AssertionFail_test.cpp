@@ -31,10 +31,6 @@ constexpr const char* printed =
     "\nAssertion failure - Engine/a.cpp - void f(int)(12): !pthread_mutex_lock(&_mutex)\n";
 constexpr const char* traced = "**ERROR: Engine/a.cpp - void f(12): !pthread_mutex_lock(&_mutex)";
 
-std::string textOf(const EncodedString& string) {
-  return {static_cast<const char*>(string), string.length()};
-}
-
 ChildResult failWith(const std::string& mode, const std::string& trace) {
   return runChild(
       "AssertionThatFails",
@@ -56,9 +52,9 @@ CUL_CHILD(AssertionThatFails) {
     std::printf("returned");
   } catch (const StdException& exception) {
     std::printf("thrown");
-    EXPECT_EQ(textOf(exception.fileName), "Engine/a.cpp - void f(int)");
+    EXPECT_EQ(exception.fileName.view(), "Engine/a.cpp - void f(int)");
     EXPECT_EQ(exception.line, 12U);
-    EXPECT_EQ(textOf(exception.text), "!pthread_mutex_lock(&_mutex)");
+    EXPECT_EQ(exception.text.view(), "!pthread_mutex_lock(&_mutex)");
     EXPECT_EQ(exception.status, -1);
   }
 }
@@ -143,8 +139,8 @@ CUL_CHILD(AssertionWithNullTexts) {
     AssertionFail(0, nullptr, nullptr, 7, nullptr);
   } catch (const StdException& exception) {
     std::printf("thrown");
-    EXPECT_EQ(textOf(exception.fileName), " - ");
-    EXPECT_EQ(textOf(exception.text), "");
+    EXPECT_EQ(exception.fileName.view(), " - ");
+    EXPECT_EQ(exception.text.view(), "");
   }
 }
 

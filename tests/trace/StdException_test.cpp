@@ -15,10 +15,6 @@ using testing::IsEmpty;
 
 namespace {
 
-std::string textOf(const EncodedString& string) {
-  return {static_cast<const char*>(string), string.length()};
-}
-
 std::map<std::string, std::string> tracing(const std::string& types) {
   return {{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", "," + types}};
 }
@@ -27,8 +23,8 @@ std::map<std::string, std::string> tracing(const std::string& types) {
 
 TEST(StdException, HoldsTextFileLineAndStatusInThisOrder) {
   const StdException exception("Engine/a.cpp", 4294967295U, "no such thing", -7);
-  EXPECT_EQ(textOf(exception.text), "no such thing");
-  EXPECT_EQ(textOf(exception.fileName), "Engine/a.cpp");
+  EXPECT_EQ(exception.text.view(), "no such thing");
+  EXPECT_EQ(exception.fileName.view(), "Engine/a.cpp");
   EXPECT_EQ(exception.line, 4294967295U);
   EXPECT_EQ(exception.status, -7);
 
@@ -52,8 +48,8 @@ TEST(StdException, NullTextsCountAsEmpty) {
 
 TEST(StdException, TakesItsTextsAsUtf8) {
   const StdException exception("caf\xC3\xA9.cpp", 1, "\xE2\x82\xAC", 2);
-  EXPECT_EQ(textOf(exception.fileName), "caf\xC3\xA9.cpp");
-  EXPECT_EQ(textOf(exception.text), "\xE2\x82\xAC");
+  EXPECT_EQ(exception.fileName.view(), "caf\xC3\xA9.cpp");
+  EXPECT_EQ(exception.text.view(), "\xE2\x82\xAC");
 }
 
 TEST(StdException, IsThrownByThrowException) {
@@ -61,7 +57,7 @@ TEST(StdException, IsThrownByThrowException) {
     StdException::throwException("file", 12, -3);
     FAIL() << "came back";
   } catch (const StdException& exception) {
-    EXPECT_EQ(textOf(exception.fileName), "file");
+    EXPECT_EQ(exception.fileName.view(), "file");
     EXPECT_EQ(exception.line, 12U);
     EXPECT_EQ(exception.text.length(), 0U);
     EXPECT_EQ(exception.status, -3);
@@ -71,7 +67,7 @@ TEST(StdException, IsThrownByThrowException) {
     FAIL() << "came back";
   } catch (const StdException& exception) {
     EXPECT_EQ(exception.line, 13U);
-    EXPECT_EQ(textOf(exception.text), "text");
+    EXPECT_EQ(exception.text.view(), "text");
     EXPECT_EQ(exception.status, 4);
   }
 }
@@ -80,7 +76,7 @@ TEST(StdException, CanBeCopiedWithoutSharing) {
   StdException original("file", 1, "text", 2);
   const StdException copy = original;
   original.text = EncodedString("other", EncodedString::utf8);
-  EXPECT_EQ(textOf(copy.text), "text");
+  EXPECT_EQ(copy.text.view(), "text");
   EXPECT_EQ(copy.line, 1U);
 }
 

@@ -6,4 +6,4 @@
 #include "Engine/internal/Texts.h"
 
 LINUX_Installpath::LINUX_Installpath()
-    : UNIX_Installpath(textOf("/proc/" + std::to_string(getpid()) + "/exe")) {}
+    : UNIX_Installpath(encodedText("/proc/" + std::to_string(getpid()) + "/exe")) {}

@@ -15,6 +15,7 @@
 
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/PlaceNumber.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/TraceFlags.h"
 
 // The engine knows this layout: docs/contract.md.
@@ -30,23 +31,6 @@ struct CloseFolder {
   void operator()(DIR* folder) const { closedir(folder); }
 };
 using Folder = std::unique_ptr<DIR, CloseFolder>;
-
-// An open file, or -1.
-class File {
- public:
-  explicit File(const char* path) noexcept : handle_(open(path, O_RDONLY | O_CLOEXEC)) {}
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  ~File() {
-    if (handle_ >= 0) {
-      close(handle_);
-    }
-  }
-  [[nodiscard]] int handle() const noexcept { return handle_; }
-
- private:
-  int handle_;
-};
 
 // The number that makes up the whole name, as "%d%c" scans it. The result of "%d" is undefined
 // for a number that no int holds: such a name is none of a process.
@@ -180,8 +164,8 @@ int getargs(procentry64* entry, int, char* buffer, int length) {
   }
   char path[sizeof "/proc/-2147483648/cmdline"];
   std::snprintf(path, sizeof path, "/proc/%d/cmdline", entry->processId);
-  const File file(path);
-  if (file.handle() < 0) {
+  const Descriptor file(open(path, O_RDONLY | O_CLOEXEC));
+  if (!file.isOpen()) {
     CUL_TRACE(TraceType::error, getargsText, 99_place, "failed to open '%s' errno = %d", path,
               errno);
     return -1;
@@ -192,8 +176,7 @@ int getargs(procentry64* entry, int, char* buffer, int length) {
   std::size_t stored = 0;
   ssize_t n;
   do {
-    n = room == 0 ? read(file.handle(), &first, 1)
-                  : read(file.handle(), buffer + stored, room - stored);
+    n = room == 0 ? read(file.get(), &first, 1) : read(file.get(), buffer + stored, room - stored);
     if (n < 0) {
       // The process has gone meanwhile.
       CUL_TRACE(TraceType::error, getargsText, __LINE__, "failed to read '%s' errno = %d", path,

@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 
 #include "Engine/internal/FixedLayout.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
 
@@ -14,12 +15,10 @@ CUL_FIXED_FIELD(ProcessWaiter, process_, 8);
 int ProcessWaiter::work() {
   const StdThread::BlockTermination block;
   int status = 0;
-  while (waitpid(process_, &status, 0) < 0) {
-    if (errno != EINTR) {
-      CUL_TRACE(TraceType::error, "virtual int ProcessWaiter::work()", __LINE__,
-                "::waitpid(%d) failed with errno %d.", process_, errno);
-      return -1;
-    }
+  if (uninterrupted([&] { return waitpid(process_, &status, 0); }) < 0) {
+    CUL_TRACE(TraceType::error, "virtual int ProcessWaiter::work()", __LINE__,
+              "::waitpid(%d) failed with errno %d.", process_, errno);
+    return -1;
   }
   return status;
 }

@@ -8,10 +8,12 @@
 #include <utility>
 
 #include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SignalIgnored.h"
 #include "Engine/internal/SystemCallFailure.h"
 #include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/Descriptor.h"
 
 // The engine knows this layout: docs/contract.md.
 CUL_FIXED_SIZE(StdPipe, 12);
@@ -64,47 +66,25 @@ ssize_t readPatiently(int fd, void* buffer, unsigned int maximum, unsigned int t
   }
 }
 
-// A thread that is asked to end meanwhile does not leave a number to be closed twice.
-int closeHandle(HANDLE& handle) { return close(std::exchange(handle, -1)); }
-
-// Closes both ends again when the pipe cannot be set up.
-class PipeEnds {
- public:
-  PipeEnds() = default;
-  PipeEnds(const PipeEnds&) = delete;
-  PipeEnds& operator=(const PipeEnds&) = delete;
-  ~PipeEnds() {
-    for (const int fd : ends) {
-      if (fd >= 0) {
-        close(fd);
-      }
-    }
-  }
-  HANDLE release(int end) {
-    const HANDLE handle = ends[end];
-    ends[end] = -1;
-    return handle;
-  }
-
-  int ends[2] = {-1, -1};
-};
-
 }  // namespace
 
 StdPipe::StdPipe() {
-  PipeEnds pipe;
+  const HoldRequests hold;  // or the ends would stay open
+  int ends[] = {-1, -1};
   // Close-on-exec at once: another thread may start a program before the steps below.
-  if (pipe2(pipe.ends, O_CLOEXEC) != 0) {
+  if (pipe2(ends, O_CLOEXEC) != 0) {
     failSystemCall(constructorText, 46_place, 47_place, "pipe() failed",
                    "pipe() failed with errno %d", errno);
   }
-  const auto [readEnd, writeEnd] = pipe.ends;
-  setNonBlocking(0, readEnd, constructorText, 51_place);
-  setClose(0, readEnd, constructorText, 52_place);
-  setNonBlocking(0, writeEnd, constructorText, 54_place);
-  setClose(0, writeEnd, constructorText, 55_place);
-  readHandle_ = pipe.release(0);
-  writeHandle_ = pipe.release(1);
+  // Both are closed again when the pipe cannot be set up.
+  Descriptor readEnd(ends[0]);
+  Descriptor writeEnd(ends[1]);
+  setNonBlocking(0, readEnd.get(), constructorText, 51_place);
+  setClose(0, readEnd.get(), constructorText, 52_place);
+  setNonBlocking(0, writeEnd.get(), constructorText, 54_place);
+  setClose(0, writeEnd.get(), constructorText, 55_place);
+  readHandle_ = readEnd.release();
+  writeHandle_ = writeEnd.release();
 }
 
 StdPipe::~StdPipe() {

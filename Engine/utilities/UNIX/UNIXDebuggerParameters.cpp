@@ -76,17 +76,17 @@ UNIXDebuggerParameters::UNIXDebuggerParameters(int argc, char** argv) {
     if (rest != i) {
       gathered += ' ';
     }
-    gathered += viewOf(fromNative(argv[rest]).makeToken().encoded());
+    gathered += fromNative(argv[rest]).makeToken().encoded().view();
   }
   if (!attach_) {
-    debuggeeArguments_ = textOf(gathered);
+    debuggeeArguments_ = encodedText(gathered);
   } else if (!gathered.empty()) {
-    addInvalidArgument(textOf(gathered));
+    addInvalidArgument(encodedText(gathered));
   }
 }
 
 void UNIXDebuggerParameters::setDebuggerName(const EncodedString& name) {
-  const std::string_view given = viewOf(name);
+  const std::string_view given = name.view();
   if (given.empty()) {
     return;
   }
@@ -102,21 +102,21 @@ void UNIXDebuggerParameters::setDebuggerName(const EncodedString& name) {
   if (path.length() != 0) {  // What was not found is no name of the working directory.
     path = resolveRelative(path);
   }
-  debuggerName_ = textOf(folded(viewOf(path)));
+  debuggerName_ = encodedText(folded(path.view()));
 }
 
 // NOLINTNEXTLINE(readability-convert-member-functions-to-static): called on the object.
 EncodedString UNIXDebuggerParameters::resolveRelative(const EncodedString& path) {
-  if (viewOf(path).starts_with('/')) {
+  if (path.view().starts_with('/')) {
     return path;
   }
   const EncodedString current = workingDirectory(workingDirectoryRoom);
   if (current.length() == 0) {
     return path;
   }
-  std::string absolute(viewOf(current));
+  std::string absolute(current.view());
   if (absolute.ends_with('/')) {
     absolute.pop_back();
   }
-  return textOf(absolute.append("/").append(viewOf(path)));
+  return encodedText(absolute.append("/").append(path.view()));
 }

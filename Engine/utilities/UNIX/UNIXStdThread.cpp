@@ -123,13 +123,13 @@ pthread_t StdThreadRun::start(StdThread* thread) {
 
 void StdThreadRun::run() {
   CUL_TRACE(TraceType::active, sourceFile, 132_place, "Starting thread %s",
-            charsOf(thread_->name_));
+            thread_->name_.view().data());
   signal(SIGUSR2, ::sigUSR2handler);
   registerErrorHandlers();
   thread_->run();
   RequestToEnd::own().comeTooLate();
   CUL_TRACE(TraceType::active, sourceFile, 136_place, "Terminating thread %s",
-            charsOf(thread_->name_));
+            thread_->name_.view().data());
   delete thread_;
   thread_ = nullptr;
 }
@@ -137,8 +137,8 @@ void StdThreadRun::run() {
 void StdThreadRun::fail(const StdException& exception) const {
   RequestToEnd::own().comeTooLate();
   thread_->clearjmp();  // its place has been left
-  CUL_TRACE(TraceType::error, charsOf(exception.fileName), exception.line,
-            "Internal error on thread %s(%d).", charsOf(thread_->name_),
+  CUL_TRACE(TraceType::error, exception.fileName.view().data(), exception.line,
+            "Internal error on thread %s(%d).", thread_->name_.view().data(),
             static_cast<int>(pthread_self()));
   endProcess(failureStatus);
 }
@@ -147,7 +147,7 @@ void StdThreadRun::fail() const {
   RequestToEnd::own().comeTooLate();
   thread_->clearjmp();  // its place has been left
   CUL_TRACE(TraceType::error, sourceFile, 79_place, "Unidentified internal error on thread %s(%d).",
-            charsOf(thread_->name_), static_cast<int>(pthread_self()));
+            thread_->name_.view().data(), static_cast<int>(pthread_self()));
   endProcess(failureStatus);
 }
 

@@ -16,6 +16,7 @@
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SignalIgnored.h"
 #include "Engine/internal/Texts.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/TraceFlags.h"
 
@@ -46,10 +47,9 @@ constexpr const char* readHandleText =
 termios attributesRecord;
 winsize windowSizeRecord;
 
-void closeHandle(int& handle) {
+void closeIfOpen(int& handle) {
   if (handle >= 0) {
-    close(handle);
-    handle = -1;
+    closeHandle(handle);
   }
 }
 
@@ -161,26 +161,26 @@ void UNIXStdioPipes::openConsole() {
   }
   const char* const name = unlockSlave(master);
   if (name == nullptr) {
-    closeHandle(master.handle);
+    closeIfOpen(master.handle);
     return;
   }
   slaveName_ = ByteString(name);
   masterHandle_ = master.handle;
   noConsole_ = 0;
   CUL_TRACE(TraceType::dsl, constructorText, 129_place,
-            "Console on pseudo-terminal \"%s\" successfully created", charsOf(slaveName_));
+            "Console on pseudo-terminal \"%s\" successfully created", slaveName_.view().data());
 }
 
 UNIXStdioPipes::~UNIXStdioPipes() {
   if (slaveName_.length() != 0 && slaveHandle_ < 0) {
     CUL_TRACE(TraceType::dsl, destructorText, 147_place, "Pseudo-terminal \"%s\" destroyed",
-              charsOf(slaveName_));
+              slaveName_.view().data());
   }
   const HoldRequests hold;
   UNIXStdioPipes::closePipes();
-  closeHandle(inputCopy_);
-  closeHandle(outputCopy_);
-  closeHandle(errorCopy_);
+  closeIfOpen(inputCopy_);
+  closeIfOpen(outputCopy_);
+  closeIfOpen(errorCopy_);
 }
 
 void UNIXStdioPipes::closePipes() {
@@ -188,7 +188,7 @@ void UNIXStdioPipes::closePipes() {
   for (int* const handle : {&slaveHandle_, &masterHandle_}) {
     if (*handle >= 0) {
       tcflush(*handle, TCIOFLUSH);
-      closeHandle(*handle);
+      closeIfOpen(*handle);
     }
   }
 }
@@ -197,23 +197,23 @@ int UNIXStdioPipes::slaveHandle() {
   if (noConsole_ != 0) {
     return slaveHandle_;
   }
-  closeHandle(masterHandle_);
+  closeIfOpen(masterHandle_);
   noConsole_ = 1;
   if (setsid() < 0) {
     CUL_TRACE(TraceType::error, slaveHandleText, 273_place, "setsid() failed");
     return slaveHandle_;
   }
   // The first terminal that the leader of a session opens becomes its controlling terminal.
-  slaveHandle_ = open(charsOf(slaveName_), O_RDWR | O_CLOEXEC);
+  slaveHandle_ = open(slaveName_.view().data(), O_RDWR | O_CLOEXEC);
   if (slaveHandle_ < 0) {
     CUL_TRACE(TraceType::error, slaveHandleText, 278_place, "debuggee open '%s' failed",
-              charsOf(slaveName_));
+              slaveName_.view().data());
     slaveHandle_ = -1;
     return slaveHandle_;
   }
   if (savedAttributes_ != nullptr && tcsetattr(slaveHandle_, TCSANOW, savedAttributes_) != 0) {
     CUL_TRACE(TraceType::error, slaveHandleText, 284_place, "tcsetattr failed");
-    closeHandle(slaveHandle_);
+    closeIfOpen(slaveHandle_);
     return slaveHandle_;
   }
   if (savedWindowSize_ != nullptr && !setWindowSize(slaveHandle_, savedWindowSize_)) {
@@ -289,7 +289,7 @@ int UNIXStdioPipes::read(StdFileHandle stream, ByteString& out, unsigned int max
 }
 
 int UNIXStdioPipes::dupAndRewind(int& copy, int fd) {
-  closeHandle(copy);
+  closeIfOpen(copy);
   copy = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   if (copy >= 0) {
     lseek(copy, 0, SEEK_SET);

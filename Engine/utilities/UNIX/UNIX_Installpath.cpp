@@ -18,7 +18,7 @@ constexpr unsigned workingDirectoryRoom = 1024;
 
 // Empty on failure.
 EncodedString absolutePath(const EncodedString& executable) {
-  const std::string_view text = viewOf(executable);
+  const std::string_view text = executable.view();
   if (text.empty() || text.front() == '/') {
     return executable;
   }
@@ -47,10 +47,10 @@ UNIX_Installpath::UNIX_Installpath(const EncodedString& executable) {
 bool UNIX_Installpath::installLocation(EncodedString& executable) {
   FileName path(resolveSymbolicLink(absolutePath(executable)));
   path.rationalizePath();
-  const std::string_view folder = folderOf(viewOf(path));
+  const std::string_view folder = folderOf(path.view());
   if (!folder.ends_with("/bin")) {
     return false;
   }
-  executable = textOf(folderOf(folder));
+  executable = encodedText(folderOf(folder));
   return true;
 }

@@ -51,7 +51,7 @@ const char* chooseLocale(const char* requested) {
 }
 
 void* catalogEntry(const ByteString& catalog, const char* entry) {
-  return loadSharedEntry(charsOf(catalog), "libkdebug.a", entry, nullptr);
+  return loadSharedEntry(catalog.view().data(), "libkdebug.a", entry, nullptr);
 }
 
 }  // namespace
@@ -64,7 +64,7 @@ LibraryMessageServer::LibraryMessageServer(const ByteString& catalog, const char
   const char* const locale = language == nullptr ? getMessageLocale() : chooseLocale(language);
   const bool isSet = setMessageLanguage != nullptr && setMessageLanguage(locale) != 0;
   CUL_TRACE(TraceType::active, constructorText, __LINE__,
-            "catalog=%s; requested=%s, actual=%s; success=%d", charsOf(catalog),
+            "catalog=%s; requested=%s, actual=%s; success=%d", catalog.view().data(),
             language == nullptr ? "NULL" : language, locale, isSet ? 1 : 0);
   messageRetriever = reinterpret_cast<MessageRetriever>(catalogEntry(catalog, "getMessage"));
   AssertionFail(messageRetriever != nullptr ? 1 : 0, file, constructorText, __LINE__,

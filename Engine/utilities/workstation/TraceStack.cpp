@@ -14,6 +14,7 @@
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/PlaceNumber.h"
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/SharedEntry.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -97,13 +98,8 @@ constexpr std::size_t maximumDepth = 8192;
 }  // namespace
 
 TraceStack& TraceStack::instance() {
-  static constinit std::atomic<TraceStack*> theInstance = nullptr;
-  TraceStack* made = theInstance.load(std::memory_order_acquire);
-  if (made == nullptr) {
-    made = new TraceStack;
-    theInstance.store(made, std::memory_order_release);
-  }
-  return *made;
+  static constinit ProcessWide<TraceStack> traceStack;
+  return traceStack.get([] { return new TraceStack; });
 }
 
 TraceStack::Whereis TraceStack::lookUp() {
@@ -167,7 +163,7 @@ void TraceStack::printFrame(const FRAME& frame) {
   char line[4 * textSize];
   if (location.length() != 0) {
     std::snprintf(line, sizeof line, "0x%*.*lx (%s)", addressDigits, addressDigits, frame.address,
-                  charsOf(location));
+                  location.view().data());
   } else {
     std::snprintf(line, sizeof line, "0x%*.*lx ", addressDigits, addressDigits, frame.address);
   }
