@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# One test of script/declarations: what installed headers may declare, in the tree and in a small one.
+# One test of script/declarations: what installed headers may declare, in the tree and in small ones.
 # usage: cases.sh case
 # The environment names SOURCE_FOLDER and PYTHON.
 set -euo pipefail

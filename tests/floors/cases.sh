@@ -167,7 +167,7 @@ HeadersDoNotIncludeEachOther() {
   file Engine/utilities/Low.h Engine/utilities/Least.h
   file Engine/utilities/Least.h Engine/utilities/Low.h
   expect_refused \
-    'headers include each other: Engine/utilities/Least.h -> Engine/utilities/Low.h -> Engine/utilities/Least.h'
+    'headers include each other: Engine/utilities/Low.h -> Engine/utilities/Least.h -> Engine/utilities/Low.h'
 }
 
 TheLibraryIncludesByThePathFromTheTop() {
