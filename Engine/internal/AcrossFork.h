@@ -2,6 +2,8 @@
 
 #include <atomic>
 
+#include "Engine/utilities/LockChecks.h"
+
 /// \file
 /// What a fork promises, and the order in which the library's locks are taken.
 ///
@@ -100,27 +102,28 @@ class AcrossFork {
 
   // Each participant's functions stand beside its lock. The first takes the lock, unless what it
   // belongs to does not exist yet, and tells whether it did; the second gives it back in both
-  // processes. The third, where there is one, puts the child right, with all locks held.
-  static bool holdLoader() noexcept;
-  static void releaseLoader() noexcept;
-  static bool holdEvents() noexcept;
-  static void releaseEvents() noexcept;
-  static void renewEvents() noexcept;
-  static bool holdStarts() noexcept;
-  static void releaseStarts() noexcept;
-  static void renewStarts() noexcept;
-  static bool holdStrings() noexcept;
-  static void releaseStrings() noexcept;
-  static void renewStrings() noexcept;
-  static bool holdTrace() noexcept;
-  static void releaseTrace() noexcept;
-  static bool holdThreads() noexcept;
-  static void releaseThreads() noexcept;
-  static void renewThreads() noexcept;
-  static bool holdConversions() noexcept;
-  static void releaseConversions() noexcept;
-  static bool holdLocalTime() noexcept;
-  static void releaseLocalTime() noexcept;
+  // processes. The third, where there is one, puts the child right, with all locks held. No lock is
+  // given back by the function that took it, which the checks of locks do not follow.
+  static bool holdLoader() noexcept CUL_UNCHECKED_LOCKS;
+  static void releaseLoader() noexcept CUL_UNCHECKED_LOCKS;
+  static bool holdEvents() noexcept CUL_UNCHECKED_LOCKS;
+  static void releaseEvents() noexcept CUL_UNCHECKED_LOCKS;
+  static void renewEvents() noexcept CUL_UNCHECKED_LOCKS;
+  static bool holdStarts() noexcept CUL_UNCHECKED_LOCKS;
+  static void releaseStarts() noexcept CUL_UNCHECKED_LOCKS;
+  static void renewStarts() noexcept CUL_UNCHECKED_LOCKS;
+  static bool holdStrings() noexcept CUL_UNCHECKED_LOCKS;
+  static void releaseStrings() noexcept CUL_UNCHECKED_LOCKS;
+  static void renewStrings() noexcept CUL_UNCHECKED_LOCKS;
+  static bool holdTrace() noexcept CUL_UNCHECKED_LOCKS;
+  static void releaseTrace() noexcept CUL_UNCHECKED_LOCKS;
+  static bool holdThreads() noexcept CUL_UNCHECKED_LOCKS;
+  static void releaseThreads() noexcept CUL_UNCHECKED_LOCKS;
+  static void renewThreads() noexcept CUL_UNCHECKED_LOCKS;
+  static bool holdConversions() noexcept CUL_UNCHECKED_LOCKS;
+  static void releaseConversions() noexcept CUL_UNCHECKED_LOCKS;
+  static bool holdLocalTime() noexcept CUL_UNCHECKED_LOCKS;
+  static void releaseLocalTime() noexcept CUL_UNCHECKED_LOCKS;
 
   static constinit std::atomic<unsigned int> generation_;
 };

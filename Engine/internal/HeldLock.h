@@ -8,20 +8,20 @@
 /// \code
 ///   const HeldLock held(lock_, "void ThreadManager::notify(pthread_t, int)", 105_place);
 /// \endcode
-class HeldLock {
+class CUL_HOLDS_LOCK HeldLock {
  public:
   /// \param file signature text of the caller; must outlive the guard.
   /// \param line used for the request and for the release.
-  HeldLock(CUL_Critical_Section& lock, const char* file, unsigned int line)
+  HeldLock(CUL_Critical_Section& lock, const char* file, unsigned int line) CUL_TAKES(lock)
       : lock_(requested(lock, file, line)), file_(file), line_(line) {}
   HeldLock(const HeldLock&) = delete;
   HeldLock& operator=(const HeldLock&) = delete;
   /// May throw what release() throws.
-  ~HeldLock() noexcept(false) { lock_.release(file_, line_); }
+  ~HeldLock() noexcept(false) CUL_GIVES() { lock_.release(file_, line_); }
 
  private:
   static CUL_Critical_Section& requested(CUL_Critical_Section& lock, const char* file,
-                                         unsigned int line) {
+                                         unsigned int line) CUL_TAKES(lock) {
     lock.request(file, line);
     return lock;
   }

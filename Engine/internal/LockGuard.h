@@ -7,18 +7,18 @@
 /// \code
 ///   LockGuard guard(lock_, "void RunningThreads::append(StdThread*)", 24_place);
 /// \endcode
-class LockGuard {
+class CUL_HOLDS_LOCK LockGuard {
  public:
   /// \param file signature text of the caller; must outlive the guard.
   /// \param line used for the request and for the release.
-  LockGuard(CUL_Critical_Section& lock, const char* file, unsigned int line)
+  LockGuard(CUL_Critical_Section& lock, const char* file, unsigned int line) CUL_TAKES(lock)
       : lock_(lock), file_(file), line_(line) {
     lock_.request(file_, line_);
   }
   LockGuard(const LockGuard&) = delete;
   LockGuard& operator=(const LockGuard&) = delete;
   /// May throw what release() throws.
-  ~LockGuard() noexcept(false) { lock_.release(file_, line_); }
+  ~LockGuard() noexcept(false) CUL_GIVES() { lock_.release(file_, line_); }
 
  private:
   CUL_Critical_Section& lock_;

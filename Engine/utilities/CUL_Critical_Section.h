@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Engine/utilities/Export.h"
+#include "Engine/utilities/LockChecks.h"
 
 /// \file
 /// The lock interface that the whole library locks through.
@@ -10,7 +11,7 @@
 /// they never influence the lock. Locks are shared between threads and are not copyable.
 /// LockGuard (Engine/internal/LockGuard.h) releases on every way out of a scope.
 
-class CUL_EXPORT CUL_Critical_Section {
+class CUL_EXPORT CUL_IS_LOCK CUL_Critical_Section {
  public:
   CUL_Critical_Section() = default;
   CUL_Critical_Section(const CUL_Critical_Section&) = delete;
@@ -20,8 +21,8 @@ class CUL_EXPORT CUL_Critical_Section {
   /// Waits until the lock is free and takes it.
   /// \param file signature text of the caller; kept only for the duration of the call.
   /// \param line source line of the caller.
-  virtual void request(const char* file, unsigned int line) = 0;
+  virtual void request(const char* file, unsigned int line) CUL_TAKES() = 0;
 
   /// Gives the lock back; the arguments are those of request().
-  virtual void release(const char* file, unsigned int line) = 0;
+  virtual void release(const char* file, unsigned int line) CUL_GIVES() = 0;
 };

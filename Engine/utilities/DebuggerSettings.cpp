@@ -11,6 +11,7 @@
 
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/SettingRow.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/DebuggerBooleanSetting.h"
@@ -131,13 +132,13 @@ constexpr unsigned debugDelaySlot = 13;
 constexpr unsigned longestDebugDelay = 299;
 
 const wchar_t* sourceFilterDefault() {
-  static const CharString& text = []() -> const CharString& {
+  static constinit ProcessWide<const CharString> text;
+  return text.get([] {
     const char* const utf8 = DebuggerConfiguration::instance()->sourceFilterDefault();
-    auto& wide = *new CharString;
-    wide.loadFrom(utf8, static_cast<unsigned>(std::strlen(utf8)), EncodedString::utf8);
-    return wide;
-  }();
-  return text;
+    auto wide = std::make_unique<CharString>();
+    wide->loadFrom(utf8, static_cast<unsigned>(std::strlen(utf8)), EncodedString::utf8);
+    return wide.release();
+  });
 }
 
 DebuggerSetting::SettingControl controlOf(const SettingRow& row) {
@@ -172,8 +173,8 @@ bool isName(const EncodedString& name, const wchar_t* text, std::size_t length) 
 }
 
 DebuggerSettingsHKORV& settingsOfTheProcess() {
-  static DebuggerSettingsHKORV& registry = *new DebuggerSettingsHKORV;
-  return registry;
+  static constinit ProcessWide<DebuggerSettingsHKORV> registry;
+  return registry.get([] { return new DebuggerSettingsHKORV; });
 }
 
 }  // namespace
@@ -279,9 +280,9 @@ bool DebuggerSettings::setSetting(DebuggerSetting* setting, const EncodedString&
 }
 
 const EncodedString& DebuggerSettings::getNamedSetting(const wchar_t* name) const {
-  static const EncodedString& none = *new EncodedString;
+  static constinit ProcessWide<const EncodedString> none;
   const DebuggerSetting* const setting = getSetting(name);
-  return setting == nullptr ? none : setting->getValue();
+  return setting == nullptr ? none.get([] { return new EncodedString; }) : setting->getValue();
 }
 
 const List<DebuggerSetting*>& DebuggerSettings::allSettings() const { return getAllSettings(); }

@@ -19,6 +19,7 @@ inline int closeHandle(int& handle) { return close(std::exchange(handle, -1)); }
 class Descriptor {
  public:
   Descriptor() noexcept = default;
+  /// Owns `handle`, which may be -1.
   explicit Descriptor(int handle) noexcept : handle_(handle) {}
   /// Leaves the source without a descriptor.
   Descriptor(Descriptor&& other) noexcept : handle_(other.release()) {}
@@ -32,6 +33,7 @@ class Descriptor {
   /// The number, -1 when there is none. Stays this object's to close.
   [[nodiscard]] int get() const noexcept { return handle_; }
 
+  /// Whether there is one.
   [[nodiscard]] bool isOpen() const noexcept { return handle_ >= 0; }
 
   /// Gives the number away: the caller closes it.

@@ -18,7 +18,7 @@ constexpr std::uint64_t microsecondsPerSecond = 1000000;
 
 }  // namespace
 
-ElapsedTime::~ElapsedTime() { delete[] text; }
+ElapsedTime::~ElapsedTime() = default;
 
 std::uint64_t ElapsedTime::now() noexcept {
   timeval time = {};
@@ -29,11 +29,11 @@ std::uint64_t ElapsedTime::now() noexcept {
 
 const char* ElapsedTime::elapsedTime() const {
   if (text == nullptr) {
-    text = new char[textSize];
+    text.reset(new char[textSize]);
   }
   const std::uint64_t end = now();
   const std::uint64_t elapsed = end > start ? end - start : 0;
-  std::snprintf(text, textSize, "%" PRIu64 ".%06" PRIu64, elapsed / microsecondsPerSecond,
+  std::snprintf(text.get(), textSize, "%" PRIu64 ".%06" PRIu64, elapsed / microsecondsPerSecond,
                 elapsed % microsecondsPerSecond);
-  return text;
+  return text.get();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "Engine/utilities/Export.h"
 
@@ -32,5 +33,5 @@ class CUL_EXPORT ElapsedTime {
   std::uint64_t start = 0;
 
  private:
-  mutable char* text = nullptr;
+  mutable std::unique_ptr<char[]> text;
 };

@@ -12,6 +12,7 @@
 
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/PlaceNumber.h"
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/CharString.h"
@@ -367,23 +368,23 @@ bool FileName::operator==(const FileName& other) const {
 }
 
 const EncodedString& FileName::PathSepString() {
-  static const EncodedString* const text = newText("/");
-  return *text;
+  static constinit ProcessWide<const EncodedString> text;
+  return text.get([] { return newText("/"); });
 }
 
 const EncodedString& FileName::PeriodString() {
-  static const EncodedString* const text = newText(".");
-  return *text;
+  static constinit ProcessWide<const EncodedString> text;
+  return text.get([] { return newText("."); });
 }
 
 const EncodedString& FileName::LeftParenString() {
-  static const EncodedString* const text = newText("(");
-  return *text;
+  static constinit ProcessWide<const EncodedString> text;
+  return text.get([] { return newText("("); });
 }
 
 const EncodedString& FileName::RightParenString() {
-  static const EncodedString* const text = newText(")");
-  return *text;
+  static constinit ProcessWide<const EncodedString> text;
+  return text.get([] { return newText(")"); });
 }
 
 EncodedString* FileName::pathSeparator() { return new EncodedString(PathSepString()); }

@@ -1,9 +1,9 @@
 #include "Engine/utilities/OpenFiles.h"
 
-#include <atomic>
 #include <sys/stat.h>
 
 #include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/utilities/KeepErrno.h"
 
 // The engine knows this layout: docs/contract.md.
@@ -15,7 +15,7 @@ constexpr unsigned int initialCapacity = 16;
 constexpr unsigned short growth = 8;
 constexpr int lastDescriptor = 16;
 
-constinit std::atomic<const OpenFiles*> theInitialFiles = nullptr;
+constinit ProcessWide<const OpenFiles> theInitialFiles;
 
 }  // namespace
 
@@ -28,10 +28,5 @@ OpenFiles::OpenFiles() : List<bool>(initialCapacity, nullptr, growth) {
 }
 
 const OpenFiles& OpenFiles::initialOpenFiles() {
-  const OpenFiles* files = theInitialFiles.load(std::memory_order_acquire);
-  if (files == nullptr) [[unlikely]] {
-    files = new OpenFiles;
-    theInitialFiles.store(files, std::memory_order_release);
-  }
-  return *files;
+  return theInitialFiles.get([] { return new OpenFiles; });
 }

@@ -43,6 +43,6 @@ class CUL_EXPORT RunningThreads {
 
   __attribute__((visibility("hidden"))) void makeRoom(unsigned int needed);
 
-  List<StdThread*> threads_{64};
+  List<StdThread*> threads_ CUL_GUARDED_BY(lock_){64};
   UNIX_Critical_Section lock_;
 };

@@ -1,13 +1,15 @@
 #include "Engine/utilities/SettingNames.h"
 
+#include "Engine/internal/ProcessWide.h"
+
 const EncodedString& getEnvnamePrefix() {
-  static const EncodedString& prefix = *new EncodedString(L"QVX_DBG_");
-  return prefix;
+  static constinit ProcessWide<const EncodedString> prefix;
+  return prefix.get([] { return new EncodedString(L"QVX_DBG_"); });
 }
 
 const EncodedString& getFilenamePrefix() {
-  static const EncodedString& prefix = *new EncodedString(L"qvx");
-  return prefix;
+  static constinit ProcessWide<const EncodedString> prefix;
+  return prefix.get([] { return new EncodedString(L"qvx"); });
 }
 
 void fabricateName(EncodedString& result, const EncodedString& stem) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "Engine/utilities/Export.h"
 #include "Engine/utilities/List.h"
 #include "Engine/utilities/Reference.h"
@@ -87,7 +89,7 @@ class CUL_EXPORT SpawnedProcess {
   [[nodiscard]] bool wait(int seconds) const;
 
  private:
-  Reference<ThreadListener>* waiter_ = nullptr;  // owned; null until the child is started
+  std::unique_ptr<Reference<ThreadListener>> waiter_;  // null until the child is started
   int sharesParentConsoleIO_;
   int inheritsFileDescriptors_;
 };

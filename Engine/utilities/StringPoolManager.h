@@ -102,6 +102,7 @@ class CUL_EXPORT StringPoolManager {
 
   static std::atomic<StringPoolManager*> theInstance_;
 
+  // Under the lock, or by the process's only thread.
   FreeBlock* freeLists_[sizeClasses] = {};
   UNIX_Critical_Section lock_;
 };

@@ -117,10 +117,10 @@ class CUL_EXPORT ThreadManager {
   friend class ThreadHandle;
   class Unlisting;
 
-  void postIfEmpty();
+  void postIfEmpty() CUL_NEEDS(lock_);
 
-  OwningList<Reference<ThreadHandle>> handles_;
+  OwningList<Reference<ThreadHandle>> handles_ CUL_GUARDED_BY(lock_);
   UNIX_Event_Semaphore allEnded_;
-  mutable UNIX_Critical_Section lock_;  // guards everything
-  Reference<ThreadManagerLink> link_;   // how handles find the manager
+  mutable UNIX_Critical_Section lock_;
+  Reference<ThreadManagerLink> link_;  // how handles find the manager
 };

@@ -177,14 +177,14 @@ class CUL_EXPORT TraceImplementation {
   /// Opens the output and writes the header; done by instance(). Does nothing after the first
   /// time, also when that opened nothing, unless processForked() has closed the output
   /// meanwhile.
-  void openFiles() noexcept;
+  void openFiles() noexcept CUL_UNCHECKED_LOCKS;  // before any other thread writes
 
   /// To be called in a child after `fork`: closes the output (standard output and standard
   /// error, too) and opens it again when it was a directory or a standard stream and the
   /// type "CHILD" is on. What was a standard stream continues on a descriptor of its own. What
   /// the parent has left unflushed in a standard stream is flushed by the child, too. Requests
   /// to pause stay counted, but the child's trace is paused only by the next one.
-  void processForked() noexcept;
+  void processForked() noexcept CUL_UNCHECKED_LOCKS;  // the child has no other thread
 
  private:
   enum State : unsigned { closed = 0, active = 1, paused = 2, opening = 4 };
@@ -201,7 +201,8 @@ class CUL_EXPORT TraceImplementation {
   friend class AcrossFork;
   friend void abandonTraceLines() noexcept;
 
-  [[gnu::visibility("hidden")]] void abandonLines() noexcept;
+  [[gnu::visibility("hidden")]] void abandonLines() noexcept
+      CUL_UNCHECKED_LOCKS;  // gives back what its caller never will
   void configure(const wchar_t* configuration);
   [[gnu::visibility("hidden")]] void parse(CharString configuration, const char* variable);
   void parseToken(const CharString& token);
@@ -216,12 +217,14 @@ class CUL_EXPORT TraceImplementation {
   void writeTypes(bool included);
   void writeLine(const char* function, unsigned line, const Tag& tag, const char* format,
                  va_list arguments) __attribute__((format(printf, 5, 0)));
-  const char* clockText(std::time_t second) noexcept;
-  [[gnu::visibility("hidden")]] void inspectOutput() noexcept;
-  [[gnu::visibility("hidden")]] void append(bool on) noexcept;
-  [[gnu::visibility("hidden")]] bool isAsLeft(bool asksForSize) noexcept;
-  [[gnu::visibility("hidden")]] void findPlace(unsigned length, unsigned limit) noexcept;
-  [[gnu::visibility("hidden")]] void write(std::string_view text, unsigned limit) noexcept;
+  const char* clockText(std::time_t second) noexcept CUL_NEEDS(lock_);
+  [[gnu::visibility("hidden")]] void inspectOutput() noexcept CUL_NEEDS(lock_);
+  [[gnu::visibility("hidden")]] void append(bool on) noexcept CUL_NEEDS(lock_);
+  [[gnu::visibility("hidden")]] bool isAsLeft(bool asksForSize) noexcept CUL_NEEDS(lock_);
+  [[gnu::visibility("hidden")]] void findPlace(unsigned length, unsigned limit) noexcept
+      CUL_NEEDS(lock_);
+  [[gnu::visibility("hidden")]] void write(std::string_view text, unsigned limit) noexcept
+      CUL_NEEDS(lock_);
 
   List<ByteString*> excludeList_;
   List<ByteString*> includeList_;
@@ -230,20 +233,20 @@ class CUL_EXPORT TraceImplementation {
   CharString outputName_;
   UNIX_Critical_Section lock_;
   std::time_t startTime_;
-  FILE* output_ = nullptr;
-  unsigned rewindPoint_ = 0;
+  FILE* output_ CUL_GUARDED_BY(lock_) = nullptr;
+  unsigned rewindPoint_ CUL_GUARDED_BY(lock_) = 0;
   unsigned sizeLimit_;
-  unsigned currentSize_ = 0;
+  unsigned currentSize_ CUL_GUARDED_BY(lock_) = 0;
   unsigned pauseCount_ = 0;
   std::atomic<State> state_ = closed;
   bool reopenInChild_ = false;
   int standardCopy_ = notTaken;  // a standard stream's descriptor, kept when it was closed
-  std::time_t clockSecond_ = -1;
+  std::time_t clockSecond_ CUL_GUARDED_BY(lock_) = -1;
   char clockText_[32] = {};  // clockSecond_ broken down
-  Layout layout_ = Layout::stream;
-  bool isShared_ = false;         // a standard stream, or a copy of one
-  bool mayRaiseSignals_ = false;  // as of clockSecond_
-  off_t fileSize_ = 0;            // as the trace has made it, in a ring
+  Layout layout_ CUL_GUARDED_BY(lock_) = Layout::stream;
+  bool isShared_ CUL_GUARDED_BY(lock_) = false;         // a standard stream, or a copy of one
+  bool mayRaiseSignals_ CUL_GUARDED_BY(lock_) = false;  // as of clockSecond_
+  off_t fileSize_ CUL_GUARDED_BY(lock_) = 0;            // as the trace has made it, in a ring
 };
 
 /// The trace of this process, made from the environment by the first call.

@@ -54,8 +54,8 @@ class CUL_EXPORT WorkerThread : public StdThread {
 
   Reference<ThreadListener> listener_;
   Runnable& runnable_;
-  unsigned int result_ = 0;
-  pthread_t workerId_ = 0;
-  State state_ = created;
-  mutable UNIX_Critical_Section lock_;  // guards the three above
+  unsigned int result_ CUL_GUARDED_BY(lock_) = 0;
+  pthread_t workerId_ CUL_GUARDED_BY(lock_) = 0;
+  State state_ CUL_GUARDED_BY(lock_) = created;
+  mutable UNIX_Critical_Section lock_;
 };

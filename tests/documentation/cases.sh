@@ -37,16 +37,41 @@ comments() {
 
 ThePublicHeadersGiveNoWarning() { "$DOXYGEN" "$DOXYFILE"; }
 
+public_headers() { sed -n '/^INPUT = /,/[^\\]$/p' "$DOXYFILE" | tr ' ' '\n' | grep '\.h$'; }
+
 NothingButCommentsIsAddedToTheHeaders() {
   local filter header
-  filter=$(sed -n 's/^FILTER_PATTERNS = \*\.h=//p' "$DOXYFILE")
+  read -ra filter < <(sed -n 's/^FILTER_PATTERNS = "\*\.h=\(.*\)"/\1/p' "$DOXYFILE")
   without_comments() { grep -v '^ *///' | grep . || true; }
-  for header in $(sed -n 's/^INPUT = //p' "$DOXYFILE"); do
-    [ "${header%.h}" != "$header" ] || continue
+  for header in $(public_headers); do
     diff -u --label "$header" <(without_comments <"$header") --label filtered \
-      <("$filter" "$header" | without_comments) || fail "other than comments: $header"
-    [ -z "$(diff "$header" <("$filter" "$header") | grep '^<')" ] || fail "less comments: $header"
+      <("${filter[@]}" "$header" | without_comments) || fail "other than comments: $header"
+    ! diff "$header" <("${filter[@]}" "$header") | grep '^<' || fail "less comments: $header"
   done
+}
+
+EachHeaderIsOnThePageOfOneSubsystem() {
+  local groups
+  groups=$(sed -n 's/^FILTER_PATTERNS = .* \(.*\)"/\1/p' "$DOXYFILE")
+  diff -u --label "public headers" <(public_headers | sed 's/.*\///' | sort) --label "$groups" \
+    <(sed -n 's/^\/\/ //p' "$groups" | grep -o '[A-Za-z0-9_]*\.h' | sort) ||
+    fail "a header without a page, with two, or none of that name"
+}
+
+ThePageOfASubsystemHasItsHeadersAndClassesAndOpensWithItsExample() {
+  local page
+  { cat "$DOXYFILE"
+    echo "OUTPUT_DIRECTORY = $folder"
+    echo "GENERATE_XML = YES"
+  } >"$folder/Doxyfile"
+  "$DOXYGEN" "$folder/Doxyfile"
+  page=$folder/xml/group__threads.xml
+  grep -q '<innerfile refid="[^"]*">RWlock.h</innerfile>' "$page" || fail "no header"
+  grep -q '<innerclass .*>RWlock</innerclass>' "$page" || fail "no class"
+  ! grep -q '<innerclass .*>EncodedString<' "$page" || fail "a class that is only named"
+  sed 's/<[^>]*>//g' "$folder/html/group__threads.html" >"$folder/text"
+  [ "$(grep -n -m 1 'Adds up on threads' "$folder/text" | cut -d : -f 1)" -lt \
+    "$(grep -n -m 1 '^ *Classes$' "$folder/text" | cut -d : -f 1)" ] || fail "does not open with it"
 }
 
 WhatHasNoCommentIsAWarning() {
@@ -173,6 +198,24 @@ Sets.
 Sets."
   diff -u --label expected <(echo "$expected") --label actual <(comments | sort) ||
     fail "other than expected: comments"
+}
+
+EachFileThatThePagesForNewcomersNameIsThere() {
+  local root name names folders='.ci|Engine|benchmarks|cmake|docs|examples|fuzz|programs|script|tests'
+  root=$(sed -n 's/^STRIP_FROM_PATH = //p' "$DOXYFILE")
+  cd "$root"
+  # What is linked, and in backticks what has a folder in front or an ending behind.
+  names=$({
+    sed -n 's/.*](\([A-Za-z0-9_./-]*\)).*/\1/p' README.md CONTRIBUTING.md CHANGELOG.md
+    awk -F '\140' '{ for (i = 2; i < NF; i += 2) print $i }' README.md CONTRIBUTING.md CHANGELOG.md |
+      cut -d ' ' -f 1 |
+      grep -E "^($folders)/[A-Za-z0-9_./-]*$|^[A-Za-z0-9_]+\.(h|cpp|md|inc)$"
+  } | grep -v xx_XX | sort -u)
+  [ "$(grep -c . <<<"$names")" -ge 40 ] || fail "the pages are no longer read by this test: $names"
+  for name in $names; do
+    [ -e "$name" ] || [ -n "$(find Engine tests programs docs -name "$name" -print -quit)" ] ||
+      fail "there is no $name"
+  done
 }
 
 "$1"

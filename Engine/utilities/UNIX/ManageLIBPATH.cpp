@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "Engine/internal/LaunchFailure.h"
+#include "Engine/internal/ProcessWide.h"
 
 using ManagedString = ManageLIBPATH::ManagedString;
 
@@ -102,11 +103,8 @@ char* ManagedString::dupString(const char* text) {
 }
 
 char* ManageLIBPATH::getLibPath(const char* argv0) {
-  static const LibraryPath* path = nullptr;
-  if (path == nullptr) {
-    path = new LibraryPath(argv0);
-  }
-  return ManagedString::dupString(path->directory);
+  static constinit ProcessWide<const LibraryPath> path;
+  return ManagedString::dupString(path.get([&] { return new LibraryPath(argv0); }).directory);
 }
 
 ManagedString ManageLIBPATH::executableLocation(const char* argv0) {

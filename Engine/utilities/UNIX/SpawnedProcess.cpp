@@ -129,7 +129,7 @@ SpawnedProcess::SpawnedProcess(const EncodedString& program, const EncodedString
   }
   // Here it leaves nothing behind. Later it would end as if this constructor had thrown.
   endIfAsked();
-  waiter_ = waiter.release();
+  waiter_ = std::move(waiter);
 }
 
 SpawnedProcess::SpawnedProcess(const SpawnedProcess& other)
@@ -137,7 +137,7 @@ SpawnedProcess::SpawnedProcess(const SpawnedProcess& other)
       sharesParentConsoleIO_(other.sharesParentConsoleIO_),
       inheritsFileDescriptors_(other.inheritsFileDescriptors_) {}
 
-SpawnedProcess::~SpawnedProcess() { delete waiter_; }
+SpawnedProcess::~SpawnedProcess() = default;
 
 Reference<ThreadListener> SpawnedProcess::getWaiter() const { return *waiter_; }
 

@@ -14,19 +14,20 @@ class CUL_EXPORT UNIX_Critical_Section final : public UNIX_Mutex {
   ~UNIX_Critical_Section() override;
 
   /// Takes the lock, or one more level of it when the calling thread owns it.
-  void request(const char* file, unsigned int line) override;
+  void request(const char* file, unsigned int line) CUL_TAKES() override;
 
   /// Gives one level back.
   /// \throws CUL_SemaphoreError with the caller's file and line and the current `errno` as
   ///   status, when the calling thread is not the owner; the lock is not touched then.
-  void release(const char* file, unsigned int line) override;
+  void release(const char* file, unsigned int line) CUL_GIVES() override;
 
  private:
   friend class StringPoolManager;
 
   // Gives all levels back that the calling thread has; nothing when it has none. For a thread
   // that will never return to where it took them.
-  [[gnu::visibility("hidden")]] void abandon(const char* file, unsigned int line) noexcept;
+  [[gnu::visibility("hidden")]] void abandon(const char* file, unsigned int line) noexcept
+      CUL_UNCHECKED_LOCKS;  // only when it has it
   [[noreturn]] void refuse(const char* file, unsigned int line) const;
 
   // Read without the lock: only the owner ever stores its own id here, and it clears the

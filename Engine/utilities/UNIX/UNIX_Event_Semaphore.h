@@ -176,5 +176,5 @@ class CUL_EXPORT UNIX_Event_Semaphore::MillisecondTimer final : public StdThread
   unsigned int expireDue();
 
   UNIX_Critical_Section lock_;
-  List<WaitInstance*> pending_;  // the earliest deadline first
+  List<WaitInstance*> pending_ CUL_GUARDED_BY(lock_);  // the earliest deadline first
 };

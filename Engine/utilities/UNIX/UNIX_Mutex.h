@@ -18,8 +18,8 @@ class CUL_EXPORT UNIX_Mutex : public CUL_Critical_Section {
 
   /// Waits for the mutex and takes it. A thread that holds it already waits for ever. A thread
   /// that is asked to end meanwhile ends in the wait.
-  void request(const char* file, unsigned int line) override;
-  void release(const char* file, unsigned int line) override;
+  void request(const char* file, unsigned int line) CUL_TAKES() override;
+  void release(const char* file, unsigned int line) CUL_GIVES() override;
 
   /// The POSIX object, for waiting on a condition while holding the mutex.
   [[nodiscard]] pthread_mutex_t* nativeHandle() noexcept { return &mutex_; }
