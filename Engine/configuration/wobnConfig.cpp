@@ -1,5 +1,5 @@
+#include "Engine/internal/OwnProductData.h"
 #include "Engine/utilities/DebuggerConfiguration.h"
-#include "Engine/utilities/ProductData.h"
 
 namespace {
 

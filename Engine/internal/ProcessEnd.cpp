@@ -8,11 +8,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "Engine/internal/AbandonTraceLines.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LeafLock.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/utilities/StdThread.h"
-#include "Engine/utilities/TraceFlags.h"
 
 namespace {
 

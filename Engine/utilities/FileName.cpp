@@ -13,10 +13,10 @@
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessWide.h"
+#include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/OwningList.h"
-#include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/TraceFlags.h"
 
 // The engine knows this layout: docs/contract.md.

@@ -1,9 +1,6 @@
 #include "Engine/utilities/Iconv.h"
 
-#include <algorithm>
 #include <cerrno>
-#include <climits>
-#include <cstring>
 
 #include "Engine/internal/AcrossFork.h"
 #include "Engine/internal/LeafLock.h"
@@ -41,22 +38,6 @@ size_t iconvDebug(iconv_t descriptor, const char* input, size_t inputLength, cha
   }
   *out = 0;
   return static_cast<size_t>(out - output);
-}
-
-ConvertedText::ConvertedText(size_t size) : area_(small_), size_(size) {
-  if (size > sizeof small_) {
-    large_ = std::make_unique_for_overwrite<char[]>(size);
-    area_ = large_.get();
-  }
-}
-
-void ConvertedText::convert(iconv_t descriptor, const char* input, size_t inputLength) {
-  iconvDebug(descriptor, input, inputLength, area_, size_);
-  length_ = strlen(area_);
-}
-
-unsigned ConvertedText::length() const noexcept {
-  return static_cast<unsigned>(std::min<size_t>(length_, UINT_MAX));
 }
 
 bool AcrossFork::holdConversions() noexcept {

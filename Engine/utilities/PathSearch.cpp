@@ -1,21 +1,19 @@
 #include "Engine/utilities/PathSearch.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "Engine/internal/StandardError.h"
+#include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
-#include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EnvironmentVariables.h"
 
 namespace {
 
 constexpr unsigned workingDirectoryRoom = 1024;
 constexpr unsigned linkRoom = 1024;
-constexpr unsigned greatestRoom = 4098;
 constexpr unsigned usualDepth = 10;
 
 // Any execute bit, whoever it is for. One bit of the file type is looked at, which sockets
@@ -27,40 +25,6 @@ bool isCandidate(const EncodedString& path) {
 }
 
 }  // namespace
-
-std::string systemPath(const EncodedString& path) {
-  if (path.isNLS()) {
-    const ByteString bytes = path.convert(EncodedString::native);
-    if (EncodedString(bytes, EncodedString::native) == path) {
-      return std::string(bytes.view());
-    }
-  }
-  return std::string(path.view());
-}
-
-EncodedString pathFromSystem(const char* path) {
-  EncodedString raw(path, EncodedString::utf8);
-  if (raw.isNLS()) {
-    EncodedString text(path, EncodedString::native);
-    if (systemPath(text) == raw.view()) {
-      return text;
-    }
-  }
-  return raw;
-}
-
-EncodedString workingDirectory(unsigned room) {
-  char buffer[greatestRoom];
-  return getcwd(buffer, std::min(room, greatestRoom)) == nullptr ? EncodedString()
-                                                                 : pathFromSystem(buffer);
-}
-
-std::string_view nextPathEntry(std::string_view& list) {
-  list.remove_prefix(std::min(list.find_first_not_of(':'), list.size()));
-  const std::string_view entry = list.substr(0, list.find(':'));
-  list.remove_prefix(entry.size());
-  return entry;
-}
 
 EncodedString searchPath(const EncodedString& name, const EncodedString& directories) {
   const std::string_view nameView = name.view();

@@ -1,3 +1,5 @@
 #include "Engine/utilities/ProductData.h"
 
+#include "Engine/internal/OwnProductData.h"
+
 const ProductData& productData() noexcept { return ownProductData(); }

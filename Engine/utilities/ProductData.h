@@ -18,7 +18,3 @@ struct ProductData {
 
 /// The block of the library.
 CUL_EXPORT const ProductData& productData() noexcept;
-
-/// The block of the binary that the caller is linked into. Internal to the library and its
-/// configuration module.
-const ProductData& ownProductData() noexcept;

@@ -10,11 +10,11 @@
 
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/PlaceNumber.h"
+#include "Engine/internal/SystemPath.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/KeepErrno.h"
-#include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/StdException.h"
 
 // The engine knows this layout: docs/contract.md.

@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
+#include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
-#include "Engine/utilities/PathSearch.h"
 
 namespace {
 

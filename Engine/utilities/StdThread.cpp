@@ -5,6 +5,7 @@
 #include <cstring>
 #include <memory>
 
+#include "Engine/internal/AbandonTraceLines.h"
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"

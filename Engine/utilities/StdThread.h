@@ -145,7 +145,9 @@ class CUL_EXPORT StdThread {
   /// \return 0, and once more the value given to longjmp() when execution resumes here.
   int _setjmp() __attribute__((returns_twice));
 
-  /// Resumes at the recovery point; returns when it is not armed.
+  /// Resumes at the recovery point; returns when it is not armed. Only the thread itself may call
+  /// it, as the handler of fatal signals does, while the function that armed the point has not
+  /// returned.
   /// \param value     what _setjmp() returns then; as in C, 0 arrives as 1.
   /// \param keepArmed whether the recovery point stays armed.
   void longjmp(int value, int keepArmed);

@@ -63,10 +63,6 @@ class CUL_EXPORT StringPoolManager {
   /// while all other threads that need it wait: time and cache misses grow with the result.
   [[nodiscard]] unsigned freeBlocks(unsigned size);
 
-  /// Gives the pool's lock back when the calling thread has it, which will never return to where it
-  /// took it. Internal to the library.
-  [[gnu::visibility("hidden")]] static void abandon() noexcept;
-
  private:
   struct FreeBlock {
     FreeBlock* next;
@@ -76,6 +72,7 @@ class CUL_EXPORT StringPoolManager {
   static const ClassRule classRules[sizeClasses];
 
   friend class AcrossFork;
+  friend class StdThread;
 
   StringPoolManager() = default;
   ~StringPoolManager() = delete;
@@ -87,6 +84,9 @@ class CUL_EXPORT StringPoolManager {
   FreeBlock* refill(SizeClass empty);
   FreeBlock* refillFromHeap(SizeClass empty);
 
+  // Gives the pool's lock back when the calling thread has it, which will never return to where it
+  // took it.
+  [[gnu::visibility("hidden")]] static void abandon() noexcept;
   [[gnu::visibility("hidden"), gnu::noinline]] void* getFromHeap(unsigned size);
   [[gnu::visibility("hidden"), gnu::noinline]] void* getFromLists(SizeClass wanted);
   [[gnu::visibility("hidden"), gnu::noinline]] void giveToHeap(void* p);

@@ -121,12 +121,6 @@ inline constexpr unsigned char undecidedTrace = 2;
 CUL_EXPORT void taggedTrace(const char* function, unsigned line, const char* tag,
                             const char* format, ...) __attribute__((format(printf, 4, 5)));
 
-/// Gives up the lines that the calling thread is in the middle of, and with them the lock of
-/// the trace, which other threads would wait for in vain. For a jump out of a signal handler
-/// that skips the rest of a trace call, as when a text to be traced lies at a bad address.
-/// Internal to the library.
-void abandonTraceLines() noexcept;
-
 /// Traces under the tag of `type` when its switch is on; the format's arguments are
 /// evaluated only then. `CUL_TRACE(type, function, line, format, ...)`.
 #define CUL_TRACE(type, function, line, ...)                        \

@@ -19,6 +19,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "Engine/internal/AbandonTraceLines.h"
 #include "Engine/internal/AcrossFork.h"
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"

@@ -186,10 +186,6 @@ class CUL_EXPORT TraceImplementation {
   /// to pause stay counted, but the child's trace is paused only by the next one.
   void processForked() noexcept CUL_UNCHECKED_LOCKS;  // the child has no other thread
 
-  /// See abandonTraceLines().
-  __attribute__((visibility("hidden"))) void abandonLines() noexcept
-      CUL_UNCHECKED_LOCKS;  // gives back what its caller never will
-
  private:
   enum State : unsigned { closed = 0, active = 1, paused = 2, opening = 4 };
   // How lines stand in the output: one behind the other, as in a pipe or in a file that is
@@ -203,7 +199,10 @@ class CUL_EXPORT TraceImplementation {
   explicit TraceImplementation(const wchar_t* configuration) noexcept;
 
   friend class AcrossFork;
+  friend void abandonTraceLines() noexcept;
 
+  [[gnu::visibility("hidden")]] void abandonLines() noexcept
+      CUL_UNCHECKED_LOCKS;  // gives back what its caller never will
   void configure(const wchar_t* configuration);
   [[gnu::visibility("hidden")]] void parse(CharString configuration, const char* variable);
   void parseToken(const CharString& token);

@@ -5,6 +5,7 @@
 #include <langinfo.h>
 #include <string>
 
+#include "Engine/internal/ConvertedText.h"
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/LoaderGuard.h"
 #include "Engine/internal/ProcessWide.h"

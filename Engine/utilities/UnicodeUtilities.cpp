@@ -6,6 +6,7 @@
 #include <cstring>
 #include <emmintrin.h>
 
+#include "Engine/internal/ConvertedText.h"
 #include "Engine/internal/LoaderGuard.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"

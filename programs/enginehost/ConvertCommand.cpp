@@ -10,7 +10,6 @@
 #include <unistd.h>
 #include <vector>
 
-#include "Engine/internal/SignalIgnored.h"
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/Descriptor.h"
@@ -294,8 +293,8 @@ bool writeAll(std::string_view bytes) {
 }
 
 int convert(Reader& reader, Writer& writer) {
-  // A reader of the output that is gone is told by write().
-  const SignalIgnored noSignal(SIGPIPE);
+  // A reader of the output that is gone is told by write(). Nothing else follows in this process.
+  std::signal(SIGPIPE, SIG_IGN);
   std::vector<char> area(65536);
   ssize_t n;
   do {

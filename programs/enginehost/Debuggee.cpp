@@ -10,7 +10,6 @@
 #include <termios.h>
 #include <unistd.h>
 
-#include "Engine/internal/SignalsBlocked.h"
 #include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/ProcessWaiter.h"
 #include "Engine/utilities/StdException.h"
@@ -18,6 +17,7 @@
 #include "Engine/utilities/TraceFlags.h"
 
 #include "HostEvents.h"
+#include "SignalsBlocked.h"
 #include "StartSignals.h"
 
 namespace {

@@ -9,9 +9,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "Engine/internal/SignalsBlocked.h"
 #include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/KeepErrno.h"
+
+#include "SignalsBlocked.h"
 
 namespace {
 

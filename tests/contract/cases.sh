@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# One test of docs/contract.md: what the page names must be there.
+# One test of docs/contract.md, or of docs/architecture.md: what the page names must be there.
 # usage: cases.sh case
 # The environment names SOURCE_FOLDER.
 set -euo pipefail
@@ -31,10 +31,11 @@ expect_many() {
   [ "$(grep -c . <<<"$2")" -ge "$1" ] || fail "$page is no longer read by this test: $2"
 }
 
-EachFileThatItNamesIsThere() {
+# files_are_there number: at least so many are named.
+files_are_there() {
   local name named missing=
   named=$(marked | grep -E '^[A-Za-z0-9_./-]+\.(h|cpp|sh|symbols|md)$')
-  expect_many 80 "$named"
+  expect_many "$1" "$named"
   files >"$folder/files"
   for name in $named; do
     grep -qE "(^|/)${name//./\\.}\$" "$folder/files" || missing+="$name"$'\n'
@@ -53,10 +54,10 @@ EachTextThatItQuotesStandsInTheSources() {
   expect_none texts "$missing"
 }
 
-EachNameThatItGivesStandsInTheSources() {
+names_are_there() {
   local name names missing=
-  names=$(marked | grep -E '^[A-Za-z_][A-Za-z0-9_:]*$' | sed 's/.*:://' | sort -u)
-  expect_many 150 "$names"
+  names=$(marked | sed 's/()$//' | grep -E '^[A-Za-z_][A-Za-z0-9_:]*$' | sed 's/.*:://' | sort -u)
+  expect_many "$1" "$names"
   { sources; files; cat tests/CMakeLists.txt Engine/CMakeLists.txt; } >"$folder/sources"
   for name in $names; do
     grep -qw -e "$name" "$folder/sources" || missing+="$name"$'\n'
@@ -89,6 +90,19 @@ NoPlaceHasABareNumber() {
   bare=$(sources | tr '\n' ' ' |
     grep -oE '([sS]ourceFile|[fF]unction|Text|\([^()"]*\)( const)?"), +[1-9][0-9]*[,)].{0,40}' || true)
   [ -z "$bare" ] || fail "write 24_place for a place that tools know, else __LINE__:"$'\n'"$bare"
+}
+
+EachFileThatItNamesIsThere() { files_are_there 80; }
+EachNameThatItGivesStandsInTheSources() { names_are_there 150; }
+
+EachFileOfTheArchitectureIsThere() {
+  page=docs/architecture.md
+  files_are_there 25
+}
+
+EachNameOfTheArchitectureStandsInTheSources() {
+  page=docs/architecture.md
+  names_are_there 30
 }
 
 "$1"

@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include "Engine/internal/LockGuard.h"
 #include "Engine/utilities/CUL_SemaphoreError.h"
 #include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
 #include "Engine/utilities/UNIX/UNIX_Mutex.h"
@@ -22,21 +21,15 @@ namespace {
 UNIX_Critical_Section earlyLock;
 
 struct UseAtExit {
-  UseAtExit() { LockGuard guard(earlyLock, "before main", 1); }
-  ~UseAtExit() { LockGuard guard(earlyLock, "after exit", 2); }
-} const useAtExit;
+  UseAtExit() { use("before main"); }
+  ~UseAtExit() { use("after exit"); }
 
-// Whether another thread would get the lock at once.
-bool isFree(UNIX_Mutex& lock) {
-  bool result = false;
-  std::thread([&lock, &result] {
-    result = pthread_mutex_trylock(lock.nativeHandle()) == 0;
-    if (result) {
-      pthread_mutex_unlock(lock.nativeHandle());
-    }
-  }).join();
-  return result;
-}
+ private:
+  static void use(const char* when) {
+    earlyLock.request(when, 1);
+    earlyLock.release(when, 2);
+  }
+} const useAtExit;
 
 }  // namespace
 
@@ -273,15 +266,4 @@ TEST(CUL_SemaphoreError, IsTracedWithTheAddressOfTheObject) {
   const ChildResult untraced = runChild("MakeASemaphoreError");
   EXPECT_EQ(untraced.status, 0);
   EXPECT_EQ(untraced.err, "");
-}
-
-TEST(LockGuard, ReleasesWhenAnExceptionLeavesTheScope) {
-  UNIX_Critical_Section lock;
-  try {
-    LockGuard guard(lock, "test", 1);
-    EXPECT_FALSE(isFree(lock));
-    throw 1;
-  } catch (int) {
-    EXPECT_TRUE(isFree(lock));
-  }
 }

@@ -4,7 +4,9 @@
 #include <atomic>
 #include <fstream>
 #include <functional>
+#include <pthread.h>
 #include <string>
+#include <thread>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -12,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/UNIX/UNIX_Mutex.h"
 
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
@@ -32,6 +35,18 @@ inline bool waitUntilAsleep(const std::atomic<pid_t>& task) {
     const size_t name = text.rfind(") ");
     return name != std::string::npos && text[name + 2] == 'S';
   });
+}
+
+/// Whether another thread would get the lock at once.
+inline bool isFree(UNIX_Mutex& lock) {
+  bool result = false;
+  std::thread([&lock, &result] {
+    result = pthread_mutex_trylock(lock.nativeHandle()) == 0;
+    if (result) {
+      pthread_mutex_unlock(lock.nativeHandle());
+    }
+  }).join();
+  return result;
 }
 
 /// A thread that runs a function. Deletes itself like every started thread.

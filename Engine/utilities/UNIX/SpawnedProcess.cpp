@@ -15,6 +15,7 @@
 #include "Engine/internal/ProgramStart.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/internal/SystemCallFailure.h"
+#include "Engine/internal/SystemPath.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/ProcessWaiter.h"

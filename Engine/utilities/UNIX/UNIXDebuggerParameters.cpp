@@ -4,6 +4,7 @@
 #include <string>
 #include <string_view>
 
+#include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/CharString.h"
 #include "Engine/utilities/PathSearch.h"

@@ -21,12 +21,13 @@ class CUL_EXPORT UNIX_Critical_Section final : public UNIX_Mutex {
   ///   status, when the calling thread is not the owner; the lock is not touched then.
   void release(const char* file, unsigned int line) CUL_GIVES() override;
 
-  /// Gives all levels back that the calling thread has; nothing when it has none. For a thread
-  /// that will never return to where it took them. Internal to the library.
+ private:
+  friend class StringPoolManager;
+
+  // Gives all levels back that the calling thread has; nothing when it has none. For a thread
+  // that will never return to where it took them.
   [[gnu::visibility("hidden")]] void abandon(const char* file, unsigned int line) noexcept
       CUL_UNCHECKED_LOCKS;  // only when it has it
-
- private:
   [[noreturn]] void refuse(const char* file, unsigned int line) const;
 
   // Read without the lock: only the owner ever stores its own id here, and it clears the

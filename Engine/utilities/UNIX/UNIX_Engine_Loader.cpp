@@ -9,7 +9,7 @@
 #include "Engine/internal/LoaderGuard.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/OpenLibrary.h"
-#include "Engine/utilities/PathSearch.h"
+#include "Engine/internal/SystemPath.h"
 #include "Engine/utilities/TraceFlags.h"
 
 // The engine knows this layout: docs/contract.md.

@@ -3,6 +3,7 @@
 #include <string_view>
 
 #include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
 #include "Engine/utilities/FileName.h"
 #include "Engine/utilities/PathSearch.h"
