@@ -6,7 +6,7 @@ set -euo pipefail
 
 folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
 trap 'rm -rf "$folder"' EXIT
-tree=$folder/tree
+tree="$folder/a tree"
 output=$folder/output
 
 fail() { echo "$*" >&2; [ ! -f "$output" ] || cat "$output" >&2; exit 1; }
@@ -154,12 +154,15 @@ OnlyWhatIsAskedForIsChecked() {
   expect_clean --quick Engine/Other.cpp Engine/Answer.h
   expect_findings --quick tests
   (cd / && expect_findings --quick Engine tests)
+  mkdir "$tree/empty"
+  expect_findings --quick empty
+  expect_said "there is nothing to check"
 }
 
 WhatItDoesNotKnowIsRefusedWithItsUsage() {
   make_tree
   local arguments status
-  for arguments in --fast -h "--quick --quick" "Engine --quick" Nowhere "" / ../tree "Engine Engine/No.h"; do
+  for arguments in --fast -h "--quick --quick" "Engine --quick" Nowhere "" / . ../tree "Engine Engine/No.h"; do
     status=0
     if [ -n "$arguments" ]; then
       # shellcheck disable=SC2086  # several arguments
