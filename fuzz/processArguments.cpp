@@ -36,6 +36,7 @@ std::span<char> argumentArea() {
     char* end = nullptr;
     const unsigned long first = std::strtoul(text.c_str() + at, &end, 10);
     const unsigned long behind = std::strtoul(end, nullptr, 10);
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): the kernel writes it so.
     return std::span<char>(reinterpret_cast<char*>(first), behind - first);
   }();
   return area;
@@ -99,13 +100,15 @@ std::vector<std::string> readBack(const std::string& line, bool& isCut) {
       isCut = argument == "...";
     } else {
       for (++at; line.at(at) != '"'; ++at) {
-        if (line[at] != '\\') {
-          argument += line[at];
-        } else if (line.at(++at) == 'x') {
+        const bool isEscape = line[at] == '\\';
+        if (isEscape) {
+          ++at;
+        }
+        if (isEscape && line.at(at) == 'x') {
           argument += static_cast<char>(std::stoi(line.substr(at + 1, 2), nullptr, 16));
           at += 2;
         } else {
-          argument += line[at];
+          argument += line.at(at);
         }
       }
       ++at;

@@ -54,7 +54,8 @@ bool offsetOf(std::time_t second, std::time_t& offset) noexcept {
   }
   const std::time_t days =
       dayNumber(std::time_t{parts.tm_year} + 1900, parts.tm_mon, parts.tm_mday);
-  offset = days * day + parts.tm_hour * 3600 + parts.tm_min * 60 + parts.tm_sec - second;
+  const std::time_t minutes = std::time_t{parts.tm_hour} * 60 + parts.tm_min;
+  offset = days * day + minutes * 60 + parts.tm_sec - second;
   return true;
 }
 

@@ -13,7 +13,7 @@ namespace {
 // A pointer or a number.
 template <typename Argument>
 long word(Argument argument) noexcept {
-  return (long)argument;  // NOLINT: the kernel's view of either.
+  return (long)argument;  // The kernel's view of either.
 }
 
 // \return the result; an error number made negative when the call fails.

@@ -138,8 +138,10 @@ constexpr KnownFunction knownFunctions[] = {
 
 // This library's own. The declarations serve for the addresses only.
 extern "C" {
+// NOLINTBEGIN(bugprone-macro-parentheses): a name that is declared stands without them.
 #define CUL_OWN_FUNCTION(id, name) \
   extern const unsigned char id[] __asm__(name) __attribute__((visibility("default")));
+// NOLINTEND(bugprone-macro-parentheses)
 CUL_OWN_FUNCTION(sectionRequest, "_ZN21UNIX_Critical_Section7requestEPKcj")
 CUL_OWN_FUNCTION(mutexRequest, "_ZN10UNIX_Mutex7requestEPKcj")
 CUL_OWN_FUNCTION(readRequest, "_ZN6RWlock11requestReadEv")
@@ -522,7 +524,7 @@ class Walk {
   // be left.
   void noteAnchor(const Frame& frame) noexcept {
     if ((anchor_ == 0 || isAnchorInRuntime_) && frame.listed == Listed::withCleanup) {
-      anchor_ = frame.next ^ frame.stackPointer << 16;  // NOLINT(hicpp-signed-bitwise)
+      anchor_ = frame.next ^ frame.stackPointer << 16;
       isAnchorInRuntime_ = false;
     }
   }

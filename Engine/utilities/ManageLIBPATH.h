@@ -39,7 +39,7 @@ class CUL_EXPORT ManageLIBPATH {
     ManagedString& operator+=(const char* text);
 
     /// The characters, null when there are none. Valid until the string changes.
-    // NOLINTNEXTLINE(google-explicit-constructor)
+    // NOLINTNEXTLINE(google-explicit-constructor): as above.
     operator const char*() const noexcept { return text_; }
 
     /// Neither null nor of length 0.

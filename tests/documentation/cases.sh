@@ -40,13 +40,14 @@ ThePublicHeadersGiveNoWarning() { "$DOXYGEN" "$DOXYFILE"; }
 public_headers() { sed -n '/^INPUT = /,/[^\\]$/p' "$DOXYFILE" | tr ' ' '\n' | grep '\.h$'; }
 
 NothingButCommentsIsAddedToTheHeaders() {
-  local filter header
+  local filter header lost
   read -ra filter < <(sed -n 's/^FILTER_PATTERNS = "\*\.h=\(.*\)"/\1/p' "$DOXYFILE")
   without_comments() { grep -v '^ *///' | grep . || true; }
   for header in $(public_headers); do
     diff -u --label "$header" <(without_comments <"$header") --label filtered \
       <("${filter[@]}" "$header" | without_comments) || fail "other than comments: $header"
-    ! diff "$header" <("${filter[@]}" "$header") | grep '^<' || fail "less comments: $header"
+    lost=$(diff "$header" <("${filter[@]}" "$header") | grep -c '^<') || true
+    [ "$lost" = 0 ] || fail "less comments: $header"
   done
 }
 

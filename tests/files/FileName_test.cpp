@@ -62,7 +62,6 @@ void PrintTo(const Pieces& p, std::ostream* out) {
 }
 
 Pieces pieces(const FileName& n) {
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): what a move leaves is promised.
   return {text(n.directory()), text(n.base()), text(n.root()), text(n.extension()),
           text(n.member())};
 }
@@ -379,7 +378,7 @@ TEST(FileName, CopiesAndMovesItsPiecesAndItsHash) {
   EXPECT_EQ(copy.computeHash(), hash);
   const FileName moved(std::move(n));
   EXPECT_EQ(pieces(moved), pieces(copy));
-  EXPECT_EQ(pieces(n), Pieces());  // NOLINT(bugprone-use-after-move): what is left is promised.
+  EXPECT_EQ(pieces(n), Pieces());  // What is left is promised.
   EXPECT_EQ(n.computeHash(), 0x84222325U);
   n = copy;
   EXPECT_EQ(pieces(n), pieces(copy));
@@ -387,7 +386,7 @@ TEST(FileName, CopiesAndMovesItsPiecesAndItsHash) {
   target = std::move(n);
   EXPECT_EQ(pieces(target), pieces(copy));
   EXPECT_EQ(target.computeHash(), hash);
-  EXPECT_EQ(pieces(n), Pieces());  // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(pieces(n), Pieces());
   FileName& same = target;
   target = std::move(same);
   EXPECT_EQ(pieces(target), pieces(copy));

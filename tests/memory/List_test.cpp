@@ -50,9 +50,7 @@ TEST(List, IsReturnedByAFunctionWithoutCopyingItsElements) {
   EXPECT_EQ(taken.begin(), elements);
   EXPECT_EQ(Ints(taken.begin(), taken.end()), (Ints{7, 8}));
   EXPECT_EQ(taken.capacity(), 4U);
-  // NOLINTNEXTLINE(bugprone-use-after-move): what is left is an empty list to go on with.
   EXPECT_TRUE(source.isEmpty());
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): what a move leaves is promised.
   EXPECT_EQ(source.capacity(), 0U);
   source.add(9);
   EXPECT_EQ(Ints(source.begin(), source.end()), Ints{9});
@@ -232,8 +230,6 @@ TEST(List, ReturnedByAFunctionGrowsInItsPoolAsBefore) {
   EXPECT_EQ(itemsOf(taken), (std::vector<short>{7, 8, 9}));
   EXPECT_EQ(taken.capacity(), 5U);
   EXPECT_GT(pool.first->used, used);
-  // NOLINTNEXTLINE(bugprone-use-after-move): what is left is an empty list to go on with.
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move)
   source.add(1);
   EXPECT_EQ(source.capacity(), 3U);
 }

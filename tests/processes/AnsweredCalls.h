@@ -20,6 +20,7 @@ struct SystemCall {
 /// for leaks at the end of a process stops all other threads, also the one that answers: it must
 /// make none of them.
 struct CaughtCalls {
+  // NOLINTNEXTLINE(google-explicit-constructor): a number alone stands for all of its calls.
   CaughtCalls(long itsNumber, unsigned itsArgument = 0, unsigned itsLeast = 0,
               unsigned itsMost = ~0U)
       : number(itsNumber), argument(itsArgument), least(itsLeast), most(itsMost) {}

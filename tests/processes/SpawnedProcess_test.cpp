@@ -942,7 +942,7 @@ TEST(SpawnedProcess, SharesItsWaiterWithCopies) {
   HeldProgram program;
   std::optional<SpawnedProcess> original(program.start());
   const SpawnedProcess copy(*original);
-  const SpawnedProcess copyOfCopy(copy);  // NOLINT(performance-unnecessary-copy-initialization)
+  const SpawnedProcess copyOfCopy(copy);
   EXPECT_EQ(&*copy.getWaiter(), &*original->getWaiter());
   EXPECT_EQ(&*copyOfCopy.getWaiter(), &*original->getWaiter());
   EXPECT_FALSE(copy.done());
@@ -956,7 +956,7 @@ TEST(SpawnedProcess, SharesItsWaiterWithCopies) {
 TEST(SpawnedProcess, ReportsTheSameThroughACopyAndTheOriginal) {
   const SpawnedProcess original = spawnShell("exit 9");
   EXPECT_EQ(statusOf(original), 9 << 8);
-  const SpawnedProcess copy(original);  // NOLINT(performance-unnecessary-copy-initialization)
+  const SpawnedProcess copy(original);
   EXPECT_TRUE(copy.done());
   EXPECT_EQ(copy.returnCode(), 9 << 8);
 }
@@ -976,7 +976,7 @@ TEST(SpawnedProcess, TellsItsFlags) {
     const SpawnedProcess process = spawn("true", {}, shares, inherits);
     EXPECT_EQ(process.sharesParentConsoleIO(), shares != 0);
     EXPECT_EQ(process.inheritsFileDescriptors(), inherits != 0);
-    const SpawnedProcess copy(process);  // NOLINT(performance-unnecessary-copy-initialization)
+    const SpawnedProcess copy(process);
     EXPECT_EQ(copy.sharesParentConsoleIO(), shares != 0);
     EXPECT_EQ(copy.inheritsFileDescriptors(), inherits != 0);
     EXPECT_EQ(statusOf(copy), 0);

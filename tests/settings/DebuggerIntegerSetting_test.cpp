@@ -100,9 +100,8 @@ TEST(DebuggerIntegerSetting, ReadsAsTheCLibraryDoes) {
                            "-9223372036854775809",
                            "18446744073709551617",
                            "99999999999999999999999999",
-                           "\xC2\xA0"
-                           "5",
-                           "5\xC2\xA0"}) {
+                           "\u00A05",
+                           "5\u00A0"}) {
     int number = 0;
     char behind = 0;
     const bool expected = std::sscanf(text, "%d%c", &number, &behind) == 1;

@@ -38,7 +38,7 @@ TEST(DebuggerStringSetting, CountsCharactersNotBytes) {
 
 TEST(DebuggerStringSetting, KeepsTheTextAsGiven) {
   DebuggerStringSetting setting = string(0, noLimit);
-  const std::string text("  Blanks, \t\0 and \xFF ", 20);
+  const std::string text("  Blanks, \t\0 and \xFF \0", 20);
   EXPECT_TRUE(set(setting, text));
   EXPECT_EQ(valueOf(setting), text);
 }

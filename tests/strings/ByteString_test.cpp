@@ -20,7 +20,6 @@ ByteString bytes(std::string_view text) {
 
 // Fails when the terminator is missing.
 std::string text(const ByteString& s) {
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): what a move leaves is promised.
   const unsigned char* const p = s;
   EXPECT_EQ(p[s.length()], 0);
   return std::string(s.view());
@@ -221,10 +220,10 @@ TEST(ByteString, MovingLeavesTheSourceEmpty) {
   const std::string before = text(a);
   ByteString b(std::move(a));
   EXPECT_EQ(text(b), before);
-  EXPECT_EQ(text(a), "");  // NOLINT(bugprone-use-after-move): what is left is promised.
+  EXPECT_EQ(text(a), "");  // What is left is promised.
   a = std::move(b);
   EXPECT_EQ(text(a), before);
-  EXPECT_EQ(text(b), "");  // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(text(b), "");
 }
 
 TEST(ByteString, IsDestroyedThroughItsBase) {

@@ -26,7 +26,6 @@ CharString wide(std::wstring_view text) {
 
 // Fails when the terminator is missing.
 std::wstring text(const CharString& s) {
-  // NOLINTNEXTLINE(clang-analyzer-cplusplus.Move): what a move leaves is promised.
   const wchar_t* const p = s;
   EXPECT_EQ(p[s.length()], 0);
   return {p, s.length()};
@@ -105,10 +104,10 @@ TEST(CharString, MovingLeavesTheSourceEmpty) {
   CharString a(L"moved");
   CharString b(std::move(a));
   EXPECT_EQ(text(b), L"moved");
-  EXPECT_EQ(text(a), L"");  // NOLINT(bugprone-use-after-move): what is left is promised.
+  EXPECT_EQ(text(a), L"");  // What is left is promised.
   a = std::move(b);
   EXPECT_EQ(text(a), L"moved");
-  EXPECT_EQ(text(b), L"");  // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(text(b), L"");
 }
 
 TEST(CharString, LoadsUTF8) {

@@ -131,7 +131,7 @@ TEST(EBCDIC, TranslatesJustTheGivenBytesOfABuffer) {
 }
 
 TEST(EBCDIC, TranslatesATerminatedBufferUpToItsEnd) {
-  const GuardedBytes buffer(std::string_view("Hello\n", 7));
+  const GuardedBytes buffer(std::string_view("Hello\n\0", 7));
   unsigned char* const bytes = bytesAt(buffer.data());
   EXPECT_EQ(EBCDIC::fromUCS7bit(bytes), bytes);
   EXPECT_EQ(std::string(buffer.data()), greeting);
@@ -158,7 +158,7 @@ TEST(EBCDIC, TranslatesWhileCopying) {
 }
 
 TEST(EBCDIC, CopiesTheTerminator) {
-  const GuardedBytes source(std::string_view("Hello\n", 7));
+  const GuardedBytes source(std::string_view("Hello\n\0", 7));
   const GuardedBytes target(7);
   unsigned char* const to = bytesAt(target.data());
   EXPECT_EQ(EBCDIC::fromUCS7bit(to, bytesAt(source.data())), to);

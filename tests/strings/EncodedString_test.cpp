@@ -122,11 +122,11 @@ TEST(EncodedString, LeavesTheSourceOfAMoveEmpty) {
   E moved(std::move(s));
   EXPECT_EQ(static_cast<const char*>(moved), storage);
   EXPECT_EQ(moved.view(), "some text");
-  EXPECT_EQ(s.length(), 0U);  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+  EXPECT_EQ(s.length(), 0U);
   s = utf8("other");
   s = std::move(moved);
   EXPECT_EQ(static_cast<const char*>(s), storage);
-  EXPECT_EQ(moved.length(), 0U);  // NOLINT(bugprone-use-after-move,clang-analyzer-cplusplus.Move)
+  EXPECT_EQ(moved.length(), 0U);
   static_assert(std::is_nothrow_move_constructible_v<E>);
   static_assert(std::is_nothrow_move_assignable_v<E>);
 }

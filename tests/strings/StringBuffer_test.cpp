@@ -228,7 +228,7 @@ TYPED_TEST(StringBufferTest, MovingLeavesTheSourceEmptyAndUsable) {
   StringBuffer<T> moved(std::move(s));
   EXPECT_EQ(address(moved), block);
   EXPECT_EQ(asciiOf(moved), "abc");
-  EXPECT_EQ(s.length(), 0U);  // NOLINT(bugprone-use-after-move): what is left is promised.
+  EXPECT_EQ(s.length(), 0U);  // What is left is promised.
   EXPECT_EQ(*address(s), 0);
   s += moved;
   EXPECT_EQ(asciiOf(s), "abc");
@@ -236,7 +236,7 @@ TYPED_TEST(StringBufferTest, MovingLeavesTheSourceEmptyAndUsable) {
   StringBuffer<T> target = make<T>("what was before");
   target = std::move(moved);
   EXPECT_EQ(address(target), block);
-  EXPECT_EQ(moved.length(), 0U);  // NOLINT(bugprone-use-after-move): as above.
+  EXPECT_EQ(moved.length(), 0U);
 
   StringBuffer<T>& self = target;
   target = std::move(self);

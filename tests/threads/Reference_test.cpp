@@ -97,7 +97,6 @@ TEST(Reference, GivesItsReferenceAwayWhenMoved) {
   std::atomic<int> gone = 0;
   Reference<Base> first(new Base(gone));
   const Reference<Base> second(std::move(first));
-  // NOLINTNEXTLINE(bugprone-use-after-move): a moved reference holds nothing.
   EXPECT_FALSE(first);
   EXPECT_EQ(second->referenceCount(), 1U);
   EXPECT_TRUE(std::is_nothrow_move_constructible_v<Reference<Base>>);
@@ -116,7 +115,6 @@ TEST(Reference, LetsItsOldObjectGoWhenAssigned) {
   EXPECT_EQ(secondGone, 0);
   Reference<Base> moved(other);
   reference = std::move(moved);
-  // NOLINTNEXTLINE(bugprone-use-after-move): a moved reference holds nothing.
   EXPECT_FALSE(moved);
   EXPECT_EQ(other->referenceCount(), 2U);
 }

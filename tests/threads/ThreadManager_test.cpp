@@ -20,8 +20,8 @@ namespace {
 
 using Ids = std::vector<unsigned long>;
 
-constexpr auto OK = ThreadManager::THREADMANAGER_OK;
-constexpr auto FAILED = ThreadManager::THREADMANAGER_FAILED;
+constexpr auto ok = ThreadManager::THREADMANAGER_OK;
+constexpr auto failed = ThreadManager::THREADMANAGER_FAILED;
 
 Ids idsOf(ThreadManager& manager) {
   const List<unsigned long> ids = manager.getThreadIds();
@@ -39,8 +39,8 @@ Reference<ThreadHandle> handleOf(const ThreadManager& manager, pthread_t id) {
 }  // namespace
 
 TEST(ThreadManager, HasItsResultCodes) {
-  EXPECT_EQ(static_cast<unsigned>(OK), 0U);
-  EXPECT_EQ(static_cast<unsigned>(FAILED), 1U);
+  EXPECT_EQ(static_cast<unsigned>(ok), 0U);
+  EXPECT_EQ(static_cast<unsigned>(failed), 1U);
 }
 
 TEST(ThreadManager, IsEmptyAndItsEventIsClosedAtFirst) {
@@ -191,11 +191,11 @@ TEST(ThreadManager, AppendListsAHandleOnce) {
   Reference<ThreadHandle> handle = ThreadHandle::instance(manager, runnable);
   Reference<ThreadHandle> other = ThreadHandle::instance(manager, runnable);
   EXPECT_EQ(handle->referenceCount(), 2U);
-  EXPECT_EQ(manager.append(handle), OK);
+  EXPECT_EQ(manager.append(handle), ok);
   EXPECT_EQ(handle->referenceCount(), 3U);
-  EXPECT_EQ(manager.append(handle), FAILED);
+  EXPECT_EQ(manager.append(handle), failed);
   EXPECT_EQ(handle->referenceCount(), 3U);
-  EXPECT_EQ(manager.append(other), OK);
+  EXPECT_EQ(manager.append(other), ok);
   EXPECT_EQ(idsOf(manager), (Ids{0, 0}));
   EXPECT_EQ(manager.findThread(handle), 0);
   EXPECT_EQ(manager.findThread(other), 1);
@@ -206,38 +206,38 @@ TEST(ThreadManager, RemoveTakesAHandleOffTheListOnce) {
   QuickRunnable runnable;
   Reference<ThreadHandle> handle = ThreadHandle::instance(manager, runnable);
   Reference<ThreadHandle> other = ThreadHandle::instance(manager, runnable);
-  EXPECT_EQ(manager.remove(handle), FAILED);
+  EXPECT_EQ(manager.remove(handle), failed);
   manager.append(handle);
-  EXPECT_EQ(manager.remove(other), FAILED);
-  EXPECT_EQ(manager.remove(handle), OK);
+  EXPECT_EQ(manager.remove(other), failed);
+  EXPECT_EQ(manager.remove(handle), ok);
   EXPECT_EQ(handle->referenceCount(), 2U);
   EXPECT_EQ(handle->manager(), &manager);
-  EXPECT_EQ(manager.remove(handle), FAILED);
+  EXPECT_EQ(manager.remove(handle), failed);
   EXPECT_FALSE(isOpen(manager.allEnded()));
-  EXPECT_EQ(manager.append(handle), OK);
+  EXPECT_EQ(manager.append(handle), ok);
 }
 
 TEST(ThreadManager, DestroyTakesAnIndexBelowTheCount) {
   ThreadManager manager;
-  EXPECT_EQ(manager.destroy(0), FAILED);
+  EXPECT_EQ(manager.destroy(0), failed);
   QuickRunnable runnable;
   std::vector<Reference<ThreadHandle>> handles;
   for (int i = 0; i < 3; ++i) {
     handles.push_back(ThreadHandle::instance(manager, runnable));
     manager.append(handles.back());
   }
-  EXPECT_EQ(manager.destroy(4), FAILED);
-  EXPECT_EQ(manager.destroy(3), FAILED);
-  EXPECT_EQ(manager.destroy(0xFFFFFFFF), FAILED);
-  EXPECT_EQ(manager.destroy(1), OK);
+  EXPECT_EQ(manager.destroy(4), failed);
+  EXPECT_EQ(manager.destroy(3), failed);
+  EXPECT_EQ(manager.destroy(0xFFFFFFFF), failed);
+  EXPECT_EQ(manager.destroy(1), ok);
   EXPECT_EQ(handles[1]->referenceCount(), 2U);
   EXPECT_EQ(handles[1]->manager(), &manager);
   EXPECT_EQ(manager.findThread(handles[0]), 0);
   EXPECT_EQ(manager.findThread(handles[1]), -1);
   EXPECT_EQ(manager.findThread(handles[2]), 1);
-  EXPECT_EQ(manager.destroy(1), OK);
-  EXPECT_EQ(manager.destroy(0), OK);
-  EXPECT_EQ(manager.destroy(0), FAILED);
+  EXPECT_EQ(manager.destroy(1), ok);
+  EXPECT_EQ(manager.destroy(0), ok);
+  EXPECT_EQ(manager.destroy(0), failed);
   EXPECT_FALSE(isOpen(manager.allEnded()));
 }
 
@@ -246,10 +246,10 @@ TEST(ThreadManager, RemoveByIdOrphansARunThatHasNotEnded) {
   GatedRunnable runnable(8);
   const pthread_t id = manager.start(runnable);
   const Reference<ThreadHandle> handle = handleOf(manager, id);
-  EXPECT_EQ(manager.remove(id), OK);
+  EXPECT_EQ(manager.remove(id), ok);
   EXPECT_EQ(handle->manager(), nullptr);
   EXPECT_TRUE(idsOf(manager).empty());
-  EXPECT_EQ(manager.remove(id), FAILED);
+  EXPECT_EQ(manager.remove(id), failed);
   // Only notify() opens the event.
   EXPECT_FALSE(isOpen(manager.allEnded()));
   runnable.gate.post();
@@ -265,7 +265,7 @@ TEST(ThreadManager, RemoveByIdLeavesTheManagerToARunThatHasEnded) {
   Reference<ThreadHandle> handle = ThreadHandle::instance(manager, runnable);
   manager.append(handle);
   handle->semaphore().post();
-  EXPECT_EQ(manager.remove(pthread_t{0}), OK);
+  EXPECT_EQ(manager.remove(pthread_t{0}), ok);
   EXPECT_EQ(handle->manager(), &manager);
 }
 
@@ -278,7 +278,7 @@ TEST(ThreadManager, RemoveByIdTakesTheFirstOfThatId) {
   manager.append(second);
   EXPECT_EQ(manager.findThread(pthread_t{0}), 0);
   EXPECT_TRUE(manager.getThread(0) == first);
-  EXPECT_EQ(manager.remove(pthread_t{0}), OK);
+  EXPECT_EQ(manager.remove(pthread_t{0}), ok);
   EXPECT_EQ(manager.findThread(first), -1);
   EXPECT_EQ(manager.findThread(second), 0);
 }
@@ -564,7 +564,7 @@ TEST(ThreadManager, ARunAskedToEndInItsWorkStaysListedAndLeavesTheManagerUsable)
   QuickRunnable runnable;
   EXPECT_NE(manager.start(runnable), 0U);
   EXPECT_TRUE(waitUntil([&] { return idsOf(manager) == Ids{id}; }));
-  EXPECT_EQ(manager.remove(id), OK);
+  EXPECT_EQ(manager.remove(id), ok);
 }
 
 CUL_CHILD(ManagerLocks) {
@@ -578,10 +578,10 @@ CUL_CHILD(ManagerLocks) {
   traceLockPlaces([&] { EXPECT_EQ(manager->findThread(pthread_t{0}), 0); });
   traceLockPlaces([&] { EXPECT_TRUE(manager->getThread(0) == handle); });
   traceLockPlaces([&] { manager->notify(pthread_self(), 0); });
-  traceLockPlaces([&] { EXPECT_EQ(manager->remove(pthread_self()), FAILED); });
+  traceLockPlaces([&] { EXPECT_EQ(manager->remove(pthread_self()), failed); });
   traceLockPlaces([&] { manager->remove(handle); });
   EXPECT_EQ(manager->findThread(handle), -1);
-  traceLockPlaces([&] { EXPECT_EQ(manager->destroy(0), FAILED); });
+  traceLockPlaces([&] { EXPECT_EQ(manager->destroy(0), failed); });
   // The event's mutex is given back before.
   traceLockPlaces([&] { manager->orphanThreads(); }, 1);
 }

@@ -195,7 +195,7 @@ void expectOn(const Environment& environment) {
 }
 
 // Where the configuration was taken from: the test gives each variable a type of its own.
-Strings typesChosenBy(Environment environment) {
+Strings typesChosenBy(const Environment& environment) {
   const ChildResult r = runWith("TraceNothing", environment);
   return headerOf(r.err).included;
 }
@@ -1049,7 +1049,8 @@ TEST(TraceLine, NamesTheThreadInEightCharacters) {
 
 namespace {
 
-struct Handler : GMH_HandlerDiagnostic {
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and never deleted.
+struct Handler final : GMH_HandlerDiagnostic {
   const char* diagnosticText() const override {
     errno = EINVAL;
     return "handler 9";
