@@ -6,9 +6,10 @@
 /// here.
 
 #if defined(__clang__)
-/// An attribute of clang's; nothing for other compilers.
+/// An attribute of clang's.
 #define CUL_LOCK_CHECK(attribute) __attribute__((attribute))
 #else
+/// Nothing for other compilers.
 #define CUL_LOCK_CHECK(attribute)
 #endif
 

@@ -8,7 +8,6 @@
 #include "Engine/internal/Tables.h"
 
 // The engine knows this layout: docs/contract.md.
-CUL_FIXED_SIZE(TraceFlags, 28);
 CUL_FIXED_FIELD(TraceFlags, bytes, 0);
 
 namespace {

@@ -39,8 +39,8 @@ TheDescriptionTellsLayoutsAndNothingOfThisMachine() {
   folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
   trap 'rm -rf "$folder"' EXIT
   # A library whose texts had their length somewhere else.
-  sed "s/layout-offset-in-bits='128'/layout-offset-in-bits='160'/" >"$folder/other.abi" \
-    <<<"$description"
+  sed "s/layout-offset-in-bits='128'/layout-offset-in-bits='160'/" "$SOURCE_FOLDER/Engine/cul.abi" \
+    >"$folder/other.abi"
   ! compare_with "$folder/other.abi" >"$folder/differences" ||
     { echo "no difference between layouts" >&2; exit 1; }
   grep -q "'unsigned int len' offset changed from 160 to 128" "$folder/differences" ||

@@ -7,8 +7,8 @@
 
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/LoaderGuard.h"
-#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/OpenLibrary.h"
+#include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SystemPath.h"
 #include "Engine/utilities/TraceFlags.h"
 
