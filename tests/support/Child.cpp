@@ -130,7 +130,9 @@ std::vector<std::string> childEnvironment(const std::map<std::string, std::strin
     }
   }
   for (const auto& [name, value] : added) {
-    result.push_back(name + "=" + value);
+    // Of a sanitizer's options the last one counts: those of the suite stay where none is given.
+    const char* const given = name.ends_with("SAN_OPTIONS") ? getenv(name.c_str()) : nullptr;
+    result.push_back(name + "=" + (given != nullptr ? given + std::string(":") : "") + value);
   }
   return result;
 }

@@ -10,6 +10,7 @@
 #include "Engine/internal/OpenLibrary.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SystemPath.h"
+#include "Engine/utilities/EnvironmentVariables.h"
 #include "Engine/utilities/TraceFlags.h"
 
 // The engine knows this layout: docs/contract.md.
@@ -69,7 +70,7 @@ void* UNIX_Engine_Loader::get_korv_module(const FileName& name) const {
   }
   if (handle == nullptr) {
     CUL_TRACE(TraceType::error, getModuleText, 91_place, "LD_LIBRARY_PATH=%s",
-              orEmpty(std::getenv("LD_LIBRARY_PATH")));
+              orEmpty(std::getenv(environmentVariable("LD_LIBRARY_PATH"))));
     return nullptr;
   }
   auto kept = std::make_unique<FileName>(name);
