@@ -85,6 +85,23 @@ EachNumberOfAPlaceStandsInItsSourceAndOnThePage() {
   diff "$folder/page" "$folder/sources" || fail "numbers of places differ: < $page, > the sources"
 }
 
+# expect_said text: the page has it as it stands.
+expect_said() { grep -qF -e "$1" "$page" || fail "$page does not say \"$1\""; }
+
+TheNumbersThatAreFreeAreThoseOfTheTables() {
+  local slots options types
+  slots=$(sed -n 's/.*constexpr unsigned slots = \([0-9]*\);/\1/p' Engine/utilities/DebuggerSettingsHKORV.h)
+  expect_said "the slot, 0 to $((slots - 1));"
+  expect_said "an identifier from $slots on"
+  options=$(sed -n 's/^ *parm[A-Z].* = \([0-9]*\),\{0,1\}$/\1/p' Engine/utilities/DebuggerParameters.h |
+    sort -n | tail -n 1)
+  expect_said "\`DebuggerParameters::ParmType\`, 1 to $options"
+  expect_said "a \`ParmType\` from $((options + 1)) on"
+  types=$(grep -cE '^ *TYPE\([a-z]' Engine/utilities/TraceFlags.h)
+  expect_said "$types bytes, each 0 or 1"
+  expect_said "behind $((types - 1)), see *Trace*"
+}
+
 NoPlaceHasABareNumber() {
   local bare
   bare=$(sources | tr '\n' ' ' |

@@ -23,7 +23,7 @@ TEST(TraceFlags, TagsAreTheNamesOfTheTypesInTheOrderOfTheirBytes) {
   }
 }
 
-TEST(TraceFlags, AreARowOf28Bytes) { EXPECT_EQ(sizeof(TraceFlags), 28U); }
+TEST(TraceFlags, AreARowOfOneByteForEachType) { EXPECT_EQ(sizeof(TraceFlags), 28U); }
 
 TEST(TraceFlags, StartSwitchedOff) {
   const TraceFlags flags;

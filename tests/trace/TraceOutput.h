@@ -105,7 +105,7 @@ inline Header headerOf(const std::string& output) {
   return header;
 }
 
-/// The names in the table of known types, in their order.
+/// The names in the table of known types, in their order. A new one is added here by hand.
 inline const std::vector<std::string> knownTypes = {
     "AGENT", "AGTT",  "CHILD", "CLI",    "CONNECTION", "CUL", "DBX",   "DSL",
     "LCC",   "ENTRY", "DXPL",  "EXCPTN", "EXPR",       "WZ4", "GDE",   "GDET",
