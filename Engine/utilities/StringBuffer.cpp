@@ -24,6 +24,9 @@ namespace {
 
 constexpr unsigned allTheRest = 0xFFFFFFFF;
 
+// How many elements stand in front of a position; 0 counts as 1.
+constexpr unsigned skippedBefore(unsigned start) noexcept { return start == 0 ? 0 : start - 1; }
+
 template <class T>
 constexpr bool isWide = sizeof(T) == sizeof(wchar_t);
 
@@ -206,7 +209,7 @@ StringBuffer<T>::StringBuffer(const T* text, unsigned n) : StringBuffer() {
 
 template <class T>
 StringBuffer<T>::StringBuffer(const StringBuffer& s, unsigned start) : StringBuffer() {
-  const unsigned skipped = start == 0 ? 0 : start - 1;
+  const unsigned skipped = skippedBefore(start);
   if (skipped < s.len) {
     makeBuffer(s.len - skipped);
     copyElements(buffer, s.buffer + skipped, len);
@@ -217,7 +220,7 @@ template <class T>
 StringBuffer<T>::StringBuffer(const StringBuffer& s, unsigned start, unsigned count, T pad)
     : StringBuffer() {
   makeBuffer(count);
-  const unsigned skipped = start == 0 ? 0 : start - 1;
+  const unsigned skipped = skippedBefore(start);
   const unsigned present = skipped < s.len ? std::min(count, s.len - skipped) : 0;
   T* end = copyElements(buffer, s.buffer + (present == 0 ? 0 : skipped), present);
   fillElements(end, pad, count - present);
@@ -264,7 +267,7 @@ void StringBuffer<T>::splice(unsigned kept, unsigned removed, const T* inserted,
 
 template <class T>
 unsigned StringBuffer<T>::indexOf(T c, unsigned start) const noexcept {
-  const unsigned skipped = start == 0 ? 0 : start - 1;
+  const unsigned skipped = skippedBefore(start);
   if (skipped >= len) {
     return 0;
   }
@@ -274,7 +277,7 @@ unsigned StringBuffer<T>::indexOf(T c, unsigned start) const noexcept {
 
 template <class T>
 unsigned StringBuffer<T>::indexOfAnyBut(T c, unsigned start) const noexcept {
-  const unsigned skipped = start == 0 ? 0 : start - 1;
+  const unsigned skipped = skippedBefore(start);
   if (skipped >= len) {
     return 0;
   }
@@ -294,7 +297,7 @@ unsigned StringBuffer<T>::lastIndexOfAnyBut(T c, unsigned start) const noexcept 
 
 template <class T>
 unsigned StringBuffer<T>::indexOf(const StringBuffer& pattern, unsigned start) const noexcept {
-  const unsigned skipped = start == 0 ? 0 : start - 1;
+  const unsigned skipped = skippedBefore(start);
   if (std::int64_t{skipped} > std::int64_t{len} - std::int64_t{pattern.len}) {
     return 0;
   }
