@@ -54,7 +54,7 @@ std::string folded(std::string_view path) {
 }  // namespace
 
 UNIXDebuggerParameters::UNIXDebuggerParameters(int argc, char** argv) {
-  if (debuggerName_.length() != 0 || argc < 1 || argv == nullptr) {
+  if (argc < 1 || argv == nullptr) {
     return;
   }
   setDebuggerName(EncodedString(argv[0], EncodedString::native));
