@@ -76,16 +76,16 @@ LibraryMessageServer::LibraryMessageServer(const ByteString& catalog, const char
                 "!!_messageRetriever");
 }
 
-const char* LibraryMessageServer::find(int a, int b) const {
-  return messageRetriever == nullptr ? nullptr : messageRetriever(a, b);
+const char* LibraryMessageServer::find(int set, int number) const {
+  return messageRetriever == nullptr ? nullptr : messageRetriever(set, number);
 }
 
-EncodedString LibraryMessageServer::getMessage(int a, int b) const {
-  return {find(a, b), EncodedString::utf8};
+EncodedString LibraryMessageServer::getMessage(int set, int number) const {
+  return {find(set, number), EncodedString::utf8};
 }
 
-ByteString LibraryMessageServer::getRawMessage(int a, int b) const {
-  return ByteString(find(a, b));
+ByteString LibraryMessageServer::getRawMessage(int set, int number) const {
+  return ByteString(find(set, number));
 }
 
 const char* LibraryMessageServer::getMessageLocale() {

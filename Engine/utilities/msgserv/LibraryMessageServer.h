@@ -9,8 +9,8 @@
 /// The library is opened as loadSharedEntry() opens it, by the name between "lib" and ".so",
 /// and is never unloaded. It has two entries with C linkage:
 /// \code
-///   int setMessageLang(const char* locale);  // "de_DE"; nonzero on success
-///   const char* getMessage(int a, int b);    // UTF-8 that stays; null when there is none
+///   int setMessageLang(const char* locale);       // "de_DE"; nonzero on success
+///   const char* getMessage(int set, int number);  // UTF-8 that stays; null when there is none
 /// \endcode
 /// Its language is set once, when the server is made, to one of ::messageLocales. A name chooses
 /// the one that begins with the same two letters, of either case: "DE_at.UTF-8" is served as
@@ -36,9 +36,9 @@ class CUL_EXPORT LibraryMessageServer : public XPG4MsgServer::SystemMessageServe
   LibraryMessageServer(const ByteString& catalog, const char* language);
 
   /// Empty also when the catalog has no function to get messages with, or has not been loaded.
-  [[nodiscard]] EncodedString getMessage(int a, int b) const override;
+  [[nodiscard]] EncodedString getMessage(int set, int number) const override;
   /// As getMessage(), the bytes as they stand in the catalog.
-  [[nodiscard]] ByteString getRawMessage(int a, int b) const override;
+  [[nodiscard]] ByteString getRawMessage(int set, int number) const override;
 
   /// The locale that the environment variable "LANG" chooses. No other variable has a say.
   [[nodiscard]] static const char* getMessageLocale();
@@ -46,7 +46,7 @@ class CUL_EXPORT LibraryMessageServer : public XPG4MsgServer::SystemMessageServe
  private:
   using MessageRetriever = const char* (*)(int, int);
 
-  [[nodiscard]] const char* find(int a, int b) const;
+  [[nodiscard]] const char* find(int set, int number) const;
 
   MessageRetriever messageRetriever = nullptr;
 };

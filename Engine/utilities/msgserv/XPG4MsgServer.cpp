@@ -13,6 +13,10 @@ XPG4MsgServer::XPG4MsgServer(const char* language, const char* name)
 
 XPG4MsgServer::~XPG4MsgServer() = default;
 
-EncodedString XPG4MsgServer::getMessage(int a, int b) const { return server->getMessage(a, b); }
+EncodedString XPG4MsgServer::getMessage(int set, int number) const {
+  return server->getMessage(set, number);
+}
 
-ByteString XPG4MsgServer::getRawMessage(int a, int b) const { return server->getRawMessage(a, b); }
+ByteString XPG4MsgServer::getRawMessage(int set, int number) const {
+  return server->getRawMessage(set, number);
+}

@@ -14,9 +14,9 @@
 ///   const XPG4MsgServer messages(nullptr, "dbg");  // libwobndbg.so, the language of "LANG"
 ///   const EncodedString text = messages.getMessage(1, 17);
 /// \endcode
-/// What the two numbers mean is the catalog's affair. cmake/CulMessageCatalog.cmake builds
-/// catalogs from message sources, where they are a set and a message. How a catalog is loaded
-/// and its language chosen is told in LibraryMessageServer.h.
+/// They are called a set and a number as in message sources, of which
+/// cmake/CulMessageCatalog.cmake builds catalogs; what they mean is the catalog's affair. How a
+/// catalog is loaded and its language chosen is told in LibraryMessageServer.h.
 ///
 /// A server is made once for each catalog and kept. Texts can be got on any thread, as far as
 /// the catalog's own function goes.
@@ -31,10 +31,10 @@ class CUL_EXPORT SystemMessageServer {
   SystemMessageServer& operator=(const SystemMessageServer&) = delete;
 
   /// The text of a message; empty when there is none.
-  [[nodiscard]] virtual EncodedString getMessage(int a, int b) const = 0;
+  [[nodiscard]] virtual EncodedString getMessage(int set, int number) const = 0;
 
   /// The bytes of the text as they stand in the catalog; none when there is no such message.
-  [[nodiscard]] virtual ByteString getRawMessage(int a, int b) const = 0;
+  [[nodiscard]] virtual ByteString getRawMessage(int set, int number) const = 0;
 
   virtual ~SystemMessageServer() = default;
 
@@ -55,8 +55,8 @@ class CUL_EXPORT XPG4MsgServer : public SystemMessageServer {
   XPG4MsgServer(const XPG4MsgServer&) = delete;
   XPG4MsgServer& operator=(const XPG4MsgServer&) = delete;
 
-  [[nodiscard]] EncodedString getMessage(int a, int b) const override;
-  [[nodiscard]] ByteString getRawMessage(int a, int b) const override;
+  [[nodiscard]] EncodedString getMessage(int set, int number) const override;
+  [[nodiscard]] ByteString getRawMessage(int set, int number) const override;
 
   ~XPG4MsgServer() override;
 
