@@ -85,13 +85,13 @@ CharString::CharString(wchar_t c, int count) {
 
 CharString& CharString::operator=(const wchar_t* text) { return *this = CharString(text); }
 
-void CharString::loadFrom(const char* bytes, unsigned n, EncodedString::Encoding e) {
+void CharString::loadFrom(const char* bytes, unsigned n, EncodedString::Encoding encoding) {
   if (bytes == nullptr || n == 0) {
     clear();
     return;
   }
-  if (e != EncodedString::utf8) {
-    const EncodedString text(bytes, n, e);
+  if (encoding != EncodedString::utf8) {
+    const EncodedString text(bytes, n, encoding);
     loadFrom(text, text.length(), EncodedString::utf8);
     return;
   }
@@ -152,11 +152,11 @@ bool CharString::operator==(const wchar_t* text) const noexcept {
   return len == lengthOf(text) && (len == 0 || std::wmemcmp(buffer, text, len) == 0);
 }
 
-bool CharString::startsWith(const CharString& p, unsigned pos) const noexcept {
-  if (p.len == 0 || pos == 0 || pos > len || len - pos + 1 < p.len) {
+bool CharString::startsWith(const CharString& part, unsigned pos) const noexcept {
+  if (part.len == 0 || pos == 0 || pos > len || len - pos + 1 < part.len) {
     return false;
   }
-  return std::wmemcmp(buffer + pos - 1, p.buffer, p.len) == 0;
+  return std::wmemcmp(buffer + pos - 1, part.buffer, part.len) == 0;
 }
 
 bool CharString::endsWith(const CharString& s) const noexcept {

@@ -52,11 +52,11 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   [[nodiscard]] std::wstring_view view() const noexcept { return {buffer, len}; }
 
   /// Replaces the contents by the code values of some bytes.
-  /// \param bytes null counts as empty.
-  /// \param n     number of bytes.
-  /// \param e     how they are to be read. With `utf8`, bytes that cannot open a sequence
-  ///              where one should start make the whole result empty.
-  void loadFrom(const char* bytes, unsigned n, EncodedString::Encoding e);
+  /// \param bytes    null counts as empty.
+  /// \param n        number of bytes.
+  /// \param encoding how they are to be read. With `utf8`, bytes that cannot open a sequence
+  ///                 where one should start make the whole result empty.
+  void loadFrom(const char* bytes, unsigned n, EncodedString::Encoding encoding);
 
   /// The text as UTF-8.
   [[nodiscard]] EncodedString encoded() const;
@@ -85,8 +85,8 @@ class CUL_EXPORT CharString : public StringBuffer<wchar_t> {
   /// Compares with a zero-terminated text; null counts as empty.
   [[nodiscard]] bool operator==(const wchar_t* text) const noexcept;
 
-  /// Whether `p` stands at position `pos`. False for an empty `p` and a `pos` out of range.
-  [[nodiscard]] bool startsWith(const CharString& p, unsigned pos = 1) const noexcept;
+  /// Whether `part` stands at position `pos`. False for an empty `part` and a `pos` out of range.
+  [[nodiscard]] bool startsWith(const CharString& part, unsigned pos = 1) const noexcept;
   /// Whether the text ends with `s`; false for an empty `s`.
   [[nodiscard]] bool endsWith(const CharString& s) const noexcept;
 

@@ -388,13 +388,13 @@ void EncodedString::setRepeated(const char* bytes, unsigned n, wchar_t c, unsign
   }
 }
 
-bool compareCaseInsensitive(const char* s, const EncodedString& e) {
-  const unsigned length = e.length();
-  if (lengthOf(s) != length) {
+bool compareCaseInsensitive(const char* text, const EncodedString& other) {
+  const unsigned length = other.length();
+  if (lengthOf(text) != length) {
     return false;
   }
-  const char* text = e;
-  return std::equal(text, text + length, s, [](char a, char b) {
+  const char* const begin = other;
+  return std::equal(begin, begin + length, text, [](char a, char b) {
     return ASCII::toLower(static_cast<unsigned char>(a)) ==
            ASCII::toLower(static_cast<unsigned char>(b));
   });

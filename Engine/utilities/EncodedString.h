@@ -175,6 +175,6 @@ class CUL_EXPORT EncodedString : public StringBuffer<char> {
   void setRepeated(const char* bytes, unsigned n, wchar_t c, unsigned count);
 };
 
-/// Whether `s` (null counts as empty) and `e` are the same text but for the case of ASCII
+/// Whether `text` (null counts as empty) and `other` are the same but for the case of ASCII
 /// letters.
-CUL_EXPORT bool compareCaseInsensitive(const char* s, const EncodedString& e);
+CUL_EXPORT bool compareCaseInsensitive(const char* text, const EncodedString& other);

@@ -262,11 +262,11 @@ void FileName::change_extension(const EncodedString& ext) {
   replace(extensionPosition != 0 ? extensionPosition : baseEnd(), baseEnd(), text);
 }
 
-void FileName::change_member(const EncodedString& m) {
+void FileName::change_member(const EncodedString& name) {
   if (!isValidName()) {
     return;
   }
-  std::string text(m.view());
+  std::string text(name.view());
   if (!text.empty() && text.front() != '(' && text.back() != ')') {
     text = '(' + text + ')';
   }

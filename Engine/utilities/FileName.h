@@ -111,10 +111,10 @@ class CUL_EXPORT FileName : public EncodedString {
   /// Replaces the extension, or adds one in front of the member; an empty `ext` removes it.
   /// \param ext with or without its ".".
   void change_extension(const EncodedString& ext);
-  /// Replaces the member, or adds one; an empty `m` removes it.
-  /// \param m used as it stands when it begins with "(" or ends with ")", otherwise put
-  ///          between parentheses.
-  void change_member(const EncodedString& m);
+  /// Replaces the member, or adds one; an empty `name` removes it.
+  /// \param name used as it stands when it begins with "(" or ends with ")", otherwise put
+  ///             between parentheses.
+  void change_member(const EncodedString& name);
 
   /// Anchors a name that is not absolute at `dir`, with a "/" between; an empty `dir`
   /// changes nothing. Then calls rationalizePath().

@@ -392,8 +392,8 @@ unsigned UnicodeUtilities::charCount(const char* p, unsigned n) noexcept {
   return p == nullptr ? 0 : walk(p, n, n).characters;
 }
 
-const char* UnicodeUtilities::findCharacter(const char* p, unsigned n, unsigned k) noexcept {
-  const unsigned before = k == 0 ? 0 : k - 1;
+const char* UnicodeUtilities::findCharacter(const char* p, unsigned n, unsigned position) noexcept {
+  const unsigned before = position == 0 ? 0 : position - 1;
   if (p == nullptr || before >= n) {
     return nullptr;
   }

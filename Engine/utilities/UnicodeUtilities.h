@@ -68,13 +68,14 @@ class CUL_EXPORT UnicodeUtilities {
   /// bytes each one that cannot open a sequence counts as one character.
   [[nodiscard]] static unsigned charCount(const char* p, unsigned n) noexcept;
 
-  /// Where character `k` starts in `n` bytes of well-formed UTF-8, counted as by
+  /// Where character `position` starts in `n` bytes of well-formed UTF-8, counted as by
   /// charCount().
-  /// \param p the bytes; null counts as none.
-  /// \param n number of bytes.
-  /// \param k 1-based; 0 counts as 1.
+  /// \param p        the bytes; null counts as none.
+  /// \param n        number of bytes.
+  /// \param position 1-based; 0 counts as 1.
   /// \return null when there is no such character.
-  [[nodiscard]] static const char* findCharacter(const char* p, unsigned n, unsigned k) noexcept;
+  [[nodiscard]] static const char* findCharacter(const char* p, unsigned n,
+                                                 unsigned position) noexcept;
 
   /// Whether `n` bytes are well-shaped UTF-8: each lead byte is followed, within the `n`
   /// bytes, by as many continuation bytes as it announces (up to five), and no other byte
