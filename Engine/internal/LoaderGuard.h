@@ -1,7 +1,6 @@
 #pragma once
 
-#include "Engine/internal/HoldRequests.h"
-#include "Engine/internal/LockGuard.h"
+#include "Engine/internal/HeldLock.h"
 
 /// \file
 /// Holds the lock of all that loads code, until the end of a scope.
@@ -20,6 +19,5 @@ class LoaderGuard {
   LoaderGuard(const char* function, unsigned int line);
 
  private:
-  HoldRequests hold_;
-  LockGuard guard_;
+  HoldAndLock guard_;
 };

@@ -1,5 +1,6 @@
 #include "Engine/internal/ThreadManagerLink.h"
 
+#include "Engine/internal/HeldLock.h"
 #include "Engine/internal/LockGuard.h"
 #include "Engine/utilities/ThreadManager.h"
 
@@ -11,6 +12,6 @@ void ThreadManagerLink::notify(pthread_t id, int result) {
 }
 
 void ThreadManagerLink::cut() {
-  const LockGuard guard(lock_, "void ThreadManagerLink::cut()", __LINE__);
+  const HoldAndLock guard(lock_, "void ThreadManagerLink::cut()", __LINE__);
   __atomic_store_n(&manager_, nullptr, __ATOMIC_RELEASE);
 }

@@ -6,6 +6,7 @@
 
 #include "Engine/internal/AcrossFork.h"
 #include "Engine/internal/FixedLayout.h"
+#include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LockGuard.h"
 #include "Engine/internal/OwnThread.h"
@@ -73,16 +74,14 @@ void RunningThreads::makeRoom(unsigned int needed) {
 }
 
 void RunningThreads::remove(StdThread* thread) {
-  const HoldRequests hold;  // nobody expects to end here
-  const LockGuard guard(lock_, "void RunningThreads::remove(StdThread*)", 31_place);
+  const HoldAndLock guard(lock_, "void RunningThreads::remove(StdThread*)", 31_place);
   if (threads_.remove(thread)) {
     hasChanged(thread->threadId());
   }
 }
 
 StdThread* RunningThreads::find(pthread_t id) {
-  const HoldRequests hold;  // nobody expects to end here
-  const LockGuard guard(lock_, "StdThread* RunningThreads::find(pthread_t)", 38_place);
+  const HoldAndLock guard(lock_, "StdThread* RunningThreads::find(pthread_t)", 38_place);
   StdThread* found = nullptr;
   for (unsigned i = threads_.count(); i > 0 && found == nullptr; --i) {
     if (threads_[i - 1]->threadId() == id) {

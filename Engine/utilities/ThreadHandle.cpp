@@ -1,11 +1,8 @@
 #include "Engine/utilities/ThreadHandle.h"
 
-#include <utility>
-
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
-#include "Engine/internal/LockGuard.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ThreadManagerLink.h"
 #include "Engine/utilities/ThreadManager.h"
@@ -68,10 +65,8 @@ void ThreadHandle::notify(pthread_t id, int result) {
 }
 
 void ThreadHandle::setManager(ThreadManager* manager) {
-  const HoldRequests hold;
-  Reference<ThreadManagerLink> link = manager != nullptr ? manager->link_ : none();
-  const LockGuard guard(lock(), "void ThreadHandle::setManager(ThreadManager*)", __LINE__);
-  manager_ = std::move(link);
+  const HoldAndLock guard(lock(), "void ThreadHandle::setManager(ThreadManager*)", __LINE__);
+  manager_ = manager != nullptr ? manager->link_ : none();
 }
 
 ThreadManager* ThreadHandle::manager() const {

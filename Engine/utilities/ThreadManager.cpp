@@ -4,8 +4,6 @@
 
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
-#include "Engine/internal/HoldRequests.h"
-#include "Engine/internal/LockGuard.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ThreadManagerLink.h"
 #include "Engine/utilities/StdException.h"
@@ -40,9 +38,8 @@ class ThreadManager::Unlisting {
 ThreadManager::ThreadManager() : link_(new ThreadManagerLink(*this)) {}
 
 ThreadManager::~ThreadManager() {
-  const HoldRequests hold;
   link_->cut();
-  const LockGuard guard(lock_, "ThreadManager::~ThreadManager()", 25_place);
+  const HoldAndLock guard(lock_, "ThreadManager::~ThreadManager()", 25_place);
   orphanThreads();
 }
 

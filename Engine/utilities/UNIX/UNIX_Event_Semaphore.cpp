@@ -68,8 +68,8 @@ void UNIX_Event_Semaphore::makeOwn() {
 }
 
 void UNIX_Event_Semaphore::makeAnew(unsigned int generation) {
-  const LockGuard guard(eventsLock.get(), "void UNIX_Event_Semaphore::makeAnew(unsigned int)",
-                        __LINE__);
+  const HoldAndLock guard(eventsLock.get(), "void UNIX_Event_Semaphore::makeAnew(unsigned int)",
+                          __LINE__);
   if (generation_ != generation) {
     std::construct_at(&mutex_);
     pthread_cond_init(&condition_, nullptr);
@@ -95,9 +95,8 @@ void UNIX_Event_Semaphore::post() {
   static constexpr const char* function = "virtual void UNIX_Event_Semaphore::post()";
   int result = 0;
   {
-    const HoldRequests hold;
     makeOwn();
-    const LockGuard guard(mutex_, function, 47_place);
+    const HoldAndLock guard(mutex_, function, 47_place);
     __atomic_store_n(&posted_, 1, __ATOMIC_RELEASE);
     result = pthread_cond_broadcast(&condition_);
   }
@@ -107,21 +106,19 @@ void UNIX_Event_Semaphore::post() {
 }
 
 void UNIX_Event_Semaphore::reset() {
-  const HoldRequests hold;
   makeOwn();
-  const LockGuard guard(mutex_, "virtual void UNIX_Event_Semaphore::reset()", 40_place);
+  const HoldAndLock guard(mutex_, "virtual void UNIX_Event_Semaphore::reset()", 40_place);
   __atomic_store_n(&posted_, 0, __ATOMIC_RELEASE);
 }
 
 void UNIX_Event_Semaphore::wait() {
   static constexpr const char* function = "virtual void UNIX_Event_Semaphore::wait()";
-  const HoldRequests hold;
   makeOwn();
-  const LockGuard guard(mutex_, function, 69_place);
+  const HoldAndLock guard(mutex_, function, 69_place);
   while (!isPosted()) {
     int result = 0;
     {
-      const HoldRequests::Lift lift(hold);
+      const HoldRequests::Lift lift(guard.hold());
       result = pthread_cond_wait(&condition_, mutex_.nativeHandle());
     }
     if (result != 0) [[unlikely]] {
