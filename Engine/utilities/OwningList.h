@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 #include "Engine/utilities/List.h"
@@ -8,6 +9,15 @@
 /// \file
 /// A list of objects that belong to it, for the lists that an object keeps as its own.
 /// Indices are 0-based and unchecked. Internal to the library.
+
+/// Appends an element by which a plain list owns what `owner` holds, for the lists whose type is
+/// kept (docs/contract.md). `owner` is left empty.
+/// \throws std::bad_alloc with the list and `owner` unchanged.
+template <typename Element, typename Owner>
+void addOwned(List<Element>& list, const std::type_identity_t<Element>& element, Owner& owner) {
+  list.add(element);
+  static_cast<void>(owner.release());
+}
 
 template <typename T>
 class OwningList {
@@ -21,10 +31,7 @@ class OwningList {
   ~OwningList() { removeAll(); }
 
   /// Appends an object.
-  void add(std::unique_ptr<T> object) {
-    objects_.add(object.get());
-    static_cast<void>(object.release());
-  }
+  void add(std::unique_ptr<T> object) { addOwned(objects_, object.get(), object); }
 
   /// Makes room for `n` more objects at once.
   void reserve(unsigned int n) { objects_.extend(n); }

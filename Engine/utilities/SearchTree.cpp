@@ -11,6 +11,7 @@
 
 #include "Engine/internal/SystemPath.h"
 #include "Engine/internal/Texts.h"
+#include "Engine/utilities/OwningList.h"
 
 namespace {
 
@@ -173,8 +174,7 @@ unsigned SearchTree::compareMulti(const char* entry, List<FileName*>& wanted,
       continue;
     }
     auto hit = std::make_unique<FileName>(pathOf(EncodedString(entry, EncodedString::utf8)));
-    found.add(hit.get());
-    static_cast<void>(hit.release());
+    addOwned(found, hit.get(), hit);
     status[i] = alreadyFound;
     ++hits;
   }

@@ -10,12 +10,12 @@
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LeafLock.h"
-#include "Engine/internal/LockGuard.h"
 #include "Engine/internal/OwnThread.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/UNIXStdThread.h"
 #include "Engine/internal/WayOut.h"
+#include "Engine/utilities/OwningList.h"
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StringPoolManager.h"
@@ -83,10 +83,9 @@ void StdThread::start_thread(unsigned int stackSize) {
   if (stackSize > stackSize_) {
     stackSize_ = stackSize;
   }
-  HoldRequests hold;
   // The new thread passes this lock first: until then the object cannot be gone.
-  LockGuard guard(StdThreadRun::startLock(), "void StdThread::start_thread(unsigned int)",
-                  __LINE__);
+  const HoldAndLock guard(StdThreadRun::startLock(), "void StdThread::start_thread(unsigned int)",
+                          __LINE__);
   learnRuntime();
   auto record = std::make_unique<StdThreadRun>();
   const pthread_t id = record->start(this);
@@ -140,8 +139,7 @@ void** StdThread::_getKeyValue(const char* key) {
   }
   std::unique_ptr<char[]> copy(new char[length]);
   std::memcpy(copy.get(), key, length);
-  slots_.add({copy.get(), nullptr, length});
-  static_cast<void>(copy.release());
+  addOwned(slots_, {copy.get(), nullptr, length}, copy);
   return &slots_[slots_.count() - 1].value;
 }
 

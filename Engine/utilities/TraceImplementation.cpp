@@ -34,6 +34,7 @@
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/EnvironmentVariables.h"
 #include "Engine/utilities/KeepErrno.h"
+#include "Engine/utilities/OwningList.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/StdThread.h"
 
@@ -602,8 +603,7 @@ void TraceImplementation::excludeUnlessNamed(const char* type) {
 void TraceImplementation::add(List<ByteString*>& list, const ByteString& name) {
   if (!holds(list, name.view())) {
     auto copy = std::make_unique<ByteString>(name);
-    list.add(copy.get());
-    static_cast<void>(copy.release());
+    addOwned(list, copy.get(), copy);
   }
 }
 

@@ -11,6 +11,7 @@
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/SystemPath.h"
 #include "Engine/utilities/EnvironmentVariables.h"
+#include "Engine/utilities/OwningList.h"
 #include "Engine/utilities/TraceFlags.h"
 
 // The engine knows this layout: docs/contract.md.
@@ -74,8 +75,7 @@ void* UNIX_Engine_Loader::get_korv_module(const FileName& name) const {
     return nullptr;
   }
   auto kept = std::make_unique<FileName>(name);
-  modules_.add({handle, kept.get()});
-  static_cast<void>(kept.release());
+  addOwned(modules_, {handle, kept.get()}, kept);
   return handle;
 }
 
