@@ -4,6 +4,11 @@
 #include <charconv>
 #include <optional>
 
+// Read here and not by the C library's parse_printf_format(), which calls "%d" and "%u", or "%c"
+// and
+// "%hhd", the same, gives each argument one type whatever the second use of it asks for, and says
+// nothing about what it does not know.
+
 namespace {
 
 constexpr std::string_view flags = "-+ #0'I";
