@@ -112,7 +112,9 @@ class CUL_EXPORT DebuggerSettings {
   // A hash table with open addressing that has room to spare for all settings there are.
   static constexpr unsigned places = 256;
 
-  List<Notification*> listeners_;
+  List<Notification*> listeners_;  // not owned
+  // Owned. Raw, and no OwningList: the engine knows the field (docs/contract.md), slots are empty
+  // at first, and they are read and written atomically.
   List<DebuggerSetting*> settings_;
   mutable std::unique_ptr<List<DebuggerSetting*>> allSettings_;
   unsigned char slotsByName_[places] = {};  // 1-based slots, in the place of the name's hash or

@@ -52,7 +52,7 @@ class CUL_EXPORT ManageLIBPATH {
     [[nodiscard]] static char* dupString(const char* text);
 
    private:
-    char* text_ = nullptr;
+    char* text_ = nullptr;  // owned, from malloc(), as release() hands it on
   };
 
   /// The folder of this program's executable. The first call of a process also sets up the

@@ -63,7 +63,8 @@ class CUL_EXPORT Pool {
   /// The face of this pool for containers; lives as long as the pool.
   [[nodiscard]] MemoryAllocator& allocator() noexcept { return allocator_; }
 
-  // For reading; the pool and its areas change them.
+  // For reading; the pool and its areas change them. `first` owns its area, and is raw because the
+  // engine knows its type (docs/contract.md).
   unsigned long allocated;    ///< Bytes of all areas obtained since the first one.
   unsigned long increment;    ///< Size of further areas in percent of the base size.
   unsigned long initialSize;  ///< Base size; grows with each request that is planned too small.

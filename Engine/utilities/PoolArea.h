@@ -75,8 +75,9 @@ class CUL_EXPORT PoolArea {
     return poolName != nullptr ? poolName : "<unknown>";
   }
 
+  // The owning fields are raw because the engine knows their types (docs/contract.md).
   PoolArea* previous;  ///< Null in the first area.
-  PoolArea* next;      ///< Null in the last area.
+  PoolArea* next;      ///< Owned; null in the last area.
   char* buffer;        ///< Owned.
   const char* name;    ///< The pool's name, may be null.
   unsigned long size;  ///< Bytes in the buffer.

@@ -51,8 +51,9 @@ class CUL_EXPORT SearchListMemoryManager {
  private:
   void addBlock();
 
+  // Owned, a chain; raw because the engine knows the field (docs/contract.md).
   void* blocks_ = nullptr;
-  void* free_ = nullptr;
+  void* free_ = nullptr;  // the chain of free elements, in the blocks
   unsigned short elementSize_;
   unsigned short elementsPerBlock_;
   ListHeap* heap_;

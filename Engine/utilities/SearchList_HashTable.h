@@ -139,6 +139,7 @@ class CUL_EXPORT SearchList_HashTable : public SearchList<Element, Key> {
 
   Cursor_HashTable<Element, Key> cursor_;
   SearchListMemoryManager memory_;
+  // Owned, of the memory manager's heap; raw because the engine knows the field (docs/contract.md).
   Node** buckets_ = nullptr;
   unsigned int bucketCount_;
   unsigned int removals_ = 0;  // Of single elements, ever; tells cursors to look twice.

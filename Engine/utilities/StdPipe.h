@@ -85,5 +85,5 @@ class CUL_EXPORT StdPipe {
  private:
   HANDLE readHandle_ = -1;
   HANDLE writeHandle_ = -1;
-  [[maybe_unused]] int reserved_ = 0;
+  [[maybe_unused]] int reserved_ = 0;  // read by nobody; kept (docs/contract.md)
 };

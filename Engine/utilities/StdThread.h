@@ -198,7 +198,7 @@ class CUL_EXPORT StdThread {
   friend class StdThreadRun;
 
   struct NamedSlot {
-    char* key;  // owned
+    char* key;  // owned; raw because the list moves bytes and is kept (docs/contract.md)
     void* value;
     unsigned int keyLength;  // with the final zero
   };

@@ -66,6 +66,7 @@ class CUL_EXPORT StringBuffer {
   /// \throws std::bad_alloc when memory is out or the block would have 4 GiB or more; the
   ///         buffer is then empty.
   void makeBuffer(unsigned n) {
+    // One of the two zeros that empty buffers point at; both are kept (docs/contract.md).
     static T nullString[1] = {};
     if (buffer != nullptr && n == len) {
       return;
@@ -90,7 +91,7 @@ class CUL_EXPORT StringBuffer {
 
   /// Makes the buffer empty.
   void clear() noexcept {
-    static T nullString[1] = {};
+    static T nullString[1] = {};  // the other one, see makeBuffer()
     if (len != 0) {
       deleteBuffer();
       len = 0;

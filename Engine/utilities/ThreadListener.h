@@ -88,7 +88,8 @@ class CUL_EXPORT ThreadListener : public ReferenceCounted {
 
   UNIX_Event_Semaphore semaphore_;
   Runnable& runnable_;
-  // Null once the worker belongs to itself. Loads and stores are atomic.
+  // Owned until it is started, then null. Loads and stores are atomic, and the engine knows the
+  // field (docs/contract.md): so it is raw.
   mutable WorkerThread* worker_ = nullptr;
   pthread_t threadId_ = 0;  // atomically
   int result_ = 0;          // atomically

@@ -226,6 +226,9 @@ class CUL_EXPORT TraceImplementation {
   [[gnu::visibility("hidden")]] void write(std::string_view text, unsigned limit) noexcept
       CUL_NEEDS(lock_);
 
+  // The lists own their names, and the buffer, from malloc(), is owned as well; the output is
+  // unless it is a standard stream. All are raw because the engine knows these fields
+  // (docs/contract.md).
   List<ByteString*> excludeList_;
   List<ByteString*> includeList_;
   char* ownedBuffer_ = nullptr;  // the output name in the native code page

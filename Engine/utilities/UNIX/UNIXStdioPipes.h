@@ -109,6 +109,7 @@ class CUL_EXPORT UNIXStdioPipes : public StdioPipes {
 
  private:
   ByteString slaveName_;
+  // Not owned: records that all consoles share; null while they are not read.
   termios* savedAttributes_ = nullptr;
   winsize* savedWindowSize_ = nullptr;
   int masterHandle_ = -1;

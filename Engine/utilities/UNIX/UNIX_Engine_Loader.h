@@ -38,7 +38,8 @@ class CUL_EXPORT UNIX_Engine_Loader : public Engine_Loader {
  private:
   struct Module {
     void* handle;
-    FileName* name;  // As it was asked for; owned.
+    // As it was asked for. Owned; raw because the list moves bytes and is kept (docs/contract.md).
+    FileName* name;
   };
 
   mutable List<Module> modules_{20, nullptr, 8};

@@ -317,6 +317,7 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
     thread->longjmp(signal, 0);
     CUL_TRACE(TraceType::error, sourceFile, 73_place, "No recovery possible");
   } else {
+    // Every thread has an object today; the text is kept (docs/contract.md).
     CUL_TRACE(TraceType::error, sourceFile, 68_place, "Not on recoverable thread");
   }
   --handlersEntered;
