@@ -20,7 +20,7 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/DeadStandardError.h"
-#include "tests/trace/TraceOutput.h"
+#include "tests/trace/TraceSupport.h"
 
 using testing::ElementsAre;
 using testing::HasSubstr;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -20,11 +19,9 @@
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/WaitUntil.h"
-#include "tests/trace/TraceOutput.h"
+#include "tests/trace/TraceSupport.h"
 
 namespace {
-
-using Strings = std::vector<std::string>;
 
 constexpr std::time_t hour = 3600;
 constexpr std::time_t day = 24 * hour;
@@ -269,13 +266,6 @@ class ZoneLockHolder {
   std::thread thread_;
   int writer_ = -1;
 };
-
-int statusOf(pid_t child) {
-  int status = 0;
-  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
 
 }  // namespace
 

@@ -8,7 +8,7 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/Famine.h"
-#include "tests/trace/TraceOutput.h"
+#include "tests/trace/TraceSupport.h"
 
 using testing::ElementsAre;
 using testing::IsEmpty;

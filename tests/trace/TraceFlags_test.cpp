@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 
 #include "tests/support/Child.h"
-#include "tests/trace/TraceOutput.h"
+#include "tests/trace/TraceSupport.h"
 
 using testing::ElementsAre;
 

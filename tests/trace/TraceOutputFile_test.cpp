@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <functional>
 #include <iterator>
-#include <map>
 #include <numeric>
 #include <string>
 #include <string_view>
@@ -27,7 +26,7 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
-#include "tests/trace/TraceOutput.h"
+#include "tests/trace/TraceSupport.h"
 
 using testing::AllOf;
 using testing::ElementsAre;
@@ -38,21 +37,9 @@ using testing::StartsWith;
 
 namespace {
 
-using Environment = std::map<std::string, std::string>;
-using Strings = std::vector<std::string>;
-
-constexpr unsigned megabyte = 1048576;
-
 // In the cases below a line has 1000 bytes, a ring 2 Mb, and 5000 lines are traced.
 constexpr unsigned manyLines = 5000;
 constexpr unsigned passOfLines = 2 * megabyte / 1000;
-
-ChildResult runWith(const std::string& name, const Environment& environment,
-                    const Strings& arguments = {}) {
-  ChildResult r = runChild(name, childWith(environment, arguments));
-  EXPECT_EQ(r.status, 0) << r.out.substr(0, 5000) << r.err.substr(0, 5000);
-  return r;
-}
 
 void traceLine(unsigned number) {
   taggedTrace("f()", 1, "X", "%08u%0*d", number, 1000 - 26 - 11 - 8 - 1, 0);

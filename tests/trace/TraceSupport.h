@@ -2,31 +2,80 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstddef>
+#include <filesystem>
 #include <map>
 #include <string>
+#include <sys/types.h>
+#include <sys/wait.h>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "tests/support/Child.h"
 
 /// \file
 /// Runs children that trace and takes the output of the trace apart.
+///
+/// Child cases for all: `TraceNothing` only builds the trace, `TraceOneLine` traces a line of
+/// ERROR, `TraceTypesNamedByArguments` hands its arguments to traceEach().
+
+using Environment = std::map<std::string, std::string>;
+using Strings = std::vector<std::string>;
+
+inline constexpr unsigned megabyte = 1048576;
 
 /// A child with these variables set.
-inline ChildOptions childWith(const std::map<std::string, std::string>& environment,
-                              const std::vector<std::string>& arguments = {}) {
+inline ChildOptions childWith(const Environment& environment, const Strings& arguments = {}) {
   ChildOptions options;
   options.environment = environment;
   options.arguments = arguments;
   return options;
 }
 
+/// Runs a child case that has to end with status 0.
+inline ChildResult runWith(const std::string& name, const Environment& environment,
+                           const Strings& arguments = {}) {
+  ChildResult r = runChild(name, childWith(environment, arguments));
+  EXPECT_EQ(r.status, 0) << r.out.substr(0, 5000) << r.err.substr(0, 5000);
+  return r;
+}
+
+/// Waits for a child of the present process.
+/// \return its exit status, or 128 + the signal that killed it.
+inline int statusOf(pid_t child) {
+  int status = 0;
+  while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+/// The names in a folder, in their order.
+inline Strings filesIn(const std::string& folder) {
+  Strings names;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    names.push_back(entry.path().filename().string());
+  }
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+/// In a child: one line of each type's own, written when its switch is on.
+void traceEach(const Strings& types);
+
+/// Expects that a child does not trace, whatever it calls.
+void expectOff(const Environment& environment);
+
+/// Expects that a child traces to its standard error.
+void expectOn(const Environment& environment);
+
 /// The 72 "=" between header and ring.
 inline const std::string separator(72, '=');
 
 /// The lines of a text, without their newlines.
-inline std::vector<std::string> linesOf(const std::string& text) {
-  std::vector<std::string> lines;
+inline Strings linesOf(const std::string& text) {
+  Strings lines;
   std::size_t start = 0;
   while (start < text.size()) {
     const std::size_t end = std::min(text.find('\n', start), text.size());
@@ -60,8 +109,8 @@ inline std::string withoutStamp(const std::string& line) {
 }
 
 /// The lines behind the first separator, without time stamp and thread name.
-inline std::vector<std::string> bodyOf(const std::string& output) {
-  std::vector<std::string> body;
+inline Strings bodyOf(const std::string& output) {
+  Strings body;
   bool inBody = false;
   for (const std::string& line : linesOf(output)) {
     if (inBody) {
@@ -74,15 +123,15 @@ inline std::vector<std::string> bodyOf(const std::string& output) {
 
 /// What the header says.
 struct Header {
-  std::vector<std::string> included;
-  std::vector<std::string> excluded;
+  Strings included;
+  Strings excluded;
   std::string size;
 };
 
 inline Header headerOf(const std::string& output) {
   const std::string own = "void TraceImplementation::traceInternal(718): ";
   Header header;
-  std::vector<std::string>* types = nullptr;
+  Strings* types = nullptr;
   for (const std::string& line : linesOf(output)) {
     if (line == separator) {
       break;
@@ -106,14 +155,14 @@ inline Header headerOf(const std::string& output) {
 }
 
 /// The names in the table of known types, in their order. A new one is added here by hand.
-inline const std::vector<std::string> knownTypes = {
-    "AGENT", "AGTT",  "CHILD", "CLI",    "CONNECTION", "CUL", "DBX",   "DSL",
-    "LCC",   "ENTRY", "DXPL",  "EXCPTN", "EXPR",       "WZ4", "GDE",   "GDET",
-    "GMH",   "GMHT",  "GMHS",  "ISD",    "PMD",        "RDR", "ERROR", "WARNING"};
+inline const Strings knownTypes = {"AGENT", "AGTT", "CHILD", "CLI",   "CONNECTION", "CUL",
+                                   "DBX",   "DSL",  "LCC",   "ENTRY", "DXPL",       "EXCPTN",
+                                   "EXPR",  "WZ4",  "GDE",   "GDET",  "GMH",        "GMHT",
+                                   "GMHS",  "ISD",  "PMD",   "RDR",   "ERROR",      "WARNING"};
 
 /// The known names without some.
-inline std::vector<std::string> knownTypesBut(const std::vector<std::string>& some) {
-  std::vector<std::string> result;
+inline Strings knownTypesBut(const Strings& some) {
+  Strings result;
   for (const std::string& type : knownTypes) {
     if (std::find(some.begin(), some.end(), type) == some.end()) {
       result.push_back(type);
