@@ -2,16 +2,15 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <dirent.h>
 #include <fcntl.h>
 #include <map>
-#include <set>
 #include <string>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include "tests/support/OpenDescriptors.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/Terminal.h"
 #include "tests/support/TracedChild.h"
@@ -64,20 +63,6 @@ inline std::string shownWithoutTrace(const std::string& name, const TerminalOpti
   terminal.startChild(name, options);
   EXPECT_EQ(terminal.wait(), 0) << name << "\n" << terminal.seen();
   return terminal.seen();
-}
-
-/// The open descriptors of this process.
-inline std::set<int> openDescriptors() {
-  std::set<int> result;
-  DIR* const folder = opendir("/proc/self/fd");
-  while (const dirent* const entry = readdir(folder)) {
-    if (entry->d_name[0] != '.') {
-      result.insert(std::stoi(entry->d_name));
-    }
-  }
-  result.erase(dirfd(folder));
-  closedir(folder);
-  return result;
 }
 
 inline bool isOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }

@@ -137,11 +137,11 @@ CUL_CHILD(ForkFailsOnce) {
   const AnsweredCalls calls({SYS_clone}, [&isToFail](const SystemCall& call) {
     return makesProgram(call) && isToFail.exchange(false) ? ENOMEM : 0;
   });
-  const std::vector<std::string> before = openDescriptors();
+  const std::vector<std::string> before = targetsOfDescriptors();
   expectFailure([] { spawnShell("exit 0"); }, 189, "Fork failed.");
   EXPECT_FALSE(isToFail);
   EXPECT_TRUE(hasNoChildren());
-  EXPECT_EQ(openDescriptors(), before);
+  EXPECT_EQ(targetsOfDescriptors(), before);
   EXPECT_EQ(statusOf(spawnShell("exit 4")), 4 << 8);
 }
 
@@ -412,7 +412,7 @@ std::atomic<unsigned> childrenMade = 0;
 template <typename Exception>
 void expectKilledChild(std::atomic<int>& before, int count, int status) {
   const TemporaryFolder folder;
-  const std::vector<std::string> descriptors = openDescriptors();
+  const std::vector<std::string> descriptors = targetsOfDescriptors();
   const size_t threads = threadCount();
   const unsigned childrenBefore = childrenMade;
   before = count;
@@ -425,7 +425,7 @@ void expectKilledChild(std::atomic<int>& before, int count, int status) {
   EXPECT_EQ(before, -1) << "the call that was to fail never came";
   EXPECT_EQ(childrenMade, childrenBefore + 1);
   EXPECT_TRUE(hasNoChildren());
-  EXPECT_EQ(openDescriptors(), descriptors);
+  EXPECT_EQ(targetsOfDescriptors(), descriptors);
   EXPECT_LE(threadCount(), threads + 1);
 }
 
@@ -655,7 +655,7 @@ TEST(SpawnedProcessFaults, WatchesTheChildOfAThreadThatIsAskedToEndDuringTheStar
 
 CUL_CHILD(SpawnFiveHundred) {
   EXPECT_EQ(statusOf(spawnShell("exit 0")), 0);
-  const std::vector<std::string> descriptors = openDescriptors();
+  const std::vector<std::string> descriptors = targetsOfDescriptors();
 #if defined(__SANITIZE_THREAD__)
   constexpr size_t mainAndTimer = 3;  // and the sanitizer's
 #else
@@ -683,7 +683,7 @@ CUL_CHILD(SpawnFiveHundred) {
   int status = 0;
   EXPECT_EQ(waitpid(-1, &status, WNOHANG), -1);
   EXPECT_EQ(errno, ECHILD);
-  EXPECT_EQ(openDescriptors(), descriptors);
+  EXPECT_EQ(targetsOfDescriptors(), descriptors);
   EXPECT_TRUE(waitUntil([] { return threadCount() == mainAndTimer; })) << threadCount();
 }
 

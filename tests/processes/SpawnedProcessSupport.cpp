@@ -10,7 +10,7 @@ bool hasNoChildren() {
   return waitid(P_ALL, 0, &ignored, WEXITED | WNOHANG | WNOWAIT) == -1 && errno == ECHILD;
 }
 
-std::vector<std::string> openDescriptors() {
+std::vector<std::string> targetsOfDescriptors() {
   std::vector<std::string> result;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
     std::error_code gone;

@@ -88,7 +88,7 @@ inline bool isRunning(pid_t process) { return kill(process, 0) == 0; }
 bool hasNoChildren();
 
 /// The open descriptors of this process and where they lead.
-std::vector<std::string> openDescriptors();
+std::vector<std::string> targetsOfDescriptors();
 
 /// The number of threads of this process.
 size_t threadCount();

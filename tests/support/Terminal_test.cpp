@@ -2,15 +2,24 @@
 
 #include <csignal>
 #include <fcntl.h>
+#include <set>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest-spi.h>
 
-#include "tests/processes/ConsoleSupport.h"
+#include "tests/support/Child.h"
+#include "tests/support/OpenDescriptors.h"
+#include "tests/support/TemporaryFolder.h"
 
 using testing::HasSubstr;
+
+namespace {
+
+constexpr TerminalSize unusualSize = {.rows = 31, .columns = 97};
+
+}  // namespace
 
 CUL_CHILD(TerminalOfItsOwn) {
   EXPECT_EQ(getsid(0), getpid());
