@@ -3,7 +3,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
-#include <filesystem>
 #include <string>
 #include <sys/single_threaded.h>
 #include <thread>
@@ -14,6 +13,7 @@
 #include "Engine/utilities/DebuggerSettings.h"
 
 #include "benchmarks/Comparison.h"
+#include "tests/support/TemporaryFolder.h"
 
 /// \file
 /// Usage: cul_bench kind [options of Google Benchmark]
@@ -26,30 +26,6 @@
 ///                       file name contains the NAME
 
 namespace {
-
-/// A folder for the trace file and its peer's, gone at the end.
-class Folder {
- public:
-  Folder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "cul_bench.XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-      std::perror("mkdtemp");
-      std::exit(1);
-    }
-    path_ = pattern;
-  }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-  ~Folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
 
 /// One type of lines is on besides the two that always are. Must come before anything
 /// traces or converts.
@@ -141,7 +117,7 @@ bool choose(const std::string& kind, const std::string& argument) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  static const Folder folder;  // Goes at exit(), too.
+  static const TemporaryFolder folder;  // For the trace file and its peer's. Goes at exit(), too.
   chooseEnvironment(folder.path());
   benchmark::Initialize(&argc, argv);
   const std::string kind = argc >= 2 ? argv[1] : "";

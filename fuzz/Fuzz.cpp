@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <system_error>
+
+#include "tests/support/TemporaryFolder.h"
 
 void fuzzCheckFailed(const char* condition, const char* file, int line) {
   // Not through `stderr`, which a fuzzer may have turned elsewhere.
@@ -91,20 +91,8 @@ FuzzVariable::FuzzVariable(const char* name, const std::string& value) : name_(n
 FuzzVariable::~FuzzVariable() { unsetenv(name_); }
 
 const std::string& fuzzFolder() {
-  static const std::string& folder = []() -> const std::string& {
-    std::string pattern = std::filesystem::temp_directory_path() / "fuzz.XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) {
-      std::perror("mkdtemp");
-      std::exit(1);
-    }
-    const auto* const made = new std::string(pattern);
-    std::atexit([] {
-      std::error_code ignored;
-      std::filesystem::remove_all(fuzzFolder(), ignored);
-    });
-    return *made;
-  }();
-  return folder;
+  static const TemporaryFolder folder;
+  return folder.path();
 }
 
 extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv);

@@ -1,20 +1,24 @@
 #pragma once
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <stdlib.h>
 #include <string>
+#include <system_error>
 
-#include <gtest/gtest.h>
+/// \file
+/// Files and folders of tests, benchmarks and fuzzers.
 
-/// A folder of the test's own, gone with the object.
+/// A folder of its owner's own, gone with the object.
 class TemporaryFolder {
  public:
+  /// \throws std::system_error when there can be none.
   TemporaryFolder() {
     std::string pattern = (std::filesystem::temp_directory_path() / "cul.XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) {
-      ADD_FAILURE() << "mkdtemp failed";
+      throw std::system_error(errno, std::generic_category(), "mkdtemp");
     }
     path_ = pattern;
   }
