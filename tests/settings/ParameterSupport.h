@@ -9,19 +9,13 @@
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/UNIX/UNIXDebuggerParameters.h"
 
+#include "tests/support/PlainText.h"
+
 /// Wide text of ASCII.
 inline CharString wide(std::string_view ascii) {
   const std::wstring text(ascii.begin(), ascii.end());
   return {text.data(), static_cast<unsigned>(text.size())};
 }
-
-inline EncodedString encoded(std::string_view utf8) {
-  return {utf8.data(), static_cast<unsigned>(utf8.size()), EncodedString::utf8};
-}
-
-inline std::string plain(const EncodedString& text) { return std::string(text.view()); }
-
-inline std::string plain(const CharString& text) { return plain(text.encoded()); }
 
 /// The pairs as "name=value".
 inline std::vector<std::string> pairsOf(const DebuggerArgList& list) {

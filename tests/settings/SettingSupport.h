@@ -5,7 +5,8 @@
 
 #include "Engine/utilities/DebuggerNumericSetting.h"
 #include "Engine/utilities/DebuggerSetting.h"
-#include "Engine/utilities/EncodedString.h"
+
+#include "tests/support/PlainText.h"
 
 /// \file
 /// What the tests of settings share.
@@ -16,12 +17,6 @@ inline constexpr int noDefault = 1000;
 inline DebuggerSetting::SettingControl controlOf(int bits) {
   return static_cast<DebuggerSetting::SettingControl>(bits);
 }
-
-inline EncodedString encoded(const std::string& text) {
-  return {text.data(), static_cast<unsigned>(text.size()), EncodedString::utf8};
-}
-
-inline std::string plain(const EncodedString& text) { return std::string(text.view()); }
 
 inline std::string valueOf(const DebuggerSetting& setting) { return plain(setting.getValue()); }
 
