@@ -20,8 +20,8 @@
 #include "Engine/utilities/DebuggerListSetting.h"
 #include "Engine/utilities/DebuggerSettingsHKORV.h"
 
+#include "tests/settings/EnvironmentRead.h"
 #include "tests/settings/ExpectedSettings.h"
-#include "tests/settings/LibcHooks.h"
 #include "tests/settings/SettingSupport.h"
 #include "tests/support/Child.h"
 #include "tests/support/TracedChild.h"
@@ -490,6 +490,9 @@ TEST(DebuggerSettings, TakesAVariableThatPassesTheChecks) {
   EXPECT_EQ(runChild("SettingsOverrides").out, "50");
 }
 
+CUL_STAND_IN(int, nanosleep, (const timespec* duration, timespec* left), CUL_NOTHING, duration,
+             left)
+
 namespace {
 
 constinit long secondsSlept = 0;
@@ -514,9 +517,8 @@ long secondsOfDelay(DebuggerSettings& settings, const char* delay,
                     int (*instead)(const timespec*, timespec*) = pretendToSleep) {
   EXPECT_TRUE(settings.setSetting(settings.getSetting(L"DEBUG_DELAY"), encoded(delay)));
   secondsSlept = 0;
-  sleepInstead = instead;
+  const Instead sleep(nanosleepStandIn, instead);
   settings.debugDelay();
-  sleepInstead = nullptr;
   return secondsSlept;
 }
 
@@ -544,9 +546,8 @@ TEST(DebuggerSettings, DelaysForTheWholeTimeThoughSignalsInterrupt) {
 TEST(DebuggerSettings, DelaysNotAtAllWithoutTheSetting) {
   const DebuggerSettings settings(55);
   secondsSlept = 0;
-  sleepInstead = pretendToSleep;
+  const Instead sleep(nanosleepStandIn, pretendToSleep);
   settings.debugDelay();
-  sleepInstead = nullptr;
   EXPECT_EQ(secondsSlept, 0);
 }
 
@@ -610,9 +611,10 @@ void askForTheRegistry(const char* name) {
 
 CUL_CHILD(SettingsAskedForWhileTheyAreBuilt) {
   EXPECT_EQ(DebuggerSettings::present()->getSettings(-1, true)->count(), 0U);
-  environmentRead = askForTheRegistry;
-  EXPECT_EQ(registry().getAllSettings().count(), expectedSettings.size());
-  environmentRead = nullptr;
+  {
+    const Instead asking(getenvStandIn, announceAndRead<askForTheRegistry>);
+    EXPECT_EQ(registry().getAllSettings().count(), expectedSettings.size());
+  }
   EXPECT_GE(timesAsked, 1U);
 }
 
@@ -637,9 +639,10 @@ void failAnAssertion(const char* name) {
 
 // Assertions fail before and after "ASSERTION" is made, and ask for it.
 CUL_CHILD(SettingsWithFailingAssertions) {
-  environmentRead = failAnAssertion;
-  EXPECT_EQ(DebuggerSettings::instance()->getAllSettings().count(), expectedSettings.size());
-  environmentRead = nullptr;
+  {
+    const Instead failing(getenvStandIn, announceAndRead<failAnAssertion>);
+    EXPECT_EQ(DebuggerSettings::instance()->getAllSettings().count(), expectedSettings.size());
+  }
   EXPECT_GE(assertionsFailed, expectedSettings.size());
   EXPECT_EQ(assertionMode(), 2);
 }
@@ -658,9 +661,10 @@ TEST(DebuggerSettings, SurvivesAssertionsThatFailWhileItIsBuilt) {
 }
 
 CUL_CHILD(AssertionThatFailsWhileTheModeIsFound) {
-  environmentRead = failAnAssertion;
-  EXPECT_EQ(assertionMode(), 2);
-  environmentRead = nullptr;
+  {
+    const Instead failing(getenvStandIn, announceAndRead<failAnAssertion>);
+    EXPECT_EQ(assertionMode(), 2);
+  }
   EXPECT_GE(assertionsFailed, 1U);
 }
 

@@ -8,8 +8,8 @@
 #include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/DebuggerSettingsHKORV.h"
 
+#include "tests/settings/EnvironmentRead.h"
 #include "tests/settings/ExpectedSettings.h"
-#include "tests/settings/LibcHooks.h"
 #include "tests/settings/SettingSupport.h"
 #include "tests/support/Child.h"
 
@@ -274,9 +274,10 @@ TEST(SettingTables, GiveEachSettingItsBoundsLengthsAndItems) {
 }
 
 CUL_CHILD(SettingTablesOrder) {
-  environmentRead = noteVariable;
-  static_cast<void>(registry());
-  environmentRead = nullptr;
+  {
+    const Instead noting(getenvStandIn, announceAndRead<noteVariable>);
+    static_cast<void>(registry());
+  }
   std::vector<std::string> expected;
   for (const ExpectedSetting& setting : expectedSettings) {
     expected.push_back(setting.name);

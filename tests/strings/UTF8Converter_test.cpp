@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <clocale>
 #include <cstdlib>
-#include <dlfcn.h>
+#include <cstring>
 #include <iconv.h>
 #include <langinfo.h>
 #include <string>
@@ -24,30 +24,24 @@
 
 #include "tests/strings/GuardedBytes.h"
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/TemporaryFolder.h"
+
+CUL_STAND_IN(iconv_t, iconv_open, (const char* to, const char* from), CUL_NOTHING, to, from)
 
 namespace {
 
 using namespace std::string_literals;
 using namespace std::string_view_literals;
 
-// When set, says which conversions iconv_open() refuses in this process.
-bool (*isRefused)(std::string_view to, std::string_view from) = nullptr;
-
-}  // namespace
-
-// Stands before the C library's function, also for the library under test.
-extern "C" iconv_t iconv_open(const char* to, const char* from) {
-  if (isRefused != nullptr && isRefused(to, from)) {
+// In place of iconv_open().
+iconv_t openUnless(bool isRefused, const char* to, const char* from) {
+  if (isRefused) {
     errno = EINVAL;
     return invalidIconv;
   }
-  static const auto real =
-      reinterpret_cast<iconv_t (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "iconv_open"));
-  return real(to, from);
+  return iconv_openStandIn.real(to, from);
 }
-
-namespace {
 
 std::string in(std::string_view bytes, const char* named = nullptr) {
   const EncodedString s = UTF8Converter::instance().convertToUTF8(
@@ -217,12 +211,11 @@ namespace {
 
 unsigned longestNameOpened = 0;
 
-void noteNames() {
-  isRefused = [](std::string_view to, std::string_view from) {
-    longestNameOpened =
-        std::max(longestNameOpened, static_cast<unsigned>(std::max(to.size(), from.size())));
-    return false;
-  };
+// In place of iconv_open().
+iconv_t noteNames(const char* to, const char* from) {
+  longestNameOpened =
+      std::max(longestNameOpened, static_cast<unsigned>(std::max(strlen(to), strlen(from))));
+  return iconv_openStandIn.real(to, from);
 }
 
 // A name of UTF-8 that the C library takes whatever its length.
@@ -231,7 +224,7 @@ std::string utf8OfLength(size_t length) { return std::string("UTF-8//").append(l
 }  // namespace
 
 CUL_CHILD(LongCodepage) {
-  noteNames();
+  const Instead noting(iconv_openStandIn, noteNames);
   EXPECT_STREQ(codepage(), "UTF-8");  // of the locale
   EXPECT_EQ(longestNameOpened, 5U);
 }
@@ -255,7 +248,7 @@ TEST(UTF8Converter, TakesACodePageWithTheLongestName) {
 
 CUL_CHILD(LongNamesGiven) {
   static_cast<void>(codepage());
-  noteNames();
+  const Instead noting(iconv_openStandIn, noteNames);
   for (const size_t length : {size_t{257}, size_t{100000}}) {
     const std::string name = utf8OfLength(length);
     errno = 4711;
@@ -276,7 +269,9 @@ TEST(UTF8Converter, RefusesTooLongNamesInEachCallAndKeepsErrno) {
 // Converters that cannot be had.
 
 CUL_CHILD(NoConverterAtAll) {
-  isRefused = [](std::string_view, std::string_view) { return true; };
+  const Instead refusing(iconv_openStandIn, [](const char* to, const char* from) {
+    return openUnless(true, to, from);
+  });
   EXPECT_STREQ(codepage(), "UTF-8");  // of the locale
   EXPECT_EQ(in("\xC3\xA9"), "??");
   EXPECT_EQ(out("\xC3\xA9"), "?");
@@ -299,9 +294,10 @@ TEST(UTF8Converter, KeepsAsciiWhenNoConverterIsUsable) {
 }
 
 CUL_CHILD(OneDirectionIsRefused) {
-  isRefused = [](std::string_view to, std::string_view from) {
-    return childArguments()[0] == "out" ? to == "ISO-8859-1" : from == "ISO-8859-1";
-  };
+  const Instead refusing(iconv_openStandIn, [](const char* to, const char* from) {
+    return openUnless(
+        childArguments()[0] == "out"sv ? to == "ISO-8859-1"sv : from == "ISO-8859-1"sv, to, from);
+  });
   EXPECT_STREQ(codepage(), "UTF-8");
   EXPECT_EQ(in("\xC3\xA9"), "\xC3\xA9");
   EXPECT_EQ(out("\xC3\xA9"), "\xC3\xA9");
@@ -315,7 +311,9 @@ TEST(UTF8Converter, TakesANamedCodePageForBothDirectionsOrNot) {
 }
 
 CUL_CHILD(LocaleConvertsOneWayOnly) {
-  isRefused = [](std::string_view, std::string_view from) { return from == "ANSI_X3.4-1968"; };
+  const Instead refusing(iconv_openStandIn, [](const char* to, const char* from) {
+    return openUnless(from == "ANSI_X3.4-1968"sv, to, from);
+  });
   EXPECT_STREQ(codepage(), "ANSI_X3.4-1968");
   EXPECT_EQ(in("\xC3\xA9z"), "??z");
   EXPECT_EQ(out("\xC3\xA9z"), "??z");

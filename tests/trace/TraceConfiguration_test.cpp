@@ -1,45 +1,20 @@
 #include <cerrno>
 #include <cstdio>
-#include <dlfcn.h>
+#include <cstdlib>
 #include <map>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "Engine/utilities/TraceImplementation.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/trace/TraceSupport.h"
 
-namespace {
-
-// What the library is told of the host; a case may change it.
-struct Host {
-  std::string name;  // empty: ask the system
-  int result = 0;
-  int error = 0;
-};
-
-Host& host() {
-  static Host theHost;
-  return theHost;
-}
-
-}  // namespace
-
-extern "C" int gethostname(char* name, size_t length) noexcept {
-  using Function = int (*)(char*, size_t);
-  if (host().name.empty()) {
-    static const auto original = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "gethostname"));
-    return original(name, length);
-  }
-  std::snprintf(name, length, "%s", host().name.c_str());
-  if (host().error != 0) {
-    errno = host().error;
-  }
-  return host().result;
-}
+CUL_STAND_IN(int, gethostname, (char* name, size_t length), noexcept, name, length)
 
 namespace {
 
@@ -189,8 +164,14 @@ TEST(TraceHost, KeepsTracingOffWhenItIsNotInTheList) {
 
 // Arguments: the host's name, the result and the error of asking for it.
 CUL_CHILD(TraceOneLineOnAHost) {
-  host() = {childArguments()[0], std::atoi(childArguments()[1].c_str()),
-            std::atoi(childArguments()[2].c_str())};
+  const Instead host(gethostnameStandIn, [](char* name, size_t length) {
+    const std::vector<std::string>& told = childArguments();
+    std::snprintf(name, length, "%s", told[0].c_str());
+    if (const int error = std::atoi(told[2].c_str()); error != 0) {
+      errno = error;
+    }
+    return std::atoi(told[1].c_str());
+  });
   errno = ENOENT;  // of a call before: of no account
   taggedTrace("void f(int)", 12, "ERROR", "a line");
   std::printf("%d", isTraced(TraceType::active) ? 1 : 0);

@@ -15,6 +15,7 @@
 #include "Engine/utilities/TraceImplementation.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/trace/TraceSupport.h"
 
@@ -26,22 +27,7 @@ using testing::HasSubstr;
 using testing::Le;
 using testing::StartsWith;
 
-namespace {
-
-// What the library is told of the time; a case may change it.
-constinit std::time_t toldTime = 0;  // 0: ask the system
-
-}  // namespace
-
-extern "C" std::time_t time(std::time_t* also) noexcept {
-  timespec now = {};
-  clock_gettime(CLOCK_REALTIME, &now);
-  const std::time_t told = toldTime != 0 ? toldTime : now.tv_sec;
-  if (also != nullptr) {
-    *also = told;
-  }
-  return told;
-}
+CUL_STAND_IN(std::time_t, time, (std::time_t * also), noexcept, also)
 
 TEST(TraceHeader, NamesStartProductBuildTypesAndSize) {
   const std::time_t before = std::time(nullptr);
@@ -186,7 +172,13 @@ TEST(TraceLine, CanBeWrittenWhileTheSameThreadWritesOneButNotInsideThatAgain) {
 }
 
 CUL_CHILD(LinesInAFarFuture) {
-  toldTime = std::time_t{1} << 60;
+  const Instead farAway(timeStandIn, [](std::time_t* also) {
+    const std::time_t told = std::time_t{1} << 60;
+    if (also != nullptr) {
+      *also = told;
+    }
+    return told;
+  });
   taggedTrace("f()", 1, "X", "far away");
 }
 

@@ -1,6 +1,5 @@
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <sys/resource.h>
 
@@ -10,33 +9,20 @@
 #include "Engine/utilities/TraceImplementation.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/trace/TraceSupport.h"
 
 using testing::StartsWith;
 
-namespace {
-
-// Whether there is no memory for copies of texts.
-constinit bool copiesFail = false;
-
-}  // namespace
-
-extern "C" char* strndup(const char* text, size_t longest) noexcept {
-  const size_t length = strnlen(text, longest);
-  auto* const copy = copiesFail ? nullptr : static_cast<char*>(malloc(length + 1));
-  if (copy != nullptr) {
-    std::memcpy(copy, text, length);
-    copy[length] = 0;
-  }
-  return copy;
-}
+CUL_STAND_IN(char*, strndup, (const char* text, size_t longest), noexcept, text, longest)
 
 CUL_CHILD(ConfigureWithoutMemory) {
-  copiesFail = true;
-  errno = 77;
-  EXPECT_FALSE(isTraced(TraceType::error));
-  EXPECT_EQ(errno, 77);
-  copiesFail = false;
+  {
+    const Instead noMemory(strndupStandIn, [](auto...) -> char* { return nullptr; });
+    errno = 77;
+    EXPECT_FALSE(isTraced(TraceType::error));
+    EXPECT_EQ(errno, 77);
+  }
   TraceImplementation* trace = traceImplementation();
   EXPECT_FALSE(trace->isTraceBitSet(nullptr));
   trace->openFiles();
