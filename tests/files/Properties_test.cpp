@@ -24,16 +24,13 @@
 #include "Engine/utilities/StdException.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/PlainText.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/support/WaitUntil.h"
 
 namespace {
 
 using Map = std::map<std::string, std::string>;
-
-EncodedString text(std::string_view s) {
-  return {s.data(), static_cast<unsigned>(s.size()), EncodedString::utf8};
-}
 
 FileName named(const std::string& path) { return {path.c_str(), EncodedString::utf8}; }
 
@@ -62,7 +59,7 @@ constexpr const char* location = "int Properties::getInteger(const EncodedString
 
 void expectNoInteger(const Properties& properties, std::string_view key) {
   try {
-    static_cast<void>(properties.getInteger(text(key)));
+    static_cast<void>(properties.getInteger(encoded(key)));
     ADD_FAILURE() << key;
   } catch (const StdException& e) {
     EXPECT_EQ(e.text.view(), "Invalid property format.");
@@ -78,8 +75,8 @@ TEST(Properties, AreEmptyWithoutAFile) {
   Properties properties(nullptr);
   EXPECT_TRUE(properties.isEmpty());
   EXPECT_EQ(properties.numItems(), 0U);
-  EXPECT_FALSE(properties.doesContain(text("a")));
-  EXPECT_EQ(properties.getString(text("a")).view(), "");
+  EXPECT_FALSE(properties.doesContain(encoded("a")));
+  EXPECT_EQ(properties.getString(encoded("a")).view(), "");
   EXPECT_FALSE(properties.cursor().first());
 }
 
@@ -160,9 +157,9 @@ TEST(Properties, AreInATableOf257BucketsAndBlocksOf500Elements) {
   Properties properties(nullptr);
   Properties::Table table(257, 500, 0, nullptr);
   for (unsigned i = 0; i < 1001; ++i) {
-    const EncodedString key = text(std::to_string(i));
-    properties.setProperty(key, text(""));
-    ASSERT_TRUE(table.add({key, text("")}));
+    const EncodedString key = encoded(std::to_string(i));
+    properties.setProperty(key, encoded(""));
+    ASSERT_TRUE(table.add({key, encoded("")}));
   }
   Properties::TableCursor cursor = properties.cursor();
   Properties::TableCursor expected(table);
@@ -197,8 +194,8 @@ TEST(Properties, ReadAFileOnTopOfWhatIsThere) {
   const TemporaryFolder folder;
   writeFile(folder.file("p"), "a=2\nb=2\n");
   Properties properties(nullptr);
-  properties.setProperty(text("a"), text("1"));
-  properties.setProperty(text("z"), text("1"));
+  properties.setProperty(encoded("a"), encoded("1"));
+  properties.setProperty(encoded("z"), encoded("1"));
   EXPECT_FALSE(properties.set(named(folder.file("p"))));
   EXPECT_EQ(contentsOf(properties), (Map{{"a", "2"}, {"b", "2"}, {"z", "1"}}));
 }
@@ -208,7 +205,7 @@ TEST(Properties, SayTrueForAFileThatCannotBeReadAndStayAsTheyWere) {
   writeFile(folder.file("p"), "a=2\n");
   symlink("loop", folder.file("loop").c_str());
   Properties properties(nullptr);
-  properties.setProperty(text("a"), text("1"));
+  properties.setProperty(encoded("a"), encoded("1"));
   const std::vector<std::pair<std::string, int>> cases = {
       {folder.file("none"), ENOENT}, {"", ENOENT},
       {folder.path(), EISDIR},       {folder.path() + "/", EISDIR},
@@ -291,7 +288,7 @@ CUL_CHILD(PropertiesWithoutMemory) {
   writeFile(folder.file("p"), bytes);
   const FileName file = named(folder.file("p"));
   Properties properties(nullptr);
-  properties.setProperty(text("a"), text("0"));
+  properties.setProperty(encoded("a"), encoded("0"));
   rlimit limit = {};
   ASSERT_EQ(getrlimit(RLIMIT_AS, &limit), 0);
   const rlimit none = {1, limit.rlim_max};
@@ -334,26 +331,26 @@ TEST(Properties, ReadFromWhatIsNoRegularFile) {
 
 TEST(Properties, AreSetAndReplaced) {
   Properties properties(nullptr);
-  properties.setProperty(text("a"), text("1"));
-  EXPECT_TRUE(properties.doesContain(text("a")));
-  EXPECT_FALSE(properties.doesContain(text("A")));
+  properties.setProperty(encoded("a"), encoded("1"));
+  EXPECT_TRUE(properties.doesContain(encoded("a")));
+  EXPECT_FALSE(properties.doesContain(encoded("A")));
   EXPECT_FALSE(properties.isEmpty());
-  properties.setProperty(text("a"), text("22"));
-  properties.setProperty(text("b"), text(""));
+  properties.setProperty(encoded("a"), encoded("22"));
+  properties.setProperty(encoded("b"), encoded(""));
   EXPECT_EQ(properties.numItems(), 2U);
-  EXPECT_EQ(properties.getString(text("a")).view(), "22");
-  EXPECT_TRUE(properties.doesContain(text("b")));
-  EXPECT_EQ(properties.getString(text("b")).view(), "");
+  EXPECT_EQ(properties.getString(encoded("a")).view(), "22");
+  EXPECT_TRUE(properties.doesContain(encoded("b")));
+  EXPECT_EQ(properties.getString(encoded("b")).view(), "");
   // Nothing is stripped or taken for a comment here.
-  properties.setProperty(text(" # "), text(" = "));
-  EXPECT_EQ(properties.getString(text(" # ")).view(), " = ");
+  properties.setProperty(encoded(" # "), encoded(" = "));
+  EXPECT_EQ(properties.getString(encoded(" # ")).view(), " = ");
 }
 
 TEST(Properties, TakeNoEmptyKey) {
   Properties properties(nullptr);
-  properties.setProperty(text(""), text("1"));
+  properties.setProperty(encoded(""), encoded("1"));
   EXPECT_TRUE(properties.isEmpty());
-  EXPECT_FALSE(properties.doesContain(text("")));
+  EXPECT_FALSE(properties.doesContain(encoded("")));
 }
 
 TEST(Properties, KeepTheirPlaceWhenTheyAreReplacedAndTheirCursorsInAnyChange) {
@@ -367,7 +364,7 @@ TEST(Properties, KeepTheirPlaceWhenTheyAreReplacedAndTheirCursorsInAnyChange) {
     return result;
   };
   for (int i = 0; i < 1000; ++i) {
-    properties.setProperty(text(std::to_string(i)), text("old"));
+    properties.setProperty(encoded(std::to_string(i)), encoded("old"));
   }
   const std::vector<std::string> before = keys();
   Properties::TableCursor cursor = properties.cursor();
@@ -376,9 +373,9 @@ TEST(Properties, KeepTheirPlaceWhenTheyAreReplacedAndTheirCursorsInAnyChange) {
     const std::string key(cursor.element()->key.view());
     ASSERT_LT(met, before.size());
     EXPECT_EQ(key, before[met]);
-    properties.setProperty(text(key), text("new"));
-    EXPECT_FALSE(properties.doesContain(text("absent")));
-    EXPECT_EQ(properties.getString(text("0")).length(), 3U);
+    properties.setProperty(encoded(key), encoded("new"));
+    EXPECT_FALSE(properties.doesContain(encoded("absent")));
+    EXPECT_EQ(properties.getString(encoded("0")).length(), 3U);
   }
   EXPECT_EQ(met, 1000U);
   EXPECT_EQ(keys(), before);
@@ -387,7 +384,7 @@ TEST(Properties, KeepTheirPlaceWhenTheyAreReplacedAndTheirCursorsInAnyChange) {
   ASSERT_TRUE(cursor.last());
   EXPECT_EQ(cursor.element()->key.view(), last);
   for (int i = 1000; i < 3000; ++i) {
-    properties.setProperty(text(std::to_string(i)), text("added"));
+    properties.setProperty(encoded(std::to_string(i)), encoded("added"));
   }
   EXPECT_EQ(cursor.element()->key.view(), last);
   EXPECT_FALSE(cursor.next());
@@ -396,7 +393,7 @@ TEST(Properties, KeepTheirPlaceWhenTheyAreReplacedAndTheirCursorsInAnyChange) {
 
 TEST(Properties, AreReplacedByTheirOwnValues) {
   Properties properties(nullptr);
-  properties.setProperty(text("a"), text("1"));
+  properties.setProperty(encoded("a"), encoded("1"));
   Properties::TableCursor cursor = properties.cursor();
   ASSERT_TRUE(cursor.first());
   properties.setProperty(cursor.element()->key, cursor.element()->value);
@@ -415,8 +412,8 @@ TEST(Properties, AreReadAsIntegers) {
                                                           {"-2147483648", INT_MIN},
                                                           {"  9", 9}};
   for (const auto& [value, number] : cases) {
-    properties.setProperty(text("n"), text(value));
-    EXPECT_EQ(properties.getInteger(text("n")), number) << value;
+    properties.setProperty(encoded("n"), encoded(value));
+    EXPECT_EQ(properties.getInteger(encoded("n")), number) << value;
   }
 }
 
@@ -428,15 +425,15 @@ TEST(Properties, WrapAsIntegersWhenTheyAreOutOfRange) {
                                                           {"99999999999999999999", -1},
                                                           {"-99999999999999999999", 0}};
   for (const auto& [value, number] : cases) {
-    properties.setProperty(text("n"), text(value));
-    EXPECT_EQ(properties.getInteger(text("n")), number) << value;
+    properties.setProperty(encoded("n"), encoded(value));
+    EXPECT_EQ(properties.getInteger(encoded("n")), number) << value;
   }
 }
 
 TEST(Properties, AreReadAsIntegersUpToTheirFirstZeroByte) {
   Properties properties(nullptr);
-  properties.setProperty(text("n"), text(std::string_view("12\0x", 4)));
-  EXPECT_EQ(properties.getInteger(text("n")), 12);
+  properties.setProperty(encoded("n"), encoded(std::string_view("12\0x", 4)));
+  EXPECT_EQ(properties.getInteger(encoded("n")), 12);
 }
 
 TEST(Properties, ThrowForWhatIsNoInteger) {
@@ -444,10 +441,10 @@ TEST(Properties, ThrowForWhatIsNoInteger) {
   expectNoInteger(properties, "absent");
   for (const std::string_view value :
        {"", "x", "12a", "12 ", "0x1F", "1.5", "-", "--1", "1 2", "\xC3\xA4", "\xFF"}) {
-    properties.setProperty(text("n"), text(value));
+    properties.setProperty(encoded("n"), encoded(value));
     expectNoInteger(properties, "n");
   }
-  properties.setProperty(text("n"), text(std::string_view("\0001", 2)));
+  properties.setProperty(encoded("n"), encoded(std::string_view("\0001", 2)));
   expectNoInteger(properties, "n");
 }
 
@@ -456,8 +453,8 @@ TEST(Properties, ThrowForAnEmptyValueOfAFile) {
   writeFile(folder.file("p"), "key=\n");
   const FileName file = named(folder.file("p"));
   const Properties properties(&file);
-  EXPECT_TRUE(properties.doesContain(text("key")));
-  EXPECT_EQ(properties.getString(text("key")).view(), "");
+  EXPECT_TRUE(properties.doesContain(encoded("key")));
+  EXPECT_EQ(properties.getString(encoded("key")).view(), "");
   expectNoInteger(properties, "key");
 }
 

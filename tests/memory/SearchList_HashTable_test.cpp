@@ -15,6 +15,7 @@
 #include "Engine/utilities/Properties.h"
 
 #include "tests/memory/ListHeapSupport.h"
+#include "tests/support/PlainText.h"
 
 namespace {
 
@@ -22,12 +23,8 @@ using Element = Properties::HashElement;
 using Table = Properties::Table;
 using TableCursor = Properties::TableCursor;
 
-EncodedString text(std::string_view s) {
-  return {s.data(), static_cast<unsigned>(s.size()), EncodedString::utf8};
-}
-
 Element entry(std::string_view key, std::string_view value = "") {
-  return {text(key), text(value)};
+  return {encoded(key), encoded(value)};
 }
 
 // Written anew from the published description of the 64-bit FNV-1a hash.
@@ -101,18 +98,18 @@ TEST(SearchList_HashTable, FindsWhatWasAdded) {
   EXPECT_TRUE(table.isEmpty());
   const std::vector<std::string> keys = numberedKeys(20);
   for (const std::string& key : keys) {
-    EXPECT_EQ(table.find(text(key)), nullptr);
+    EXPECT_EQ(table.find(encoded(key)), nullptr);
     EXPECT_TRUE(table.add(entry(key, "value of " + key)));
   }
   EXPECT_EQ(table.count(), 20U);
   EXPECT_FALSE(table.isEmpty());
   for (const std::string& key : keys) {
-    Element* const found = table.find(text(key));
+    Element* const found = table.find(encoded(key));
     ASSERT_NE(found, nullptr);
     EXPECT_EQ(found->key.view(), key);
     EXPECT_EQ(found->value.view(), "value of " + key);
   }
-  EXPECT_EQ(table.find(text("key20")), nullptr);
+  EXPECT_EQ(table.find(encoded("key20")), nullptr);
 }
 
 TEST(SearchList_HashTable, HasTheEmptyKeyAndKeysWithZeroBytes) {
@@ -120,9 +117,9 @@ TEST(SearchList_HashTable, HasTheEmptyKeyAndKeysWithZeroBytes) {
   EXPECT_TRUE(table.add(entry("", "empty")));
   EXPECT_TRUE(table.add(entry(std::string_view("\0", 1), "zero")));
   EXPECT_TRUE(table.add(entry(std::string_view("\0a", 2), "more")));
-  EXPECT_EQ(table.find(text(""))->value.view(), "empty");
-  EXPECT_EQ(table.find(text(std::string_view("\0", 1)))->value.view(), "zero");
-  EXPECT_EQ(table.find(text(std::string_view("\0a", 2)))->value.view(), "more");
+  EXPECT_EQ(table.find(encoded(""))->value.view(), "empty");
+  EXPECT_EQ(table.find(encoded(std::string_view("\0", 1)))->value.view(), "zero");
+  EXPECT_EQ(table.find(encoded(std::string_view("\0a", 2)))->value.view(), "more");
 }
 
 TEST(SearchList_HashTable, KeepsTheFirstOfTwoElementsWithTheSameUniqueKey) {
@@ -142,10 +139,10 @@ TEST(SearchList_HashTable, KeepsDuplicatesWhenAskedToAndFindsTheLastOneFirst) {
       EXPECT_TRUE(table.add(entry("a", value)));
     }
     EXPECT_EQ(table.count(), 3U);
-    EXPECT_EQ(table.find(text("a"))->value.view(), "3");
-    EXPECT_TRUE(table.remove(text("a")));
-    EXPECT_EQ(table.find(text("a"))->value.view(), "2");
-    EXPECT_TRUE(table.add(*table.find(text("a"))));
+    EXPECT_EQ(table.find(encoded("a"))->value.view(), "3");
+    EXPECT_TRUE(table.remove(encoded("a")));
+    EXPECT_EQ(table.find(encoded("a"))->value.view(), "2");
+    EXPECT_TRUE(table.add(*table.find(encoded("a"))));
     EXPECT_EQ(table.count(), 3U);
   }
 }
@@ -178,8 +175,8 @@ TEST(SearchList_HashTable, TakesBucketsAndBlocksWhenTheyAreNeededAndKeepsThem) {
   RecordingHeap heap;
   {
     Table table(257, 2, 0, &heap);
-    EXPECT_EQ(table.find(text("a")), nullptr);
-    EXPECT_FALSE(table.remove(text("a")));
+    EXPECT_EQ(table.find(encoded("a")), nullptr);
+    EXPECT_FALSE(table.remove(encoded("a")));
     table.removeAll();
     EXPECT_TRUE(heap.sizes.empty());
     addAll(table, numberedKeys(1));
@@ -209,15 +206,15 @@ TEST(SearchList_HashTable, PutsOneTo65535ElementsIntoABlock) {
 TEST(SearchList_HashTable, GivesStorageOutAgainLastFirst) {
   Table table(1, 8, 0, nullptr);
   addAll(table, {"a", "b", "c"});
-  Element* const a = table.find(text("a"));
-  Element* const b = table.find(text("b"));
-  Element* const c = table.find(text("c"));
+  Element* const a = table.find(encoded("a"));
+  Element* const b = table.find(encoded("b"));
+  Element* const c = table.find(encoded("c"));
   table.removeAll();
   // The chain was c, b, a, so that a was given back last.
   addAll(table, {"x", "y", "z"});
-  EXPECT_EQ(table.find(text("x")), a);
-  EXPECT_EQ(table.find(text("y")), b);
-  EXPECT_EQ(table.find(text("z")), c);
+  EXPECT_EQ(table.find(encoded("x")), a);
+  EXPECT_EQ(table.find(encoded("y")), b);
+  EXPECT_EQ(table.find(encoded("z")), c);
 }
 
 TEST(SearchList_HashTable, RemovesByKey) {
@@ -225,12 +222,12 @@ TEST(SearchList_HashTable, RemovesByKey) {
   Table table(3, 4, 0, nullptr);
   addAll(table, keys);
   std::vector<std::string> left = keys;
-  EXPECT_FALSE(table.remove(text("none")));
+  EXPECT_FALSE(table.remove(encoded("none")));
   // Heads, tails and what is between.
   while (!left.empty()) {
     const size_t which = left.size() * 2 / 3;
-    EXPECT_TRUE(table.remove(text(left[which])));
-    EXPECT_FALSE(table.remove(text(left[which])));
+    EXPECT_TRUE(table.remove(encoded(left[which])));
+    EXPECT_FALSE(table.remove(encoded(left[which])));
     left.erase(left.begin() + static_cast<std::ptrdiff_t>(which));
     EXPECT_EQ(table.count(), left.size());
     EXPECT_EQ(keysForward(table), inTableOrder(left, 3));
@@ -260,7 +257,7 @@ TEST(SearchList_HashTable, RemovesWhatACursorStandsOn) {
     EXPECT_TRUE(table.remove(removed));
     EXPECT_EQ(removed.element(), nullptr);
     EXPECT_FALSE(table.remove(removed));
-    EXPECT_EQ(table.find(text(key)), nullptr);
+    EXPECT_EQ(table.find(encoded(key)), nullptr);
   }
   EXPECT_EQ(left, 0U);
   EXPECT_TRUE(table.isEmpty());
@@ -290,7 +287,7 @@ TEST(SearchList_HashTable, RemovesWhatItsOwnCursorStandsOn) {
   EXPECT_FALSE(table.remove(table.cursor()));
   // Also when new elements take the place of the removed one.
   addAll(table, {"b"});
-  EXPECT_TRUE(table.remove(text("b")));
+  EXPECT_TRUE(table.remove(encoded("b")));
   EXPECT_EQ(table.cursor().element(), nullptr);
 }
 
@@ -311,13 +308,13 @@ TEST(SearchList_HashTable, MarksWhatWasFoundOrAddedLast) {
   EXPECT_EQ(table.cursor().element(), nullptr);
   addAll(table, {"a", "b", "c"});
   EXPECT_EQ(table.cursor().element()->key.view(), "c");
-  Element* const a = table.find(text("a"));
+  Element* const a = table.find(encoded("a"));
   EXPECT_EQ(table.cursor().element(), a);
-  EXPECT_EQ(table.find(text("none")), nullptr);
+  EXPECT_EQ(table.find(encoded("none")), nullptr);
   EXPECT_EQ(table.cursor().element()->key.view(), "a");
-  EXPECT_TRUE(table.remove(text("b")));
+  EXPECT_TRUE(table.remove(encoded("b")));
   EXPECT_EQ(table.cursor().element()->key.view(), "a");
-  EXPECT_TRUE(table.remove(text("a")));
+  EXPECT_TRUE(table.remove(encoded("a")));
   EXPECT_EQ(table.cursor().element(), nullptr);
 }
 
@@ -343,12 +340,12 @@ TEST(SearchList_HashTable, LooksKeysUpThroughAFindThatMayBeReplaced) {
 TEST(SearchList_HashTable, StampsItsBucketsAndEachRemovalOfAll) {
   StampedTable table(3, 4, 0, nullptr);
   EXPECT_EQ(table.stamp_, 0);
-  EXPECT_EQ(table.find(text("a")), nullptr);
+  EXPECT_EQ(table.find(encoded("a")), nullptr);
   EXPECT_EQ(table.stamp_, 0);
   addAll(table, {"a"});
   EXPECT_EQ(table.stamp_, 1);
   addAll(table, {"b", "c"});
-  EXPECT_TRUE(table.remove(text("b")));
+  EXPECT_TRUE(table.remove(encoded("b")));
   EXPECT_TRUE(table.remove(table.cursor()));
   EXPECT_EQ(table.stamp_, 1);
   table.removeAll();
@@ -380,11 +377,11 @@ TEST(SearchList_HashTable, IsWholeAfterRunningOutOfMemoryForItsBuckets) {
   Table table(3, 1, 0, &heap);
   EXPECT_THROW(table.add(entry("a")), std::bad_alloc);
   EXPECT_TRUE(table.isEmpty());
-  EXPECT_EQ(table.find(text("a")), nullptr);
+  EXPECT_EQ(table.find(encoded("a")), nullptr);
   EXPECT_EQ(table.cursor().element(), nullptr);
   heap.requestsLeft = 10;
   EXPECT_TRUE(table.add(entry("a")));
-  EXPECT_NE(table.find(text("a")), nullptr);
+  EXPECT_NE(table.find(encoded("a")), nullptr);
 }
 
 TEST(SearchList_HashTable, IsWholeAfterRunningOutOfMemoryForABlock) {
@@ -395,7 +392,7 @@ TEST(SearchList_HashTable, IsWholeAfterRunningOutOfMemoryForABlock) {
     addAll(table, numberedKeys(before));
     EXPECT_THROW(table.add(entry("a")), std::bad_alloc);
     EXPECT_EQ(table.count(), before);
-    EXPECT_EQ(table.find(text("a")), nullptr);
+    EXPECT_EQ(table.find(encoded("a")), nullptr);
     EXPECT_EQ(keysForward(table), numberedKeys(before));
     heap.requestsLeft = 1;
     EXPECT_TRUE(table.add(entry("a")));
@@ -409,7 +406,7 @@ namespace {
 struct Fragile {
   EncodedString key;
 
-  explicit Fragile(std::string_view name) : key(text(name)) { ++objects; }
+  explicit Fragile(std::string_view name) : key(encoded(name)) { ++objects; }
   Fragile(const Fragile& other) : key(other.key) {
     if (copiesLeft == 0) {
       throw std::runtime_error("no more copies");
@@ -433,7 +430,7 @@ TEST(SearchList_HashTable, IsWholeAfterACopyThatFailed) {
   EXPECT_TRUE(table.add(Fragile("a")));
   EXPECT_THROW(table.add(Fragile("b")), std::runtime_error);
   EXPECT_EQ(table.count(), 1U);
-  EXPECT_EQ(table.find(text("b")), nullptr);
+  EXPECT_EQ(table.find(encoded("b")), nullptr);
   EXPECT_EQ(table.cursor().element()->key.view(), "a");
   // The storage that was meant for it serves the next one.
   const size_t requests = heap.sizes.size();
@@ -450,7 +447,7 @@ TEST(SearchList_HashTable, DestroysEachElementOnce) {
       table.add(Fragile(key));
     }
     EXPECT_EQ(Fragile::objects, 20);
-    table.remove(text("key3"));
+    table.remove(encoded("key3"));
     EXPECT_EQ(Fragile::objects, 19);
     table.remove(table.cursor());
     EXPECT_EQ(Fragile::objects, 18);
@@ -469,7 +466,7 @@ TEST(SearchList_HashTable, AlignsTheNumbersInItsElements) {
   };
   SearchList_HashTable<Small, EncodedString> table(1, 5, 1, nullptr);
   for (char tag = 'a'; tag < 'a' + 12; ++tag) {
-    table.add(Small{text("k"), tag});
+    table.add(Small{encoded("k"), tag});
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(table.cursor().element()) % 8, 0U);
   }
 }
@@ -478,12 +475,12 @@ TEST(SearchList_HashTable, IsUsedThroughItsBase) {
   std::unique_ptr<SearchList<Element, EncodedString>> list =
       std::make_unique<Table>(3, 4, 0, nullptr);
   EXPECT_TRUE(list->add(entry("a", "1")));
-  EXPECT_EQ(list->find(text("a"))->value.view(), "1");
+  EXPECT_EQ(list->find(encoded("a"))->value.view(), "1");
   const std::unique_ptr<Cursor<Element, EncodedString>> cursor = list->cursor().clone();
   EXPECT_TRUE(list->remove(*cursor));
   EXPECT_TRUE(list->isEmpty());
   EXPECT_TRUE(list->add(entry("b")));
-  EXPECT_TRUE(list->remove(text("b")));
+  EXPECT_TRUE(list->remove(encoded("b")));
   list->removeAll();
   EXPECT_EQ(list->count(), 0U);
 }
@@ -516,7 +513,7 @@ TEST(Cursor_HashTable, FindsNothingInAnEmptyTable) {
   EXPECT_FALSE(cursor.last());
   addAll(table, {"a"});
   ASSERT_TRUE(cursor.first());
-  table.remove(text("a"));
+  table.remove(encoded("a"));
   EXPECT_FALSE(cursor.first());
   EXPECT_FALSE(cursor.last());
   EXPECT_EQ(cursor.element(), nullptr);
@@ -583,11 +580,11 @@ TEST(Cursor_HashTable, StaysOnItsElementWhenOthersComeAndGo) {
   Table table(2, 4, 0, nullptr);
   addAll(table, keys);
   for (const std::string& key : keys) {
-    ASSERT_NE(table.find(text(key)), nullptr);
+    ASSERT_NE(table.find(encoded(key)), nullptr);
     const TableCursor cursor = table.cursor();
     for (const std::string& other : keys) {
       if (other != key) {
-        ASSERT_TRUE(table.remove(text(other)));
+        ASSERT_TRUE(table.remove(encoded(other)));
         EXPECT_EQ(cursor.element()->key.view(), key);
         addAll(table, {other});
         EXPECT_EQ(cursor.element()->key.view(), key);
@@ -602,10 +599,10 @@ TEST(Cursor_HashTable, StandsNowhereWhenItsElementIsRemoved) {
     for (const std::string& key : keys) {
       Table table(buckets, 4, 0, nullptr);
       addAll(table, keys);
-      table.find(text(key));
+      table.find(encoded(key));
       TableCursor cursor = table.cursor();
       TableCursor other = cursor;
-      ASSERT_TRUE(table.remove(text(key)));
+      ASSERT_TRUE(table.remove(encoded(key)));
       EXPECT_EQ(cursor.element(), nullptr);
       EXPECT_FALSE(cursor.next());
       EXPECT_FALSE(other.previous());
@@ -630,13 +627,13 @@ TEST(Cursor_HashTable, StandsOnWhatTakesThePlaceOfItsRemovedElementInTheSameBuck
   addAll(table, {"a"});
   const TableCursor cursor = table.cursor();
   Element* const storage = cursor.element();
-  table.remove(text("a"));
+  table.remove(encoded("a"));
   addAll(table, {different});
-  ASSERT_EQ(table.find(text(different)), storage);
+  ASSERT_EQ(table.find(encoded(different)), storage);
   EXPECT_EQ(cursor.element(), nullptr);
-  table.remove(text(different));
+  table.remove(encoded(different));
   addAll(table, {same});
-  ASSERT_EQ(table.find(text(same)), storage);
+  ASSERT_EQ(table.find(encoded(same)), storage);
   EXPECT_EQ(cursor.element(), storage);
 }
 
