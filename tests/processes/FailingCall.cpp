@@ -2,7 +2,6 @@
 
 #include <cstdarg>
 #include <cstring>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdlib.h>
@@ -13,6 +12,8 @@
 #include <utility>
 
 #include <gtest/gtest.h>
+
+#include "tests/support/StandIn.h"
 
 namespace {
 
@@ -144,30 +145,6 @@ unsigned CallRecord::count(LibcCall kind) const {
 
 namespace {
 
-// The function that `name` would be without this file: the C library's, or a sanitizer's.
-template <typename Function>
-class Next {
- public:
-  explicit constexpr Next(const char* name) : name_(name) {}
-
-  template <typename... Arguments>
-  auto operator()(Arguments... arguments) {
-    void* function = function_.load(std::memory_order_acquire);
-    if (function == nullptr) {
-      function = dlsym(RTLD_NEXT, name_);
-      function_.store(function, std::memory_order_release);
-    }
-    return reinterpret_cast<Function*>(function)(arguments...);
-  }
-
-  /// Before a forked child needs it, in which dlsym() may wait for a lock.
-  void find() { function_.store(dlsym(RTLD_NEXT, name_), std::memory_order_release); }
-
- private:
-  const char* name_;
-  std::atomic<void*> function_ = nullptr;
-};
-
 template <typename Result>
 Result answer(const CallFailure& failure) {
   if (failure.result < 0) {
@@ -180,15 +157,13 @@ Result answer(const CallFailure& failure) {
 
 // `Result name(parameters)` in place of the C library's; `announced` is what announce() is told
 // about it, `passed` what the next function gets.
-#define CUL_NOTHING
 #define CUL_STAND_BEFORE(Result, name, parameters, exceptions, announced, ...)                 \
-  static constinit Next<Result parameters> next_##name(#name);                                 \
-  __attribute__((constructor)) static void find_##name() { next_##name.find(); }               \
+  CUL_DEFINE_STAND_IN(Result, name, parameters)                                                \
   extern "C" Result name parameters exceptions {                                               \
     if (const CallFailure* const failure = CallDesk::announce announced; failure != nullptr) { \
       return answer<Result>(*failure);                                                         \
     }                                                                                          \
-    return next_##name(__VA_ARGS__);                                                           \
+    return name##StandIn.real(__VA_ARGS__);                                                    \
   }
 
 CUL_STAND_BEFORE(int, close, (int fd), CUL_NOTHING, (LibcCall::close, nullptr, fd, 0), fd)
@@ -227,8 +202,7 @@ extern "C" __attribute__((no_sanitize("thread"))) long sysconf(int name) noexcep
   return __sysconf(name);  // The C library's other name for it.
 }
 
-static constinit Next<int(pollfd*, nfds_t, int)> nextPoll("poll");
-__attribute__((constructor)) static void findPoll() { nextPoll.find(); }
+CUL_DEFINE_STAND_IN(int, poll, (pollfd*, nfds_t, int))
 extern "C" int poll(pollfd* fds, nfds_t count, int timeout) {
   const pollfd* waits = fds;
   asm("" : "+r"(waits));  // The C library declares that it only writes there.
@@ -239,16 +213,15 @@ extern "C" int poll(pollfd* fds, nfds_t count, int timeout) {
       failure != nullptr) {
     return answer<int>(*failure);
   }
-  return nextPoll(fds, count, timeout);
+  return pollStandIn.real(fds, count, timeout);
 }
 
-static constinit Next<char*(int)> nextPtsname("ptsname");
-__attribute__((constructor)) static void findPtsname() { nextPtsname.find(); }
+CUL_DEFINE_STAND_IN(char*, ptsname, (int))
 extern "C" char* ptsname(int fd) noexcept {
   static char name[64];
   const CallFailure* const failure = CallDesk::announce(LibcCall::ptsname, nullptr, fd, 0);
   if (failure == nullptr) {
-    return nextPtsname(fd);
+    return ptsnameStandIn.real(fd);
   }
   if (!failure->text) {
     errno = failure->error;
@@ -261,8 +234,7 @@ extern "C" char* ptsname(int fd) noexcept {
 // The functions with a variable argument take at most one more, of at most a pointer's size,
 // and the real ones read it as they need it.
 #define CUL_STAND_BEFORE_VARIABLE(name, parameters, exceptions, last, announced, ...)          \
-  static constinit Next<int parameters> next_##name(#name);                                    \
-  __attribute__((constructor)) static void find_##name() { next_##name.find(); }               \
+  CUL_DEFINE_STAND_IN(int, name, parameters)                                                   \
   extern "C" int name parameters exceptions {                                                  \
     va_list rest;                                                                              \
     va_start(rest, last);                                                                      \
@@ -271,7 +243,7 @@ extern "C" char* ptsname(int fd) noexcept {
     if (const CallFailure* const failure = CallDesk::announce announced; failure != nullptr) { \
       return answer<int>(*failure);                                                            \
     }                                                                                          \
-    return next_##name(__VA_ARGS__, more);                                                     \
+    return name##StandIn.real(__VA_ARGS__, more);                                              \
   }
 
 CUL_STAND_BEFORE_VARIABLE(open, (const char* path, int flags, ...), CUL_NOTHING, flags,

@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstring>
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <linux/magic.h>
 #include <sys/vfs.h>
@@ -11,6 +10,8 @@
 #include <utility>
 
 #include <gtest/gtest.h>
+
+#include "tests/support/StandIn.h"
 
 namespace {
 
@@ -41,12 +42,6 @@ struct Play {
 
 constinit Play* play = nullptr;
 
-// The function that `name` would be without this file.
-template <typename Function>
-Function* next(const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
 PlayedFolder::PlayedFolder(std::string path, std::vector<std::string> names) {
@@ -75,9 +70,9 @@ unsigned PlayedFolder::read() const { return play->read; }
 
 bool PlayedFolder::isClosedOnExec() const { return play->isClosedOnExec; }
 
+CUL_DEFINE_STAND_IN(DIR*, opendir, (const char*))
 extern "C" DIR* opendir(const char* path) {
-  static auto* const real = next<DIR*(const char*)>("opendir");
-  DIR* const folder = real(path);
+  DIR* const folder = opendirStandIn.real(path);
   if (play != nullptr && folder != nullptr && play->path == path) {
     EXPECT_EQ(play->folder, nullptr) << "the folder is open already";
     play->folder = folder;
@@ -88,10 +83,10 @@ extern "C" DIR* opendir(const char* path) {
   return folder;
 }
 
+CUL_DEFINE_STAND_IN(dirent*, readdir, (DIR*))
 extern "C" dirent* readdir(DIR* folder) {
-  static auto* const real = next<dirent*(DIR*)>("readdir");
   if (play == nullptr || folder != play->folder) {
-    return real(folder);
+    return readdirStandIn.real(folder);
   }
   if (play->at == play->names.size()) {
     return nullptr;
@@ -103,36 +98,36 @@ extern "C" dirent* readdir(DIR* folder) {
   return &play->entry;
 }
 
+CUL_DEFINE_STAND_IN(int, closedir, (DIR*))
 extern "C" int closedir(DIR* folder) {
-  static auto* const real = next<int(DIR*)>("closedir");
   if (play != nullptr && folder == play->folder) {
     play->folder = nullptr;
     ++play->closed;
   }
-  return real(folder);
+  return closedirStandIn.real(folder);
 }
 
+CUL_DEFINE_STAND_IN(void, rewinddir, (DIR*))
 extern "C" void rewinddir(DIR* folder) noexcept {
-  static auto* const real = next<void(DIR*)>("rewinddir");
   if (play != nullptr && folder == play->folder) {
     play->at = 0;
   }
-  real(folder);
+  rewinddirStandIn.real(folder);
 }
 
+CUL_DEFINE_STAND_IN(int, fstatfs, (int, struct statfs*))
 extern "C" int fstatfs(int fd, struct statfs* system) noexcept {
-  static auto* const real = next<int(int, struct statfs*)>("fstatfs");
-  const int result = real(fd, system);
+  const int result = fstatfsStandIn.real(fd, system);
   if (play != nullptr && play->isOpenAs(fd) && !play->isOfProcesses) {
     system->f_type = TMPFS_MAGIC;
   }
   return result;
 }
 
+CUL_DEFINE_STAND_IN(off64_t, lseek64, (int, off64_t, int))
 extern "C" off64_t lseek64(int fd, off64_t position, int from) noexcept {
-  static auto* const real = next<off64_t(int, off64_t, int)>("lseek64");
   if (play == nullptr || !play->isOpenAs(fd)) {
-    return real(fd, position, from);
+    return lseek64StandIn.real(fd, position, from);
   }
   EXPECT_EQ(from, SEEK_SET);
   play->at = 0;
@@ -142,10 +137,10 @@ extern "C" off64_t lseek64(int fd, off64_t position, int from) noexcept {
   return position;
 }
 
+CUL_DEFINE_STAND_IN(ssize_t, getdents64, (int, void*, size_t))
 extern "C" ssize_t getdents64(int fd, void* buffer, size_t size) noexcept {
-  static auto* const real = next<ssize_t(int, void*, size_t)>("getdents64");
   if (play == nullptr || !play->isOpenAs(fd)) {
-    return real(fd, buffer, size);
+    return getdents64StandIn.real(fd, buffer, size);
   }
   size_t used = 0;
   for (unsigned n = 0; n < play->most && play->at < play->names.size(); ++n) {

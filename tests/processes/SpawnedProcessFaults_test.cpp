@@ -2,7 +2,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <filesystem>
 #include <mutex>
@@ -31,6 +30,7 @@
 #include "tests/processes/AnsweredCalls.h"
 #include "tests/processes/FailingCall.h"
 #include "tests/processes/SpawnedProcessSupport.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/TracedChild.h"
 
 using testing::ContainsRegex;
@@ -43,29 +43,22 @@ constinit std::atomic<int> conditionsBeforeFailure = -1;
 
 bool isToFail(std::atomic<int>& before) { return before >= 0 && before.fetch_sub(1) == 0; }
 
-template <typename Function>
-Function* nextAfterThisProgram(const char* name) {
-  // The condition functions have an older version, too, which plain dlsym may give.
-#if !defined(__SANITIZE_THREAD__)
-  if (void* const function = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2"); function != nullptr) {
-    return reinterpret_cast<Function*>(function);
-  }
-#endif
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
-}
-
 }  // namespace
 
+CUL_DEFINE_STAND_IN(int, pthread_create,
+                    (pthread_t*, const pthread_attr_t*, void* (*)(void*), void*))
 extern "C" int pthread_create(pthread_t* id, const pthread_attr_t* attributes,
                               void* (*entry)(void*), void* argument) noexcept {
-  static auto* const next = nextAfterThisProgram<decltype(pthread_create)>("pthread_create");
-  return isToFail(threadsBeforeFailure) ? EAGAIN : next(id, attributes, entry, argument);
+  return isToFail(threadsBeforeFailure)
+             ? EAGAIN
+             : pthread_createStandIn.real(id, attributes, entry, argument);
 }
 
+CUL_DEFINE_STAND_IN(int, pthread_cond_init, (pthread_cond_t*, const pthread_condattr_t*))
 extern "C" int pthread_cond_init(pthread_cond_t* condition,
                                  const pthread_condattr_t* attributes) noexcept {
-  static auto* const next = nextAfterThisProgram<decltype(pthread_cond_init)>("pthread_cond_init");
-  return isToFail(conditionsBeforeFailure) ? ENOMEM : next(condition, attributes);
+  return isToFail(conditionsBeforeFailure) ? ENOMEM
+                                           : pthread_cond_initStandIn.real(condition, attributes);
 }
 
 namespace {

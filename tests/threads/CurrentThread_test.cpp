@@ -1,6 +1,5 @@
 #include <atomic>
 #include <condition_variable>
-#include <dlfcn.h>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -19,6 +18,7 @@
 #include "Engine/utilities/UNIX/UNIX_Mutex.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/threads/PosixFailure.h"
 #include "tests/threads/ThreadSupport.h"
 
@@ -435,16 +435,13 @@ extern "C" int sigaltstack(const stack_t* stack, stack_t* former) noexcept {
   return static_cast<int>(syscall(SYS_sigaltstack, stack, former));
 }
 
+CUL_DEFINE_STAND_IN(int, pthread_attr_destroy, (pthread_attr_t*))
 // The starter calls it between the creation of the thread and the note of its id.
 extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
   if (beforeTheStart.load() != nullptr) {
     waitUntil([] { return isBeforeTheStart.load(); });
   }
-  static constinit std::atomic<void*> next = nullptr;
-  if (next.load() == nullptr) {
-    next = dlsym(RTLD_NEXT, "pthread_attr_destroy");
-  }
-  return reinterpret_cast<int (*)(pthread_attr_t*)>(next.load())(attributes);
+  return pthread_attr_destroyStandIn.real(attributes);
 }
 
 TEST(CurrentThread, IsFoundByAThreadThatHasLookedBeforeItWasLetGo) {

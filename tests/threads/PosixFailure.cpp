@@ -1,37 +1,16 @@
 #include "tests/threads/PosixFailure.h"
 
-#include <atomic>
 #include <cerrno>
-#include <dlfcn.h>
 #include <pthread.h>
 #include <utility>
 
 #include <gtest/gtest.h>
 
+#include "tests/support/StandIn.h"
+
 namespace {
 
 constinit thread_local PosixInterference* innermost = nullptr;
-
-template <typename... Arguments>
-int callOrFail(PosixCall call, std::atomic<void*>& next, const char* name, Arguments... arguments) {
-  if (int result = 0; PosixInterference::intercepts(call, result)) {
-    return result;
-  }
-  void* function = next.load(std::memory_order_acquire);
-  if (function == nullptr) {
-#if defined(__SANITIZE_THREAD__)
-    function = dlsym(RTLD_NEXT, name);  // the sanitizer's, which has no version
-#else
-    // The condition functions have an older version, too, which plain dlsym may give.
-    function = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2");
-    if (function == nullptr) {
-      function = dlsym(RTLD_NEXT, name);
-    }
-#endif
-    next.store(function, std::memory_order_release);
-  }
-  return reinterpret_cast<int (*)(Arguments...)>(function)(arguments...);
-}
 
 }  // namespace
 
@@ -73,32 +52,35 @@ PosixMoment::PosixMoment(PosixCall call, std::function<void()> action)
       }) {}
 
 // One definition each of what PosixCall names.
-#define CUL_STAND_BEFORE(call, name, parameters, ...)             \
-  extern "C" int name parameters {                                \
-    static constinit std::atomic<void*> next = nullptr;           \
-    return callOrFail(PosixCall::call, next, #name, __VA_ARGS__); \
+#define CUL_STAND_BEFORE(call, name, parameters, exceptions, ...) \
+  CUL_DEFINE_STAND_IN(int, name, parameters)                      \
+  extern "C" int name parameters exceptions {                     \
+    int result = 0;                                               \
+    return PosixInterference::intercepts(PosixCall::call, result) \
+               ? result                                           \
+               : name##StandIn.real(__VA_ARGS__);                 \
   }
 
 CUL_STAND_BEFORE(mutexInit, pthread_mutex_init,
-                 (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes) noexcept, mutex,
+                 (pthread_mutex_t * mutex, const pthread_mutexattr_t* attributes), noexcept, mutex,
                  attributes)
-CUL_STAND_BEFORE(mutexDestroy, pthread_mutex_destroy, (pthread_mutex_t * mutex) noexcept, mutex)
-CUL_STAND_BEFORE(mutexLock, pthread_mutex_lock, (pthread_mutex_t * mutex) noexcept, mutex)
-CUL_STAND_BEFORE(mutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * mutex) noexcept, mutex)
+CUL_STAND_BEFORE(mutexDestroy, pthread_mutex_destroy, (pthread_mutex_t * mutex), noexcept, mutex)
+CUL_STAND_BEFORE(mutexLock, pthread_mutex_lock, (pthread_mutex_t * mutex), noexcept, mutex)
+CUL_STAND_BEFORE(mutexUnlock, pthread_mutex_unlock, (pthread_mutex_t * mutex), noexcept, mutex)
 CUL_STAND_BEFORE(condInit, pthread_cond_init,
-                 (pthread_cond_t * condition, const pthread_condattr_t* attributes) noexcept,
+                 (pthread_cond_t * condition, const pthread_condattr_t* attributes), noexcept,
                  condition, attributes)
-CUL_STAND_BEFORE(condDestroy, pthread_cond_destroy, (pthread_cond_t * condition) noexcept,
+CUL_STAND_BEFORE(condDestroy, pthread_cond_destroy, (pthread_cond_t * condition), noexcept,
                  condition)
 CUL_STAND_BEFORE(condWait, pthread_cond_wait, (pthread_cond_t * condition, pthread_mutex_t* mutex),
-                 condition, mutex)
-CUL_STAND_BEFORE(condBroadcast, pthread_cond_broadcast, (pthread_cond_t * condition) noexcept,
+                 CUL_NOTHING, condition, mutex)
+CUL_STAND_BEFORE(condBroadcast, pthread_cond_broadcast, (pthread_cond_t * condition), noexcept,
                  condition)
 CUL_STAND_BEFORE(create, pthread_create,
                  (pthread_t * id, const pthread_attr_t* attributes, void* (*entry)(void*),
-                  void* argument) noexcept,
-                 id, attributes, entry, argument)
-CUL_STAND_BEFORE(join, pthread_join, (pthread_t id, void** value), id, value)
+                  void* argument),
+                 noexcept, id, attributes, entry, argument)
+CUL_STAND_BEFORE(join, pthread_join, (pthread_t id, void** value), CUL_NOTHING, id, value)
 
 #if defined(__SANITIZE_THREAD__)
 // A request to end a thread unwinds it from inside the signal handler, at a place where that

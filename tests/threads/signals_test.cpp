@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dlfcn.h>
 #include <exception>
 #include <new>
 #include <string>
@@ -25,12 +24,11 @@
 #include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/threads/SignalSupport.h"
 #include "tests/threads/ThreadSupport.h"
 
 namespace {
-
-bool hasNoSymbols = false;
 
 constexpr int handledSignals[] = {SIGTRAP, SIGHUP, SIGTERM, SIGABRT, SIGFPE, SIGILL, SIGSEGV};
 
@@ -85,12 +83,8 @@ void expectCallChain(const TracedChild& child) {
 
 }  // namespace
 
-// Stands before the C library's, also for calls from the library under test.
-extern "C" char** backtrace_symbols(void* const* addresses, int count) noexcept {
-  using Function = char** (*)(void* const*, int);
-  static const auto next = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "backtrace_symbols"));
-  return hasNoSymbols ? nullptr : next(addresses, count);
-}
+CUL_STAND_IN(char**, backtrace_symbols, (void* const* addresses, int count), noexcept, addresses,
+             count)
 
 TEST(SignalOccurred, NamesTheSignalsOfItsTable) {
   const struct {
@@ -573,7 +567,7 @@ TEST(dumpModulesAndChain, WritesToStandardErrorWhenAskedTo) {
 CUL_CHILD(DumpToTrace) { dumpModulesAndChain(false); }
 
 CUL_CHILD(DumpWithoutNames) {
-  hasNoSymbols = true;
+  const Instead noSymbols(backtrace_symbolsStandIn, [](auto...) -> char** { return nullptr; });
   dumpModulesAndChain(true);
 }
 
