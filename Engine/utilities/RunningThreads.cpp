@@ -1,6 +1,5 @@
 #include "Engine/utilities/RunningThreads.h"
 
-#include <atomic>
 #include <memory>
 #include <utility>
 
