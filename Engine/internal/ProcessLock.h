@@ -1,7 +1,6 @@
 #pragma once
 
-#include <atomic>
-
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
 
 /// \file
@@ -15,17 +14,9 @@ class ProcessLock {
 
   /// The lock.
   [[nodiscard]] UNIX_Critical_Section& get() {
-    UNIX_Critical_Section* made = lock_.load(std::memory_order_acquire);
-    if (made == nullptr) {
-      auto* const mine = new UNIX_Critical_Section;
-      if (lock_.compare_exchange_strong(made, mine, std::memory_order_acq_rel)) {
-        return *mine;
-      }
-      delete mine;
-    }
-    return *made;
+    return lock_.get([] { return new UNIX_Critical_Section; });
   }
 
  private:
-  std::atomic<UNIX_Critical_Section*> lock_ = nullptr;
+  ProcessWide<UNIX_Critical_Section> lock_;
 };

@@ -9,7 +9,8 @@
 /// Not left to the compiler's own guard of a static object: a child that is forked meanwhile would
 /// wait for ever for the end of the making, and what comes back here while the object is made
 /// would not return. The first use belongs on the main thread before a second one exists; where two
-/// threads come at once all the same, both make an object and one of the two counts.
+/// threads come at once all the same, both make an object, and the one that is second deletes its
+/// own and uses the other's.
 /// \code
 ///   static constinit ProcessWide<TraceStack> traceStack;
 ///   return traceStack.get([] { return new TraceStack; });
@@ -21,7 +22,7 @@ class ProcessWide {
   ProcessWide(const ProcessWide&) = delete;
   ProcessWide& operator=(const ProcessWide&) = delete;
 
-  /// The object, which `make()` gives when there is none.
+  /// The object, which `make()` gives with `new` when there is none.
   template <class Make>
   [[nodiscard]] T& get(Make make) {
     T* object = present();
@@ -30,6 +31,7 @@ class ProcessWide {
       if (object_.compare_exchange_strong(object, made, std::memory_order_acq_rel)) {
         return *made;
       }
+      delete made;
     }
     return *object;
   }

@@ -1,9 +1,7 @@
 #include "Engine/utilities/AssertionMode.h"
 
-#include <atomic>
-#include <memory>
-
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/SettingTables.h"
 #include "Engine/utilities/DebuggerNumericSetting.h"
 #include "Engine/utilities/DebuggerSettings.h"
@@ -28,16 +26,13 @@ class Making {
 // not build the registry itself: that loads the configuration module, and ends the process
 // where there is none. Null for an assertion that fails while this thread makes it.
 DebuggerSetting* earlySetting() {
-  static constinit std::atomic<DebuggerSetting*> kept = nullptr;
-  DebuggerSetting* setting = kept.load(std::memory_order_acquire);
-  if (setting == nullptr && !isMaking) {
-    const Making making;
-    std::unique_ptr<DebuggerSetting> made = SettingTables::assertion.make(SettingTables::assertion);
-    if (kept.compare_exchange_strong(setting, made.get(), std::memory_order_acq_rel)) {
-      setting = made.release();
-    }
+  static constinit ProcessWide<DebuggerSetting> setting;
+  if (setting.present() != nullptr || isMaking) {
+    return setting.present();
   }
-  return setting;
+  const Making making;
+  return &setting.get(
+      [] { return SettingTables::assertion.make(SettingTables::assertion).release(); });
 }
 
 }  // namespace

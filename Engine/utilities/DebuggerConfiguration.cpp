@@ -1,9 +1,9 @@
 #include "Engine/utilities/DebuggerConfiguration.h"
 
+#include <atomic>
 #include <cstdlib>
 #include <string_view>
 
-#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/StandardError.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/SharedEntry.h"
@@ -37,6 +37,14 @@ DebuggerConfiguration* load() {
 }  // namespace
 
 DebuggerConfiguration* DebuggerConfiguration::instance() {
-  static constinit ProcessWide<DebuggerConfiguration> configuration;
-  return &configuration.get(load);
+  // Not deleted by who comes second: it is the module's.
+  static constinit std::atomic<DebuggerConfiguration*> configuration = nullptr;
+  DebuggerConfiguration* known = configuration.load(std::memory_order_acquire);
+  if (known == nullptr) {
+    DebuggerConfiguration* const loaded = load();
+    if (configuration.compare_exchange_strong(known, loaded, std::memory_order_acq_rel)) {
+      return loaded;
+    }
+  }
+  return known;
 }

@@ -73,9 +73,12 @@ bool isName(const EncodedString& name, const wchar_t* text, std::size_t length) 
          });
 }
 
+// Final, since a registry has no virtual destructor.
+class TheRegistry final : public DebuggerSettingsHKORV {};
+
 DebuggerSettingsHKORV& settingsOfTheProcess() {
-  static constinit ProcessWide<DebuggerSettingsHKORV> registry;
-  return registry.get([] { return new DebuggerSettingsHKORV; });
+  static constinit ProcessWide<TheRegistry> registry;
+  return registry.get([] { return new TheRegistry; });
 }
 
 }  // namespace

@@ -19,6 +19,9 @@
 /// afterwards any thread may find them. Nothing throws, but for a failed allocation, which
 /// leaves the store as it was.
 
+template <class T>
+class ProcessWide;
+
 /// Names are zero-terminated and compared byte for byte.
 class CUL_EXPORT EBCDICtableStore {
  public:
@@ -45,6 +48,8 @@ class CUL_EXPORT EBCDICtableStore {
  private:
   EBCDICtableStore();
   ~EBCDICtableStore() = default;
+  template <class T>
+  friend class ProcessWide;
 
   [[nodiscard]] std::size_t indexOf(const char* name) const;
 

@@ -7,6 +7,8 @@
 #include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
 
 class StdThread;
+template <class T>
+class ProcessWide;
 
 /// \file
 /// The registry of live thread objects, through which any code finds the object of the
@@ -40,6 +42,8 @@ class CUL_EXPORT RunningThreads {
   RunningThreads() = default;
   ~RunningThreads() = default;
   friend class AcrossFork;
+  template <class T>
+  friend class ProcessWide;
 
   __attribute__((visibility("hidden"))) void makeRoom(unsigned int needed);
 

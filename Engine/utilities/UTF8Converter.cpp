@@ -81,6 +81,15 @@ UTF8Converter::UTF8Converter() : toNative(invalidIconv), toUTF8(invalidIconv), c
   open(nl_langinfo(CODESET), false);
 }
 
+UTF8Converter::~UTF8Converter() {
+  const LoaderGuard guard("UTF8Converter::~UTF8Converter()", __LINE__);
+  for (const iconv_t descriptor : {toNative, toUTF8}) {
+    if (descriptor != invalidIconv) {
+      iconv_close(descriptor);
+    }
+  }
+}
+
 // Opens what can be opened; when `both` are needed, all or nothing.
 bool UTF8Converter::open(const char* name, bool both) {
   IconvDescriptor out(name, utf8Name);

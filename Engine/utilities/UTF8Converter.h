@@ -18,6 +18,8 @@
 
 class ByteString;
 class EncodedString;
+template <class T>
+class ProcessWide;
 
 /// The process's converter; never destroyed.
 class CUL_EXPORT UTF8Converter {
@@ -52,6 +54,9 @@ class CUL_EXPORT UTF8Converter {
 
  private:
   UTF8Converter();
+  [[gnu::visibility("hidden")]] ~UTF8Converter();
+  template <class T>
+  friend class ProcessWide;
 
   bool open(const char* name, bool both);
 

@@ -326,5 +326,5 @@ CUL_CHILD(AssertionsOfManyThreadsBeforeTheRegistry) {
 TEST(AssertionMode, IsTheUsersOnEachThreadWhileTheRegistryIsBuilt) {
   const ChildResult r = runChild("AssertionsOfManyThreadsBeforeTheRegistry",
                                  childWith({{"QVX_DBG_ASSERTION", "POPUP"}}));
-  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
 }

@@ -21,6 +21,9 @@
 /// found by the unwind information of the code, so code compiled without frame pointers
 /// counts like any other, and code without unwind information ends the chain.
 
+template <class T>
+class ProcessWide;
+
 class CUL_EXPORT TraceStack {
  public:
   /// One call of a chain. The calling frame lies at a higher address.
@@ -63,6 +66,8 @@ class CUL_EXPORT TraceStack {
 
   TraceStack() = default;
   ~TraceStack() = default;
+  template <class T>
+  friend class ProcessWide;
 
   Whereis lookUp();
   [[nodiscard]] bool goesToTrace() const noexcept;
