@@ -2,14 +2,8 @@
 # One test of what is made of the results of benchmarks.
 # usage: cases.sh case
 # The environment names the SOURCE_FOLDER and PYTHON.
-set -euo pipefail
-export LC_ALL=C
-export PYTHONDONTWRITEBYTECODE=1
-
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
-
-fail() { echo "$*" >&2; exit 1; }
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
 expect() {
   diff -u --label expected <(echo "$1") --label actual <(echo "$2") || fail "other than expected"

@@ -2,15 +2,11 @@
 # One test of docs/contract.md, or of docs/architecture.md: what the page names must be there.
 # usage: cases.sh case
 # The environment names SOURCE_FOLDER.
-set -euo pipefail
-export LC_ALL=C
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
 cd "$SOURCE_FOLDER"
 page=docs/contract.md
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
-
-fail() { echo "$*" >&2; exit 1; }
 
 # What stands in backticks on the page, each once and on a line.
 marked() { awk -F '\140' '{ for (i = 2; i < NF; i += 2) print $i }' "$page" | sort -u; }

@@ -2,14 +2,8 @@
 # One test of script/declarations: what installed headers may declare, in the tree and in small ones.
 # usage: cases.sh case
 # The environment names SOURCE_FOLDER and PYTHON.
-set -euo pipefail
-export LC_ALL=C
-export PYTHONDONTWRITEBYTECODE=1
-
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
-
-fail() { echo "$*" >&2; exit 1; }
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
 # header [lines]: a tree that exports what is called exported; the header's first line is the fifth.
 header() {

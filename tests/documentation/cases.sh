@@ -2,13 +2,8 @@
 # One test of the manual that Doxygen makes.
 # usage: cases.sh case
 # The environment names the tool DOXYGEN and the DOXYFILE of the build.
-set -euo pipefail
-export LC_ALL=C
-
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
-
-fail() { echo "$*" >&2; exit 1; }
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
 # Makes the manual of a header, which is read from the standard input, and keeps the warnings.
 # The result is that of Doxygen.

@@ -2,14 +2,10 @@
 # One test of the examples.
 # usage: cases.sh case
 # The environment names the folders SOURCE_FOLDER and PROGRAM_FOLDER.
-set -euo pipefail
-export LC_ALL=C
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
 examples=$SOURCE_FOLDER/examples
-
-fail() { echo "$*" >&2; exit 1; }
 
 # prints_what_it_should subsystem: runs the example in a folder of its own, which it leaves empty.
 # "..." in what is expected stands for anything on its line.

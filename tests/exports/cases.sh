@@ -2,17 +2,11 @@
 # One test of what the library and its configuration module offer to the loader and ask of it.
 # usage: cases.sh case
 # The environment names SOURCE_FOLDER, LIBRARY_FOLDER and a list of the PUBLIC_HEADERS.
-set -euo pipefail
-export LC_ALL=C
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
 library=$LIBRARY_FOLDER/libcul.so
 module=$LIBRARY_FOLDER/libwobnConfig.so
-
-# expect_equal what expected actual
-expect_equal() {
-  diff -u --label expected <(echo "$2") --label actual <(echo "$3") ||
-    { echo "other than expected: $1" >&2; exit 1; }
-}
 
 # entries binary name: the entries of that name in what the loader reads.
 entries() { readelf -d "$1" | sed -n "s/^.*($2).*\[\(.*\)\]$/\1/p" | sort; }
@@ -30,21 +24,19 @@ compare_with() {
 
 TheInterfaceIsTheOneDescribed() {
   compare_with "$SOURCE_FOLDER/Engine/cul.abi" ||
-    { echo "the interface has changed (the target update-symbols accepts it)" >&2; exit 1; }
+    fail "the interface has changed (the target update-symbols accepts it)"
 }
 
 TheDescriptionTellsLayoutsAndNothingOfThisMachine() {
   local description
   description=$(<"$SOURCE_FOLDER/Engine/cul.abi")
-  folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-  trap 'rm -rf "$folder"' EXIT
   # A library whose texts had their length somewhere else.
   sed "s/layout-offset-in-bits='128'/layout-offset-in-bits='160'/" "$SOURCE_FOLDER/Engine/cul.abi" \
     >"$folder/other.abi"
   ! compare_with "$folder/other.abi" >"$folder/differences" ||
-    { echo "no difference between layouts" >&2; exit 1; }
+    fail "no difference between layouts"
   grep -q "'unsigned int len' offset changed from 160 to 128" "$folder/differences" ||
-    { cat "$folder/differences" >&2; exit 1; }
+    fail "$(cat "$folder/differences")"
   expect_equal "sources outside of the tree" "" \
     "$(grep "<abi-instr" <<<"$description" | grep -v " path='Engine/" || true)"
 }

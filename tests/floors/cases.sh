@@ -2,14 +2,8 @@
 # One test of script/floors: that the tree keeps its floors, and what is refused in small trees.
 # usage: cases.sh case
 # The environment names SOURCE_FOLDER and PYTHON.
-set -euo pipefail
-export LC_ALL=C
-export PYTHONDONTWRITEBYTECODE=1
-
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
-
-fail() { echo "$*" >&2; exit 1; }
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
 floors() { "$PYTHON" "$SOURCE_FOLDER/script/floors" "$@"; }
 

@@ -2,10 +2,9 @@
 # One test of script/lint.
 # usage: cases.sh case
 # The environment names the SOURCE_FOLDER.
-set -euo pipefail
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
 tree="$folder/a tree"
 output=$folder/output
 

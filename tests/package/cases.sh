@@ -4,20 +4,11 @@
 # The environment names the tools CMAKE, CPACK, CXX and GDB, the folders SOURCE_FOLDER and
 # BUILD_FOLDER, the VERSION, and PACKAGES, a folder for the packages: the case PackagesAreMade comes
 # first, and the cases of packages look at what it has left there.
-set -euo pipefail
-export LC_ALL=C
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
 consumer=$SOURCE_FOLDER/tests/package/consumer
 multiarch=$(dpkg-architecture -qDEB_HOST_MULTIARCH)
-
-fail() { echo "$*" >&2; exit 1; }
-
-# expect_equal what expected actual
-expect_equal() {
-  diff -u --label expected <(echo "$2") --label actual <(echo "$3") || fail "other than expected: $1"
-}
 
 # Runs a command that may talk; its words are shown when it fails.
 quietly() { "$@" >"$folder/log" 2>&1 || { cat "$folder/log"; fail "failed: $*"; }; }
@@ -343,5 +334,4 @@ PackagesAreInstalledUsedAndPurged() {
     "$(find "$root" -path "$root/var" -prune -o -type f -print)"
 }
 
-[[ "${1-}" == [A-Z]* ]] || fail "usage: cases.sh case"
 "$1"

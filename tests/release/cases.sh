@@ -3,19 +3,17 @@
 # build and the packages are stand-ins that tell that they were called.
 # usage: cases.sh case
 # The environment names the SOURCE_FOLDER.
-set -euo pipefail
-export LC_ALL=C
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 export GIT_CONFIG_GLOBAL=/dev/null GIT_CONFIG_NOSYSTEM=1 GIT_CEILING_DIRECTORIES=/
 export GIT_AUTHOR_NAME=A GIT_AUTHOR_EMAIL=a@b GIT_COMMITTER_NAME=A GIT_COMMITTER_EMAIL=a@b
 export SOURCE_DATE_EPOCH=1800000000  # 2027-01-15
 unset GIT_DIR GIT_WORK_TREE GIT_INDEX_FILE
 
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
 tree=$folder/tree
 
 fail() { echo "$*" >&2; cat "$folder/out" >&2; exit 1; }
-expect_equal() { diff -u --label expected <(echo "$1") --label actual <(echo "$2") || fail "differs"; }
+expect_same() { diff -u --label expected <(echo "$1") --label actual <(echo "$2") || fail "other than expected"; }
 
 stand_in() {
   mkdir -p "$folder/bin"
@@ -72,14 +70,14 @@ refuses() {
 AReleaseIsStampedTestedPackagedAndLeftToAPerson() {
   make_tree 1.0.0 1.0.0 1.1.0
   release 1.1.0 || fail "failed"
-  expect_equal "tests
+  expect_same "tests
 cmake --preset release
 cmake --build --preset release
 cpack --preset release" "$(cat "$folder/calls")"
-  expect_equal "Release 1.1.0" "$(git log -1 --format=%s)"
+  expect_same "Release 1.1.0" "$(git log -1 --format=%s)"
   [ -z "$(git status --porcelain)" ] || fail "not all is committed"
   grep -q '^project(cul VERSION 1.1.0 ' CMakeLists.txt || fail "CMakeLists.txt"
-  expect_equal "# Changelog
+  expect_same "# Changelog
 
 ## [Unreleased]
 
@@ -117,7 +115,7 @@ ADryRunChecksAndChangesNothing() {
   grep -q "script/test" "$folder/out" || fail "does not tell of the tests"
   release --dry-run --without-tests 1.0.1 || fail "failed"
   ! grep -q "script/test" "$folder/out" || fail "tells of tests"
-  expect_equal "Begin" "$(git log --format=%s)"
+  expect_same "Begin" "$(git log --format=%s)"
   [ -z "$(git status --porcelain)$(cat "$folder/calls")" ] || fail "something was done"
   echo more >>CHANGELOG.md
   refuses "not committed" --dry-run 1.0.1
@@ -128,13 +126,13 @@ AFailureTakesTheCommitBack() {
   echo 1 >"$folder/test-status"
   ! release 1.1.0 || fail "not refused"
   grep -q "failed, taken back" "$folder/out" || fail "does not say so"
-  expect_equal "tests" "$(cat "$folder/calls")"
-  expect_equal "Begin" "$(git log --format=%s)"
+  expect_same "tests" "$(cat "$folder/calls")"
+  expect_same "Begin" "$(git log --format=%s)"
   [ -z "$(git status --porcelain)" ] || fail "something is left"
   # Packages of another version than the one that is released.
   stand_in "$folder/bin/cpack" "mkdir -p build/packages && : >build/packages/libcul1_1.0.0_amd64.deb"
   ! release --without-tests 1.1.0 || fail "not refused"
-  expect_equal "Begin" "$(git log --format=%s)"
+  expect_same "Begin" "$(git log --format=%s)"
 }
 
 ATreeThatIsNotReadyIsRefusedWithAllReasons() {

@@ -3,13 +3,8 @@
 # copy of its header, which is then compiled.
 # usage: cases.sh case
 # The environment names the tool CXX and SOURCE_FOLDER.
-set -euo pipefail
-export LC_ALL=C
-
-folder=$(mktemp -d "${TMPDIR:-/tmp}/cul.XXXXXX")
-trap 'rm -rf "$folder"' EXIT
-
-fail() { echo "$*" >&2; exit 1; }
+# shellcheck source=../support/cases.sh
+. "$(dirname "$0")/../support/cases.sh"
 
 # copy_with header expression: a copy of a header or source, changed by an expression of sed.
 copy_with() {
@@ -192,5 +187,4 @@ TwoLanguagesOfMessagesWithTheSameTwoLettersAreRefused() {
     "two letters must tell the languages of messages apart"
 }
 
-[[ "${1-}" == [A-Z]* ]] || fail "usage: cases.sh case"
 "$1"
