@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <set>
 #include <string>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -13,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/Child.h"
+#include "tests/support/OpenDescriptors.h"
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
@@ -69,11 +71,6 @@ void makeFile(const TemporaryFolder& folder, const std::string& file) {
 
 void makeLink(const TemporaryFolder& folder, const std::string& target, const std::string& link) {
   std::filesystem::create_symlink(target, folder.file(link));
-}
-
-size_t openDescriptors() {
-  const std::filesystem::directory_iterator all("/proc/self/fd");
-  return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 std::string search(const TemporaryFolder& folder, const std::string& wanted) {
@@ -336,11 +333,11 @@ TEST(SearchTree, CompareMultiRecordsThePathBelowTheRoot) {
 CUL_CHILD(SearchTreeThatIsDeep) {
   const std::string& top = childArguments().at(0);
   const std::string& file = childArguments().at(1);
-  const size_t before = openDescriptors();
+  const std::set<int> before = openDescriptors();
   {
     rlimit few = {};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &few), 0);
-    few.rlim_cur = before + 4;
+    few.rlim_cur = before.size() + 5;
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
     const SearchTree tree(name(top));
     EXPECT_EQ(tree.search(name("x")).view(), file);
@@ -369,14 +366,14 @@ TEST(SearchTree, GivesItsDescriptorBack) {
   const TemporaryFolder folder;
   makeFile(folder, "a/x");
   makeFile(folder, "b/y");
-  const size_t before = openDescriptors();
+  const std::set<int> before = openDescriptors();
   {
     const SearchTree tree(name(folder.path()));
-    EXPECT_EQ(openDescriptors(), before + 1);
+    EXPECT_EQ(openDescriptors().size(), before.size() + 1);
     EXPECT_EQ(tree.search(name("x")).view(), folder.file("a/x"));
-    EXPECT_EQ(openDescriptors(), before + 1);
+    EXPECT_EQ(openDescriptors().size(), before.size() + 1);
     const SearchTree none{FileName()};
-    EXPECT_EQ(openDescriptors(), before + 1);
+    EXPECT_EQ(openDescriptors().size(), before.size() + 1);
   }
   EXPECT_EQ(openDescriptors(), before);
 }
