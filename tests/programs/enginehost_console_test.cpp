@@ -61,7 +61,7 @@ TEST(EngineHostConsole, HandsOnTheSizeOfTheWindowAndItsChanges) {
   Terminal terminal({.rows = 33, .columns = 101});
   startHostedShell(terminal,
                    "trap 'stty size; echo changed' WINCH; stty size; echo ready;"
-                   "while read line; do echo \"<$line>\"; done; while :; do sleep 0.05; done");
+                   "while :; do sleep 0.05; done");
   terminal.readUntil("33 101\r\nready");
   terminal.resize({.rows = 12, .columns = 44});
   EXPECT_THAT(terminal.readUntil("changed"), HasSubstr("12 44\r\n"));
@@ -295,10 +295,12 @@ TEST(EngineHostConsole, HangsUpOnAProgramInAPipelineWhenTheHostAloneIsTold) {
 
 TEST(EngineHostConsole, LetsTheKeysActOnTheProgramAlone) {
   Terminal terminal;
+  // A shell that is about to read sees a signal only when it has read.
   startHostedShell(
       terminal,
-      "trap 'echo interrupted' INT; trap 'echo quitted' QUIT; trap 'echo stopped' TSTP;"
-      "echo ready; while :; do read line && echo \"<$line>\"; sleep 0.05; done");
+      "trap 'echo interrupted' INT; trap 'echo quitted' QUIT; trap 'echo stopped; stopped=1' TSTP;"
+      "echo ready; until [ \"$stopped\" ]; do sleep 0.05; done;"
+      "while read line; do echo \"<$line>\"; done");
   terminal.readUntil("ready");
   EXPECT_TRUE(waitUntil([&] { return isRaw(terminal); }));
   terminal.type("\x03");
