@@ -372,11 +372,15 @@ TEST(RunningThreads, HoldsMoreThanItsInitialCapacity) {
 CUL_CHILD(RegistryInAForkedChild) {
   static_cast<void>(StdThread::currentThread());  // the first call belongs to the main thread
   std::atomic<bool> isDone = false;
-  std::thread busy([&isDone] {
+  std::atomic<bool> isAtWork = false;
+  std::thread busy([&] {
     while (!isDone) {
       static_cast<void>(StdThread::currentThread());
+      isAtWork = true;
     }
   });
+  // It is no more in malloc, where the address sanitizer bears no fork.
+  EXPECT_TRUE(waitUntil([&] { return isAtWork.load(); }));
   for (int i = 0; i < 200; ++i) {
     const pid_t child = fork();
     if (child == 0) {

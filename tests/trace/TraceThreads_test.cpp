@@ -16,6 +16,7 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/support/WaitUntil.h"
 #include "tests/trace/TraceSupport.h"
 
 using testing::Contains;
@@ -66,20 +67,25 @@ TEST(TraceThreads, WriteWholeLines) {
 CUL_CHILD(ForkWhileOthersTrace) {
   EXPECT_TRUE(isTraced(TraceType::error));
   std::atomic<bool> isDone = false;
+  std::atomic<unsigned> atWork = 0;
   std::vector<std::thread> threads;
   for (int thread = 0; thread < 2; ++thread) {
     threads.emplace_back([&] {
-      while (!isDone) {
+      for (unsigned round = 0; !isDone; ++round) {
+        atWork += round == 1 ? 1 : 0;
         taggedTrace("f()", 1, "X", "busy");
       }
     });
   }
   // Nor must the child wait for the lock of the string pool.
   threads.emplace_back([&] {
-    while (!isDone) {
+    for (unsigned round = 0; !isDone; ++round) {
+      atWork += round == 1 ? 1 : 0;
       const ByteString text("short");
     }
   });
+  // None of them is in malloc any more, where the address sanitizer bears no fork.
+  EXPECT_TRUE(waitUntil([&] { return atWork == threads.size(); }));
   for (int i = 0; i < 100; ++i) {
     const pid_t child = fork();
     if (child == 0) {
