@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <dlfcn.h>
+#include <gnu/libc-version.h>
 #include <link.h>
 #include <pthread.h>
 #include <string_view>
@@ -13,6 +13,8 @@
 
 #include "Engine/internal/DivertedReturn.h"
 #include "Engine/internal/ExceptionTable.h"
+#include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/ProcessWide.h"
 
 namespace {
 
@@ -178,9 +180,16 @@ struct Place {
   std::uintptr_t underneath = 0;
   std::array<std::uintptr_t, 4> further = {};  // of a lock: where the C library's jumps to
 };
-constinit std::array<Place, std::size(knownFunctions)> places = {};
-constinit std::uintptr_t mutexLock = 0;  // the C library's own
-constinit std::atomic<bool> isLearned = false;
+
+// What has been found out about the runtime that is there.
+struct Learned {
+  Learned();
+
+  std::array<Place, std::size(knownFunctions)> places;
+  std::uintptr_t mutexLock;  // the C library's own
+  bool tellsWaitsApart;
+};
+constinit ProcessWide<const Learned> learned;
 
 std::uintptr_t addressOf(void* handle, const char* name) noexcept {
   return reinterpret_cast<std::uintptr_t>(dlsym(handle, name));
@@ -243,6 +252,21 @@ void learnJumps(std::uintptr_t function, Place& place) noexcept {
   }
 }
 
+Learned::Learned()
+    : mutexLock(addressOf(RTLD_NEXT, "pthread_mutex_lock")),
+      tellsWaitsApart(strverscmp(gnu_get_libc_version(), "2.41") < 0) {
+  for (std::size_t i = 0; i < places.size(); ++i) {
+    const KnownFunction& function = knownFunctions[i];
+    const bool throws = function.deed == Deed::throws || function.deed == Deed::endsThread;
+    Place& place = places[i];
+    place.seen = throws ? ownThrower(function.name) : addressOf(RTLD_DEFAULT, function.name);
+    place.underneath = addressOf(RTLD_NEXT, function.name);
+    if (function.deed == Deed::takesLock || function.deed == Deed::givesLock) {
+      learnJumps(place.underneath, place);
+    }
+  }
+}
+
 // What the function that starts at an address does.
 Deed deedOf(std::uintptr_t function) noexcept {
   for (const OwnFunction& own : ownFunctions) {
@@ -250,8 +274,9 @@ Deed deedOf(std::uintptr_t function) noexcept {
       return own.deed;
     }
   }
-  for (std::size_t i = 0; i < places.size(); ++i) {
-    const Place& place = places[i];
+  const Learned* const known = learned.present();
+  for (std::size_t i = 0; known != nullptr && i < known->places.size(); ++i) {
+    const Place& place = known->places[i];
     if (function != 0 &&
         (function == place.seen || function == place.underneath ||
          std::find(place.further.begin(), place.further.end(), function) != place.further.end())) {
@@ -322,9 +347,9 @@ bool isCutShort(const unsigned char* instruction, std::intptr_t rax) noexcept {
 // runs its cancellation points with asynchronous cancellation; from version 2.41 on it no longer
 // does, and nothing tells the waits apart.
 bool isCancellationPoint() noexcept {
-#if __GLIBC_PREREQ(2, 41)
-  return true;
-#else
+  if (const Learned* const known = learned.present(); known != nullptr && !known->tellsWaitsApart) {
+    return true;
+  }
   int type = PTHREAD_CANCEL_DEFERRED;
   pthread_setcanceltype(PTHREAD_CANCEL_DEFERRED, &type);
   if (type != PTHREAD_CANCEL_ASYNCHRONOUS) {
@@ -332,7 +357,6 @@ bool isCancellationPoint() noexcept {
   }
   pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
   return true;
-#endif
 }
 
 // One frame: a call, or the place of a signal.
@@ -433,7 +457,7 @@ class Walk {
     } else if (isCallSound_ && (isWait_ || isLookingForCatch_)) {
       way.kind = WayOut::Kind::here;
       way.isCertain = true;
-    } else if (isInCall_ || !isLearned || callDeed_ == Deed::takesLock ||
+    } else if (isInCall_ || learned.present() == nullptr || callDeed_ == Deed::takesLock ||
                callDeed_ == Deed::takesOwnLock || callDeed_ == Deed::givesMemory ||
                callDeed_ == Deed::remembers || callDeed_ == Deed::throws) {
       return way;
@@ -471,7 +495,9 @@ class Walk {
   // Frames of the library and the runtime that the program's innermost call has led to.
   void takeInsideCall(const Frame& frame) noexcept {
     // A mutex that the library or the program waits for; the C library's own are left alone.
-    const bool waitsForMutex = isCutShort_ && isLearned && calledFunction_ == mutexLock &&
+    const Learned* const known = learned.present();
+    const bool waitsForMutex = isCutShort_ && known != nullptr &&
+                               calledFunction_ == known->mutexLock &&
                                (frame.isProgram() || frame.code == Code::own);
     isWait_ = isWait_ || waitsForMutex;
     if (frame.isProgram()) {
@@ -562,21 +588,8 @@ _Unwind_Reason_Code visit(_Unwind_Context* context, void* walk) noexcept {
 }  // namespace
 
 void learnRuntime() {
-  if (isLearned) {
-    return;
-  }
-  for (std::size_t i = 0; i < places.size(); ++i) {
-    const KnownFunction& function = knownFunctions[i];
-    const bool throws = function.deed == Deed::throws || function.deed == Deed::endsThread;
-    Place& place = places[i];
-    place.seen = throws ? ownThrower(function.name) : addressOf(RTLD_DEFAULT, function.name);
-    place.underneath = addressOf(RTLD_NEXT, function.name);
-    if (function.deed == Deed::takesLock || function.deed == Deed::givesLock) {
-      learnJumps(place.underneath, place);
-    }
-  }
-  mutexLock = addressOf(RTLD_NEXT, "pthread_mutex_lock");
-  isLearned = true;
+  const HoldRequests hold;
+  static_cast<void>(learned.get([] { return new Learned; }));
 }
 
 bool canLookFrom(const void* instruction) noexcept { return moduleOf(instruction) != nullptr; }

@@ -13,8 +13,9 @@
 /// for ever. So this looks at each frame first, in the same tables as the runtime will. What
 /// cannot be read or is not known counts as a place that cannot be left.
 ///
-/// Nothing here allocates or takes a lock, and all but learnRuntime() may run in a signal handler.
-/// Nothing throws; what a thread can be unwound through is not noexcept.
+/// Nothing here but learnRuntime() allocates or takes a lock, and all else may run in a signal
+/// handler. Nothing throws, but for a failed allocation there; what a thread can be unwound through
+/// is not noexcept.
 
 /// Where the calling thread can end.
 struct WayOut {
@@ -46,8 +47,9 @@ struct WayOut {
   std::uintptr_t anchor = 0;
 };
 
-/// Finds out where the runtime's functions are that need care. Under StdThreadRun::startLock(),
-/// before a thread starts that can be asked to end.
+/// Finds out where the runtime's functions are that need care, before a thread starts that can be
+/// asked to end. The loader is asked: none of the library's locks may be held, since a thread that
+/// loads a module may wait for them in a constructor.
 void learnRuntime();
 
 /// Whether the stack can be looked at from an instruction that a signal has interrupted: there

@@ -13,6 +13,7 @@
 #include "Engine/internal/OwnThread.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessWide.h"
+#include "Engine/internal/RequestToEnd.h"
 #include "Engine/internal/UNIXStdThread.h"
 #include "Engine/internal/WayOut.h"
 #include "Engine/utilities/OwningList.h"
@@ -80,13 +81,13 @@ void StdThread::start_thread(unsigned int stackSize) {
   // What every thread leans on must exist before the second one does.
   static_cast<void>(thread1());
   static_cast<void>(isTraced(TraceType::active));
+  learnRuntime();
   if (stackSize > stackSize_) {
     stackSize_ = stackSize;
   }
   // The new thread passes this lock first: until then the object cannot be gone.
   const HoldAndLock guard(StdThreadRun::startLock(), "void StdThread::start_thread(unsigned int)",
                           __LINE__);
-  learnRuntime();
   auto record = std::make_unique<StdThreadRun>();
   const pthread_t id = record->start(this);
   static_cast<void>(record.release());  // now the new thread's
@@ -162,13 +163,20 @@ int StdThread::Termination::wait(unsigned short timeout) const {
   return __atomic_load_n(&thread_, __ATOMIC_ACQUIRE) == nullptr ? 0 : -1;
 }
 
+// A request looks at the object that the thread runs, though the registry may find another one
+// with the thread's id.
+StdThread* StdThread::askedThread() {
+  StdThread* const own = RequestToEnd::own().thread();
+  return own != nullptr ? own : currentThread();
+}
+
 StdThread::BlockTermination::BlockTermination() {
-  __atomic_add_fetch(&currentThread()->blockCount_, 1, __ATOMIC_RELAXED);
+  __atomic_add_fetch(&askedThread()->blockCount_, 1, __ATOMIC_RELAXED);
 }
 
 // NOLINTNEXTLINE(bugprone-exception-escape): the end of the thread passes here.
 StdThread::BlockTermination::~BlockTermination() noexcept(false) {
-  StdThread* self = currentThread();
+  StdThread* self = askedThread();
   constexpr unsigned short belowZero = 65535;
   // A balanced guard leaves the mark of a pending request alone, see BlockTermination.
   if (__atomic_sub_fetch(&self->blockCount_, 1, __ATOMIC_RELAXED) == belowZero) {

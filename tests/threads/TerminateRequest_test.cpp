@@ -5,6 +5,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <gnu/libc-version.h>
 #include <memory>
 #include <new>
 #include <optional>
@@ -28,6 +29,7 @@
 #include "Engine/utilities/UNIX/UNIX_Critical_Section.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/threads/ThreadSupport.h"
 
 namespace {
@@ -94,8 +96,6 @@ void waitUntilSignalled(const std::atomic<pid_t>& task) {
   });
 }
 
-bool isAsleep(const std::atomic<pid_t>& task) { return waitUntilAsleep(task); }
-
 bool isRunning(const std::atomic<pid_t>& task) {
   return waitUntil([&task] { return task != 0; });
 }
@@ -156,6 +156,38 @@ extern "C" __attribute__((visibility("default"))) const char* __lsan_default_sup
 }
 #endif
 
+CUL_STAND_IN(const char*, gnu_get_libc_version, (void), noexcept)
+CUL_STAND_IN(int, pthread_setcanceltype, (int type, int* former), CUL_NOTHING, type, former)
+
+// Versions from 2.41 on do not tell waits by the type of cancellation.
+CUL_CHILD(RequestWithANewerCLibrary) {
+  const Instead version(gnu_get_libc_versionStandIn, []() noexcept { return "2.41"; });
+  const Instead type(pthread_setcanceltypeStandIn, [](int, int* former) {
+    if (former != nullptr) {
+      *former = PTHREAD_CANCEL_DEFERRED;
+    }
+    return 0;
+  });
+  const Descriptors pipe;
+  StdThread::Termination termination;
+  std::atomic<pid_t> task = 0;
+  const StdThread* const thread = startThread(
+      [&] {
+        task = gettid();
+        char byte = 0;
+        static_cast<void>(!read(pipe.ends[0], &byte, 1));
+      },
+      &termination);
+  waitUntilAsleep(task);
+  thread->requestTerminate();
+  EXPECT_EQ(termination.wait(0), 0);
+}
+
+TEST(TerminateRequest, EndsWaitsAlsoOnANewerCLibraryThanTheOneBuiltWith) {
+  const ChildResult r = runChild("RequestWithANewerCLibrary", {.limitInSeconds = 30});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
 TEST(TerminateRequest, EndsAThreadInABlockingRead) {
   const Descriptors pipe;
   expectEnd(
@@ -165,7 +197,7 @@ TEST(TerminateRequest, EndsAThreadInABlockingRead) {
         EXPECT_EQ(read(pipe.ends[0], &byte, 1), 1);
         ADD_FAILURE() << "the read has ended";
       },
-      isAsleep);
+      waitUntilAsleep);
 }
 
 TEST(TerminateRequest, EndsAThreadInAPoll) {
@@ -175,7 +207,7 @@ TEST(TerminateRequest, EndsAThreadInAPoll) {
         poll(nullptr, 0, -1);
         ADD_FAILURE() << "the poll has ended";
       },
-      isAsleep);
+      waitUntilAsleep);
 }
 
 #if !defined(__SANITIZE_THREAD__)  // which checks that only pthread_cancel() ends such a wait
@@ -189,7 +221,7 @@ TEST(TerminateRequest, EndsAThreadInAConditionWaitAndReleasesItsMutex) {
           pthread_cond_wait(&mutex.condition, &mutex.mutex);
         }
       },
-      isAsleep);
+      waitUntilAsleep);
   EXPECT_EQ(pthread_mutex_trylock(&mutex.mutex), 0);
   pthread_mutex_unlock(&mutex.mutex);
 }
@@ -203,7 +235,7 @@ TEST(TerminateRequest, EndsAThreadInUsleep) {
           usleep(900000);
         }
       },
-      isAsleep);
+      waitUntilAsleep);
 }
 
 TEST(TerminateRequest, EndsAThreadInABusyLoop) {
@@ -284,7 +316,7 @@ TEST(TerminateRequest, ReleasesTheLocksThatGuardsHold) {
         char byte;
         EXPECT_EQ(read(pipe.ends[0], &byte, 1), 1);
       },
-      isAsleep);
+      waitUntilAsleep);
   std::thread([&lock] {
     EXPECT_EQ(pthread_mutex_trylock(lock.nativeHandle()), 0);
     pthread_mutex_unlock(lock.nativeHandle());
@@ -673,6 +705,23 @@ TEST(BlockTermination, AnUncountedEndWithoutARequestOnlyResetsTheCount) {
     const StdThread::BlockTermination block;
     raise(SIGUSR2);
     isAlive = true;
+  });
+  EXPECT_TRUE(isAlive);
+}
+
+TEST(BlockTermination, HoldsARequestAlsoWhereTheRegistryFindsAnotherObject) {
+  bool isAlive = false;
+  runOnThread([&isAlive] {
+    StdThread* const self = StdThread::currentThread();
+    RunningThreads::instance().remove(self);
+    EXPECT_NE(StdThread::currentThread(), self);
+    {
+      const StdThread::BlockTermination block;
+      self->requestTerminate();
+      usleep(20000);  // a wait in which a request would act
+      isAlive = true;
+    }
+    RunningThreads::instance().append(self);
   });
   EXPECT_TRUE(isAlive);
 }

@@ -24,17 +24,20 @@
 /// \file
 /// What the tests of threads share.
 
-/// Waits until the thread with this kernel id waits in the kernel.
+/// Whether the thread with this kernel id waits in the kernel; 0 is none.
+inline bool isAsleep(pid_t task) {
+  if (task == 0) {
+    return false;
+  }
+  std::ifstream stat("/proc/self/task/" + std::to_string(task) + "/stat");
+  const std::string text{std::istreambuf_iterator<char>(stat), {}};
+  const size_t name = text.rfind(") ");
+  return name != std::string::npos && text[name + 2] == 'S';
+}
+
+/// Waits until it does.
 inline bool waitUntilAsleep(const std::atomic<pid_t>& task) {
-  return waitUntil([&task] {
-    if (task == 0) {
-      return false;
-    }
-    std::ifstream stat("/proc/self/task/" + std::to_string(task) + "/stat");
-    const std::string text{std::istreambuf_iterator<char>(stat), {}};
-    const size_t name = text.rfind(") ");
-    return name != std::string::npos && text[name + 2] == 'S';
-  });
+  return waitUntil([&task] { return isAsleep(task); });
 }
 
 /// Whether another thread would get the lock at once.

@@ -16,7 +16,10 @@
 /// but leaves an "ERROR" line "First try - Cannot load ..." in the trace.
 ///
 /// Any thread may ask, also in a forked child. The constructors of a module may use the library,
-/// but must not wait for another thread that loads something or forks.
+/// but must not wait for another thread that loads something, forks or begins; the first timed
+/// wait of a process begins one. A module that the program loads with dlopen() itself must in its
+/// constructors neither ask for modules nor convert a named code page: a thread that does so
+/// elsewhere would have the one lock and wait for the other.
 
 class CUL_EXPORT UNIX_Engine_Loader : public Engine_Loader {
  public:

@@ -13,6 +13,7 @@
 #include "Engine/internal/LockGuard.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessLock.h"
+#include "Engine/internal/WayOut.h"
 #include "Engine/utilities/CUL_SemaphoreError.h"
 #include "Engine/utilities/TraceFlags.h"
 
@@ -164,6 +165,7 @@ UNIX_Event_Semaphore::MillisecondTimer* UNIX_Event_Semaphore::timerInstance() {
     // What a thread leans on is made without the lock.
     static_cast<void>(StdThread::thread1());
     static_cast<void>(isTraced(TraceType::active));
+    learnRuntime();
     const LockGuard guard(eventsLock.get(),
                           "static UNIX_Event_Semaphore::MillisecondTimer* "
                           "UNIX_Event_Semaphore::timerInstance()",
