@@ -75,8 +75,11 @@ class CUL_EXPORT ListImplementation {
 
   /// Sorts in place, in n log n time; linear for what is nearly in order. The result is that
   /// of passes over the adjacent pairs, each of which swaps those whose left element is greater,
-  /// until one swaps nothing. That keeps the order of equal elements. With a comparison that is
-  /// no order it ends all the same, but may take quadratic time and longer.
+  /// until one swaps nothing. That keeps the order of equal elements. It is sure where what is
+  /// greater than the greater is greater, in lists of up to four thousand elements, and in longer
+  /// ones where alike elements are alike to all others, as with any order. With a comparison that
+  /// is none it ends all the same, but may take quadratic time and longer, and more than 16
+  /// elements may come out otherwise than by passes.
   /// \param compare negative, zero or positive as in qsort(), always given two elements of the
   ///                list; what it throws passes through and leaves the elements permuted.
   /// \param buffer  the elements.

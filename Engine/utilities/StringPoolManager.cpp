@@ -43,7 +43,6 @@ constinit StringStock* spareStocks = nullptr;
 
 // Tells of the end of a thread, also of one that the library has not started. A thread_local
 // object would do so too early, and for want of memory could not be registered.
-constinit bool hasKey = false;
 constinit pthread_key_t key = 0;
 
 // Stores so that whoever is interrupted right before or after it leaves nothing half done.
@@ -59,12 +58,22 @@ void addSpare(StringStock& stock) noexcept {
   commit(spareStocks, &stock);
 }
 
+// Whether there is a key, which the first stock needs; `leave` is called at a thread's end. Under
+// the pool's lock.
+bool hasKey(void (*leave)(void*)) noexcept {
+  static constinit enum { unknown, yes, no } answer = unknown;
+  if (answer == unknown) {
+    answer = pthread_key_create(&key, leave) == 0 ? yes : no;
+  }
+  return answer == yes;
+}
+
 // A stock for the calling thread; null when it can have none. Under the pool's lock.
-StringStock* acquireStock() noexcept {
+StringStock* acquireStock(void (*leave)(void*)) noexcept {
   StringStock* stock = spareStocks;
   if (stock != nullptr) {
     commit(spareStocks, stock->nextSpare);
-  } else if (void* const memory = hasKey ? std::malloc(sizeof(StringStock)) : nullptr;
+  } else if (void* const memory = hasKey(leave) ? std::malloc(sizeof(StringStock)) : nullptr;
              memory != nullptr) {
     stock = new (memory) StringStock;
     stock->next = allStocks;
@@ -95,10 +104,13 @@ constexpr StringPoolManager::ClassRule StringPoolManager::classRules[sizeClasses
 constinit std::atomic<StringPoolManager*> StringPoolManager::theInstance_ = nullptr;
 
 StringPoolManager& StringPoolManager::makeInstance() {
-  StringPoolManager* const made = new StringPoolManager;
-  hasKey = pthread_key_create(&key, leaveOwnStock) == 0;
-  theInstance_.store(made, std::memory_order_release);
-  return *made;
+  auto* const made = new StringPoolManager;
+  StringPoolManager* first = nullptr;
+  if (theInstance_.compare_exchange_strong(first, made, std::memory_order_acq_rel)) {
+    return *made;
+  }
+  delete made;
+  return *first;
 }
 
 StringPoolManager::SizeClass StringPoolManager::classOf(unsigned size) noexcept {
@@ -179,7 +191,7 @@ StringStock* StringPoolManager::stock() {
     return ownStock;
   }
   const LockGuard guard(lock_, "StringStock* StringPoolManager::stock()", __LINE__);
-  return acquireStock();
+  return acquireStock(leaveOwnStock);
 }
 
 // Takes a block from the list as the calling thread sees it, with its stock on top.

@@ -25,7 +25,9 @@
 /// in all, and 3 KiB of memory for their addresses. When it ends, in whatever way, all blocks go
 /// back to the lists, and that memory is the next thread's. What it frees even later, when its own
 /// objects are destroyed, goes to the lists at once. So does all that a thread frees for which
-/// there was no memory for a stock or no key of the C library (pthread_key_create()).
+/// there was no memory for a stock or no key of the C library (pthread_key_create()). Only who
+/// uses strings for the first time in the last round of the destructors of such keys keeps a stock
+/// for ever.
 ///
 /// A forked child goes on with the pool, whatever other threads of its parent did: there the stocks
 /// of all threads go back to the lists. Blocks that only those threads knew of, in their strings
@@ -75,7 +77,7 @@ class CUL_EXPORT StringPoolManager {
   friend class StdThread;
 
   StringPoolManager() = default;
-  ~StringPoolManager() = delete;
+  ~StringPoolManager() = default;
 
   static StringPoolManager& makeInstance();
   static SizeClass classOf(unsigned size) noexcept;

@@ -13,6 +13,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -21,13 +22,16 @@
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/StringPoolManager.h"
 
 #include "tests/strings/GuardedBytes.h"
 #include "tests/support/Child.h"
 #include "tests/support/StandIn.h"
 #include "tests/support/TemporaryFolder.h"
+#include "tests/threads/ThreadSupport.h"
 
 CUL_STAND_IN(iconv_t, iconv_open, (const char* to, const char* from), CUL_NOTHING, to, from)
+CUL_STAND_IN(int, iconv_close, (iconv_t descriptor), CUL_NOTHING, descriptor)
 
 namespace {
 
@@ -190,6 +194,42 @@ CUL_CHILD(ConverterIsOne) {
   // Too late: the code page is fixed.
   setenv("QVX_DBG_CODEPAGE", "ISO-8859-5", 1);
   EXPECT_EQ(in("\xE9"), "\xC3\xA9");
+}
+
+namespace {
+
+std::atomic<int> openConverters = 0;
+std::atomic<bool> isMaking = false;
+std::atomic<pid_t> second = 0;
+
+}  // namespace
+
+CUL_CHILD(ConverterMadeTwiceAtOnce) {
+  static_cast<void>(StringPoolManager::instance());
+  const Instead opening(iconv_openStandIn, [](const char* to, const char* from) {
+    if (!isMaking.exchange(true)) {
+      // Another thread has found no converter either, and waits to make one.
+      waitUntilAsleep(second);
+    }
+    ++openConverters;
+    return iconv_openStandIn.real(to, from);
+  });
+  const Instead closing(iconv_closeStandIn, [](iconv_t descriptor) {
+    --openConverters;
+    return iconv_closeStandIn.real(descriptor);
+  });
+  std::thread other([] {
+    waitUntil([] { return isMaking.load(); });
+    second = gettid();
+    static_cast<void>(UTF8Converter::instance());
+  });
+  static_cast<void>(UTF8Converter::instance());
+  other.join();
+  EXPECT_EQ(openConverters, 2);
+}
+
+TEST(UTF8Converter, ThatTwoThreadsMakeAtOnceClosesWhatIsNotUsed) {
+  expectSuccess("ConverterMadeTwiceAtOnce", {{"QVX_DBG_CODEPAGE", "ISO-8859-1"}});
 }
 
 TEST(UTF8Converter, FixesTheCodePageByItsFirstUse) {
