@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dlfcn.h>
+#include <exception>
 #include <string>
 #include <sys/single_threaded.h>
 #include <thread>
@@ -116,7 +117,7 @@ bool choose(const std::string& kind, const std::string& argument) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
   static const TemporaryFolder folder;  // For the trace file and its peer's. Goes at exit(), too.
   chooseEnvironment(folder.path());
   benchmark::Initialize(&argc, argv);
@@ -131,4 +132,7 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
   require((__libc_single_threaded != 0) == (kind == "alone"), "threads of the process");
   return 0;
+} catch (const std::exception& exception) {
+  std::fprintf(stderr, "cul_bench: %s\n", exception.what());
+  return 2;
 }
