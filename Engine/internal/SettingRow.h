@@ -35,11 +35,11 @@ struct SettingRow {
   Slot slot;
   Limits limits = {};
   bool acceptsAllAndNone = false;
+  bool isSecret = false;  ///< See DebuggerSetting::isSecret().
   const DebuggerEnumSetting::EnumSettingItem* enumItems = nullptr;
   const DebuggerListSetting::ListSettingItem* listItems = nullptr;
   const wchar_t* hostDefault = nullptr;  ///< The default where the host is a remote system; null:
                                          ///< as elsewhere.
-  bool isSecret = false;                 ///< See DebuggerSetting::isSecret().
 };
 
 /// \name The makers of each type
