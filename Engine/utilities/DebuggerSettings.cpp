@@ -73,7 +73,7 @@ bool isName(const EncodedString& name, const wchar_t* text, std::size_t length) 
          });
 }
 
-// Final, since a registry has no virtual destructor.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and never deleted.
 class TheRegistry final : public DebuggerSettingsHKORV {};
 
 DebuggerSettingsHKORV& settingsOfTheProcess() {

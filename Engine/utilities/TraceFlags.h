@@ -60,6 +60,7 @@ class TraceImplementation;
 
 /// \cond
 #define CUL_TRACE_ENUMERATOR(enumerator, tag, place) enumerator,
+// NOLINTNEXTLINE(bugprone-macro-parentheses): one more term of a sum.
 #define CUL_TRACE_COUNT(enumerator, tag, place) +1
 #define CUL_TRACE_NOTHING(name, place)
 /// \endcond

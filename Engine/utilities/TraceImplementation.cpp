@@ -101,6 +101,7 @@ struct Role {
 constexpr Role roles[] = {{"root", environmentVariable("QVX_DBG_TRACE_ROOT")},
                           {"middle", environmentVariable("QVX_DBG_TRACE_MIDDLE")},
                           {"leaf", environmentVariable("QVX_DBG_TRACE_LEAF")}};
+constexpr const char* variableOfOthers = environmentVariable("QVX_DBG_TRACE");
 
 // The trace, or the place where it is being built. Stored before the object is built, so
 // that what its construction calls finds it, closed as yet.
@@ -139,7 +140,7 @@ const char* traceVariable() noexcept {
       return role.variable;
     }
   }
-  return environmentVariable("QVX_DBG_TRACE");
+  return variableOfOthers;
 }
 
 bool isHostSelected() {

@@ -51,6 +51,7 @@ void UNIX_Critical_Section::release(const char* file, unsigned int line) {
   }
 }
 
+// NOLINTNEXTLINE(bugprone-exception-escape): release() does not refuse the owner.
 void UNIX_Critical_Section::abandon(const char* file, unsigned int line) noexcept {
   if (__atomic_load_n(&owner_, __ATOMIC_ACQUIRE) == thisThread()) {
     count_ = 1;

@@ -26,6 +26,7 @@ class CUL_EXPORT UNIX_Critical_Section final : public UNIX_Mutex {
 
   // Gives all levels back that the calling thread has; nothing when it has none. For a thread
   // that will never return to where it took them.
+  // NOLINTNEXTLINE(bugprone-exception-escape): release() does not refuse the owner.
   [[gnu::visibility("hidden")]] void abandon(const char* file, unsigned int line) noexcept
       CUL_UNCHECKED_LOCKS;  // only when it has it
   [[noreturn]] void refuse(const char* file, unsigned int line) const;
