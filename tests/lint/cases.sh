@@ -81,6 +81,22 @@ AChangedHeaderHasThoseCheckedAgainThatIncludeIt() {
   expect_said "clang-tidy: 1 of 2" "g++: 1 of 2" "g++ alone: 1 of 1" "clang++ alone: 1 of 1"
 }
 
+AScriptThatReadsAllHeadersRunsAgainForANewOneAlsoAfterAPartOfTheTreeWasChecked() {
+  make_tree
+  write script/declarations "#!/bin/sh" '! grep -n hidden Engine/*.h'
+  chmod +x "$tree/script/declarations"
+  write Engine/cul.symbols
+  expect_clean
+  write Engine/New.h "#pragma once" "" "int hidden();"
+  expect_findings
+  expect_said "declarations: 1 of 1"
+  write Engine/New.h "#pragma once" "" "int shown();"
+  expect_clean Engine/Answer.h
+  write Engine/New.h "#pragma once" "" "int hidden();"
+  expect_findings
+  expect_said "declarations: 1 of 1"
+}
+
 ChangedSettingsHaveAllCheckedAgain() {
   make_tree
   expect_clean
