@@ -73,7 +73,7 @@ bool isName(const EncodedString& name, const wchar_t* text, std::size_t length) 
          });
 }
 
-// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and never deleted.
+// NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): it is final.
 class TheRegistry final : public DebuggerSettingsHKORV {};
 
 DebuggerSettingsHKORV& settingsOfTheProcess() {
