@@ -48,8 +48,8 @@ struct WayOut {
 };
 
 /// Finds out where the runtime's functions are that need care, before a thread starts that can be
-/// asked to end. The loader is asked: none of the library's locks may be held, since a thread that
-/// loads a module may wait for them in a constructor.
+/// asked to end. The loader is asked: no lock of the process (AcrossFork.h) may be held, since a
+/// thread that loads a module may wait for it in a constructor.
 void learnRuntime();
 
 /// Whether the stack can be looked at from an instruction that a signal has interrupted: there
