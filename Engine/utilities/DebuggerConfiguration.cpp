@@ -1,9 +1,9 @@
 #include "Engine/utilities/DebuggerConfiguration.h"
 
-#include <atomic>
 #include <cstdlib>
 #include <string_view>
 
+#include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/StandardError.h"
 #include "Engine/utilities/ProductData.h"
 #include "Engine/utilities/SharedEntry.h"
@@ -34,17 +34,14 @@ DebuggerConfiguration* load() {
   return configuration;
 }
 
+// The object is the module's, and never deleted.
+struct Loaded {
+  DebuggerConfiguration* const configuration = load();
+};
+
 }  // namespace
 
 DebuggerConfiguration* DebuggerConfiguration::instance() {
-  // Not deleted by who comes second: it is the module's.
-  static constinit std::atomic<DebuggerConfiguration*> configuration = nullptr;
-  DebuggerConfiguration* known = configuration.load(std::memory_order_acquire);
-  if (known == nullptr) {
-    DebuggerConfiguration* const loaded = load();
-    if (configuration.compare_exchange_strong(known, loaded, std::memory_order_acq_rel)) {
-      return loaded;
-    }
-  }
-  return known;
+  static constinit ProcessWide<const Loaded> loaded;
+  return loaded.get([] { return new Loaded; }).configuration;
 }
