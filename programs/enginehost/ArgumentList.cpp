@@ -5,7 +5,7 @@
 
 #include "Engine/utilities/ProcessTable.h"
 
-#include "Printable.h"
+#include "programs/common/Printable.h"
 
 namespace {
 

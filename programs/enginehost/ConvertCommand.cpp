@@ -18,8 +18,8 @@
 #include "Engine/utilities/Iconv.h"
 
 #include "Messages.h"
-#include "Printable.h"
 #include "Statuses.h"
+#include "programs/common/Printable.h"
 
 namespace {
 

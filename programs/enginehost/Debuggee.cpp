@@ -18,7 +18,7 @@
 
 #include "HostEvents.h"
 #include "SignalsBlocked.h"
-#include "StartSignals.h"
+#include "programs/common/StartSignals.h"
 
 namespace {
 

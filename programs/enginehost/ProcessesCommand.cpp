@@ -13,8 +13,8 @@
 #include "ArgumentList.h"
 #include "Messages.h"
 #include "Output.h"
-#include "Printable.h"
 #include "Statuses.h"
+#include "programs/common/Printable.h"
 
 namespace {
 

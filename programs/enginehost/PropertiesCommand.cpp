@@ -16,8 +16,8 @@
 
 #include "Messages.h"
 #include "Output.h"
-#include "Printable.h"
 #include "Statuses.h"
+#include "programs/common/Printable.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "Commands.h"
 #include "Messages.h"
 #include "Output.h"
-#include "Printable.h"
+#include "programs/common/Printable.h"
 
 namespace {
 

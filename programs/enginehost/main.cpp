@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <cstring>
-#include <fcntl.h>
 #include <new>
 #include <string>
 #include <unistd.h>
@@ -25,23 +24,14 @@
 #include "Debuggee.h"
 #include "HostEvents.h"
 #include "Messages.h"
-#include "Printable.h"
-#include "StartSignals.h"
 #include "Statuses.h"
 #include "Usage.h"
 #include "UserTerminal.h"
+#include "programs/common/Printable.h"
+#include "programs/common/StandardStreams.h"
+#include "programs/common/StartSignals.h"
 
 namespace {
-
-// A descriptor opened later must not take the place of a standard stream. What stands in for one
-// can be used as little as one that is closed: nobody takes output for written.
-void openMissingStandardStreams() {
-  for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
-    if (fcntl(stream, F_GETFD) < 0) {
-      static_cast<void>(open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY));
-    }
-  }
-}
 
 // The library's request to end a thread, SIGUSR2, is for its own threads, which modules may start.
 // From then on one that somebody sends to the process would end this thread alone, and leave a

@@ -247,8 +247,9 @@ libcul1 (= $VERSION), libc6, libgcc-s1, libstdc++6" "$(fields libcul-dev)"
   expect_equal enginehost "enginehost $VERSION amd64 devel $maintainer
 runs a program under the debugger engine
  Starts as every process of the debugger does, runs a program on a console
- of its own and ends with the program's status.
-libcul1 (= $VERSION), libc6, libgcc-s1, libstdc++6" "$(fields enginehost)"
+ of its own and ends with the program's status. Beside it enginetrace
+ shows traces in the order of their lines.
+libcul1 (= $VERSION), libc6, libgcc-s1, libre2-9, libstdc++6" "$(fields enginehost)"
   expect_equal libcul1-dbgsym "libcul1-dbgsym $VERSION amd64 debug $maintainer
 debug symbols for libcul1
 libcul1 (= $VERSION)" "$(fields libcul1-dbgsym)"
@@ -274,11 +275,17 @@ EachPackageHoldsItsFiles() {
 $link/$lib/libcul.so.1->libcul.so.$VERSION
 $file/$lib/libcul.so.$VERSION
 $file/share/doc/libcul1/changelog.gz" "$(contents libcul1)"
-  expect_equal enginehost "$program/bin/enginehost
+  expect_equal enginehost "${link%usr}etc/lnav/formats/enginetrace->/usr/share/enginetrace/lnav
+$program/bin/enginehost
+$program/bin/enginetrace
 $file/$lib/cul/libwobnhost.so
+$file/$lib/cul/libwobntrace.so
 $file/share/bash-completion/completions/enginehost
+$file/share/bash-completion/completions/enginetrace
 $file/share/doc/enginehost/changelog.gz
-$file/share/man/man1/enginehost.1.gz" "$(contents enginehost)"
+$file/share/enginetrace/lnav/enginetrace.json
+$file/share/man/man1/enginehost.1.gz
+$file/share/man/man1/enginetrace.1.gz" "$(contents enginehost)"
 
   local configuration
   configuration=$(sed -n 's/^CMAKE_BUILD_TYPE:[A-Z]*=//p' "$BUILD_FOLDER/CMakeCache.txt")
@@ -303,7 +310,7 @@ PackagesAreInstalledUsedAndPurged() {
   # A root of its own, which knows of the packages that any Debian has, but runs no triggers.
   local root=$folder/root
   mkdir -p "$root/var/lib/dpkg/info" "$root/var/lib/dpkg/updates"
-  dpkg-query --status libc6 libgcc-s1 libstdc++6 >"$root/var/lib/dpkg/status"
+  dpkg-query --status libc6 libgcc-s1 libre2-9 libstdc++6 >"$root/var/lib/dpkg/status"
   dpkg_there() {
     HOME=$folder PATH=$PATH:/usr/sbin:/sbin quietly dpkg --root="$root" --log=/dev/null \
       --force-not-root --force-script-chrootless "$@"

@@ -1,7 +1,7 @@
 #pragma once
 
 /// \file
-/// How the host shows texts that others wrote.
+/// How a program shows texts that others wrote.
 
 #include <cstddef>
 #include <string>

@@ -1,4 +1,4 @@
-#include "Printable.h"
+#include "programs/common/Printable.h"
 
 #include <cstdio>
 

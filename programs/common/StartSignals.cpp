@@ -1,4 +1,4 @@
-#include "StartSignals.h"
+#include "programs/common/StartSignals.h"
 
 #include <csignal>
 

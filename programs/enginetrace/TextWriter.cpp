@@ -1,0 +1,115 @@
+#include "programs/enginetrace/TextWriter.h"
+
+#include <algorithm>
+
+#include "programs/enginetrace/LineStart.h"
+#include "programs/enginetrace/PrintableText.h"
+#include "programs/enginetrace/Severity.h"
+#include "programs/enginetrace/TimeText.h"
+
+namespace {
+
+constexpr std::string_view ordinary = "\33[0m";
+constexpr std::string_view faint = "\33[2m";
+constexpr std::string_view green = "\33[32m";
+constexpr std::string_view cyan = "\33[36m";
+constexpr std::string_view yellow = "\33[33m";
+constexpr std::string_view red = "\33[1;31m";
+
+std::string_view colourOf(Severity severity) {
+  switch (severity) {
+    case Severity::error:
+      return red;
+    case Severity::warning:
+      return yellow;
+    case Severity::none:
+      break;
+  }
+  return {};
+}
+
+}  // namespace
+
+TextWriter::TextWriter(Output& output, const TextStyle& style) : output_(output), style_(style) {}
+
+void TextWriter::write(const Line& line) {
+  if (style_.isPlain() && isPrintable(line.whole)) {
+    output_.put(line.whole);
+    output_.put("\n");
+    return;
+  }
+  buffer_.clear();
+  const std::string_view colour =
+      style_.hasColour ? colourOf(severityOf(typeOf(line.whole))) : std::string_view();
+  for (std::size_t start = 0; start <= line.whole.size();) {
+    // The lines that a text goes on in are marked as well: each can be found by its process.
+    putMark(*line.process);
+    const std::size_t end = std::min(line.whole.find('\n', start), line.whole.size());
+    const std::string_view text = line.whole.substr(start, end - start);
+    if (start == 0) {
+      putDate(line.time);
+      putBeginning(text, colour);
+    } else {
+      putIn(colour, text);
+    }
+    buffer_ += '\n';
+    start = end + 1;
+  }
+  output_.put(buffer_);
+}
+
+void TextWriter::gap() { output_.put("--\n"); }
+
+void TextWriter::putMark(const Process& process) {
+  if (style_.markWidth == 0) {
+    return;
+  }
+  if (marked_ != &process) {
+    marked_ = &process;
+    mark_.clear();
+    appendPrintable(mark_, process.mark);
+    mark_.resize(std::max(mark_.size(), style_.markWidth), ' ');
+  }
+  putIn(green, mark_);
+  buffer_ += "  ";
+}
+
+void TextWriter::putDate(WallTime time) {
+  if (!style_.hasDates) {
+    return;
+  }
+  if (time < day_ || time >= day_ + microsecondsPerDay || date_.empty()) {
+    constexpr std::size_t length = std::string_view("2026-11-22 ").size();
+    const WallTime rest = time % microsecondsPerDay;
+    day_ = time - (rest < 0 ? rest + microsecondsPerDay : rest);
+    date_.clear();
+    appendTime(date_, day_, ' ');
+    date_.resize(length);
+  }
+  putIn(faint, date_);
+}
+
+// The first line of a text: the time and the thread, the type, and the rest.
+void TextWriter::putBeginning(std::string_view text, std::string_view colour) {
+  if (style_.hasColour && beginsLine(text)) {
+    putIn(faint, text.substr(0, lineStartLength));
+    text.remove_prefix(lineStartLength);
+    if (colour.empty() && text.starts_with("**")) {
+      const std::size_t end = std::min(text.find(": "), text.size());
+      putIn(cyan, text.substr(0, end));
+      text.remove_prefix(end);
+    }
+  }
+  putIn(colour, text);
+}
+
+void TextWriter::putIn(std::string_view colour, std::string_view text) {
+  const bool isColoured = style_.hasColour && !colour.empty();
+  if (isColoured) {
+    buffer_ += colour;
+  }
+  appendPrintable(buffer_, text);
+  if (isColoured) {
+    buffer_ += ordinary;
+  }
+}

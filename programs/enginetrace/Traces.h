@@ -1,0 +1,62 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "programs/enginetrace/Options.h"
+#include "programs/enginetrace/TraceFile.h"
+
+/// \file
+/// The traces that the user names.
+
+class Traces {
+ public:
+  /// Opens all files and those of the folders that end in ".trc", by their names. What is no trace
+  /// or cannot be read is told in one line, and the others are opened all the same.
+  /// \param options live as long as this.
+  explicit Traces(const Options& options);
+
+  struct Trace {
+    std::unique_ptr<TraceFile> file;
+    Process process;  ///< With a mark that no other one has.
+  };
+
+  [[nodiscard]] const std::vector<Trace>& all() const noexcept { return all_; }
+
+  /// Opens the files that the folders that were named hold by now.
+  void openNew();
+
+  /// Gives all away.
+  [[nodiscard]] std::vector<Trace> take() { return std::exchange(all_, {}); }
+
+  /// The folders that were named, and those that the files that were named are in.
+  [[nodiscard]] std::vector<std::string> folders() const;
+
+  /// Whether something could not be opened.
+  [[nodiscard]] bool hasFailed() const noexcept { return hasFailed_; }
+
+  /// Whether a folder was named.
+  [[nodiscard]] bool hasFolder() const;
+
+  [[nodiscard]] TimeSpan span() const noexcept;
+
+  /// Tells what the user has to know about lines that are left out, lines whose order is not
+  /// certain and the like, each in one line.
+  void tellNotes() const;
+
+ private:
+  void open(const std::string& path);
+  void openFolder(const std::string& path);
+  void openUntried(const std::vector<std::string>& names);
+
+  void makeMarksDiffer();
+
+  const Options& options_;
+  std::vector<Trace> all_;
+  std::set<std::string> tried_;  // files of the folders
+  bool hasFailed_ = false;
+};

@@ -1,0 +1,280 @@
+#include <csignal>
+#include <cstddef>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "Engine/utilities/TraceImplementation.h"
+
+#include "tests/enginetrace/Reader.h"
+
+/// What --follow shows of traces while they are written.
+
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace {
+
+// The numbers behind "number " in the lines of a text, in their order.
+std::vector<unsigned> numbersIn(const std::string& text) {
+  std::vector<unsigned> numbers;
+  const std::string before = "number ";
+  for (std::size_t at = text.find(before); at != std::string::npos; at = text.find(before, at)) {
+    at += before.size();
+    numbers.push_back(static_cast<unsigned>(std::stoul(text.substr(at, 8))));
+  }
+  return numbers;
+}
+
+std::vector<unsigned> numbersFrom(unsigned first, unsigned count) {
+  std::vector<unsigned> numbers(count);
+  for (unsigned i = 0; i < count; ++i) {
+    numbers[i] = first + i;
+  }
+  return numbers;
+}
+
+void writeLines(unsigned first, unsigned count) {
+  const std::string filling(700, 'x');
+  for (unsigned number = first; number < first + count; ++number) {
+    traceImplementation()->taggedTrace("void f()", 1, "X", "%.*s number %u",
+                                       static_cast<int>(number % filling.size()), filling.c_str(),
+                                       number);
+  }
+}
+
+// A stamp of the present day.
+std::string line(unsigned time, const std::string& text) {
+  char stamp[64];
+  std::snprintf(stamp, sizeof stamp, "12:%02u:%02u.000000 (main    )", time / 60, time % 60);
+  return stamp + text + "\n";
+}
+
+void append(const std::string& file, const std::string& text) {
+  std::ofstream(file, std::ios::binary | std::ios::app) << text;
+}
+
+}  // namespace
+
+// Writes "batches" batches of lines to a trace, each when the reader's output has the one before.
+CUL_CHILD(WriteWithTheReader) {
+  const std::string output = childArguments()[0];
+  const unsigned batches = static_cast<unsigned>(std::stoul(childArguments()[1]));
+  const unsigned lines = static_cast<unsigned>(std::stoul(childArguments()[2]));
+  for (unsigned batch = 0; batch < batches; ++batch) {
+    writeLines(batch * lines, lines);
+    if (batch == 2) {
+      traceImplementation()->setRewindPoint();
+    }
+    const std::string last = "number " + std::to_string((batch + 1) * lines - 1) + "\n";
+    waitUntil([&] { return endsWith(output, last); });
+  }
+}
+
+// Writes some lines with the reader, and then many while that is stopped.
+CUL_CHILD(WriteInTwoParts) {
+  writeLines(0, 100);
+  waitUntil([] { return endsWith(childArguments()[0], "number 99\n"); });
+  const pid_t stopped = std::stoi(childArguments()[1]);
+  kill(stopped, SIGSTOP);
+  writeLines(100, 60'000);
+  kill(stopped, SIGCONT);
+}
+
+CUL_CHILD(WriteAsFastAsCanBe) { writeLines(0, 60'000); }
+
+namespace {
+
+// A ring of 2 MB that a child writes to.
+class FollowedRing : public testing::Test {
+ protected:
+  ChildResult write(const std::string& name, const std::vector<std::string>& arguments) {
+    return runChild(name,
+                    {.environment = {{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", ring_ + ",ALL,2"}},
+                     .arguments = arguments});
+  }
+
+  TemporaryFolder folder_;
+  std::string ring_ = folder_.file("ring.trc");
+};
+
+TEST_F(FollowedRing, IsShownLineByLineOverItsSeamAndItsRewindPoints) {
+  writeFile(ring_, "");
+  RunningReader reader({"--follow", ring_});
+  // 16 MB in all.
+  const ChildResult r = write("WriteWithTheReader", {reader.output(), "40", "1000"});
+  EXPECT_EQ(r.status, 0) << r.out;
+  EXPECT_EQ(reader.end(), "");
+  EXPECT_EQ(numbersIn(reader.written()), numbersFrom(0, 40'000));
+}
+
+TEST_F(FollowedRing, IsShownFromItsOldestLineOnWhenItWasWrittenOverBeforeItCouldBeRead) {
+  writeFile(ring_, "");
+  RunningReader reader({"--follow", ring_});
+  EXPECT_EQ(write("WriteWithTheReader", {reader.output(), "1", "100"}).status, 0);
+  reader.terminal().send(SIGSTOP);
+  EXPECT_EQ(write("WriteAsFastAsCanBe", {}).status, 0);
+  reader.terminal().send(SIGCONT);
+  EXPECT_TRUE(waitUntil([&] { return endsWith(reader.output(), "number 59999\n"); }));
+  std::vector<unsigned> numbers = numbersIn(reader.written());
+  ASSERT_GT(numbers.size(), 100U);
+  const std::vector<unsigned> behind(numbers.begin() + 100, numbers.end());
+  EXPECT_GT(behind.front(), 50'000U);
+  EXPECT_EQ(behind, numbersFrom(behind.front(), 60'000 - behind.front()));
+}
+
+TEST_F(FollowedRing, TellsWhenLinesWereWrittenOverBeforeTheyCouldBeRead) {
+  writeFile(ring_, "");
+  RunningReader reader({"--follow", ring_});
+  EXPECT_EQ(write("WriteInTwoParts", {reader.output(), std::to_string(reader.terminal().process())})
+                .status,
+            0);
+  EXPECT_TRUE(waitUntil([&] { return endsWith(reader.output(), "number 60099\n"); }));
+  EXPECT_EQ(reader.end(),
+            said("lines were written over before they could be shown: " + ring_, "\r\n"));
+}
+
+TEST(Follow, ShowsWhatIsThereAndThenEachNewLine) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("root.7.trc");
+  writeFile(file, line(1, "one") + line(2, "two"));
+  setWritten(file, 12, 0, 2);
+  RunningReader reader({"-f", file});
+  reader.waitFor(line(2, "two"));
+  append(file, line(3, "three\nwith a second line\n"));
+  reader.waitFor(line(3, "three\nwith a second line\n"));
+  append(file, line(4, "four"));
+  reader.waitFor(line(4, "four"));
+  EXPECT_EQ(reader.end(SIGTERM), "");
+  EXPECT_EQ(reader.written(), contentsOf(file));
+}
+
+TEST(Follow, WaitsForTheRestOfALine) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  writeFile(file, line(1, "one"));
+  RunningReader reader({"--follow", file});
+  reader.waitFor(line(1, "one"));
+  const std::string two = line(2, "two");
+  append(file, line(2, "a") + two.substr(0, 28));
+  reader.waitFor(line(2, "a"));
+  append(file, two.substr(28));
+  reader.waitFor(two);
+  EXPECT_EQ(reader.written(), contentsOf(file));
+}
+
+TEST(Follow, ShowsFilesThatAppearInAFolder) {
+  const TemporaryFolder folder;
+  RunningReader reader({"--follow", folder.path()});
+  writeFile(folder.file("root.1.trc"), line(1, "one"));
+  reader.waitFor("root.1  " + line(1, "one"));
+  writeFile(folder.file("no trace"), line(1, "one"));
+  writeFile(folder.file("leaf.2.trc"), line(2, "two"));
+  reader.waitFor("leaf.2  " + line(2, "two"));
+  append(folder.file("root.1.trc"), line(3, "three"));
+  reader.waitFor("root.1  " + line(3, "three"));
+  EXPECT_EQ(reader.written(), "root.1  " + line(1, "one") + "leaf.2  " + line(2, "two") +
+                                  "root.1  " + line(3, "three"));
+}
+
+TEST(Follow, GoesOnWithAFileThatTakesThePlaceOfAnother) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  writeFile(file, line(1, "one"));
+  RunningReader reader({"--follow", file});
+  reader.waitFor(line(1, "one"));
+  writeFile(folder.file("new"), line(2, "two"));
+  append(file, line(3, "three"));
+  std::filesystem::rename(folder.file("new"), file);
+  reader.waitFor(line(2, "two"));
+  append(file, line(4, "four"));
+  reader.waitFor(line(4, "four"));
+  EXPECT_EQ(reader.written(), line(1, "one") + line(3, "three") + line(2, "two") + line(4, "four"));
+}
+
+TEST(Follow, GoesOnWithAFileThatIsRemovedAndMadeAgain) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  writeFile(file, line(1, "one"));
+  RunningReader reader({"--follow", file});
+  reader.waitFor(line(1, "one"));
+  std::filesystem::remove(file);
+  writeFile(file, line(2, "two"));
+  reader.waitFor(line(2, "two"));
+}
+
+TEST(Follow, GoesOnWithATraceThatIsBegunAnewInItsFile) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  writeFile(file, line(1, "one") + line(2, "two") + line(3, "three"));
+  RunningReader reader({"--follow", file});
+  reader.waitFor(line(3, "three"));
+  writeFile(file, line(4, "four"));
+  reader.waitFor(line(4, "four"));
+  // Longer than it was.
+  writeFile(file, line(5, "five") + line(6, "six"));
+  reader.waitFor(line(5, "five") + line(6, "six"));
+}
+
+TEST(Follow, HandsNewLinesToFiltersAndForms) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("root.7.trc");
+  writeFile(file, line(1, "**ERROR: one") + line(2, "**GMH: two"));
+  RunningReader reader({"--follow", "--json", "--errors", "-A1", file});
+  reader.waitFor("\"text\":\"two\"}\n");
+  append(file, line(3, "**GMH: three") + line(4, "**GMH: four") + line(5, "**ERROR: five"));
+  reader.waitFor("\"text\":\"five\"}\n");
+  EXPECT_THAT(reader.written(), Not(HasSubstr("three")));
+}
+
+TEST(Follow, EndsWithTheLastLineThatIsAskedFor) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  writeFile(file, line(1, "one"));
+  RunningReader reader({"--follow", "--head", "2", file});
+  reader.waitFor(line(1, "one"));
+  append(file, line(2, "two") + line(3, "three"));
+  EXPECT_EQ(reader.terminal().wait(), 0);
+  EXPECT_EQ(reader.written(), line(1, "one") + line(2, "two"));
+}
+
+TEST(Follow, BeginsWithTheLastLinesWhenThoseAreAskedFor) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  writeFile(file, line(1, "one") + line(2, "two") + line(3, "three"));
+  RunningReader reader({"--follow", "--tail", "1", file});
+  reader.waitFor(line(3, "three"));
+  append(file, line(4, "four") + line(5, "five"));
+  reader.waitFor(line(5, "five"));
+  EXPECT_EQ(reader.written(), line(3, "three") + line(4, "four") + line(5, "five"));
+}
+
+TEST(Follow, EndsQuietlyWhenItsReaderHasGone) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  writeFile(file, line(1, "one"));
+  setWritten(file, 12, 0, 1);
+  const ChildResult r = runProgram(
+      {"/bin/bash", "-c", reader + (" --follow " + file + " | head -n 1; echo ${PIPESTATUS[0]}")});
+  EXPECT_EQ(r.out, line(1, "one") + "1\n");
+  EXPECT_EQ(r.err, "");
+}
+
+TEST(Follow, DoesNotWaitForAFileThatIsNotThere) {
+  const ChildResult r = runReader({"--follow", "/no/such/file"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.err, said("/no/such/file: No such file or directory"));
+}
+
+TEST(Follow, OfStandardInputEndsWhenThatDoes) {
+  const ChildResult r = runReader({"--follow", "-"}, {.input = line(1, "one")});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.out, line(1, "one"));
+}
+
+}  // namespace

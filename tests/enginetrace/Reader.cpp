@@ -1,0 +1,3 @@
+#include "tests/enginetrace/Reader.h"
+
+const char* const reader = CUL_ENGINETRACE;

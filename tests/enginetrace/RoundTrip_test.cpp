@@ -1,0 +1,212 @@
+#include <atomic>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <string>
+#include <string_view>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "Engine/utilities/TraceImplementation.h"
+
+#include "programs/enginetrace/TraceFile.h"
+#include "tests/enginetrace/RingModel.h"
+#include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
+#include "tests/support/TemporaryFolder.h"
+
+CUL_STAND_IN(int, gettimeofday, (timeval * time, void* zone), noexcept, time, zone)
+CUL_STAND_IN(std::time_t, time, (std::time_t * time), noexcept, time)
+CUL_STAND_IN(ssize_t, write, (int file, const void* bytes, size_t size), CUL_NOTHING, file, bytes,
+             size)
+
+namespace {
+
+constexpr WallTime second = microsecondsPerSecond;
+constexpr WallTime hour = 3600 * second;
+constexpr unsigned megabyte = 1'048'576;
+
+// The clock of the process; each look at it takes a while.
+constinit std::atomic<WallTime> clockNow = 0;
+constinit std::atomic<WallTime> lookTakes = 0;
+
+// Everything that the trace writes goes here, too, in the order of writing: its lock is held.
+constinit std::atomic<int> record = -1;
+constinit std::atomic<unsigned> writes = 0;
+
+struct Entry {
+  WallTime time;
+  std::uint64_t size;
+};
+
+int tellClock(timeval* time, void* /*zone*/) noexcept {
+  const WallTime now = clockNow += lookTakes;
+  time->tv_sec = now / second;
+  time->tv_usec = now % second;
+  return 0;
+}
+
+std::time_t tellSecond(std::time_t* time) noexcept {
+  const std::time_t now = clockNow / second;
+  if (time != nullptr) {
+    *time = now;
+  }
+  return now;
+}
+
+ssize_t writeTwice(int file, const void* bytes, size_t size) {
+  const ssize_t written = writeStandIn.real(file, bytes, size);
+  if (file > STDERR_FILENO && record >= 0) {
+    const Entry entry = {clockNow, size};
+    writeStandIn.real(static_cast<int>(record), static_cast<const void*>(&entry), sizeof entry);
+    writeStandIn.real(static_cast<int>(record), bytes, size);
+    // The clock is set between two lines, behind the trace's start at any time. Not by what the
+    // threads count, who come round very often while the trace is paused.
+    if (++writes % 8000 == 4000) {
+      clockNow += writes % 16'000 == 4000 ? 9 * hour : -hour;
+    }
+  }
+  return written;
+}
+
+// One of eight threads. Now and then something happens.
+void traceLines(unsigned thread, unsigned lines, bool setsRewindPoints) {
+  TraceImplementation* const trace = traceImplementation();
+  const std::string letters(300, 'x');
+  unsigned nextRewindPoint = 10'000;
+  for (unsigned i = 1; writes < lines; ++i) {
+    const unsigned mix = (i * 2654435761U) ^ (thread * 40503U);
+    trace->taggedTrace("void A::f(int)", thread, "GMH",
+                       mix % 97 == 0 ? "%u\nof %u %.*s" : "%u of %u %.*s", i, thread,
+                       static_cast<int>(mix % 300), letters.c_str());
+    if (setsRewindPoints && thread == 2 && writes >= nextRewindPoint) {
+      trace->wrap();
+      nextRewindPoint += 10'000;
+    }
+    if (thread == 3 && i % 700 == 0) {
+      trace->pause(true);
+      std::this_thread::yield();
+      trace->pause(false);
+    }
+  }
+}
+
+// What the process has written, played again, and when that was, by its clock.
+RingModel replay(const std::string& recorded, WallTime& last) {
+  RingModel ring(2 * megabyte);
+  for (std::size_t at = 0; at < recorded.size();) {
+    Entry entry = {};
+    std::memcpy(&entry, recorded.data() + at, sizeof entry);
+    at += sizeof entry;
+    ring.replay(recorded.substr(at, entry.size), entry.time);
+    at += entry.size;
+    last = entry.time;
+  }
+  return ring;
+}
+
+void setLastChange(const std::string& path, WallTime time) {
+  const timespec moment = {time / second, time % second * 1000};
+  const timespec times[] = {moment, moment};
+  EXPECT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+}
+
+// The lines of a file are those that are left, in the order of writing, with their dates: within
+// the second that the trace's start was cut by.
+void expectLines(const std::string& path, const std::vector<ModelLine>& expected,
+                 bool datesAreKnown) {
+  TraceFile file(path);
+  EXPECT_FALSE(file.facts().isOrderUnknown);
+  EXPECT_TRUE(!file.facts().isDateUnknown || !datesAreKnown);
+  Line line;
+  std::size_t count = 0;
+  for (; file.next(line) && count < expected.size(); ++count) {
+    const ModelLine& wanted = expected[count];
+    // Nothing tells the rest of a line that was cut from the end of the newest text, also when the
+    // rest is its newline alone.
+    const bool isNewest = count + 1 == expected.size();
+    const auto compared = [isNewest](std::string_view text) {
+      return text.substr(0, isNewest ? text.find('\n') : std::string_view::npos);
+    };
+    ASSERT_EQ(compared(line.whole), compared(wanted.text)) << count;
+    if (!datesAreKnown) {
+      continue;
+    }
+    ASSERT_LE(line.time, wanted.time) << count << wanted.text;
+    ASSERT_GE(line.time + 2 * second, wanted.time) << count << wanted.text;
+  }
+  EXPECT_EQ(count, expected.size());
+  EXPECT_FALSE(file.next(line));
+}
+
+}  // namespace
+
+// Arguments: the record, the clock's start, what a look at it takes, the number of lines, "wraps".
+CUL_CHILD(TraceFromEightThreads) {
+  record = open(childArguments()[0].c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  ASSERT_GE(record, 0);
+  clockNow = std::stoll(childArguments()[1]);
+  lookTakes = std::stoll(childArguments()[2]);
+  const Instead time(gettimeofdayStandIn, tellClock);
+  const Instead seconds(timeStandIn, tellSecond);
+  const Instead bytes(writeStandIn, writeTwice);
+  const auto lines = static_cast<unsigned>(std::stoul(childArguments()[3]));
+  const bool setsRewindPoints = childArguments()[4] == "wraps";
+  static_cast<void>(isTraced(TraceType::error));
+  std::vector<std::thread> threads;
+  for (unsigned thread = 0; thread < 8; ++thread) {
+    threads.emplace_back([=] { traceLines(thread, lines, setsRewindPoints); });
+  }
+  for (std::thread& thread : threads) {
+    thread.join();
+  }
+}
+
+TEST(RoundTrip, GivesTheLinesThatAreLeftInTheOrderOfWriting) {
+  const TemporaryFolder folder;
+  const std::string start = std::to_string(1'790'000'000 * second + 20 * hour + 123'456);
+  struct Run {
+    std::string name;
+    WallTime lookTakes;
+    unsigned lines;
+    bool setsRewindPoints;
+  };
+  // From a trace of seconds to one of days; the last one has just begun.
+  const Run runs[] = {{"root", 50, 30'000, false},
+                      {"middle", 3'000'000, 45'000, false},
+                      {"leaf", 700, 30'000, true},
+                      {"leaf2", 900, 80, false}};
+  std::vector<std::thread> processes;
+  for (const Run& run : runs) {
+    processes.emplace_back([&] {
+      ChildOptions options;
+      options.environment = {
+          {"GDIA_ID", run.name}, {"QVX_DBG_TRACE", folder.file(run.name) + ",2"}, {"TZ", "UTC0"}};
+      options.arguments = {folder.file(run.name + ".record"), start, std::to_string(run.lookTakes),
+                           std::to_string(run.lines), run.setsRewindPoints ? "wraps" : ""};
+      const ChildResult result = runChild("TraceFromEightThreads", options);
+      EXPECT_EQ(result.status, 0) << result.out << result.err;
+    });
+  }
+  for (std::thread& process : processes) {
+    process.join();
+  }
+  unsigned passes = 0;
+  for (const Run& run : runs) {
+    SCOPED_TRACE(run.name);
+    WallTime last = 0;
+    const RingModel ring = replay(contentsOf(folder.file(run.name + ".record")), last);
+    ASSERT_TRUE(ring.file() == contentsOf(folder.file(run.name)));
+    passes += ring.passes();
+    setLastChange(folder.file(run.name), last);
+    // Between parts that are kept, days may be missing.
+    expectLines(folder.file(run.name), ring.lines(), !run.setsRewindPoints);
+  }
+  EXPECT_GT(passes, 5U);
+}
