@@ -1,6 +1,7 @@
 #include "Directives.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <optional>
 
@@ -13,7 +14,9 @@ namespace {
 
 constexpr std::string_view flags = "-+ #0'I";
 constexpr std::string_view digits = "0123456789";
-constexpr std::string_view lengths = "hlqLjzZt";
+constexpr std::string_view lengthCharacters = "hlqLjzZt";
+constexpr std::array<std::string_view, 11> lengths = {"",  "hh", "h", "l", "ll", "q",
+                                                      "L", "j",  "z", "Z", "t"};
 constexpr std::string_view conversions = "diouxXeEfFgGaAcsCSpn";
 // These two take no argument.
 constexpr std::string_view withoutArgument = "%m";
@@ -79,7 +82,8 @@ class Reader {
       text.remove_prefix(1);
       isGood = readSize(text) && isGood;
     }
-    std::string type(takeAnyOf(text, lengths));
+    std::string type(takeAnyOf(text, lengthCharacters));
+    isGood = isGood && std::find(lengths.begin(), lengths.end(), type) != lengths.end();
     if (text.empty()) {
       return false;
     }

@@ -120,8 +120,9 @@ TEST(Directives, AreFoundByTheirArguments) {
 }
 
 TEST(Directives, AreMalformedWhenPrintfWouldNotKnowThem) {
-  for (const char* bad : {"%", "100%", "%y", "%-", "%l", "%1$", "%1$%", "%0$s", "%.", "%5",
-                          "%1$s %s", "%s %1$s", "%1$s %1$d", "%1$*d", "%99999999999$s"}) {
+  for (const char* bad :
+       {"%", "100%", "%y", "%-", "%l", "%1$", "%1$%", "%0$s", "%.", "%5", "%1$s %s", "%s %1$s",
+        "%1$s %1$d", "%1$*d", "%99999999999$s", "%Llf", "%hhhd", "%lqd"}) {
     EXPECT_GT(directivesOf(bad).malformed, 0U) << bad;
   }
   EXPECT_EQ(directivesOf("% %%y%").malformed, 2U);

@@ -247,6 +247,11 @@ TEST(EngineHostConvert, ReadsEscapes) {
   EXPECT_EQ(read("\\ud83d"), "?") << "half a character";
 }
 
+TEST(EngineHostConvert, PutsAQuestionMarkForEachEscapeOfNoCharacter) {
+  EXPECT_EQ(converted("escapes", "UTF-8", "a\\U80000000b\\Uffffffffc\\u12", utf8Native),
+            "a?b?c\\u12");
+}
+
 TEST(EngineHostConvert, KeepsEscapesTogetherThatComeInPieces) {
   EXPECT_EQ(inPieces("escapes", "UTF-8", "a\\u00e9\\U0001f600\\\\u0041\\u00\\U0001f6"),
             "aé😀\\A\\u00\\U0001f6");
@@ -264,6 +269,13 @@ TEST(EngineHostConvert, KnowsTheNativeCodePage) {
   EXPECT_EQ(converted("UTF-8", "native", "é", latin), "\xE9");
   EXPECT_EQ(converted("escapes", "UTF-8", "\xE9\\u20ac", latin), "é€");
   EXPECT_EQ(converted("native", "UTF-8", "é", utf8Native), "é");
+}
+
+TEST(EngineHostConvert, KnowsTheWideCharactersOfTheMachine) {
+  const std::string wide = byIconv("UTF-8", "WCHAR_T", "a\u00e4\U0001F600");
+  EXPECT_EQ(converted("UTF-8", "WCHAR_T", "a\u00e4\U0001F600"), wide);
+  EXPECT_EQ(converted("WCHAR_T", "UTF-8", wide), "a\u00e4\U0001F600");
+  EXPECT_EQ(converted("WCHAR_T", "WCHAR_T", wide), wide);
 }
 
 TEST(EngineHostConvert, PutsAQuestionMarkForEachByteThatCannotBeRead) {
