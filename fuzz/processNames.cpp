@@ -20,6 +20,16 @@
 #include "Engine/utilities/ProcessTable.h"
 
 #include "fuzz/Fuzz.h"
+#include "tests/support/StandIn.h"
+
+CUL_STAND_IN(DIR*, opendir, (const char* name), CUL_NOTHING, name)
+CUL_STAND_IN(int, closedir, (DIR * folder), CUL_NOTHING, folder)
+CUL_STAND_IN(int, dirfd, (DIR * folder), noexcept, folder)
+CUL_STAND_IN(void, rewinddir, (DIR * folder), noexcept, folder)
+CUL_STAND_IN(dirent*, readdir, (DIR * folder), CUL_NOTHING, folder)
+CUL_STAND_IN(int, fstatfs, (int file, struct statfs* status), noexcept, file, status)
+CUL_STAND_IN(off64_t, lseek64, (int file, off64_t offset, int from), noexcept, file, offset, from)
+CUL_STAND_IN(ssize_t, getdents64, (int file, void* room, size_t size), noexcept, file, room, size)
 
 namespace {
 
@@ -28,10 +38,12 @@ struct MadeUpEntry {
   off64_t position;  // Where it is found by a jump.
 };
 
-// What the calls below read.
+// What the stand-ins read.
 struct MadeUpFolder {
   std::vector<MadeUpEntry> entries;
+  bool isThere = true;
   bool isOfProcesses = true;
+  bool canSeek = true;
   size_t at = 0;
   dirent entry = {};
 
@@ -64,13 +76,61 @@ std::optional<pid_t> processOf(const std::string& name) {
   return static_cast<pid_t>(value);
 }
 
+// What the stand-ins do, while the library is at work.
+DIR* openMadeUp(const char* /*name*/) {
+  folder.at = 0;
+  return folder.isThere ? reinterpret_cast<DIR*>(&folder) : nullptr;
+}
+int closeMadeUp(DIR* /*opened*/) { return 0; }
+int numberOfMadeUp(DIR* /*opened*/) { return 1000; }
+void rewindMadeUp(DIR* /*opened*/) { folder.at = 0; }
+dirent* readMadeUp(DIR* /*opened*/) {
+  if (folder.at == folder.entries.size()) {
+    return nullptr;
+  }
+  const MadeUpEntry& entry = folder.entries[folder.at++];
+  std::memcpy(folder.entry.d_name, entry.name.c_str(), entry.name.size() + 1);
+  return &folder.entry;
+}
+int systemOfMadeUp(int /*folder*/, struct statfs* status) {
+  status->f_type = folder.isOfProcesses ? PROC_SUPER_MAGIC : EXT2_SUPER_MAGIC;
+  return 0;
+}
+off64_t seekInMadeUp(int /*folder*/, off64_t position, int /*from*/) {
+  const auto at =
+      std::find_if(folder.entries.begin(), folder.entries.end(),
+                   [&](const MadeUpEntry& entry) { return entry.position >= position; });
+  folder.at = static_cast<size_t>(at - folder.entries.begin());
+  return folder.canSeek ? position : -1;
+}
+ssize_t entriesOfMadeUp(int /*folder*/, void* room, size_t size) {
+  size_t used = 0;
+  for (; folder.at < folder.entries.size(); ++folder.at) {
+    const MadeUpEntry& entry = folder.entries[folder.at];
+    const size_t length = (offsetof(dirent64, d_name) + entry.name.size() + 1 + 7) / 8 * 8;
+    if (used + length > size) {
+      if (used == 0) {
+        errno = EINVAL;
+        return -1;
+      }
+      break;
+    }
+    auto* const into = reinterpret_cast<dirent64*>(static_cast<char*>(room) + used);
+    into->d_reclen = static_cast<unsigned short>(length);
+    into->d_off = folder.behind(folder.at);
+    std::memcpy(into->d_name, entry.name.c_str(), entry.name.size() + 1);
+    used += length;
+  }
+  return static_cast<ssize_t>(used);
+}
+
 struct Found {
   pid_t process;
   pid_t next;
 };
 
 std::optional<Found> expected(pid_t wanted) {
-  for (size_t i = 0; i < folder.entries.size(); ++i) {
+  for (size_t i = 0; folder.isThere && i < folder.entries.size(); ++i) {
     const std::optional<pid_t> process = processOf(folder.entries[i].name);
     if (process && (wanted == 0 || *process == wanted)) {
       const std::optional<pid_t> next =
@@ -98,58 +158,6 @@ void checkWalk(pid_t index) {
 }
 
 }  // namespace
-
-// Only the folder of processes is read while there is input.
-extern "C" {
-DIR* opendir(const char*) {
-  folder.at = 0;
-  return reinterpret_cast<DIR*>(&folder);
-}
-int closedir(DIR*) { return 0; }
-int dirfd(DIR*) noexcept { return 1000; }
-void rewinddir(DIR*) noexcept { folder.at = 0; }
-dirent* readdir(DIR*) {
-  if (folder.at == folder.entries.size()) {
-    return nullptr;
-  }
-  const MadeUpEntry& entry = folder.entries[folder.at++];
-  const size_t length = std::min(entry.name.size(), sizeof folder.entry.d_name - 1);
-  std::memcpy(folder.entry.d_name, entry.name.data(), length);
-  folder.entry.d_name[length] = '\0';
-  return &folder.entry;
-}
-int fstatfs(int, struct statfs* status) noexcept {
-  status->f_type = folder.isOfProcesses ? PROC_SUPER_MAGIC : EXT2_SUPER_MAGIC;
-  return 0;
-}
-off64_t lseek64(int, off64_t position, int) noexcept {
-  const auto at =
-      std::find_if(folder.entries.begin(), folder.entries.end(),
-                   [&](const MadeUpEntry& entry) { return entry.position >= position; });
-  folder.at = static_cast<size_t>(at - folder.entries.begin());
-  return position;
-}
-ssize_t getdents64(int, void* room, size_t size) noexcept {
-  size_t used = 0;
-  for (; folder.at < folder.entries.size(); ++folder.at) {
-    const MadeUpEntry& entry = folder.entries[folder.at];
-    const size_t length = (offsetof(dirent64, d_name) + entry.name.size() + 1 + 7) / 8 * 8;
-    if (used + length > size) {
-      if (used == 0) {
-        errno = EINVAL;
-        return -1;
-      }
-      break;
-    }
-    auto* const into = reinterpret_cast<dirent64*>(static_cast<char*>(room) + used);
-    into->d_reclen = static_cast<unsigned short>(length);
-    into->d_off = folder.behind(folder.at);
-    std::memcpy(into->d_name, entry.name.c_str(), entry.name.size() + 1);
-    used += length;
-  }
-  return static_cast<ssize_t>(used);
-}
-}
 
 void setUpFuzzing() {}
 
@@ -184,7 +192,10 @@ std::vector<MadeUpEntry> anyEntries(const std::vector<std::string>& names) {
 
 // Which folder it is, where it has its processes, where the walk begins, and the names.
 void fuzz(FuzzInput& input) {
-  folder.isOfProcesses = input.choice(2) == 0;
+  const unsigned kind = input.choice(4);
+  folder.isOfProcesses = kind != 1;
+  folder.isThere = kind != 2;
+  folder.canSeek = kind != 3;
   const off64_t before = input.choice(2) == 0 ? 258 : 200 + input.byte();
   const auto start = static_cast<pid_t>(input.word());
   std::vector<std::string> names;
@@ -192,10 +203,23 @@ void fuzz(FuzzInput& input) {
     names.push_back(upToZero(input.text()).substr(0, 255));
   }
   folder.entries = folder.isOfProcesses ? kernelsEntries(names, before) : anyEntries(names);
+
+  const Instead opened(opendirStandIn, openMadeUp);
+  const Instead closed(closedirStandIn, closeMadeUp);
+  const Instead numbered(dirfdStandIn, numberOfMadeUp);
+  const Instead rewound(rewinddirStandIn, rewindMadeUp);
+  const Instead read(readdirStandIn, readMadeUp);
+  const Instead told(fstatfsStandIn, systemOfMadeUp);
+  const Instead sought(lseek64StandIn, seekInMadeUp);
+  const Instead listed(getdents64StandIn, entriesOfMadeUp);
+  pid_t index = 0;
+  procentry64 entry = {};
+  FUZZ_CHECK(getprocs64(nullptr, 0, nullptr, 0, &index, 1) == -1);
+  FUZZ_CHECK(getprocs64(&entry, sizeof entry, nullptr, 0, nullptr, 1) == -1);
   checkWalk(0);
   checkWalk(start);
-  for (const MadeUpEntry& entry : folder.entries) {
-    if (const std::optional<pid_t> process = processOf(entry.name)) {
+  for (const MadeUpEntry& one : folder.entries) {
+    if (const std::optional<pid_t> process = processOf(one.name)) {
       checkWalk(*process);
     }
   }
