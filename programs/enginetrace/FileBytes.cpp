@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
@@ -31,6 +32,15 @@ struct stat inspect(int file, const std::string& path) {
 
 std::int64_t changeOf(const struct stat& info) noexcept {
   return info.st_mtim.tv_sec * microsecondsPerSecond + info.st_mtim.tv_nsec / 1000;
+}
+
+// The clock by which the kernel dates changes goes in steps: two changes may have one date.
+constexpr std::int64_t step = 20'000;
+
+std::int64_t now() noexcept {
+  std::timespec time = {};
+  clock_gettime(CLOCK_REALTIME, &time);
+  return time.tv_sec * microsecondsPerSecond + time.tv_nsec / 1000;
 }
 
 // Never waits for a FIFO's writer, and gains no controlling terminal.
@@ -122,8 +132,34 @@ void FileBytes::spool() {
 
 bool FileBytes::isWrittenTo() const noexcept {
   struct stat info = {};
-  return fstat(file_.get(), &info) == 0 && lastChange_ >= 0 &&
-         (changeOf(info) != lastChange_ || static_cast<std::uint64_t>(info.st_size) != size_);
+  if (lastChange_ < 0 || fstat(file_.get(), &info) != 0) {
+    return false;
+  }
+  return changeOf(info) != lastChange_ || static_cast<std::uint64_t>(info.st_size) != size_ ||
+         now() - lastChange_ < step;
+}
+
+void FileBytes::lookAgain() noexcept {
+  struct stat info = {};
+  if (lastChange_ >= 0 && fstat(file_.get(), &info) == 0) {
+    size_ = static_cast<std::uint64_t>(info.st_size);
+    lastChange_ = changeOf(info);
+  }
+}
+
+// The file systems of Linux take the lock of the file to look for data in it, which a write holds
+// up to its last byte.
+void awaitWrite(int file) noexcept { static_cast<void>(lseek(file, 0, SEEK_DATA)); }
+
+void FileBytes::awaitWrite() const noexcept {
+  // The position of standard input is everybody's.
+  if (path_ != "-") {
+    ::awaitWrite(file_.get());
+  }
+}
+
+Descriptor FileBytes::duplicate() const noexcept {
+  return Descriptor(fcntl(file_.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
 std::size_t FileBytes::read(std::uint64_t offset, char* to, std::size_t size) const {

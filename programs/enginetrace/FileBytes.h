@@ -10,6 +10,10 @@
 /// The bytes of a file that others may write, cut, replace or remove meanwhile. They are read, not
 /// mapped: bytes that have gone are missing, and that is all.
 
+/// Returns when the write to a file that has begun has ended. Until then, a part of its bytes may
+/// be seen. \param file its position is not kept.
+void awaitWrite(int file) noexcept;
+
 class FileBytes {
  public:
   /// A pipe, a FIFO with a writer, or standard input, is read to its end into a file that has no
@@ -26,8 +30,19 @@ class FileBytes {
   /// what came through a pipe.
   [[nodiscard]] std::int64_t lastChange() const noexcept { return lastChange_; }
 
-  /// Whether it was written since it was opened, or is by now.
+  /// Whether it was written since it was looked at, or may be by now.
   [[nodiscard]] bool isWrittenTo() const noexcept;
+
+  /// Looks at the size and the last change again, which are those of the file when it was opened.
+  /// Not of what came through a pipe.
+  void lookAgain() noexcept;
+
+  /// Returns when what is being written is all there, if that is a file that was opened by its
+  /// name.
+  void awaitWrite() const noexcept;
+
+  /// Another descriptor of the same file.
+  [[nodiscard]] Descriptor duplicate() const noexcept;
 
   /// Reads up to `size` bytes from `offset` on.
   /// \return how many there were; fewer only at the end of the file.

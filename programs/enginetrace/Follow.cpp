@@ -7,12 +7,7 @@
 #include "programs/enginetrace/Messages.h"
 #include "programs/enginetrace/PrintableText.h"
 
-Follow::Follow(Traces& traces) : traces_(traces) {
-  for (const std::string& folder : traces.folders()) {
-    watch_.add(folder);
-  }
-  takeNew();
-}
+Follow::Follow(Traces& traces) : traces_(traces) { takeNew(); }
 
 void Follow::run(Selection& selection, Output& output) {
   for (bool isFirst = true;; isFirst = false) {
@@ -34,11 +29,15 @@ void Follow::run(Selection& selection, Output& output) {
 }
 
 bool Follow::canGetMore() const {
-  return traces_.hasFolder() || std::any_of(files_.begin(), files_.end(),
-                                            [](const auto& file) { return !file->hasEnded(); });
+  return traces_.canGetMore() || std::any_of(files_.begin(), files_.end(),
+                                             [](const auto& file) { return !file->hasEnded(); });
 }
 
 void Follow::takeNew() {
+  // A folder may have come by now; one that is watched is not watched twice.
+  for (const std::string& folder : traces_.folders()) {
+    watch_.add(folder);
+  }
   for (Traces::Trace& trace : traces_.take()) {
     files_.push_back(
         std::make_unique<FollowedFile>(std::move(trace.file), std::move(trace.process)));

@@ -13,11 +13,14 @@
 /// \file
 /// A trace that is still written.
 ///
-/// As long as its file grows, what is new stands behind what was read. A ring that has come to its
-/// end goes on in front: then new lines take the place of old ones. Where the writer was, the bytes
-/// that stood behind it are kept; those that have changed are new. When the writer begins the ring
-/// anew, or is faster than the reader, the file's order is found again, and the lines behind the
-/// last one that was given come next.
+/// What is new stands behind what was read. In a ring, old lines stand there, of which the bytes
+/// are kept: up to the last one that has changed, all are new. When the bytes at the ring's
+/// beginning have changed, the writer has gone back there, and the file ends behind the last line
+/// that it has written before. When it is too fast for that, the file's order is found again, and
+/// the lines behind the last one that was given come next.
+///
+/// A write that has begun may be seen in part. So what is new is looked at once more when all
+/// writes have ended that had begun, and what is the same is taken.
 
 class FollowedFile : public LineSource {
  public:
@@ -42,7 +45,8 @@ class FollowedFile : public LineSource {
   void begin(std::unique_ptr<TraceFile> trace);
   bool nextOfTrace(Line& line);
   bool nextOfFresh(Line& line);
-  void remember(const Line& line);
+  void remember(const Line& line, std::uint64_t place);
+  [[nodiscard]] bool isLast(const Line& line) const;
   void endTrace();
 
   [[nodiscard]] bool isReplaced() const;
@@ -50,31 +54,36 @@ class FollowedFile : public LineSource {
   void openAnew();
   [[nodiscard]] std::unique_ptr<TraceFile> openTrace() const;
   void findOrder();
-  bool findPlace();
-  void mark();
+  bool readBehindTrace();
   bool readFresh();
-  [[nodiscard]] bool isAllNew(const std::string& now) const;
-  [[nodiscard]] std::size_t freshLength(const std::string& now) const;
+  bool readRestOfPass();
+  void take(std::string bytes);
+  void keepFixed();
+  [[nodiscard]] bool isRingAsItWas() const;
 
   Process process_;
   std::unique_ptr<TraceFile> trace_;  // while its lines are given
   bool isPassingOver_ = false;        // those of trace_ up to the last one given
-  bool hasNewLines_ = false;          // in trace_
+  std::uint64_t shown_ = 0;           // in front of this, those of trace_ were given before
   bool hasMissed_ = false;
 
-  std::string last_;  // the line given last
+  std::string last_;         // the line given last
+  std::uint64_t place_ = 0;  // where it begins
   WallTime time_ = 0;
 
   Descriptor file_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
-  std::string beginning_;   // of the file
-  std::uint64_t end_ = 0;   // of the line given last
-  std::uint64_t ring_ = 0;  // where it begins
-  std::string ringMark_;    // what stands there
-  std::string old_;         // what stood behind end_
-  bool isPlaceKnown_ = false;
+  std::string header_;         // as much of it as tells of a trace that was begun anew
+  RingStart ring_;             // the mark is empty before the first line of a pass is there
+  std::string front_;          // what stands at its beginning, when all of it is of this pass
+  std::uint64_t end_ = 0;      // of what was taken
+  std::string old_;            // what stood behind end_
+  bool isOldToEnd_ = false;    // of the file
+  bool isPlaceKnown_ = false;  // end_ is of the present pass, and old_ is old
 
-  std::string fresh_;           // new lines
-  std::size_t freshPlace_ = 0;  // in fresh_, of the next one
+  std::string fresh_;              // new lines, and a separator as the last of them
+  std::uint64_t freshOffset_ = 0;  // in the file
+  std::size_t freshPlace_ = 0;     // in fresh_, of the next one
+  bool goesOn_ = false;            // behind fresh_, at once
 };

@@ -34,6 +34,13 @@ class StretchReader {
   /// \return whether there is one; the text is good until the next call.
   bool nextLine(std::string_view& line, std::uint64_t& offset);
 
+  /// Where in the file the line ends that nextLine() gave last, with its newline, also when that is
+  /// not there.
+  [[nodiscard]] std::uint64_t endOfLine() const noexcept { return bufferPlace_ + first_; }
+
+  /// Whether that newline is there.
+  [[nodiscard]] bool isLineWhole() const noexcept { return endOfLine() <= end_; }
+
   /// The next lines, each with its newline, as many as are in the buffer. Empty at the end.
   std::string_view nextLines();
 

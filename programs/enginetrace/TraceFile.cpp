@@ -29,9 +29,6 @@ bool looksLikeATrace(std::string_view bytes) noexcept {
   return true;
 }
 
-namespace {
-
-// "root.1234.trc" and "1234.trc" in any folder.
 Process processOf(const std::string& path) {
   Process process;
   process.path = path;
@@ -56,12 +53,13 @@ Process processOf(const std::string& path) {
   return process;
 }
 
-}  // namespace
-
 namespace {
 
 constexpr std::size_t headerLength = 65'536;
 constexpr std::size_t lastLineLength = 512;
+
+// A writer that comes round more often while a file is looked at cannot be read.
+constexpr unsigned mostTries = 20;
 
 std::string bytesAt(const FileBytes& file, std::uint64_t offset, std::uint64_t size) {
   std::string bytes(std::min(size, file.size()), '\0');
@@ -81,15 +79,20 @@ struct TraceFile::State {
   explicit State(const std::string& path);
 
   [[nodiscard]] Since sinceOpened() const noexcept;
+  RingScan findOrder();
+  [[nodiscard]] bool isOvertaken(const RingScan& scan) const;
   void describe(const RingScan& scan);
 
   FileBytes file;
   WallTime opened = now();
   TraceFacts facts;
   RingOrder order;
+  RingStart ring;
+  bool isRingElsewhere = false;  // by now
   Dates dates;
   StretchReader reader;
   std::uint64_t unread = 0;  // before anything was lost while reading
+  std::uint64_t place = 0;   // of the line given last
   WallTime time = 0;
 };
 
@@ -100,9 +103,30 @@ TraceFile::State::State(const std::string& path)
   if (!looksLikeATrace(bytesAt(file, 0, notATraceWithin))) {
     throw NotATrace(path);
   }
-  const LastChange change(file.lastChange(), opened);
   facts.process = processOf(path);
   readHeader(bytesAt(file, 0, headerLength), facts);
+  RingScan scan = findOrder();
+  for (unsigned tries = 1; isOvertaken(scan); ++tries) {
+    if (tries == mostTries) {
+      order.isUnknown = true;
+      break;
+    }
+    file.lookAgain();
+    opened = now();
+    scan = findOrder();
+  }
+  const LastChange change(file.lastChange(), opened);
+  std::optional<WallTime> ended = endOf(bytesAt(file, order.newest.offset, lastLineLength));
+  if (!ended) {
+    ended = change.dateOf(order.newest.time);
+  }
+  dates = Dates(scan, order, facts.started, ended);
+  facts.isDateUnknown = (!ended && !order.stretches.empty()) || dates.areSomeUnknown();
+  describe(scan);
+}
+
+RingScan TraceFile::State::findOrder() {
+  const LastChange change(file.lastChange(), opened);
   std::optional<RingScan> scan = RingScan::quick(file, change);
   if (scan) {
     order = RingOrder(*scan, change, facts.limit);
@@ -111,16 +135,22 @@ TraceFile::State::State(const std::string& path)
     scan.emplace(file, change);
     order = RingOrder(*scan, change, facts.limit);
   }
-  if (file.isWrittenTo()) {
-    catchUp(order, file, sinceOpened());
+  const Part& body = scan->parts.back();
+  isRingElsewhere = file.isWrittenTo() && !catchUp(order, file, body.begin, sinceOpened());
+  ring = {body.begin, body.first.offset,
+          bytesAt(file, body.first.offset, body.hasLines ? lineStartLength : 0)};
+  return *scan;
+}
+
+// Whether the writer has begun the ring anew while the order was looked for, when it may have come
+// round more than once, or has set a rewind point.
+bool TraceFile::State::isOvertaken(const RingScan& scan) const {
+  const Part& body = scan.parts.back();
+  if (!body.hasLines || !file.isWrittenTo()) {
+    return false;
   }
-  std::optional<WallTime> ended = endOf(bytesAt(file, order.newest.offset, lastLineLength));
-  if (!ended) {
-    ended = change.dateOf(order.newest.time);
-  }
-  dates = Dates(*scan, order, facts.started, ended);
-  facts.isDateUnknown = (!ended && !order.stretches.empty()) || dates.areSomeUnknown();
-  describe(*scan);
+  return isRingElsewhere || !beginsLine(ring.mark) ||
+         timeOfDay(ring.mark.data()) != body.first.time;
 }
 
 Since TraceFile::State::sinceOpened() const noexcept {
@@ -152,16 +182,29 @@ const TraceFacts& TraceFile::facts() const noexcept { return state_->facts; }
 
 bool TraceFile::next(Line& line) {
   State& s = *state_;
-  std::uint64_t offset = 0;
-  const bool isThere = s.reader.nextLine(line.whole, offset);
+  const bool isThere = s.reader.nextLine(line.whole, s.place);
   s.facts.unreadBytes = s.unread + s.reader.lost();
   if (isThere && beginsLine(line.whole)) {
-    s.time = s.dates.timeOf({offset, timeOfDay(line.whole.data())});
+    s.time = s.dates.timeOf({s.place, timeOfDay(line.whole.data())});
   }
   line.time = s.time;
   line.process = &s.facts.process;
   return isThere;
 }
+
+std::uint64_t TraceFile::place() const noexcept { return state_->place; }
+
+std::uint64_t TraceFile::end() const noexcept { return state_->reader.endOfLine(); }
+
+bool TraceFile::isLineWhole() const noexcept { return state_->reader.isLineWhole(); }
+
+const RingStart& TraceFile::ring() const noexcept { return state_->ring; }
+
+WriterPlace TraceFile::writtenBehind(std::uint64_t end) const {
+  return wholeLinesBehind(state_->file, end, state_->sinceOpened());
+}
+
+Descriptor TraceFile::duplicate() const noexcept { return state_->file.duplicate(); }
 
 void TraceFile::rewind() {
   state_->reader.rewind();

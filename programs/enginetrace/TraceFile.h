@@ -8,7 +8,11 @@
 #include <string_view>
 #include <vector>
 
+#include "Engine/utilities/Descriptor.h"
+
 #include "programs/enginetrace/Line.h"
+
+struct WriterPlace;
 
 /// \file
 /// A trace file, its order found.
@@ -54,6 +58,16 @@ struct TraceFacts {
   bool isDateUnknown = false;
 };
 
+/// Who wrote a trace, as its path tells: "root.1234.trc" and "1234.trc" in any folder.
+[[nodiscard]] Process processOf(const std::string& path);
+
+/// The part of a file that new lines are written to.
+struct RingStart {
+  std::uint64_t offset = 0;  ///< Behind the last separator.
+  std::uint64_t first = 0;   ///< Where the first line begins.
+  std::string mark;          ///< How it begins, which changes with each pass; empty: not there yet.
+};
+
 /// A file whose lines come oldest first. It is read as it stands when it is opened; lines that
 /// are written meanwhile are the business of who follows it.
 class TraceFile : public LineSource {
@@ -69,6 +83,13 @@ class TraceFile : public LineSource {
 
   bool next(Line& line) override;
 
+  /// Where in the file the line begins that next() gave last, and where it ends, with its newline.
+  [[nodiscard]] std::uint64_t place() const noexcept;
+  [[nodiscard]] std::uint64_t end() const noexcept;
+
+  /// Whether that line has its newline. The last one of a file may not: the rest of it may come.
+  [[nodiscard]] bool isLineWhole() const noexcept;
+
   /// Begins with the oldest line again.
   void rewind();
 
@@ -76,6 +97,12 @@ class TraceFile : public LineSource {
   /// each time but for those longer than longestLine, empty at the end. Not to be mixed with
   /// next().
   [[nodiscard]] std::string_view nextBytes();
+
+  /// For who follows the file: its ring when the order was found, what was written since that
+  /// behind a line's end, and another descriptor.
+  [[nodiscard]] const RingStart& ring() const noexcept;
+  [[nodiscard]] WriterPlace writtenBehind(std::uint64_t end) const;
+  [[nodiscard]] Descriptor duplicate() const noexcept;
 
  private:
   struct State;

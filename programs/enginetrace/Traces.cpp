@@ -1,6 +1,8 @@
 #include "programs/enginetrace/Traces.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <map>
 #include <system_error>
@@ -51,7 +53,7 @@ Traces::Traces(const Options& options) : options_(options) {
     if (isFolder(path)) {
       openFolder(path);
     } else {
-      open(path);
+      openNamed(path);
     }
   }
   makeMarksDiffer();
@@ -61,7 +63,11 @@ void Traces::openNew() {
   for (const std::string& path : options_.paths) {
     std::error_code ignored;
     if (isFolder(path)) {
+      missing_.erase(path);
       openUntried(tracesIn(path, ignored));
+    } else if (missing_.count(path) != 0 && std::filesystem::exists(path, ignored)) {
+      missing_.erase(path);
+      openNamed(path);
     }
   }
 }
@@ -88,13 +94,25 @@ void Traces::makeMarksDiffer() {
   }
 }
 
+// One that is followed is waited for when it is not there.
+void Traces::openNamed(const std::string& path) {
+  std::error_code ignored;
+  if (options_.follows && path != "-" && isAskedFor(processOf(path), options_) &&
+      std::filesystem::status(path, ignored).type() == std::filesystem::file_type::not_found) {
+    missing_.insert(path);
+    complain(Message::failed, shownName(path).c_str(), std::strerror(ENOENT));
+    return;
+  }
+  open(path);
+}
+
 void Traces::open(const std::string& path) {
+  const Process process = processOf(path);
+  if (!isAskedFor(process, options_)) {
+    return;
+  }
   try {
-    auto file = std::make_unique<TraceFile>(path);
-    if (isAskedFor(file->facts().process, options_)) {
-      const Process process = file->facts().process;
-      all_.push_back({std::move(file), process});
-    }
+    all_.push_back({std::make_unique<TraceFile>(path), process});
   } catch (const NotATrace&) {
     complain(Message::notATrace, shownName(path).c_str());
     hasFailed_ = true;
@@ -127,6 +145,12 @@ void Traces::openUntried(const std::vector<std::string>& names) {
 
 bool Traces::hasFolder() const {
   return std::any_of(options_.paths.begin(), options_.paths.end(), isFolder);
+}
+
+bool Traces::canGetMore() const { return options_.follows && (!missing_.empty() || hasFolder()); }
+
+bool Traces::areSeveral() const {
+  return all_.size() + missing_.size() > 1 || (options_.follows && hasFolder());
 }
 
 TimeSpan Traces::span() const noexcept {

@@ -15,8 +15,9 @@
 
 class Traces {
  public:
-  /// Opens all files and those of the folders that end in ".trc", by their names. What is no trace
-  /// or cannot be read is told in one line, and the others are opened all the same.
+  /// Opens all files and those of the folders that end in ".trc", by their names, but those of
+  /// processes that are not asked for. What is no trace or cannot be read is told in one line, and
+  /// the others are opened all the same.
   /// \param options live as long as this.
   explicit Traces(const Options& options);
 
@@ -27,7 +28,8 @@ class Traces {
 
   [[nodiscard]] const std::vector<Trace>& all() const noexcept { return all_; }
 
-  /// Opens the files that the folders that were named hold by now.
+  /// Opens the files that the folders that were named hold by now, and those that were named and
+  /// were not there.
   void openNew();
 
   /// Gives all away.
@@ -37,10 +39,13 @@ class Traces {
   [[nodiscard]] std::vector<std::string> folders() const;
 
   /// Whether something could not be opened.
-  [[nodiscard]] bool hasFailed() const noexcept { return hasFailed_; }
+  [[nodiscard]] bool hasFailed() const noexcept { return hasFailed_ || !missing_.empty(); }
 
-  /// Whether a folder was named.
-  [[nodiscard]] bool hasFolder() const;
+  /// Whether they are followed and there may be more: of a folder, or files that are not there.
+  [[nodiscard]] bool canGetMore() const;
+
+  /// Whether they are several, or may become that.
+  [[nodiscard]] bool areSeveral() const;
 
   [[nodiscard]] TimeSpan span() const noexcept;
 
@@ -49,7 +54,9 @@ class Traces {
   void tellNotes() const;
 
  private:
+  void openNamed(const std::string& path);
   void open(const std::string& path);
+  [[nodiscard]] bool hasFolder() const;
   void openFolder(const std::string& path);
   void openUntried(const std::vector<std::string>& names);
 
@@ -57,6 +64,7 @@ class Traces {
 
   const Options& options_;
   std::vector<Trace> all_;
-  std::set<std::string> tried_;  // files of the folders
+  std::set<std::string> tried_;    // files of the folders
+  std::set<std::string> missing_;  // named, and not there
   bool hasFailed_ = false;
 };

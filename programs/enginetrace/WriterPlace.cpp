@@ -18,6 +18,7 @@ WriterPlace::WriterPlace(const FileBytes& file, std::uint64_t from, const Since&
   std::optional<std::uint64_t> rest;
   while (walk.next()) {
     if (!beginsLine(walk.bytes())) {
+      separator = walk.bytes().starts_with(separatorLine) ? walk.offset() : separator;
       rest = walk.bytes()[0] != '\n' ? std::optional(walk.offset()) : std::nullopt;
       continue;
     }
@@ -26,19 +27,44 @@ WriterPlace::WriterPlace(const FileBytes& file, std::uint64_t from, const Since&
       old = line;
       break;
     }
+    before = newest;
     newest = line;
     rest.reset();
   }
   end = old ? rest.value_or(old->offset) : walk.offset();
 }
 
-void catchUp(RingOrder& order, const FileBytes& file, const Since& since) {
-  if (order.stretches.empty() || order.newest.offset < order.stretches.back().first.offset) {
-    return;
+WriterPlace wholeLinesBehind(const FileBytes& file, std::uint64_t from, const Since& since) {
+  const WriterPlace place(file, from, since);
+  if (!place.newest) {
+    return place;
   }
-  const WriterPlace writer(file, order.newest.offset, since);
+  // The newest line may be there in part, up to the next look. When others have come behind it,
+  // it is whole, and so are all but the last of those.
+  file.awaitWrite();
+  WriterPlace later(file, place.newest->offset, since);
+  if (later.newest && later.newest->offset != place.newest->offset) {
+    later.end = later.newest->offset;
+    later.newest = later.before;
+  } else if (!later.newest) {
+    // It has gone.
+    later.end = place.newest->offset;
+    later.newest = place.before;
+  }
+  later.separator = std::max(later.separator, place.separator);
+  return later;
+}
+
+bool catchUp(RingOrder& order, const FileBytes& file, std::uint64_t ring, const Since& since) {
+  if (order.stretches.empty() || order.newest.offset < order.stretches.back().first.offset) {
+    return true;
+  }
+  const WriterPlace writer = wholeLinesBehind(file, order.newest.offset, since);
+  if (writer.separator > ring) {
+    return false;
+  }
   if (!writer.newest) {
-    return;
+    return true;
   }
   order.newest = *writer.newest;
   order.stretches.back().end = writer.end;
@@ -46,7 +72,7 @@ void catchUp(RingOrder& order, const FileBytes& file, const Since& since) {
       order.stretches.begin(), order.stretches.end(),
       [&](const Stretch& stretch) { return stretch.first.offset > order.newest.offset; });
   if (oldest == order.stretches.end()) {
-    return;
+    return true;
   }
   if (writer.old) {
     oldest->first = *writer.old;
@@ -61,4 +87,5 @@ void catchUp(RingOrder& order, const FileBytes& file, const Since& since) {
   if (!writer.old) {
     order.resumed.reset();
   }
+  return true;
 }

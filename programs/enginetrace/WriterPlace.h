@@ -24,10 +24,18 @@ struct WriterPlace {
   WriterPlace(const FileBytes& file, std::uint64_t from, const Since& since);
 
   std::optional<LinePlace> newest;  ///< Of the new lines that follow each other.
-  std::uint64_t end;                ///< Behind it.
+  std::optional<LinePlace> before;  ///< The new line in front of it.
+  std::uint64_t end;                ///< Behind the newest one.
+  std::uint64_t separator = 0;      ///< The last one on the way, if there is one.
   std::optional<LinePlace> old;     ///< The first line that was not overwritten.
 };
 
+/// The same, but without what is being written: the new lines are whole.
+/// \throws std::system_error
+WriterPlace wholeLinesBehind(const FileBytes& file, std::uint64_t from, const Since& since);
+
 /// Goes on to where the writer is now, which was at the newest line of the order when that was
 /// found.
-void catchUp(RingOrder& order, const FileBytes& file, const Since& since);
+/// \param ring where the ring began then.
+/// \return false when a rewind point was set meanwhile, so that it begins elsewhere.
+bool catchUp(RingOrder& order, const FileBytes& file, std::uint64_t ring, const Since& since);

@@ -77,8 +77,7 @@ TextStyle styleOf(const Options& options, const Traces& traces) {
   TextStyle style;
   style.hasDates = options.hasDates;
   style.hasColour = options.colour == Colour::always;
-  // A folder that is followed may get more.
-  if (traces.all().size() > 1 || (options.follows && traces.hasFolder())) {
+  if (traces.areSeveral()) {
     style.markWidth = 1;
     for (const Traces::Trace& trace : traces.all()) {
       style.markWidth = std::max(style.markWidth, trace.process.mark.size());
@@ -293,7 +292,7 @@ int run(const Options& options) {
     traces.tellNotes();
   }
   int status = 0;
-  if (!traces.all().empty() || (options.follows && traces.hasFolder())) {
+  if (!traces.all().empty() || traces.canGetMore()) {
     status = showAsAsked(options, traces);
   }
   progress.reset();

@@ -1,10 +1,13 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdio>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <unistd.h>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -16,7 +19,6 @@
 /// What --follow shows of traces while they are written.
 
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 namespace {
 
@@ -46,6 +48,35 @@ void writeLines(unsigned first, unsigned count) {
                                        static_cast<int>(number % filling.size()), filling.c_str(),
                                        number);
   }
+}
+
+// What is not as it was written, told in a line; empty when the lines of writeLines() among those
+// of a text are whole and each comes behind those that were written before.
+std::string faultIn(const std::string& text) {
+  std::istringstream lines(text);
+  unsigned last = 0;
+  bool isFirst = true;
+  for (std::string line; std::getline(lines, line);) {
+    const std::size_t at = line.find(")**X: ");
+    if (at == std::string::npos) {
+      continue;
+    }
+    const std::size_t place = line.rfind(" number ");
+    if (place == std::string::npos) {
+      return "not whole: " + line;
+    }
+    const auto number = static_cast<unsigned>(std::stoul(line.substr(place + 8)));
+    if (line.substr(at) != ")**X: void f(1): " + std::string(number % 700, 'x') + " number " +
+                               std::to_string(number)) {
+      return "not whole: " + line;
+    }
+    if (!isFirst && number <= last) {
+      return std::to_string(number) + " behind " + std::to_string(last);
+    }
+    last = number;
+    isFirst = false;
+  }
+  return isFirst ? "no line" : "";
 }
 
 // A stamp of the present day.
@@ -88,6 +119,13 @@ CUL_CHILD(WriteInTwoParts) {
 
 CUL_CHILD(WriteAsFastAsCanBe) { writeLines(0, 60'000); }
 
+// Writes until a file is there.
+CUL_CHILD(WriteAsLongAsIsAskedFor) {
+  for (unsigned first = 0; access(childArguments()[0].c_str(), F_OK) != 0; first += 100) {
+    writeLines(first, 100);
+  }
+}
+
 namespace {
 
 // A ring of 2 MB that a child writes to.
@@ -128,6 +166,31 @@ TEST_F(FollowedRing, IsShownFromItsOldestLineOnWhenItWasWrittenOverBeforeItCould
   EXPECT_EQ(behind, numbersFrom(behind.front(), 60'000 - behind.front()));
 }
 
+TEST_F(FollowedRing, IsInOrderAndWholeHoweverFastItIsWritten) {
+  writeFile(ring_, "");
+  RunningReader reader({"--follow", ring_});
+  EXPECT_EQ(write("WriteAsFastAsCanBe", {}).status, 0);
+  EXPECT_TRUE(waitUntil([&] { return endsWith(reader.output(), "number 59999\n"); }));
+  EXPECT_EQ(faultIn(reader.written()), "");
+}
+
+TEST_F(FollowedRing, IsInOrderAndWholeWhenItIsReadWhileItIsWritten) {
+  const std::string end = folder_.file("end");
+  writeFile(ring_, "");
+  std::thread writer([&] { EXPECT_EQ(write("WriteAsLongAsIsAskedFor", {end}).status, 0); });
+  waitUntil([&] { return std::filesystem::file_size(ring_) > 2'000'000; });
+  for (unsigned i = 0; i < 12; ++i) {
+    const ChildResult r = runReader({"--type", "X", ring_});
+    EXPECT_EQ(r.status, 0);
+    EXPECT_THAT(faultIn(r.out), testing::AnyOf("", "no line"));
+    const ChildResult dated = runReader({"--date", "--type", "X", ring_});
+    EXPECT_THAT(faultIn(dated.out), testing::AnyOf("", "no line"));
+  }
+  writeFile(end, "");
+  writer.join();
+  EXPECT_EQ(faultIn(runReader({"--type", "X", ring_}).out), "");
+}
+
 TEST_F(FollowedRing, TellsWhenLinesWereWrittenOverBeforeTheyCouldBeRead) {
   writeFile(ring_, "");
   RunningReader reader({"--follow", ring_});
@@ -166,6 +229,37 @@ TEST(Follow, WaitsForTheRestOfALine) {
   append(file, two.substr(28));
   reader.waitFor(two);
   EXPECT_EQ(reader.written(), contentsOf(file));
+}
+
+TEST(Follow, WaitsForTheRestOfALineThatWasBegunBefore) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  const std::string two = line(2, "two");
+  writeFile(file, line(1, "one") + two.substr(0, 28));
+  setWritten(file, 12, 0, 2);
+  RunningReader reader({"--follow", file});
+  reader.waitFor(line(1, "one"));
+  append(file, two.substr(28));
+  reader.waitFor(two);
+  append(file, line(3, "three"));
+  reader.waitFor(line(3, "three"));
+  EXPECT_EQ(reader.end(), "");
+  EXPECT_EQ(reader.written(), contentsOf(file));
+}
+
+TEST(Follow, ShowsTheFirstLinesOfAFileWithTheirDates) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  const std::string other = folder.file("b.trc");
+  writeFile(file, "");
+  writeFile(other, line(1, "one"));
+  RunningReader reader({"--follow", "--date", file, other});
+  reader.waitFor(line(1, "one"));
+  const std::string start = line(
+      2, "void TraceImplementation::traceInternal(718): Trace start at Sun Nov 22 12:00:02 2026");
+  append(file, start);
+  reader.waitFor(start);
+  EXPECT_THAT(reader.written(), HasSubstr("\na.trc  2026-11-22 12:00:02"));
 }
 
 TEST(Follow, ShowsFilesThatAppearInAFolder) {
@@ -221,6 +315,24 @@ TEST(Follow, GoesOnWithATraceThatIsBegunAnewInItsFile) {
   reader.waitFor(line(5, "five") + line(6, "six"));
 }
 
+TEST(Follow, GoesOnWithATraceThatBeginsLikeTheOneBefore) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("a.trc");
+  const std::string start = line(1, "void TraceImplementation::traceInternal(718): Trace start at");
+  const std::string end = line(1, "Trace size: 2Mb") + std::string(72, '=') + "\n";
+  writeFile(file, start + line(1, "Version: 1.2.3") + end + line(2, "two"));
+  RunningReader reader({"--follow", file});
+  reader.waitFor(line(2, "two"));
+  // In one step, and longer than it was.
+  const int descriptor = open(file.c_str(), O_WRONLY | O_CLOEXEC);
+  const std::string next =
+      start + line(1, "Version: 1.2.4") + end + line(3, "three") + line(4, "four");
+  EXPECT_EQ(write(descriptor, next.data(), next.size()), static_cast<ssize_t>(next.size()));
+  close(descriptor);
+  reader.waitFor(line(1, "Version: 1.2.4") + line(1, "Trace size: 2Mb") + line(3, "three") +
+                 line(4, "four"));
+}
+
 TEST(Follow, HandsNewLinesToFiltersAndForms) {
   const TemporaryFolder folder;
   const std::string file = folder.file("root.7.trc");
@@ -265,10 +377,34 @@ TEST(Follow, EndsQuietlyWhenItsReaderHasGone) {
   EXPECT_EQ(r.err, "");
 }
 
-TEST(Follow, DoesNotWaitForAFileThatIsNotThere) {
-  const ChildResult r = runReader({"--follow", "/no/such/file"});
-  EXPECT_EQ(r.status, 2);
-  EXPECT_EQ(r.err, said("/no/such/file: No such file or directory"));
+TEST(Follow, WaitsForAFileThatIsNotThere) {
+  const TemporaryFolder folder;
+  const std::string there = folder.file("root.1.trc");
+  const std::string other = folder.file("later/leaf.2.trc");
+  writeFile(there, line(1, "one"));
+  setWritten(there, 12, 0, 1);
+  RunningReader reader({"--follow", other, there});
+  reader.waitFor("root.1  " + line(1, "one"));
+  std::filesystem::create_directory(folder.file("later"));
+  writeFile(other, line(2, "two"));
+  reader.waitFor("leaf.2  " + line(2, "two"));
+  append(other, line(3, "three"));
+  reader.waitFor("leaf.2  " + line(3, "three"));
+  EXPECT_EQ(reader.end(), said(other + ": No such file or directory", "\r\n"));
+}
+
+TEST(Follow, OpensOnlyTheFilesOfProcessesThatAreAskedFor) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("root.1.trc");
+  writeFile(file, line(1, "one"));
+  setWritten(file, 12, 0, 1);
+  writeFile(folder.file("leaf.2.trc"), "no trace");
+  RunningReader reader({"--follow", "--process", "root", folder.path(), folder.file("leaf.3.trc")});
+  reader.waitFor(line(1, "one"));
+  writeFile(folder.file("leaf.4.trc"), "no trace");
+  append(file, line(2, "two"));
+  reader.waitFor(line(2, "two"));
+  EXPECT_EQ(reader.end(), "");
 }
 
 TEST(Follow, OfStandardInputEndsWhenThatDoes) {
