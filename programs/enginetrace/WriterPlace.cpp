@@ -66,11 +66,11 @@ bool catchUp(RingOrder& order, const FileBytes& file, std::uint64_t ring, const 
   if (!writer.newest) {
     return true;
   }
-  order.newest = *writer.newest;
-  order.stretches.back().end = writer.end;
   const auto oldest = std::find_if(
       order.stretches.begin(), order.stretches.end(),
       [&](const Stretch& stretch) { return stretch.first.offset > order.newest.offset; });
+  order.newest = *writer.newest;
+  order.stretches.back().end = writer.end;
   if (oldest == order.stretches.end()) {
     return true;
   }

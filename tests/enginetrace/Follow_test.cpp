@@ -182,9 +182,9 @@ TEST_F(FollowedRing, IsInOrderAndWholeWhenItIsReadWhileItIsWritten) {
   for (unsigned i = 0; i < 12; ++i) {
     const ChildResult r = runReader({"--type", "X", ring_});
     EXPECT_EQ(r.status, 0);
-    EXPECT_THAT(faultIn(r.out), testing::AnyOf("", "no line"));
+    EXPECT_THAT(faultIn(r.out), testing::AnyOf("", "no line")) << r.err;
     const ChildResult dated = runReader({"--date", "--type", "X", ring_});
-    EXPECT_THAT(faultIn(dated.out), testing::AnyOf("", "no line"));
+    EXPECT_THAT(faultIn(dated.out), testing::AnyOf("", "no line")) << dated.err;
   }
   writeFile(end, "");
   writer.join();
