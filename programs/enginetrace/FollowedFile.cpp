@@ -113,6 +113,7 @@ void FollowedFile::begin(std::unique_ptr<TraceFile> trace) {
   trace_ = std::move(trace);
   isPassingOver_ = false;
   shown_ = 0;
+  unread_ = trace_->facts().unreadBytes;
   last_.clear();
   header_.clear();
   end_ = 0;
@@ -149,6 +150,10 @@ bool FollowedFile::nextOfTrace(Line& line) {
     end_ = trace_->end();
     if (isPassingOver_) {
       isPassingOver_ = !isLast(line);
+      unread_ = trace_->facts().unreadBytes;
+      // Behind what is kept for good, the ring has gone round.
+      hasMissed_ = hasMissed_ || (!isPassingOver_ && trace_->facts().hasLost &&
+                                  trace_->place() < trace_->ring().offset);
     } else if (trace_->place() >= shown_) {
       remember(line, trace_->place());
       return true;
@@ -178,6 +183,7 @@ bool FollowedFile::isLast(const Line& line) const {
 }
 
 void FollowedFile::endTrace() {
+  hasMissed_ = hasMissed_ || trace_->facts().unreadBytes > unread_;
   ring_ = trace_->ring();
   isPlaceKnown_ = !hasEnded() && readBehindTrace();
   trace_.reset();

@@ -65,6 +65,7 @@ class FollowedFile : public LineSource {
   std::unique_ptr<TraceFile> trace_;  // while its lines are given
   bool isPassingOver_ = false;        // those of trace_ up to the last one given
   std::uint64_t shown_ = 0;           // in front of this, those of trace_ were given before
+  std::uint64_t unread_ = 0;          // bytes of trace_, where new lines begin
   bool hasMissed_ = false;
 
   std::string last_;         // the line given last
