@@ -62,7 +62,7 @@ constexpr std::size_t lastLineLength = 512;
 constexpr unsigned mostTries = 20;
 
 std::string bytesAt(const FileBytes& file, std::uint64_t offset, std::uint64_t size) {
-  std::string bytes(std::min(size, file.size()), '\0');
+  std::string bytes(size, '\0');
   bytes.resize(file.read(offset, bytes.data(), bytes.size()));
   return bytes;
 }
@@ -104,7 +104,6 @@ TraceFile::State::State(const std::string& path)
     throw NotATrace(path);
   }
   facts.process = processOf(path);
-  readHeader(bytesAt(file, 0, headerLength), facts);
   RingScan scan = findOrder();
   for (unsigned tries = 1; isOvertaken(scan); ++tries) {
     if (tries == mostTries) {
@@ -128,10 +127,17 @@ TraceFile::State::State(const std::string& path)
 RingScan TraceFile::State::findOrder() {
   const LastChange change(file.lastChange(), opened);
   std::optional<RingScan> scan = RingScan::quick(file, change);
-  if (scan) {
-    order = RingOrder(*scan, change, facts.limit);
+  const bool isQuick = scan.has_value();
+  if (!isQuick) {
+    scan.emplace(file, change);
   }
-  if (!scan || !order.isPlain(*scan)) {
+  // Not before: lines may have come.
+  TraceFacts told;
+  told.process = facts.process;
+  readHeader(bytesAt(file, 0, headerLength), told);
+  facts = told;
+  order = RingOrder(*scan, change, facts.limit);
+  if (isQuick && !order.isPlain(*scan)) {
     scan.emplace(file, change);
     order = RingOrder(*scan, change, facts.limit);
   }

@@ -262,10 +262,13 @@ TEST_F(TraceFileOrder, ATornLineIsFollowedByOldOnes) {
 }
 
 TEST_F(TraceFileOrder, GoesOnBehindTheWriterOfARingThatIsWritten) {
-  struct timespec now = {};
-  clock_gettime(CLOCK_REALTIME, &now);
-  const WallTime present = now.tv_sec * second + now.tv_nsec / 1000;
-  RingModel live(2 * megabyte, (now.tv_sec - 100'000) * second);
+  const auto now = [] {
+    struct timespec time = {};
+    clock_gettime(CLOCK_REALTIME, &time);
+    return time.tv_sec * second + time.tv_nsec / 1000;
+  };
+  const WallTime present = now();
+  RingModel live(2 * megabyte, (present / second - 100'000) * second);
   const auto write = [&](WallTime from, unsigned lines) {
     for (unsigned i = 0; i < lines; ++i) {
       live.write(from + i, "**GMH: f(1): " + std::to_string(i) + std::string(140, 'x'));
@@ -282,7 +285,7 @@ TEST_F(TraceFileOrder, GoesOnBehindTheWriterOfARingThatIsWritten) {
     lines.emplace_back(line.whole);
   }
   // The writer overwrites what was not read yet, and more than what was.
-  write(present, 6'000);
+  write(now(), 6'000);
   {
     const int out = open(path_.c_str(), O_WRONLY | O_CLOEXEC);
     ASSERT_EQ(pwrite(out, live.file().data(), live.file().size(), 0),

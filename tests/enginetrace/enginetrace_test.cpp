@@ -264,11 +264,12 @@ TEST_F(Reader, TellsAtATerminalHowFarItIsWhenItTakesLong) {
   // A FIFO that is fed when the user has been told.
   const std::string fifo = folder_.file("fifo");
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  // Both ends: the reader would not wait for a writer, nor this for the reader.
+  const int writer = open(fifo.c_str(), O_RDWR | O_CLOEXEC);
   const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
   Terminal terminal;
   terminal.startProgram({reader, fifo}, {.out = null});
   close(null);
-  const int writer = open(fifo.c_str(), O_WRONLY | O_CLOEXEC);
   terminal.readUntil("\renginetrace: reading: ");
   EXPECT_EQ(write(writer, one.data(), one.size()), static_cast<ssize_t>(one.size()));
   close(writer);
@@ -366,6 +367,7 @@ TEST_F(Reader, EndsQuietlyWhenNobodyReadsOn) {
     stream << five;
   }
   stream.close();
+  setWritten(file_, 12, 10, 5);
   for (const char* options : {"", "--date", "--json", "--summary", "--trace-event"}) {
     const ChildResult r = runProgram(
         {"/bin/bash", "-c",
