@@ -17,7 +17,7 @@ namespace {
 
 // How much is read at once. When more than half of it is new in a ring, the writer may have
 // overtaken the reader.
-constexpr std::size_t windowSize = 1024 * 1024;
+constexpr std::size_t windowSize = 1024UL * 1024;
 
 // Enough to tell two lines apart.
 constexpr std::size_t markSize = 64;
@@ -157,14 +157,13 @@ void FollowedFile::look() {
     return;
   }
   const bool isGone = isReplaced();
-  if (isBegunAnew()) {
-    openAnew();
-  } else if (isPlaceKnown_ && readFresh()) {
+  const bool isAnew = isBegunAnew();
+  if (!isAnew && isPlaceKnown_ && readFresh()) {
     // What the old file has got up to its end comes before the lines of the new one.
     if (isGone && fresh_.empty()) {
       openAnew();
     }
-  } else if (isGone) {
+  } else if (isAnew || isGone) {
     openAnew();
   } else {
     findOrder();
