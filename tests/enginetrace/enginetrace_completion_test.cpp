@@ -90,7 +90,7 @@ TEST_F(ReaderCompletion, OffersTracesBehindAnOptionOnlyWhereThatTakesNoValue) {
   const std::regex option("\n  (?:    |(-.), )(--[a-z-]+)( [A-Z][^ \n]*)?(?=  )");
   unsigned count = 0;
   for (std::sregex_iterator match(help.begin(), help.end(), option), end; match != end; ++match) {
-    for (const std::string name : {(*match)[1].str(), (*match)[2].str()}) {
+    for (const std::string& name : {(*match)[1].str(), (*match)[2].str()}) {
       if (!name.empty()) {
         const std::vector<std::string> words = offered({name, ""});
         EXPECT_EQ(std::count(words.begin(), words.end(), "root.7.trc"), (*match)[3].matched ? 0 : 1)

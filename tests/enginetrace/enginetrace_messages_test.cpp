@@ -82,7 +82,7 @@ TEST(ReaderMessages, LeaveTheFormsForProgramsAsTheyAre) {
 
 // Each option as the help tells it: "-A, --after-context N".
 std::set<std::string> optionsOfTheHelp() {
-  const std::set<std::string> told =
+  std::set<std::string> told =
       matchesIn(runReader({"--help"}).out, "\n  (?:    )?(-[^\n]*?)  (?=[^\n]*)");
   EXPECT_GE(told.size(), 25U);
   return told;
