@@ -103,6 +103,7 @@ void compareFiles();
 void compareSettings();
 void compareProperties();
 void compareStartup();
+void compareTraceReader();
 
 /// Each registers the cases of its subject on many threads, in a process that has `count` sleeping
 /// ones besides the main and the second one, with `count` MB resident, or with `count` child

@@ -23,6 +23,7 @@
 ///   threads COUNT       what may depend on the number of threads, with so many more
 ///   processes COUNT     the process table, with so many child processes
 ///   resident MEGABYTES  the start of a process while so much is resident
+///   reader              the reader of traces, with traces that go with the process
 ///   allocator NAME      the peers that allocate memory, on a preloaded allocator whose library's
 ///                       file name contains the NAME
 
@@ -102,6 +103,8 @@ bool choose(const std::string& kind, const std::string& argument) {
   startCompany();
   if (kind == "company" && argument.empty()) {
     compareInCompany();
+  } else if (kind == "reader" && argument.empty()) {
+    compareTraceReader();
   } else if (kind == "threads" && isCount) {
     compareManyThreads(count);
   } else if (kind == "resident" && isCount) {
@@ -124,7 +127,7 @@ int main(int argc, char** argv) try {
   const std::string kind = argc >= 2 ? argv[1] : "";
   if (argc > 3 || !choose(kind, argc == 3 ? argv[2] : "")) {
     std::fprintf(stderr,
-                 "usage: cul_bench alone | company | threads COUNT | processes COUNT |\n"
+                 "usage: cul_bench alone | company | reader | threads COUNT | processes COUNT |\n"
                  "                 resident MEGABYTES | allocator NAME   [--benchmark_...]\n");
     return 2;
   }

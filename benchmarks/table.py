@@ -45,7 +45,9 @@ def machine_kind():
 
 
 def read_results(files):
-    """{case: {side: {"median": nanoseconds, "cv": fraction}}} in the order of the benchmarks."""
+    """{case: {side: {"median": nanoseconds, "cv": fraction, "memory": bytes}}} in the order of the
+    benchmarks; the memory only where a benchmark counts it.
+    """
     results = {}
     for file in files:
         with open(file, encoding="utf-8") as stream:
@@ -60,6 +62,8 @@ def read_results(files):
             time = "real_time" if "/real_time" in run["run_name"] else "cpu_time"
             if run["aggregate_name"] == "median":
                 side["median"] = run[time] * NS[run["time_unit"]]
+                if "memory" in run:
+                    side["memory"] = run["memory"]
             elif run["aggregate_name"] == "cv":
                 side["cv"] = run[time]
     return results
@@ -122,6 +126,15 @@ def count_line(rows):
     )
 
 
+def memory_lines(results):
+    """The peak memory of the processes that were started, of each side where it was counted."""
+    for case, sides in results.items():
+        told = [f"{side} {times['memory'] / 1e6:.1f} MB"
+                for side, times in sides.items() if "memory" in times and side != "bound"]
+        if told:
+            yield f"Peak memory: {case}: {'; '.join(told)}"
+
+
 def read_stored(file):
     """The kind of machine, the date and {(case, peer): (our time, the peer's)} of a stored run."""
     with open(file, encoding="utf-8") as stream:
@@ -139,13 +152,14 @@ def read_stored(file):
     return head[1], head[2], times
 
 
-def store(file, machine, rows):
+def store(file, machine, rows, memory):
     for row in rows:
         row[""] = " ".join(word for word in row[""].split() if word != "WORSE")
     columns = ("case", "ours ns", "peer ns", "peer", "ratio", "bound", "")
     lines = [f"machine: {machine}", f"date: {datetime.date.today()}", ""]
     lines += table(rows, columns)
     lines.append(count_line(rows))
+    lines += memory
     with open(file, "w", encoding="utf-8") as stream:
         stream.write("\n".join(lines) + "\n")
 
@@ -173,12 +187,14 @@ def main():
                 f"this is {arguments.machine})."
             )
 
-    rows = make_rows(read_results(arguments.results), ratios)
+    results = read_results(arguments.results)
+    rows = make_rows(results, ratios)
+    memory = list(memory_lines(results))
     if not rows:
         sys.exit("No benchmark with a peer matches.")
     columns = ("case", "ours ns", "peer ns", "peer", "ratio", "bound")
     print(*table(rows, columns + (("stored", "") if ratios else ("",))), sep="\n")
-    print(count_line(rows))
+    print(count_line(rows), *memory, sep="\n")
     if not said:
         worse = sum("WORSE" in row[""] for row in rows)
         new = sum(row["stored"] == "" for row in rows)
@@ -188,7 +204,7 @@ def main():
         )
     print(said)
     if arguments.store:
-        store(arguments.stored, arguments.machine, rows)
+        store(arguments.stored, arguments.machine, rows, memory)
 
 
 if __name__ == "__main__":

@@ -8,7 +8,8 @@
 ///
 /// Whoever reads one by its name writes `environmentVariable("NAME")`, which does not compile
 /// when the table has no such row. The listing of the settings by enginehost, its manual page and
-/// script/run are held against the table by a test.
+/// script/run are held against the table by a test. What a program reads besides, for itself alone,
+/// is in its manual page.
 
 /// A row of the table.
 struct EnvironmentVariable {

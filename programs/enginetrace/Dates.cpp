@@ -7,7 +7,7 @@
 namespace {
 
 // Clocks are set back by less, and silences are shorter than what is left of a day then.
-constexpr WallTime usualSilence = 3 * 3600 * microsecondsPerSecond;
+constexpr WallTime usualSilence = 3 * microsecondsPerHour;
 constexpr WallTime noSilence = microsecondsPerDay + 1;
 constexpr std::uint64_t nowhere = std::numeric_limits<std::uint64_t>::max();
 

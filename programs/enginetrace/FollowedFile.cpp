@@ -17,7 +17,7 @@ namespace {
 
 // So much of what stands behind the last line is known to be old. When more than half of it is new,
 // the writer may have overtaken the reader.
-constexpr std::size_t windowSize = 1024 * 1024;
+constexpr std::size_t windowSize = 1024UL * 1024;
 constexpr std::size_t mostFresh = windowSize / 2;
 constexpr std::size_t imageSize = windowSize + mostFresh;
 
@@ -216,7 +216,7 @@ void FollowedFile::look() {
     if (isGone && fresh_.empty()) {
       openAnew();
     }
-  } else if (isGone) {
+  } else if (isAnew || isGone) {
     openAnew();
   } else {
     findOrder();

@@ -15,8 +15,8 @@ constexpr WallTime justNow = 10 * microsecondsPerSecond;
 
 // Time zones differ by multiples of this.
 constexpr WallTime zoneStep = 900 * microsecondsPerSecond;
-constexpr WallTime westernmost = -12 * 3600 * microsecondsPerSecond;
-constexpr WallTime easternmost = 14 * 3600 * microsecondsPerSecond;
+constexpr WallTime westernmost = -12 * microsecondsPerHour;
+constexpr WallTime easternmost = 14 * microsecondsPerHour;
 
 constexpr WallTime timeOfDayAt(WallTime time) noexcept {
   const WallTime rest = time % microsecondsPerDay;

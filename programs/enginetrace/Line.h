@@ -14,7 +14,8 @@
 using WallTime = std::int64_t;
 
 constexpr WallTime microsecondsPerSecond = 1'000'000;
-constexpr WallTime microsecondsPerDay = 86'400 * microsecondsPerSecond;
+constexpr WallTime microsecondsPerHour = 3'600 * microsecondsPerSecond;
+constexpr WallTime microsecondsPerDay = 24 * microsecondsPerHour;
 
 /// Who wrote a trace, as the file's name tells it: "root.1234.trc", "1234.trc" or any other.
 struct Process {

@@ -24,7 +24,7 @@ constexpr double weightOfOtherZone = -3;
 constexpr double chanceOfFit = 1.7e-5;
 constexpr double chanceOfFitInAnyZone = 1.7e-3;
 // A clock that was set back a little.
-constexpr WallTime usualSetBack = 3 * 3600 * microsecondsPerSecond;
+constexpr WallTime usualSetBack = 3 * microsecondsPerHour;
 constexpr double weightOfSetBack = 9;
 constexpr WallTime shortestSilence = 60 * microsecondsPerSecond;
 constexpr double weightOfDayOfSilence = 11;
@@ -150,7 +150,7 @@ void RingOrder::arrange(const std::vector<Part>& parts, const Junction* seam) {
   const std::size_t resumes = seam != nullptr ? partBehindEnd(parts, *seam) : parts.size();
   for (std::size_t i = 0; i < parts.size(); ++i) {
     const Part& part = parts[i];
-    if (i == resumes) {
+    if (seam != nullptr && i == resumes) {
       if (!stretches.empty()) {
         lost = {newest, seam->behind};
       }

@@ -102,7 +102,7 @@ std::optional<WallTime> unitOf(char c) {
     case 'm':
       return 60 * microsecondsPerSecond;
     case 'h':
-      return 3600 * microsecondsPerSecond;
+      return microsecondsPerHour;
     case 'd':
       return microsecondsPerDay;
     default:

@@ -9,15 +9,17 @@ expect() {
   diff -u --label expected <(echo "$1") --label actual <(echo "$2") || fail "other than expected"
 }
 
-# Results of Google Benchmark, from lines "name: median in ns" or "name: median +- deviation".
+# Results of Google Benchmark, from lines "name: median in ns", where " +- deviation" may follow, and
+# " in memory bytes".
 results() {
   local line separator="" index=0
   echo '{"benchmarks": ['
   while read -r line; do
-    [[ $line =~ ^(.*):\ ([0-9.]+)(\ \+-\ ([0-9.]+))?$ ]]
+    [[ $line =~ ^(.*):\ ([0-9.]+)(\ \+-\ ([0-9.]+))?(\ in\ ([0-9]+)\ bytes)?$ ]]
     for aggregate in "median ${BASH_REMATCH[2]}" "cv ${BASH_REMATCH[4]:-0}"; do
       echo "$separator{\"run_name\": \"${BASH_REMATCH[1]}\", \"run_type\": \"aggregate\",
         \"family_index\": $index, \"aggregate_name\": \"${aggregate% *}\",
+        ${BASH_REMATCH[6]:+\"memory\": ${BASH_REMATCH[6]},}
         \"cpu_time\": ${aggregate#* }, \"time_unit\": \"ns\"}"
       separator=,
     done
@@ -60,6 +62,21 @@ nobody/jemalloc: 8"
 work 12.00 8.00 jemalloc 1.50 SLOWER
 other 5.00 5.00 malloc 1.00" \
     "$(table "$folder/a.json" "$folder/b.json" | sed -n 's/  */ /g; 2,4p')"
+}
+
+PeakMemoryIsToldBelowTheTableAndStoredThere() {
+  results >"$folder/a.json" <<'END'
+read: all/ours: 10 in 6340000 bytes
+read: all/grep -F: 10 in 2500000 bytes
+read: all/bound: 10 in 2500000 bytes
+work/ours: 10
+work/peer: 10
+END
+  local output
+  output=$(table --store "$folder/a.json")
+  expect "Peak memory: read: all: ours 6.3 MB; grep -F 2.5 MB" "$(grep memory <<<"$output")"
+  expect "$(grep memory <<<"$output")" "$(grep memory "$folder/stored")"
+  [[ $(table "$folder/a.json") == *"0 worse than in the run of "*"; 0 without a stored one." ]]
 }
 
 ARowIsWorseWhenItsRatioHasGrownByMoreThanATenth() {

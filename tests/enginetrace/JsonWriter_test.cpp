@@ -74,7 +74,7 @@ TEST(JsonWriter, EachByteMakesOneLineOfJson) {
 TEST(JsonWriter, LinesKeepTheirOrderWhenTheTimeRunsBackward) {
   std::istringstream lines(written([](Output& output) {
     JsonWriter writer(output);
-    for (const WallTime time : {noon, noon - 3'600 * microsecondsPerSecond, noon - 1, noon}) {
+    for (const WallTime time : {noon, noon - microsecondsPerHour, noon - 1, noon}) {
       writer.gap();
       writer.write({lineOf("main", "text"), time, &leaf});
     }

@@ -51,6 +51,7 @@ std::string firstLineOf(std::string_view text) {
 
 // A trace with all that can stand in front of a text.
 CUL_CHILD(TraceForLnav) {
+  // NOLINTNEXTLINE(cppcoreguidelines-virtual-class-destructor): final, and never deleted.
   struct Handler final : GMH_HandlerDiagnostic {
     const char* diagnosticText() const override { return "step over"; }
   } handler;

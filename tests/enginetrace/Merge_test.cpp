@@ -96,7 +96,7 @@ TEST(Merge, OfRandomSourcesIsTheirStableSort) {
     for (std::size_t i = 0; i < all.size(); ++i) {
       all[i].resize(random() % 20);
       for (WallTime& time : all[i]) {
-        time = random() % 30;
+        time = static_cast<WallTime>(random() % 30);
       }
       std::sort(all[i].begin(), all[i].end());
       for (std::size_t place = 0; place < all[i].size(); ++place) {

@@ -8,24 +8,23 @@
 
 #include <gmock/gmock.h>
 
+#include "Engine/utilities/Descriptor.h"
+
 #include "tests/support/TemporaryFolder.h"
 
 namespace {
 
 class OutputToFile : public testing::Test {
  protected:
-  OutputToFile() : descriptor_(open(name_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600)) {}
-  ~OutputToFile() override { close(descriptor_); }
-
   std::string written() const { return contentsOf(name_); }
 
   TemporaryFolder folder_;
   std::string name_ = folder_.file("output");
-  int descriptor_;
+  Descriptor file_ = Descriptor(open(name_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
 };
 
 TEST_F(OutputToFile, WritesWhatWasPutInItsOrder) {
-  Output output(descriptor_);
+  Output output(file_.get());
   std::string expected;
   for (const std::size_t length : {0UL, 1UL, 100UL, 300'000UL, 7UL, 262'144UL, 262'143UL, 1UL}) {
     const std::string bytes(length, static_cast<char>('a' + expected.size() % 26));
@@ -37,7 +36,7 @@ TEST_F(OutputToFile, WritesWhatWasPutInItsOrder) {
 }
 
 TEST_F(OutputToFile, KeepsALittleUntilItIsFlushed) {
-  Output output(descriptor_);
+  Output output(file_.get());
   output.put("little");
   EXPECT_EQ(written(), "");
   output.flush();

@@ -1,8 +1,12 @@
+#include <algorithm>
 #include <filesystem>
+#include <regex>
 #include <string>
 #include <vector>
 
 #include <gmock/gmock.h>
+
+#include "Engine/utilities/TraceFlags.h"
 
 #include "tests/enginetrace/Reader.h"
 
@@ -12,6 +16,7 @@ namespace {
 
 using testing::ElementsAre;
 using testing::IsSupersetOf;
+using testing::UnorderedElementsAreArray;
 
 // A bash with nothing but this completion, which is asked as its line editor asks.
 class ReaderCompletion : public testing::Test {
@@ -65,6 +70,36 @@ TEST_F(ReaderCompletion, OffersWhatAnOptionTakes) {
   EXPECT_THAT(offered({"--not", "=", "ER"}), ElementsAre("ERROR"));
   EXPECT_THAT(offered({"--color", "="}), ElementsAre("always", "never", "auto"));
   EXPECT_THAT(offered({"--thread", ""}), ElementsAre());
+}
+
+TEST_F(ReaderCompletion, OffersTheTypesOfTheTrace) {
+  std::vector<std::string> tags;
+#define TAG(type, tag, place) tags.emplace_back(tag);
+#define NO_TAG(name, place)
+  CUL_TRACE_TYPES(TAG, NO_TAG)
+#undef NO_TAG
+#undef TAG
+  // What marks all lines, and what switches all on.
+  std::erase(tags, "**");
+  std::erase(tags, "ALL");
+  EXPECT_THAT(offered({"--type", ""}), UnorderedElementsAreArray(tags));
+}
+
+TEST_F(ReaderCompletion, OffersTracesBehindAnOptionOnlyWhereThatTakesNoValue) {
+  const std::string help = runProgram({program(), "--help"}, {.environment = {{"LANG", "C"}}}).out;
+  const std::regex option("\n  (?:    |(-.), )(--[a-z-]+)( [A-Z][^ \n]*)?(?=  )");
+  unsigned count = 0;
+  for (std::sregex_iterator match(help.begin(), help.end(), option), end; match != end; ++match) {
+    for (const std::string& name : {(*match)[1].str(), (*match)[2].str()}) {
+      if (!name.empty()) {
+        const std::vector<std::string> words = offered({name, ""});
+        EXPECT_EQ(std::count(words.begin(), words.end(), "root.7.trc"), (*match)[3].matched ? 0 : 1)
+            << name;
+        ++count;
+      }
+    }
+  }
+  EXPECT_GE(count, 31U);
 }
 
 TEST_F(ReaderCompletion, OffersTracesAndFolders) {

@@ -80,12 +80,40 @@ TEST(ReaderMessages, LeaveTheFormsForProgramsAsTheyAre) {
   }
 }
 
-TEST(ReaderOptions, AreAllInTheManualPage) {
-  const std::set<std::string> told = matchesIn(runReader({"--help"}).out, "\n  .{4}--([a-z-]+)");
+// Each option as the help tells it: "-A, --after-context N".
+std::set<std::string> optionsOfTheHelp() {
+  std::set<std::string> told =
+      matchesIn(runReader({"--help"}).out, "\n  (?:    )?(-[^\n]*?)  (?=[^\n]*)");
   EXPECT_GE(told.size(), 25U);
-  EXPECT_EQ(matchesIn(sourceFile("programs/enginetrace/enginetrace.1"),
-                      "(?:^|\n)\\.It [^\n]*?Fl Fl ([a-z-]+)"),
-            told);
+  return told;
+}
+
+TEST(ReaderOptions, AreInTheManualPageWithTheirLettersAndValues) {
+  const std::string page = sourceFile("programs/enginetrace/enginetrace.1");
+  const std::regex item("\n\\.It (?:Fl (\\w) , )?Fl Fl ([a-z-]+)(?: Ar ([^\n]+))?(?=\n)");
+  std::set<std::string> told;
+  for (std::sregex_iterator match(page.begin(), page.end(), item), end; match != end; ++match) {
+    const std::string letter = (*match)[1];
+    const std::string value = (*match)[3];
+    told.insert((letter.empty() ? "" : "-" + letter + ", ") + "--" + (*match)[2].str() +
+                (value.empty() ? "" : " " + value));
+  }
+  EXPECT_EQ(told, optionsOfTheHelp());
+}
+
+TEST(ReaderOptions, InExamplesAreThoseThatItTakes) {
+  std::set<std::string> taken;
+  for (const std::string& option : optionsOfTheHelp()) {
+    taken.merge(matchesIn(option, "(--?[A-Za-z-]+)"));
+  }
+  for (const char* file : {"README.md", "programs/enginetrace/enginetrace.1"}) {
+    std::set<std::string> used;
+    for (const std::string& call : matchesIn(sourceFile(file), "enginetrace( [^\n|`]*)")) {
+      used.merge(matchesIn(call, " (--?[A-Za-z-]+)"));
+    }
+    EXPECT_GE(used.size(), 4U) << file;
+    EXPECT_THAT(used, testing::IsSubsetOf(taken)) << file;
+  }
 }
 
 }  // namespace

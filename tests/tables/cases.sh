@@ -167,17 +167,43 @@ TwoEnvironmentVariablesOfOneNameAreRefused() {
   expect_refused Engine/utilities/SettingNames.cpp "two environment variables have one name"
 }
 
-# Also where a name does not go through environmentVariable().
-TheTableHasTheEnvironmentVariablesThatTheSourcesName() {
-  cd "$SOURCE_FOLDER"
-  names() { grep -oE '"[A-Z0-9_]+"' | sort -u; }
-  find Engine programs -name '*.cpp' -o -name '*.h' | grep -vx $variables | xargs sed 's://.*::' |
-    grep -oE '(getenv|setenv|getEnvVar|environmentVariable)\(L?"[^"]+"|"((QVX|WZ4)_DBG_[A-Z_]+|GDIA_[A-Z_]+)"' |
-    names >"$folder/named"
-  grep -oE '^ *\{"[A-Z0-9_]+"' $variables | names >"$folder/table"
+# variables_named folder...: those that the sources name, also where a name does not go through
+# environmentVariable().
+variables_named() {
+  find "$@" -name '*.cpp' -o -name '*.h' | grep -vx $variables | xargs sed 's://.*::' |
+    { grep -oE '(getenv|setenv|getEnvVar|environmentVariable)\(L?"[^"]+"|"((QVX|WZ4)_DBG_[A-Z_]+|GDIA_[A-Z_]+)"' ||
+      true; } | sed -nE 's/.*"([A-Z0-9_]+)"$/\1/p' | sort -u
+}
+
+# Into $folder/table.
+read_table() {
+  sed -nE 's/^ *\{"([A-Z0-9_]+)".*/\1/p' $variables | sort -u >"$folder/table"
   [ -s "$folder/table" ] || fail "the table is no longer read by this test"
-  diff -u --label table "$folder/table" --label "named in the sources" "$folder/named" >&2 ||
-    fail "other than expected: environment variables"
+}
+
+TheTableHasTheEnvironmentVariablesThatTheLibraryNames() {
+  cd "$SOURCE_FOLDER"
+  read_table
+  variables_named Engine programs/common >"$folder/named"
+  diff -u --label "$variables" "$folder/table" --label "named in the sources" "$folder/named" >&2 ||
+    fail "other than expected: environment variables of the library"
+}
+
+# All others that a program reads are in the section ENVIRONMENT of its manual page.
+AManualPageHasTheEnvironmentVariablesThatItsProgramNamesBesidesTheLibrarys() {
+  local page pages=0
+  cd "$SOURCE_FOLDER"
+  read_table
+  for page in programs/*/*.1; do
+    pages=$((pages + 1))
+    sed -n '/^\.Sh ENVIRONMENT$/,/^\.Sh [^E]/s/^\.It Ev \([A-Z0-9_]*\)$/\1/p' "$page" | sort -u |
+      comm -23 - "$folder/table" >"$folder/told"
+    variables_named "${page%/*}" | comm -23 - "$folder/table" >"$folder/named"
+    diff -u --label "$page" "$folder/told" --label "named in its sources" "$folder/named" >&2 ||
+      fail "other than expected: environment variables of a program"
+  done
+  [ "$pages" = "$(find programs -name main.cpp | wc -l)" ] ||
+    fail "a program without a manual page, or the other way round"
 }
 
 TwoLanguagesOfMessagesWithTheSameTwoLettersAreRefused() {
