@@ -209,9 +209,8 @@ void FollowedFile::look() {
   }
   const bool isGone = isReplaced();
   // The first lines get their dates from the whole file.
-  if (last_.empty() || isBegunAnew()) {
-    openAnew();
-  } else if (isPlaceKnown_ && readFresh()) {
+  const bool isAnew = last_.empty() || isBegunAnew();
+  if (!isAnew && isPlaceKnown_ && readFresh()) {
     // What the old file has got up to its end comes before the lines of the new one.
     if (isGone && fresh_.empty()) {
       openAnew();
