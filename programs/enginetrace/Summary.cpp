@@ -1,6 +1,7 @@
 #include "programs/enginetrace/Summary.h"
 
 #include <algorithm>
+#include <map>
 
 #include "programs/enginetrace/LineBody.h"
 #include "programs/enginetrace/SummaryText.h"
@@ -61,6 +62,10 @@ std::string common(std::string_view key, std::string_view one, std::string_view 
   }
   return result;
 }
+
+/// Whether a line is the last one of its process, or of its thread.
+bool endsProcess(const Parts& parts) { return parts.text.starts_with("Trace end at "); }
+bool endsThread(const Parts& parts) { return parts.text.starts_with("Terminating thread "); }
 
 std::string placeOf(const Parts& parts) {
   std::string place(parts.function.substr(0, width));
@@ -185,6 +190,13 @@ void Summary::write(const Line& line) {
   ++thread.lines;
   thread.last = line.time;
   thread.said.set(bodyOf(line.whole));
+  // A later thread of the same name goes on.
+  thread.hasEnded = endsThread(parts);
+  if (endsProcess(parts)) {
+    ended_.insert(line.process);
+  } else {
+    ended_.erase(line.process);
+  }
   types_.add(parts.type);
   functions_.add(parts.function);
   switch (severityOf(parts.type)) {
@@ -252,7 +264,7 @@ void Summary::tellProcess(const TraceFacts& facts) {
   tellLosses(facts);
   if (!facts.included.empty()) {
     output_.put(fact("Types on", joined(facts.included)));
-    output_.put(fact("Types off", joined(facts.excluded)));
+    output_.put(fact("Types off", facts.excluded.empty() ? "none" : joined(facts.excluded)));
   }
   output_.put("\n");
 }
@@ -323,6 +335,40 @@ void Summary::tellSilences() {
   output_.put("\n");
 }
 
+// What hangs writes no next line: these silences are between no two lines.
+void Summary::tellHanging() {
+  std::vector<Silence> told;
+  // Whether a process has ended or hangs as a whole, its lines do not always tell.
+  std::map<const Process*, WallTime> ends;
+  for (const Lane& lane : lanes_.all()) {
+    WallTime& end = ends.try_emplace(lane.process, lane.last).first->second;
+    end = std::max(end, lane.last);
+  }
+  for (std::size_t lane = 0; lane < threads_.size(); ++lane) {
+    const ThreadSummary& thread = threads_[lane];
+    const Process* const process = lanes_.all()[lane].process;
+    const WallTime end = ends[process];
+    if (thread.last < end && !thread.hasEnded && !ended_.contains(process)) {
+      told.push_back({thread.last, end, lane, std::string(thread.said.text())});
+    }
+  }
+  if (told.empty()) {
+    return;
+  }
+  std::stable_sort(told.begin(), told.end(),
+                   [](const Silence& a, const Silence& b) { return a.length() > b.length(); });
+  output_.put(
+      "Silent to the end of the trace, without a line that ends the thread or its process\n");
+  for (std::size_t i = 0; i < std::min(told.size(), silentThreadsTold); ++i) {
+    tellSilence(told[i]);
+  }
+  if (told.size() > silentThreadsTold) {
+    output_.put(indent + "and shorter ones of " +
+                counted(told.size() - silentThreadsTold, "other thread") + '\n');
+  }
+  output_.put("\n");
+}
+
 void Summary::tellThreads() {
   constexpr std::size_t nameColumns = width - numberColumns - 2 - 2 - 26 - 2 - 26;
   std::vector<std::size_t> told;
@@ -377,6 +423,7 @@ void Summary::finish() {
   tellMessages(errors_, "error");
   tellMessages(warnings_, "warning");
   tellSilences();
+  tellHanging();
   tellThreads();
   tellCounts(types_, "Type", "(no type)");
   output_.put("\n");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,8 +20,10 @@
 /// the threads with their first and last lines; lines by type and function.
 ///
 /// Silences are between two lines, of all threads together and of each thread. Where the ring of
-/// a process has written over lines, nobody knows whether it was silent: that is none. With a
-/// filter in front, all is about the lines that it lets pass.
+/// a process has written over lines, nobody knows whether it was silent: that is none. Threads that
+/// wrote nothing more although neither they nor their processes have ended are told with the
+/// silence to the newest line of the process. With a filter in front, all is about the lines that
+/// it lets pass.
 ///
 /// Texts are equal when they differ in numbers only, and as in Counts.h in their first bytes.
 /// Memory is bounded by that table and by the threads; the times of lines are in the order of the
@@ -57,6 +60,7 @@ class Summary : public LineWriter {
   struct ThreadSummary {
     std::uint64_t lines = 0;
     WallTime last = 0;
+    bool hasEnded = false;  ///< By its last line.
     Beginning said;
     Silence longest;
   };
@@ -85,6 +89,7 @@ class Summary : public LineWriter {
   void tellMessages(const Messages& messages, std::string_view name);
   void tellSilence(const Silence& silence);
   void tellSilences();
+  void tellHanging();
   void tellThreads();
   void tellCounts(const Counts& counts, std::string_view title, std::string_view none);
 
@@ -92,6 +97,7 @@ class Summary : public LineWriter {
   std::vector<const TraceFacts*> facts_;
   Lanes lanes_;
   std::vector<ThreadSummary> threads_;  ///< Of the lanes.
+  std::set<const Process*> ended_;      ///< By their last lines.
   Counts types_;
   Counts functions_;
   Messages errors_;

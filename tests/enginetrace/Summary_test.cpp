@@ -185,6 +185,42 @@ TEST(Summary, FindsTheLongestSilencesOfAllAndOfEachThread) {
       "              after two");
 }
 
+TEST(Summary, TellsWhichThreadsWroteNothingMoreAlthoughTheyHaveNotEnded) {
+  const std::string summary = summaryOf({
+      {lineOf("stuck", "waits for an answer"), noon},
+      {lineOf("over", "****: Engine/utilities/UNIX/UNIXStdThread(136): Terminating thread over"),
+       noon + second},
+      {lineOf("again", "****: Engine/utilities/UNIX/UNIXStdThread(136): Terminating thread again"),
+       noon + second},
+      {lineOf("again", "a later one of this name"), noon + 2 * second},
+      {lineOf("main", "the only thread"), noon + 9 * second, &leaf},
+      {lineOf("main", "newest"), noon + 5 * second},
+  });
+  EXPECT_EQ(
+      partOf(summary, "Silent to the end"),
+      "Silent to the end of the trace, without a line that ends the thread or its process\n"
+      "     5.000 s  2026-11-22 12:23:41.000098 to 2026-11-22 12:23:46.000098  root.1234 stuck\n"
+      "              after waits for an answer\n"
+      "     3.000 s  2026-11-22 12:23:43.000098 to 2026-11-22 12:23:46.000098  root.1234 again\n"
+      "              after a later one of this name");
+}
+
+TEST(Summary, NoThreadOfAProcessThatHasEndedHangs) {
+  const std::string summary = summaryOf({
+      {lineOf("worker", "text"), noon},
+      {lineOf("main", "void TraceImplementation::traceInternal(718): Trace end at Sun"),
+       noon + second},
+      {lineOf("main", "of another"), noon + 9 * second, &leaf},
+  });
+  EXPECT_THAT(summary, Not(HasSubstr("Silent to the end")));
+}
+
+TEST(Summary, SaysThatNoTypeIsOff) {
+  TraceFacts facts = factsOf(root);
+  facts.included = {"ERROR"};
+  EXPECT_THAT(summaryOf({}, {&facts}), HasSubstr("\n  Types off   none\n"));
+}
+
 TEST(Summary, WhatTheRingHasLostIsNoSilence) {
   TraceFacts facts = factsOf(root);
   facts.hasLost = true;
