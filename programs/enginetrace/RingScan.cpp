@@ -92,7 +92,7 @@ void RingScan::walk(const FileBytes& file, std::uint64_t begin, std::uint64_t en
       if (lines.offset() >= end && end < file.size()) {
         return;
       }
-    } else if (bytes.starts_with(separatorLine)) {
+    } else if (beginsSeparator(bytes)) {
       takeSeparator(lines.offset());
     } else {
       // An empty line is hardly the rest of a cut one, but often the end of a text.
