@@ -36,7 +36,7 @@ class RandomTrace {
     longestGap_ = WallTime{1} << below(oneIn(3) ? 34 : 24);
     silences_ = oneIn(3) ? 1 + static_cast<unsigned>(below(2)) : 0;
     setsClock_ = oneIn(4);
-    wraps_ = oneIn(4);
+    rewindPoints_ = oneIn(4) ? 20 : 0;
     run();
     lastChange_ = time_ + behindSecond_;
     isCopied_ = oneIn(10);
@@ -96,7 +96,9 @@ class RandomTrace {
       setsClock_ = false;
       time_ -= oneIn(2) ? hour : static_cast<WallTime>(below(static_cast<std::uint64_t>(hour)));
     }
-    if (wraps_ && oneIn(300)) {
+    // As many as leave a large ring room for a pass.
+    if (rewindPoints_ > 0 && oneIn(300)) {
+      --rewindPoints_;
       ring_.wrap();
     }
   }
@@ -128,7 +130,7 @@ class RandomTrace {
   WallTime longestGap_ = 0;
   unsigned silences_ = 0;
   bool setsClock_ = false;
-  bool wraps_ = false;
+  unsigned rewindPoints_ = 0;
   WallTime lastChange_ = 0;
   bool isCopied_ = false;
   bool endsWhole_ = false;
