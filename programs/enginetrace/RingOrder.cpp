@@ -15,7 +15,7 @@ constexpr double certain = 100;
 // By how much all others together must weigh less. Those for where the lines go on speak of few
 // places, and are modest.
 constexpr double decisive = 6;
-constexpr double decisiveOfFew = 2.5;
+constexpr double decisiveOfFew = 2;
 
 // Few cuts are exactly between two lines.
 constexpr double shareWithoutRest = 0.03;
@@ -31,6 +31,7 @@ constexpr WallTime usualSetBack = 3 * microsecondsPerHour;
 constexpr double weightOfSetBack = 2;
 constexpr WallTime shortestSilence = 60 * microsecondsPerSecond;
 constexpr double weightOfDayOfSilence = 1;
+constexpr double weightOfSetBackInstead = -1.5;
 // What was written whole ends in a newline, unless the newest line is cut short.
 constexpr double weightOfNoNewline = 5;
 
@@ -40,7 +41,10 @@ constexpr double weightOfRewindPoint = 1;
 // What speaks for a seam.
 struct Signs {
   explicit Signs(const Junctions& all)
-      : count(all.count() + 1), rests(all.rests() + 1), usualGap(all.usualGap()) {}
+      : groups(all.groups()),
+        count(all.count() + 1),
+        rests(all.rests() + 1),
+        usualGap(all.usualGap()) {}
 
   // What many junctions have is no sign.
   [[nodiscard]] double weightOfRest(bool hasRest) const {
@@ -48,12 +52,22 @@ struct Signs {
                    : std::log(shareWithoutRest * count / (count - rests + 1));
   }
 
+  // Of the gaps, those that are about as long or longer.
+  [[nodiscard]] double shareOfLonger(WallTime gap) const {
+    double longer = 1;
+    for (const Junctions::Group& group : groups) {
+      longer += group.below > gap ? group.count : 0;
+    }
+    return longer / count;
+  }
+
   // At the seam, any time of day is as likely as any other. Between two lines, short times are, but
   // there is a long silence now and then, and a clock was set back.
   [[nodiscard]] double weightOfGap(WallTime gap) const {
     const double day = static_cast<double>(microsecondsPerDay);
     const double time = static_cast<double>(gap);
-    const double weight = 2 * std::log(time + usualGap) - std::log(usualGap) - std::log(day);
+    const double share = std::min(usualGap / (time + usualGap), shareOfLonger(gap));
+    const double weight = std::log((time + usualGap) / day) - std::log(share);
     if (gap < shortestSilence) {
       return weight;
     }
@@ -86,6 +100,7 @@ struct Signs {
            (junction.isTraceEnd ? certain : 0);
   }
 
+  std::vector<Junctions::Group> groups;
   double count;
   double rests;
   double usualGap;
@@ -120,10 +135,10 @@ double weightOfNoSeam(const RingScan& scan, const Signs& signs, const LastChange
 }
 
 // That any other junction than this one is the seam.
-double weightOfOthers(const Junctions& junctions, const Signs& signs, const Junction* seam) {
+double weightOfOthers(const Signs& signs, const Junction* seam) {
   double all = 0;
   bool isLeftOut = seam == nullptr;
-  for (const Junctions::Group& group : junctions.groups()) {
+  for (const Junctions::Group& group : signs.groups) {
     const bool isOwn = !isLeftOut && group.fit == seam->fit && group.hasRest == seam->hasRest &&
                        seam->gap() < group.below;
     isLeftOut = isLeftOut || isOwn;
@@ -131,6 +146,15 @@ double weightOfOthers(const Junctions& junctions, const Signs& signs, const Junc
            std::exp(signs.weight(group.hasRest, group.fit, group.below / 4 * 3));
   }
   return std::log(all);
+}
+
+// A silence in a ring that has not lasted much longer, or the newest line behind it and a clock
+// that was set back: both show the same gaps.
+bool isSetBackInstead(WallTime gapOfSeam, WallTime silence) {
+  // An hour, and what the ring has lasted.
+  constexpr WallTime most = 4000 * microsecondsPerSecond;
+  const WallTime by = microsecondsPerDay - gapOfSeam;
+  return by <= most && silence >= shortestSilence && silence <= by && silence > by / 2;
 }
 
 // Whether a pass that has begun there has ended where the file does.
@@ -193,7 +217,14 @@ RingOrder::RingOrder(const RingScan& scan, const LastChange& change, std::uint64
         seam = &junction;
       }
     }
-    second = std::max(second, weightOfOthers(scan.junctions, signs, seam));
+    second = std::max(second, weightOfOthers(signs, seam));
+    const WallTime gap = seam != nullptr ? seam->gap() : gapBehindEnd(scan.parts);
+    for (const Junction& rival : candidates) {
+      if (isSetBackInstead(gap, rival.gap())) {
+        second =
+            std::max(second, signs.weight(rival.hasRest, rival.fit, gap) + weightOfSetBackInstead);
+      }
+    }
     isUnknown = best - second < decisive;
   }
   if (seam != nullptr) {
