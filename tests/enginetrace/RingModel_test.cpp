@@ -211,3 +211,18 @@ TEST(RandomRings, ComeOutInTheOrderOfWritingWithTheirDates) {
     EXPECT_LT(datesUnknown, count / 5);
   }
 }
+
+// Rings of which a guess would be wrong: they go on at one of several rewind points, or a clock
+// that was set back looks like a silence.
+TEST(RandomRings, SayThatTheirOrderIsUnknownWhenSomethingElseIsAsLikely) {
+  const EnvironmentGuard zone("TZ", "UTC0");
+  tzset();
+  const TemporaryFolder folder;
+  const std::string path = folder.file("root.1.trc");
+  for (const unsigned seed : {4407U, 101634U, 104794U, 106861U, 114598U}) {
+    const RandomTrace trace(seed);
+    writeFile(path, trace.ring().file());
+    setLastChange(path, trace.lastChange());
+    EXPECT_TRUE(TraceFile(path).facts().isOrderUnknown) << seed;
+  }
+}
