@@ -207,7 +207,7 @@ TEST(RandomRings, ComeOutInTheOrderOfWritingWithTheirDates) {
               datesUnknown);
   if (count >= 1000) {
     EXPECT_GT(seams, count / 2);
-    EXPECT_LT(ordersUnknown, count / 50);
+    EXPECT_LT(ordersUnknown, count / 60);
     EXPECT_LT(datesUnknown, count / 5);
   }
 }
