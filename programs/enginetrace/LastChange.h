@@ -10,9 +10,10 @@
 /// The time of a file's last change and what it tells of the newest line: the writer writes each
 /// line at once.
 
-/// From one time of day to the next time that it is another one.
+/// From one time of day to the next time that it is another one: below a day, also when a damaged
+/// line has a time that no day has, as "29:59:69".
 constexpr WallTime timeBetween(WallTime before, WallTime behind) noexcept {
-  return behind >= before ? behind - before : behind - before + microsecondsPerDay;
+  return (behind - before + 2 * microsecondsPerDay) % microsecondsPerDay;
 }
 
 class LastChange {

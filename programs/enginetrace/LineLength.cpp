@@ -10,7 +10,7 @@ std::size_t lengthOfLine(std::string_view text) noexcept {
     }
     end = newline + 1;
     const std::string_view rest = text.substr(end);
-    if (beginsLine(rest) || rest.starts_with(separatorLine)) {
+    if (beginsLine(rest) || beginsSeparator(rest)) {
       return end;
     }
   }

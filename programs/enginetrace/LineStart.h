@@ -47,3 +47,8 @@ inline std::int64_t timeOfDay(const char* line) noexcept {
   }
   return seconds * 1'000'000 + fraction;
 }
+
+/// Whether a separator begins with these bytes.
+inline bool beginsSeparator(std::string_view bytes) noexcept {
+  return !bytes.empty() && bytes[0] == separatorLine[0] && bytes.starts_with(separatorLine);
+}

@@ -1,64 +1,64 @@
 #include "programs/enginetrace/Merge.h"
 
 #include <algorithm>
-#include <utility>
+#include <bit>
+#include <limits>
+
+namespace {
+
+// Behind the last line of a source.
+constexpr WallTime never = std::numeric_limits<WallTime>::max();
+
+}  // namespace
 
 Merge::Merge(const std::vector<Source>& sources) {
-  for (std::size_t rank = 0; rank < sources.size(); ++rank) {
-    Input input{sources[rank], rank, {}};
-    if (read(input)) {
-      inputs_.push_back(input);
-    }
+  for (const Source& source : sources) {
+    inputs_.push_back({source, {}});
   }
-  // What is sorted is a heap.
-  std::sort(inputs_.begin(), inputs_.end(), comesFirst);
+  times_.assign(std::bit_ceil(std::max<std::size_t>(sources.size(), 2)), never);
+  winners_.assign(times_.size(), 0);
+  for (std::size_t rank = 0; rank < sources.size(); ++rank) {
+    read(rank);
+  }
+  for (std::size_t rank = 0; rank < times_.size(); rank += 2) {
+    play(rank);
+  }
 }
 
-bool Merge::read(Input& input) {
+void Merge::read(std::size_t rank) {
+  Input& input = inputs_[rank];
   const bool isThere = input.source.lines->next(input.line);
   input.line.process = input.source.process;
-  return isThere;
+  times_[rank] = isThere ? input.line.time : never;
 }
 
-bool Merge::comesFirst(const Input& one, const Input& other) noexcept {
-  return one.line.time < other.line.time ||
-         (one.line.time == other.line.time && one.rank < other.rank);
+// Plays the games of a source: who wins has the earlier time, or else the lower rank, which is
+// always on the left. No branch depends on who wins: nobody could foresee it.
+void Merge::play(std::size_t rank) noexcept {
+  std::size_t place = (times_.size() + rank) / 2;
+  auto left = static_cast<std::uint32_t>(rank & ~std::size_t{1});
+  std::uint32_t right = left + 1;
+  for (;;) {
+    winners_[place] = times_[right] < times_[left] ? right : left;
+    if (place == 1) {
+      return;
+    }
+    left = winners_[place & ~std::size_t{1}];
+    right = winners_[place | 1];
+    place /= 2;
+  }
 }
 
 bool Merge::next(Line& line) {
   if (hasGiven_) {
     // Only now: the line that was given last has been used.
-    if (!read(inputs_.front())) {
-      inputs_.front() = inputs_.back();
-      inputs_.pop_back();
-    }
-    sink();
-    hasGiven_ = false;
+    const std::size_t rank = winners_[1];
+    read(rank);
+    play(rank);
   }
-  if (inputs_.empty()) {
-    return false;
+  hasGiven_ = times_[winners_[1]] != never;
+  if (hasGiven_) {
+    line = inputs_[winners_[1]].line;
   }
-  line = inputs_.front().line;
-  hasGiven_ = true;
-  return true;
-}
-
-// Moves the first input to where it belongs. Most often it stays: a process writes several lines
-// in a row.
-void Merge::sink() noexcept {
-  std::size_t place = 0;
-  for (;;) {
-    std::size_t next = 2 * place + 1;
-    if (next >= inputs_.size()) {
-      return;
-    }
-    if (next + 1 < inputs_.size() && comesFirst(inputs_[next + 1], inputs_[next])) {
-      ++next;
-    }
-    if (!comesFirst(inputs_[next], inputs_[place])) {
-      return;
-    }
-    std::swap(inputs_[next], inputs_[place]);
-    place = next;
-  }
+  return hasGiven_;
 }

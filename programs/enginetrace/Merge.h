@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <vector>
 
 #include "programs/enginetrace/Line.h"
@@ -26,14 +27,16 @@ class Merge : public LineSource {
  private:
   struct Input {
     Source source;
-    std::size_t rank;
     Line line;  // The next one of the source.
   };
 
-  static bool read(Input& input);
-  static bool comesFirst(const Input& one, const Input& other) noexcept;
-  void sink() noexcept;
+  void read(std::size_t rank);
+  void play(std::size_t rank) noexcept;
 
-  std::vector<Input> inputs_;  // A heap: the next line of all is that of the first.
-  bool hasGiven_ = false;      // The line of the first.
+  std::vector<Input> inputs_;    // By rank.
+  std::vector<WallTime> times_;  // Of their next lines; as many as a whole tree has leaves.
+  // A tournament: the ranks of those that come first of two neighbours, of four and so on. The
+  // winner of all is at 1, the leaves are not kept.
+  std::vector<std::uint32_t> winners_;
+  bool hasGiven_ = false;  // The winner's line.
 };

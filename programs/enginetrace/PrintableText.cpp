@@ -28,6 +28,10 @@ std::size_t plainLength(std::string_view text) noexcept {
   while (length + 16 <= text.size() && arePlain(text.data() + length)) {
     length += 16;
   }
+  // The rest is mostly as plain as what is before it.
+  if (text.size() >= 16 && length + 16 > text.size() && arePlain(text.data() + text.size() - 16)) {
+    return text.size();
+  }
   while (length < text.size() && isPlain(static_cast<Byte>(text[length]))) {
     ++length;
   }

@@ -46,5 +46,5 @@ struct RingOrder {
   bool isUnknown = false;       ///< Something else is as likely.
 
  private:
-  void arrange(const std::vector<Part>& parts, const Junction* seam);
+  void arrange(const std::vector<Part>& parts, const Junction* seam, std::size_t resumes);
 };

@@ -3,22 +3,23 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <numeric>
 
 #include "programs/enginetrace/LineStart.h"
 #include "programs/enginetrace/LineWalk.h"
 
+std::size_t Junctions::kindOf(const Junction& junction) noexcept {
+  return 2 * static_cast<std::size_t>(junction.fit) + (junction.hasRest ? 1 : 0);
+}
+
 void Junctions::add(const Junction& junction) noexcept {
   const WallTime gap = junction.gap();
-  ++count_;
-  rests_ += junction.hasRest ? 1 : 0;
-  digits_ += static_cast<unsigned>(std::bit_width(static_cast<std::uint64_t>(gap)));
-  const auto fit = static_cast<std::size_t>(junction.fit);
-  ++fits_[fit];
+  const std::size_t kind = kindOf(junction);
+  ++counts_[kind][static_cast<unsigned>(std::bit_width(static_cast<std::uint64_t>(gap)))];
   if (junction.isTraceEnd) {
     traceEnd_ = junction;
     return;
   }
-  const std::size_t kind = 2 * fit + (junction.hasRest ? 1 : 0);
   auto& [first, second] = widest_[kind];
   if (kept_[kind] == 0 || gap > first.gap()) {
     second = first;
@@ -42,8 +43,43 @@ std::vector<Junction> Junctions::candidates() const {
   return all;
 }
 
+std::vector<Junctions::Group> Junctions::groups() const {
+  std::vector<Group> groups;
+  for (std::size_t kind = 0; kind < kinds; ++kind) {
+    for (std::size_t digits = 0; digits <= mostDigits; ++digits) {
+      if (const std::uint64_t count = counts_[kind][digits]; count > 0) {
+        groups.push_back({static_cast<LastChange::Fit>(kind / 2), kind % 2 != 0,
+                          WallTime{1} << digits, static_cast<double>(count)});
+      }
+    }
+  }
+  return groups;
+}
+
+double Junctions::count() const noexcept {
+  std::uint64_t count = 0;
+  for (const auto& kind : counts_) {
+    count = std::accumulate(kind.begin(), kind.end(), count);
+  }
+  return static_cast<double>(count);
+}
+
+double Junctions::rests() const noexcept {
+  std::uint64_t count = 0;
+  for (std::size_t kind = 1; kind < kinds; kind += 2) {
+    count = std::accumulate(counts_[kind].begin(), counts_[kind].end(), count);
+  }
+  return static_cast<double>(count);
+}
+
 double Junctions::usualGap() const noexcept {
-  return count_ == 0 ? 1 : std::exp2(static_cast<double>(digits_) / static_cast<double>(count_));
+  std::uint64_t all = 0;
+  for (const auto& kind : counts_) {
+    for (std::size_t digits = 0; digits <= mostDigits; ++digits) {
+      all += digits * kind[digits];
+    }
+  }
+  return all == 0 ? 1 : std::exp2(static_cast<double>(all) / count());
 }
 
 namespace {
@@ -92,7 +128,7 @@ void RingScan::walk(const FileBytes& file, std::uint64_t begin, std::uint64_t en
       if (lines.offset() >= end && end < file.size()) {
         return;
       }
-    } else if (bytes.starts_with(separatorLine)) {
+    } else if (beginsSeparator(bytes)) {
       takeSeparator(lines.offset());
     } else {
       // An empty line is hardly the rest of a cut one, but often the end of a text.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -67,31 +68,39 @@ struct BackStep {
 
 /// Keeps of all junctions of the body those that can be the seam: what speaks for a junction are
 /// its kind and its gap, so that the widest gaps of each kind are enough. Two: the best and its
-/// rival.
+/// rival. Of the others it is counted how many there are of each kind and about what gap.
 class Junctions {
  public:
   void add(const Junction& junction) noexcept;
   void clear() noexcept { *this = {}; }
 
   [[nodiscard]] std::vector<Junction> candidates() const;
-  [[nodiscard]] double count() const noexcept { return static_cast<double>(count_); }
+
+  /// Junctions that are hardly different.
+  struct Group {
+    LastChange::Fit fit;
+    bool hasRest;
+    WallTime below;  ///< The gaps are shorter, but not by half.
+    double count;
+  };
+  [[nodiscard]] std::vector<Group> groups() const;
+
+  [[nodiscard]] double count() const noexcept;
   /// How many have what looks like the rest of a cut line.
-  [[nodiscard]] double rests() const noexcept { return static_cast<double>(rests_); }
-  /// How many are as near to the file's last change.
-  [[nodiscard]] double fits(LastChange::Fit fit) const noexcept {
-    return static_cast<double>(fits_[static_cast<std::size_t>(fit)]);
-  }
+  [[nodiscard]] double rests() const noexcept;
   /// Between two lines, in microseconds, whatever silences there were.
   [[nodiscard]] double usualGap() const noexcept;
 
  private:
   static constexpr std::size_t kinds = 2 * LastChange::fits;
+  static constexpr std::size_t mostDigits = std::bit_width(std::uint64_t{microsecondsPerDay});
+
+  [[nodiscard]] static std::size_t kindOf(const Junction& junction) noexcept;
+
   std::array<std::array<Junction, 2>, kinds> widest_ = {};
   std::array<unsigned, kinds> kept_ = {};
-  std::array<std::uint64_t, LastChange::fits> fits_ = {};
-  std::uint64_t count_ = 0;
-  std::uint64_t rests_ = 0;
-  std::uint64_t digits_ = 0;  // of all gaps, binary ones
+  // By the number of binary digits of the gap.
+  std::array<std::array<std::uint64_t, mostDigits + 1>, kinds> counts_ = {};
   Junction traceEnd_;
 };
 

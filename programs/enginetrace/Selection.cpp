@@ -22,10 +22,12 @@ void Selection::take(const Line& line) {
   if (hasTaken_ && hasDropped_ && (limits_.before > 0 || limits_.after > 0)) {
     to_.gap();
   }
-  for (const Kept& kept : kept_) {
-    to_.write({kept.whole, kept.time, kept.process});
+  if (!kept_.empty()) {
+    for (const Kept& kept : kept_) {
+      to_.write({kept.whole, kept.time, kept.process});
+    }
+    kept_.clear();
   }
-  kept_.clear();
   to_.write(line);
   after_ = limits_.after;
   hasTaken_ = true;

@@ -10,7 +10,7 @@
 namespace {
 
 // Fits into the caches of a processor, beside what is made of it.
-constexpr std::size_t blockSize = 262'144;
+constexpr std::size_t blockSize = 65'536;
 
 // As many bytes as tell what is behind a newline.
 constexpr std::size_t enough = separatorLine.size();
@@ -115,7 +115,7 @@ void StretchReader::mark(std::size_t from) {
 // Whether a line or a separator begins at a place in the buffer.
 bool StretchReader::beginsAt(std::size_t place) const noexcept {
   const std::string_view bytes(buffer_.data() + place, last_ - place);
-  return beginsLine(bytes) || bytes.starts_with(separatorLine);
+  return beginsLine(bytes) || beginsSeparator(bytes);
 }
 
 // Moves found_ behind the first line in the buffer; false when more bytes are needed for that.
@@ -145,7 +145,7 @@ std::string_view StretchReader::take(std::size_t size) noexcept {
 
 // A separator, and an empty line that the trace was asked for in front of the next line.
 void StretchReader::skipSeparators() noexcept {
-  while (std::string_view(buffer_.data() + first_, last_ - first_).starts_with(separatorLine)) {
+  while (beginsSeparator(std::string_view(buffer_.data() + first_, last_ - first_))) {
     take(separatorLine.size());
     if (first_ != last_ && buffer_[first_] == '\n') {
       take(1);

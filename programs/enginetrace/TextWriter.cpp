@@ -1,6 +1,7 @@
 #include "programs/enginetrace/TextWriter.h"
 
 #include <algorithm>
+#include <cstdint>
 
 #include "programs/enginetrace/LineStart.h"
 #include "programs/enginetrace/PrintableText.h"
@@ -33,12 +34,16 @@ std::string_view colourOf(Severity severity) {
 TextWriter::TextWriter(Output& output, const TextStyle& style) : output_(output), style_(style) {}
 
 void TextWriter::write(const Line& line) {
-  if (style_.isPlain() && isPrintable(line.whole)) {
+  buffer_.clear();
+  if (!style_.hasColour && isPrintable(line.whole) &&
+      (style_.markWidth == 0 || line.whole.find('\n') == std::string_view::npos)) {
+    putMark(*line.process);
+    putDate(line.time);
+    output_.put(buffer_);
     output_.put(line.whole);
     output_.put("\n");
     return;
   }
-  buffer_.clear();
   const std::string_view colour =
       style_.hasColour ? colourOf(severityOf(typeOf(line.whole))) : std::string_view();
   for (std::size_t start = 0; start <= line.whole.size();) {
@@ -64,14 +69,17 @@ void TextWriter::putMark(const Process& process) {
   if (style_.markWidth == 0) {
     return;
   }
-  if (marked_ != &process) {
-    marked_ = &process;
-    mark_.clear();
-    appendPrintable(mark_, process.mark);
-    mark_.resize(std::max(mark_.size(), style_.markWidth), ' ');
+  Mark& mark = marks_[reinterpret_cast<std::uintptr_t>(&process) / sizeof process % marks_.size()];
+  if (mark.process != &process) {
+    mark.process = &process;
+    mark.text = style_.hasColour ? green : "";
+    const std::size_t begin = mark.text.size();
+    appendPrintable(mark.text, process.mark);
+    mark.text.resize(std::max(mark.text.size(), begin + style_.markWidth), ' ');
+    mark.text += style_.hasColour ? ordinary : "";
+    mark.text += "  ";
   }
-  putIn(green, mark_);
-  buffer_ += "  ";
+  buffer_ += mark.text;
 }
 
 void TextWriter::putDate(WallTime time) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -30,6 +31,11 @@ class TextWriter : public LineWriter {
   void gap() override;
 
  private:
+  struct Mark {
+    const Process* process = nullptr;
+    std::string text;  // As it is put.
+  };
+
   void putMark(const Process& process);
   void putDate(WallTime time);
   void putBeginning(std::string_view text, std::string_view colour);
@@ -38,8 +44,7 @@ class TextWriter : public LineWriter {
   Output& output_;
   const TextStyle style_;
   std::string buffer_;
-  const Process* marked_ = nullptr;  // whose mark this is
-  std::string mark_;
-  WallTime day_ = 0;  // the midnight whose date this is
+  std::array<Mark, 64> marks_;  // of processes that had lines lately
+  WallTime day_ = 0;            // the midnight whose date this is
   std::string date_;
 };

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "programs/enginetrace/LastChange.h"
 #include "programs/enginetrace/TraceFile.h"
 #include "tests/enginetrace/RingModel.h"
 #include "tests/support/Child.h"
@@ -365,6 +366,15 @@ TEST_F(TraceFileOrder, IsThatOfAFileAlsoForAPipe) {
     text += line.text + "\n";
   }
   EXPECT_TRUE(result.out == text);
+}
+
+TEST_F(TraceFileOrder, OfTimesThatNoDayHasIsThatOfTheFile) {
+  TraceFile file(put("29:59:69.999999 (main    )a\n00:00:00.000000 (main    )b\n", start));
+  const std::vector<ModelLine> lines = read(file);
+  ASSERT_EQ(lines.size(), 2U);
+  EXPECT_THAT(lines[0].text, HasSubstr(")a"));
+  EXPECT_EQ(timeBetween(microsecondsPerDay + 1, 0), microsecondsPerDay - 1);
+  EXPECT_EQ(timeBetween(0, microsecondsPerDay + 1), 1);
 }
 
 TEST_F(TraceFileOrder, OfAFifoNeedsAWriter) {
