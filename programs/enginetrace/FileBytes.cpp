@@ -30,6 +30,12 @@ struct stat inspect(int file, const std::string& path) {
   return info;
 }
 
+// The kernel's own files have bytes, and a size of 0 still.
+bool hasNoSize(int file, const std::string& path) {
+  char byte;
+  return pread(file, &byte, 1, 0) == 1 && inspect(file, path).st_size == 0;
+}
+
 std::int64_t changeOf(const struct stat& info) noexcept {
   return info.st_mtim.tv_sec * microsecondsPerSecond + info.st_mtim.tv_nsec / 1000;
 }
@@ -89,6 +95,10 @@ FileBytes::FileBytes(const std::string& path) : path_(path), file_(open(path)) {
     if (S_ISBLK(info.st_mode) || (S_ISCHR(info.st_mode) && path != "-")) {
       throw NotATrace(path);
     }
+    spool();
+    return;
+  }
+  if (info.st_size == 0 && hasNoSize(file_.get(), path)) {
     spool();
     return;
   }

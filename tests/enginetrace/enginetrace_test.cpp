@@ -355,6 +355,13 @@ TEST_F(Reader, ReadsTheOthersWhenAFileIsNoTrace) {
   EXPECT_EQ(runReader({empty}).status, 2);
 }
 
+TEST_F(Reader, SeesThatAFileOfTheKernelIsNoTraceThoughItSaysItIsEmpty) {
+  const ChildResult r = runReader({"/proc/version"});
+  EXPECT_EQ(r.status, 2);
+  EXPECT_EQ(r.out, "");
+  EXPECT_EQ(r.err, said("/proc/version: not a trace"));
+}
+
 TEST_F(Reader, ShowsNothingOfAnEmptyTrace) {
   writeFile(file_, "");
   EXPECT_EQ(shown({}), "");
