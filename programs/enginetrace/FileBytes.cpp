@@ -102,8 +102,8 @@ FileBytes::FileBytes(const std::string& path) : path_(path), file_(open(path)) {
     spool();
     return;
   }
-  size_ = static_cast<std::uint64_t>(info.st_size);
   lastChange_ = changeOf(info);
+  lookAgain();
 }
 
 // What is no trace is found out from its first bytes: it may have no end.
@@ -145,15 +145,18 @@ bool FileBytes::isWrittenTo() const noexcept {
   if (lastChange_ < 0 || fstat(file_.get(), &info) != 0) {
     return false;
   }
-  return changeOf(info) != lastChange_ || static_cast<std::uint64_t>(info.st_size) != size_ ||
-         now() - lastChange_ < step;
+  return isFresh_ || changeOf(info) != lastChange_ ||
+         static_cast<std::uint64_t>(info.st_size) != size_;
 }
 
+// A write dates the file when it begins, and may be held up for long before it ends.
 void FileBytes::lookAgain() noexcept {
   struct stat info = {};
+  awaitWrite();
   if (lastChange_ >= 0 && fstat(file_.get(), &info) == 0) {
     size_ = static_cast<std::uint64_t>(info.st_size);
     lastChange_ = changeOf(info);
+    isFresh_ = now() - lastChange_ < step;
   }
 }
 

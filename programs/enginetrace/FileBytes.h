@@ -56,4 +56,5 @@ class FileBytes {
   Descriptor file_;
   std::uint64_t size_ = 0;
   std::int64_t lastChange_ = -1;
+  bool isFresh_ = false;  // so that a later change may have the same date
 };
