@@ -303,7 +303,10 @@ function drawAxis(context, width, height) {
     context.fillStyle = colours.rule.text;
     context.fillRect(x, axis - 5, 1, height);
     context.fillStyle = colours.quiet.text;
-    context.fillText(tickText(time, step), x + 4, axis / 2);
+    const text = tickText(time, step);
+    if (x + 4 + context.measureText(text).width <= gutter + width) {
+      context.fillText(text, x + 4, axis / 2);
+    }
   }
 }
 
@@ -314,7 +317,7 @@ function drawNames(context, firstRow, endRow) {
     context.fillStyle = process === undefined ? colours.text.text : colours.quiet.text;
     context.font = `${process === undefined ? '' : 'bold '}12px system-ui, sans-serif`;
     if (process !== undefined) {
-      context.fillText(process, 8, y);
+      context.fillText(process, 8, y, gutter - 14);
     } else {
       context.fillText(lanes[lane].thread || '(no thread)', 18, y, gutter - 24);
     }
