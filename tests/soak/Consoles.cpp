@@ -69,6 +69,10 @@ void hangUpConsole(Work& work, unsigned long number) {
   pid_t debuggee = -1;
   {
     UNIXStdioPipes console;
+    if (console.readHandle(StdioPipes::StdOutput) == -1) {
+      work.wrong("not opened");
+      return;
+    }
     debuggee = fork();
     if (debuggee == 0) {
       beDebuggee(console);

@@ -17,13 +17,11 @@ bool isNumber(std::string_view text) {
   return !text.empty() && text.find_first_not_of("0123456789") == std::string_view::npos;
 }
 
-// The names of a folder's entries that are numbers, without those that go meanwhile.
+// The names of a folder's entries that are numbers.
 std::vector<int> numbersIn(const char* folder) {
   std::vector<int> numbers;
-  std::error_code error;
-  for (fs::directory_iterator entry(folder, error), end; !error && entry != end;
-       entry.increment(error)) {
-    const std::string name = entry->path().filename().string();
+  for (const fs::directory_entry& entry : fs::directory_iterator(folder)) {
+    const std::string name = entry.path().filename().string();
     if (isNumber(name)) {
       numbers.push_back(std::atoi(name.c_str()));
     }
@@ -142,7 +140,10 @@ std::vector<Thirds> thirdsOf(const std::vector<Usage>& looks, const Margin& marg
   const auto add = [&](const char* name, unsigned long allowed, auto value) {
     thirds.push_back({name, median(2 * third, value), median(third, value), allowed});
   };
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+  // Sanitizers keep memory that was freed, and note what was done with it.
   add("kB resident", margin.resident, [](const Usage& usage) { return usage.resident; });
+#endif
   add("descriptors", margin.descriptors, [](const Usage& usage) { return usage.descriptors; });
   add("threads", margin.threads, [](const Usage& usage) { return usage.threads; });
   add("children", margin.children, [](const Usage& usage) { return usage.children; });

@@ -18,6 +18,7 @@ struct Usage {
   std::size_t zombies = 0;
 };
 
+/// \throws std::filesystem::filesystem_error when "/proc" cannot be read, as below.
 [[nodiscard]] Usage usageNow();
 
 /// What a process has open, by descriptor; how its threads and its children are called, by id.
@@ -35,7 +36,7 @@ struct Belongings {
 /// How much more the last third of a soak may use than the middle one, each as its median. The
 /// first third is the time to warm up.
 struct Margin {
-  unsigned long resident = 2048;  ///< Kilobytes.
+  unsigned long resident = 256;  ///< Kilobytes.
   std::size_t descriptors = 4;
   std::size_t threads = 4;
   std::size_t children = 4;
@@ -50,6 +51,7 @@ struct Thirds {
   [[nodiscard]] bool isFlat() const { return last <= middle + margin; }
 };
 
-/// One entry for each kind; empty when there are fewer than nine looks.
+/// One entry for each kind, under sanitizers without the memory; empty when there are fewer than
+/// nine looks.
 [[nodiscard]] std::vector<Thirds> thirdsOf(const std::vector<Usage>& looks,
                                            const Margin& margin = {});

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 
 namespace {
 
@@ -63,11 +62,11 @@ std::string textOfLine(unsigned writer, unsigned long number) {
   static constexpr std::string_view filler =
       "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789"
       "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-  char text[192];
-  const std::string_view piece = filler.substr(number % 53, number % 61);
-  const int length = std::snprintf(text, sizeof text, "writer %u, line %lu: %.*s|%lu", writer,
-                                   number, static_cast<int>(piece.size()), piece.data(), number);
-  return {text, static_cast<std::size_t>(length)};
+  std::string text = "writer " + std::to_string(writer) + ", line " + std::to_string(number) + ": ";
+  text += filler.substr(number % 53, number % 61);
+  text += '|';
+  text += std::to_string(number);
+  return text;
 }
 
 std::string nameOfWriter(unsigned writer) {
