@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <string_view>
 #include <system_error>
 #include <unistd.h>
@@ -38,7 +40,9 @@ struct Status {
 
 Status statusOf(const std::string& folder) {
   Status status;
-  const std::string text = contentsOf(folder + "/stat");
+  std::ifstream stream(folder + "/stat");
+  std::string text;
+  std::getline(stream, text, '\0');  // which bears a process that goes while it is read
   const std::size_t begin = text.find('(');
   const std::size_t end = text.rfind(')');
   if (begin != std::string::npos && end != std::string::npos && end + 4 < text.size()) {

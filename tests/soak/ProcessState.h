@@ -38,8 +38,9 @@ struct Belongings {
 struct Margin {
   unsigned long resident = 256;  ///< Kilobytes.
   std::size_t descriptors = 4;
-  std::size_t threads = 4;
-  std::size_t children = 4;
+  // Each program, debuggee and forked child that is alive at the moment, and its thread.
+  std::size_t threads = 20;
+  std::size_t children = 20;
 };
 
 /// The two medians of one kind of usage.
