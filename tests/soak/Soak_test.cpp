@@ -26,7 +26,7 @@ ChildResult soak(const std::string& arguments, const std::string& before = {}) {
 TEST(Soak, ForHalfAMinuteFindsNothingWrongAndNothingLeft) {
   const ChildResult r = soak("--seconds 25 " + std::string(allParts));
   EXPECT_EQ(r.status, 0) << r.out << r.err;
-  EXPECT_THAT(r.out, HasSubstr("nothing left behind: all well\n"));
+  EXPECT_THAT(r.out, HasSubstr(" seconds: all well, nothing left behind\n"));
   EXPECT_THAT(r.out, ContainsRegex("\ntrace +[1-9][0-9]* +[0-9.]+ +0\n"));
   EXPECT_THAT(r.out, ContainsRegex("\ndescriptors +[0-9]+ +[0-9]+ +4 +0\n"));
 }
@@ -36,7 +36,7 @@ TEST(Soak, FailsWhenLinesAreMissing) {
   const ChildResult r = soak("--seconds 1 trace", "ulimit -f 200; ");
   EXPECT_EQ(r.status, 1) << r.out << r.err;
   EXPECT_THAT(r.out, ContainsRegex("\ntrace +[1-9][0-9]* .* [1-9][0-9]* missing, first: "));
-  EXPECT_THAT(r.out, HasSubstr(": not all well\n"));
+  EXPECT_THAT(r.out, HasSubstr(" seconds: not all well\n"));
 }
 
 TEST(Soak, RefusesWhatItDoesNotKnow) {

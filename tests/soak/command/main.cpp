@@ -172,9 +172,9 @@ class Soak {
     }
     watch();
     end();
+    seconds_ = secondsSoFar();
     const Belongings after =
         belongingsWhen([&before](const Belongings& now) { return leftovers(before, now).empty(); });
-    seconds_ = secondsSoFar();
     const std::string left = leftovers(before, after);
     if (!left.empty()) {
       isGood_ = false;
@@ -306,8 +306,8 @@ class Soak {
       std::fprintf(output_, "%-12s %12lu %14lu %10lu   %s\n", thirds.name, thirds.middle,
                    thirds.last, thirds.margin, thirds.isFlat() ? "0" : "grows");
     }
-    std::fprintf(output_, "%.0f seconds, nothing left behind: %s\n", seconds_,
-                 isGood_ ? "all well" : "not all well");
+    std::fprintf(output_, "%.0f seconds: %s\n", seconds_,
+                 isGood_ ? "all well, nothing left behind" : "not all well");
   }
 
   void writeLooks() const {
