@@ -152,19 +152,15 @@ void RingCheck::check(std::string_view ring, unsigned long mark,
     note(findings_.missing, "the newest line is missing", "mark " + std::to_string(mark));
     return;
   }
-  // The ring's end: behind the mark, and what the library has said meanwhile.
-  std::size_t seam = place < startLength ? ring.size() : place - startLength;
-  const std::int64_t now = beginsLine(ring.substr(seam)) ? timeOf(ring.substr(seam)) : 0;
-  while (seam < ring.size()) {
-    const std::string_view line = lineAt(ring, seam);
-    if (!beginsLine(line) || elapsed(now, timeOf(line)) < 0) {
-      break;
-    }
-    seam = std::min(seam + line.size() + 1, ring.size());
-  }
-  // Behind it stands the rest of the pass before, whose first line is cut.
-  const std::size_t cut = std::min(ring.find('\n', seam), ring.size() - 1);
-  for (const std::string_view part : {ring.substr(cut + 1), ring.substr(0, seam)}) {
+  // What follows the mark may be changing, up to the end of the ring and from its beginning.
+  const std::size_t newest = std::min(ring.find('\n', place) + 1, ring.size());
+  const std::size_t settled = newest + margin_;
+  const auto behindNewline = [ring](std::size_t from) {
+    return from < ring.size() ? std::min(ring.find('\n', from), ring.size() - 1) + 1 : ring.size();
+  };
+  const std::size_t oldest = behindNewline(settled);
+  const std::size_t begin = settled > capacity_ ? std::min(behindNewline(margin_), newest) : 0;
+  for (const std::string_view part : {ring.substr(oldest), ring.substr(begin, newest - begin)}) {
     for (std::size_t start = 0; start < part.size();) {
       const std::string_view line = lineAt(part, start);
       if (start + line.size() == part.size()) {
@@ -177,11 +173,11 @@ void RingCheck::check(std::string_view ring, unsigned long mark,
   }
   for (std::size_t i = 0; i < last_.size(); ++i) {
     Writer& writer = last_[i];
-    const unsigned long newest = std::max(writer.newest, writer.checked);
-    if (newest < written[i]) {
+    const unsigned long seen = std::max(writer.newest, writer.checked);
+    if (seen < written[i]) {
       note(findings_.missing, "the last lines are missing of",
-           nameOfWriter(static_cast<unsigned>(i + 1)), written[i] - newest);
-    } else if (newest > written[i]) {
+           nameOfWriter(static_cast<unsigned>(i + 1)), written[i] - seen);
+    } else if (seen > written[i]) {
       note(findings_.torn, "a line that was not written yet, of",
            nameOfWriter(static_cast<unsigned>(i + 1)));
     }

@@ -24,10 +24,13 @@ inline std::string textOfMark(unsigned long number) { return "mark " + std::to_s
 /// Looks through a ring again and again while it is filled.
 class RingCheck {
  public:
-  explicit RingCheck(unsigned writers) : last_(writers) {}
+  /// \param capacity of the ring, in bytes.
+  /// \param margin   the most bytes that may be written behind a mark while the ring is read.
+  RingCheck(unsigned writers, std::size_t capacity, std::size_t margin)
+      : last_(writers), capacity_(capacity), margin_(margin) {}
 
-  /// Checks every line of the ring. Nobody writes numbered lines meanwhile; other lines may
-  /// follow the mark.
+  /// Checks every line of the ring but those that may be changing: no numbered ones are written
+  /// meanwhile, but others may follow the mark.
   /// \param ring    all bytes from the rewind point on.
   /// \param mark    number of the line textOfMark() that was written behind the numbered ones.
   /// \param written how many lines each writer has written so far. All since the last check must
@@ -56,6 +59,8 @@ class RingCheck {
     unsigned long newest = 0;   // in this check
   };
   std::vector<Writer> last_;
+  std::size_t capacity_;
+  std::size_t margin_;
   std::int64_t time_ = -1;  // of the line before, in microseconds of the day
   Findings findings_;
 };

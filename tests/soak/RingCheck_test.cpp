@@ -12,6 +12,8 @@ using testing::StartsWith;
 namespace {
 
 constexpr unsigned writers = 2;
+constexpr std::size_t capacity = 1'000'000;
+constexpr std::size_t margin = 300;
 
 // "12:00:00.000100 (Writer01)" with the time in microseconds of the day.
 std::string startOf(unsigned long time, const std::string& thread) {
@@ -47,7 +49,7 @@ std::string linesOfBoth(unsigned long first, unsigned long last, unsigned long s
 }
 
 RingCheck::Findings findingsOf(const std::string& ring, unsigned long written) {
-  RingCheck check(writers);
+  RingCheck check(writers, capacity, margin);
   check.check(ring, 1, std::vector<unsigned long>(writers, written));
   return check.findings();
 }
@@ -66,25 +68,41 @@ TEST(RingCheck, FindsNothingInARingThatHasNotWrapped) {
 
 TEST(RingCheck, ReadsOnBehindTheSeamOfARingWithTheOldestWholeLine) {
   const std::string oldest = linesOfBoth(11, 20);
-  const std::string newest = linesOfBoth(21, 30) + markLine(noon + 900, 1);
-  RingCheck check(writers);
+  const std::string newest = linesOfBoth(21, 30) + markLine(noon + 900, 2);
+  RingCheck check(writers, capacity, margin);
   check.check(linesOfBoth(1, 12) + markLine(noon + 25, 1), 1, std::vector<unsigned long>(2, 12));
+  ASSERT_TRUE(isClean(check.findings()));
   for (std::size_t cut = 1; cut <= oldest.find('\n'); ++cut) {
     RingCheck next = check;
-    next.check(newest + oldest.substr(cut), 1, std::vector<unsigned long>(2, 30));
+    next.check(newest + std::string(margin, '#') + oldest.substr(cut), 2,
+               std::vector<unsigned long>(2, 30));
     EXPECT_TRUE(isClean(next.findings())) << next.findings().first;
     EXPECT_EQ(next.findings().lines, 24U + 39U) << "all but the cut one";
   }
 }
 
-TEST(RingCheck, TakesWhatTheLibrarySaysBehindTheMarkForTheNewestLines) {
-  const RingCheck::Findings findings =
-      findingsOf(linesOfBoth(5, 8) + markLine(noon + 50, 1) + lifeLine(noon + 50) +
-                     lifeLine(noon + 51) + "rest of a line\n" + linesOfBoth(2, 4),
-                 8);
-  EXPECT_EQ(findings.torn + findings.outOfOrder, 0U) << findings.first;
-  EXPECT_EQ(findings.lines, 14U);
-  EXPECT_EQ(findings.others, 3U);
+TEST(RingCheck, LeavesOutWhatMayBeWrittenBehindTheMarkMeanwhile) {
+  const std::string newest = linesOfBoth(5, 8) + markLine(noon + 50, 1);
+  const std::string oldest = linesOfBoth(1, 4);
+  const auto ringWith = [&](const std::string& middle) { return newest + middle + "\n" + oldest; };
+  const std::string being = lifeLine(noon + 51) + "rest\nof lines\nthat are being written";
+  EXPECT_TRUE(
+      isClean(findingsOf(ringWith(being + "\n" + std::string(margin - being.size() - 1, '#')), 8)));
+  EXPECT_EQ(findingsOf(ringWith(std::string(margin, '#') + "\n#\n#"), 8).torn, 2U);
+}
+
+TEST(RingCheck, LeavesOutTheBeginningWhenTheRingMayBeginAnewBehindTheMark) {
+  const std::string beginning = std::string(margin - 10, '#') + "\ntorn, which may be\n";
+  const std::string ring = beginning + linesOfBoth(1, 9) + markLine(noon + 50, 1);
+  const auto tornWith = [&ring](std::size_t size) {
+    RingCheck check(writers, size, margin);
+    check.check(ring, 1, std::vector<unsigned long>(writers, 9));
+    EXPECT_EQ(check.findings().lines, 18U);
+    return check.findings().torn;
+  };
+  EXPECT_EQ(tornWith(ring.size()), 0U);
+  EXPECT_EQ(tornWith(ring.size() + margin - 1), 0U);
+  EXPECT_EQ(tornWith(ring.size() + margin), 2U) << "there is room for all at the end";
 }
 
 TEST(RingCheck, FindsEachByteThatIsNotAsItWasWritten) {
@@ -108,8 +126,8 @@ TEST(RingCheck, FindsALineThatLacksItsMiddleOrEnd) {
                              numberedLine(noon + 9, 2, 4) + markLine(noon + 900, 1);
     EXPECT_EQ(findingsOf(ring, 4).torn, 1U) << length;
   }
-  const std::string noEnd = linesOfBoth(2, 3) + markLine(noon + 900, 1) + "cut\n" +
-                            numberedLine(noon, 1, 1) + startOf(noon + 1, "Writer02");
+  const std::string noEnd = linesOfBoth(2, 3) + markLine(noon + 900, 1) + std::string(margin, '#') +
+                            "\n" + numberedLine(noon, 1, 1) + startOf(noon + 1, "Writer02");
   EXPECT_EQ(findingsOf(noEnd, 3).torn, 1U);
 }
 
@@ -138,16 +156,16 @@ TEST(RingCheck, FindsALineThatIsEarlierThanTheOneBeforeButNotAtMidnight) {
 TEST(RingCheck, CountsTheLinesThatAreMissing) {
   std::string ring = linesOfBoth(1, 3) + numberedLine(noon + 20, 1, 9) +
                      numberedLine(noon + 21, 2, 4) + markLine(noon + 900, 1);
-  RingCheck check(writers);
+  RingCheck check(writers, capacity, margin);
   check.check(ring, 1, std::vector<unsigned long>{9, 4});
   EXPECT_EQ(check.findings().missing, 5U) << "in between";
 
-  check = RingCheck(writers);
+  check = RingCheck(writers, capacity, margin);
   check.check(ring, 1, std::vector<unsigned long>{9, 6});
   EXPECT_EQ(check.findings().missing, 5U + 2U) << "the newest";
 
   ring = linesOfBoth(13, 14) + markLine(noon + 901, 2);
-  check = RingCheck(writers);
+  check = RingCheck(writers, capacity, margin);
   check.check(linesOfBoth(1, 9) + markLine(noon + 900, 1), 1, std::vector<unsigned long>(2, 9));
   ASSERT_TRUE(isClean(check.findings()));
   check.check(ring, 2, std::vector<unsigned long>(2, 14));

@@ -20,6 +20,10 @@ constexpr unsigned writers = 16;
 // So many that those of a round, of 128 bytes on average, fill no more than three quarters of the
 // ring, which is the smallest there is.
 constexpr unsigned long linesInARound = 700;
+constexpr std::size_t ringSize = 2 * 1048576;
+// Each thread may have one line of its life on its way, of a hundred bytes, when the trace is
+// paused.
+constexpr std::size_t linesOnTheirWay = 32768;
 
 // What the writers share: rounds, behind each of which the last of them looks at the ring.
 class Rounds {
@@ -28,7 +32,7 @@ class Rounds {
       : work_(work),
         file_(open(file.c_str(), O_RDONLY | O_CLOEXEC)),
         start_(traceImplementation()->setRewindPoint()),
-        check_(writers),
+        check_(writers, ringSize, linesOnTheirWay),
         barrier_(writers, Behind(*this)) {}
 
   // Whether there is one more.
@@ -61,7 +65,7 @@ class Rounds {
   std::barrier<Behind> barrier_;
 };
 
-// What is written by other threads of the library is dropped while the ring is being read.
+// Lines that other threads begin while the ring is being read are dropped.
 class TracePause {
  public:
   TracePause() { traceImplementation()->pause(true); }
@@ -74,12 +78,13 @@ void Rounds::look() {
   taggedTrace(nullptr, 0, "AGENT", "%s", textOfMark(round_).c_str());
   {
     const TracePause pause;
-    const off_t size = lseek(file_.get(), 0, SEEK_END) - off_t{start_};
-    ring_.resize(static_cast<std::size_t>(size));
-    if (pread(file_.get(), ring_.data(), ring_.size(), start_) != size) {
+    ring_.resize(ringSize);
+    const ssize_t size = pread(file_.get(), ring_.data(), ring_.size(), start_);
+    if (size < 0) {
       work_.wrong("rings could not be read");
       return;
     }
+    ring_.resize(static_cast<std::size_t>(size));
   }
   const std::array<unsigned long, writers> written = [this] {
     std::array<unsigned long, writers> numbers = {};

@@ -178,7 +178,7 @@ class Soak {
     const std::string left = leftovers(before, after);
     if (!left.empty()) {
       isGood_ = false;
-      std::fprintf(output_, "Left behind:\n%s", left.c_str());
+      printLeft(left);
     }
     printParts();
     printUsage();
@@ -283,6 +283,18 @@ class Soak {
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
+  }
+
+  // The first lines tell what kind of thing it is, and all together how much.
+  void printLeft(const std::string& left) {
+    constexpr std::ptrdiff_t mostLines = 20;
+    const std::ptrdiff_t lines = std::count(left.begin(), left.end(), '\n');
+    std::size_t end = 0;
+    for (std::ptrdiff_t i = 0; i < std::min(lines, mostLines); ++i) {
+      end = left.find('\n', end) + 1;
+    }
+    std::fprintf(output_, "%td left behind:\n%s%s\n", lines, left.substr(0, end).c_str(),
+                 lines > mostLines ? "...\n" : "");
   }
 
   void printParts() {
