@@ -7,7 +7,6 @@
 
 using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::Not;
 
 namespace {
 
@@ -31,6 +30,9 @@ TEST(Soak, ForHalfAMinuteFindsNothingWrongAndNothingLeft) {
   EXPECT_THAT(r.out, ContainsRegex("\ndescriptors +[0-9]+ +[0-9]+ +4 +0\n"));
 }
 
+// The thread sanitizer keeps its own notes in files that such a limit cuts.
+#if !defined(__SANITIZE_THREAD__)
+
 TEST(Soak, FailsWhenLinesAreMissing) {
   // Beyond the limit on file sizes the trace loses lines.
   const ChildResult r = soak("--seconds 1 trace", "ulimit -f 200; ");
@@ -38,6 +40,8 @@ TEST(Soak, FailsWhenLinesAreMissing) {
   EXPECT_THAT(r.out, ContainsRegex("\ntrace +[1-9][0-9]* .* [1-9][0-9]* missing, first: "));
   EXPECT_THAT(r.out, HasSubstr(" seconds: not all well\n"));
 }
+
+#endif
 
 TEST(Soak, RefusesWhatItDoesNotKnow) {
   for (const char* arguments : {"", "--seconds", "--seconds 0", "--seconds 1 --counts",
