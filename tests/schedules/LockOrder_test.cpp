@@ -22,7 +22,7 @@
 /// its build, by libraries/lockOrder.cpp in the plain one. Mistakes made on purpose are told of
 /// although no two threads ever wait for each other.
 
-#if !defined(__SANITIZE_ADDRESS__)
+#if defined(CUL_LOCK_ORDER) || defined(__SANITIZE_THREAD__)
 
 namespace {
 

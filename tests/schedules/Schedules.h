@@ -13,7 +13,7 @@
 /// A schedule has a seed, which decides what the scenario's threads do and when they wait (see
 /// Waits.h). Without further wishes the seeds are 1, 2 and so on, the same in each run of the
 /// suite. Two variables of the environment, which script/schedules sets, say otherwise:
-/// - CUL_SCHEDULES_SEED is the first seed;
+/// - CUL_SCHEDULES_SEED is the first seed, and alone the only one, of all schedules;
 /// - CUL_SCHEDULES_SECONDS has each test go on with further seeds for that long.
 /// When a schedule fails, or does not come to its end within a minute, its seed is told and the
 /// test ends.
