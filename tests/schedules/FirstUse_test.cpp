@@ -1,11 +1,8 @@
 #include <array>
 #include <atomic>
 #include <cstddef>
-#include <cstdlib>
 #include <iterator>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -50,8 +47,7 @@ constexpr std::size_t count = std::size(accessors);
 }  // namespace
 
 CUL_CHILD(FirstUseUnderASchedule) {
-  const Schedule schedule(std::strtoull(childArguments().at(0).c_str(), nullptr, 10));
-  const Waits waits(schedule.seed());
+  const ScheduleOfChild schedule;
   constexpr unsigned threads = 4;
   std::array<std::array<const void*, count>, threads> got = {};
   std::atomic<unsigned> ready = 0;
@@ -77,9 +73,6 @@ CUL_CHILD(FirstUseUnderASchedule) {
 }
 
 TEST(ScheduledFirstUse, GivesAllThreadsTheSameObjects) {
-  underSchedulesOfChildren(20, [](const Schedule& schedule) {
-    const ChildResult child =
-        runChild("FirstUseUnderASchedule", {.arguments = {std::to_string(schedule.seed())}});
-    EXPECT_EQ(child.status, 0) << child.out << child.err;
-  });
+  underSchedulesOfChildren(
+      20, [](const Schedule& schedule) { runUnder(schedule, "FirstUseUnderASchedule"); });
 }

@@ -1,6 +1,4 @@
 #include <atomic>
-#include <cstdlib>
-#include <string>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -79,8 +77,7 @@ void useTheLibrary(Chance& chance, bool withThreads) {
 }  // namespace
 
 CUL_CHILD(ForkUnderASchedule) {
-  const Schedule schedule(std::strtoull(childArguments().at(0).c_str(), nullptr, 10));
-  const Waits waits(schedule.seed());
+  const ScheduleOfChild schedule;
   std::atomic<bool> isOver = false;
   std::atomic<unsigned> atWork = 0;
   constexpr unsigned threads = 3;
@@ -114,10 +111,8 @@ CUL_CHILD(ForkUnderASchedule) {
 TEST(ScheduledFork, LeavesEveryChildALibraryThatItCanUse) {
   underSchedulesOfChildren(8, [](const Schedule& schedule) {
     const TemporaryFolder folder;
-    ChildOptions options = childWith({{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", folder.file("trace")}},
-                                     {std::to_string(schedule.seed())});
-    const ChildResult child = runChild("ForkUnderASchedule", options);
-    EXPECT_EQ(child.status, 0) << child.out << child.err;
+    runUnder(schedule, "ForkUnderASchedule",
+             childWith({{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", folder.file("trace")}}));
   });
 }
 

@@ -13,6 +13,7 @@
 #include "Engine/utilities/ThreadListener.h"
 
 #include "tests/schedules/Schedules.h"
+#include "tests/support/WaitUntil.h"
 
 namespace {
 
@@ -104,6 +105,28 @@ TEST(ScheduledReference, DeletesTheObjectOnceAndAfterItsLastReference) {
       delete place.exchange(nullptr);
     }
     EXPECT_EQ(Counted::alive, 0);
+  });
+}
+
+TEST(ScheduledReference, ToAListenerLeavesItsWorkerToWhoeverStartsIt) {
+  underSchedules(10, [](const Schedule& schedule) {
+    Idle idle;
+    const unsigned threads = 2 + schedule.chance().below(3);
+    std::vector<Reference<ThreadListener>> owned(threads + 1);
+    {
+      const Reference<ThreadListener> listener(new CountedListener(idle));
+      for (unsigned thread = 1; thread <= threads; ++thread) {
+        owned[thread] = listener;
+      }
+    }
+    schedule.onThreads(threads, [&](unsigned thread) {
+      Reference<ThreadListener> own = std::move(owned[thread]);
+      if (thread == 1) {
+        EXPECT_NE(own->start(), 0U);
+      }
+    });
+    EXPECT_TRUE(waitUntil([] { return CountedListener::alive == 0; }));
+    EXPECT_EQ(idle.runs, 1);
   });
 }
 

@@ -8,13 +8,23 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <thread>
 #include <unistd.h>
+#include <vector>
 
 #include <gtest/gtest.h>
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+#include <sanitizer/common_interface_defs.h>
+#endif
 
 namespace {
 
 constexpr unsigned secondsOfASchedule = 60;
+constexpr const char* countsOfChild = "calls and waits: ";
+
+unsigned long long callsOfChildren = 0;
+unsigned long long waitsOfChildren = 0;
 
 const char* wish(const char* variable) {
   const char* const value = std::getenv(variable);
@@ -33,11 +43,32 @@ std::string howToRepeat(std::uint64_t seed) {
 // What is told when a schedule does not come to its end.
 char lastWords[512];
 
-void tellAndAbort(int /*signal*/) {
-  const ssize_t n = write(STDERR_FILENO, lastWords, std::strlen(lastWords));
+void say(const char* text) {
+  const ssize_t n = write(STDERR_FILENO, text, std::strlen(text));
   static_cast<void>(n);
+}
+
+void tellAndAbort(int /*signal*/) {
+  say("does not come to its end: ");
+  say(lastWords);
   std::signal(SIGABRT, SIG_DFL);
   std::abort();
+}
+
+// Also when it ends the process.
+void tellAtEnd() {
+  if (lastWords[0] != '\0') {
+    say("ends the process: ");
+    say(lastWords);
+  }
+}
+
+bool registerAtEnd() {
+  std::atexit(tellAtEnd);
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+  __sanitizer_set_death_callback(tellAtEnd);
+#endif
+  return true;
 }
 
 // Ends the process when it lives too long. By a signal of its own: a thread would be one more to
@@ -45,9 +76,9 @@ void tellAndAbort(int /*signal*/) {
 class Limit {
  public:
   explicit Limit(std::uint64_t seed) {
-    std::snprintf(lastWords, sizeof lastWords,
-                  "This schedule does not come to its end; again with %s\n",
-                  howToRepeat(seed).c_str());
+    static const bool isRegistered = registerAtEnd();
+    static_cast<void>(isRegistered);
+    std::snprintf(lastWords, sizeof lastWords, "%s\n", howToRepeat(seed).c_str());
     struct sigaction action = {};
     action.sa_handler = tellAndAbort;
     sigaction(SIGRTMAX, &action, nullptr);
@@ -60,7 +91,10 @@ class Limit {
   }
   Limit(const Limit&) = delete;
   Limit& operator=(const Limit&) = delete;
-  ~Limit() { timer_delete(timer_); }
+  ~Limit() {
+    timer_delete(timer_);
+    lastWords[0] = '\0';
+  }
 
  private:
   timer_t timer_ = {};
@@ -77,6 +111,8 @@ void run(unsigned count, const std::function<void(const Schedule&)>& scenario, b
                                     std::chrono::seconds(std::strtoul(seconds, nullptr, 10));
   };
   const Waits::Counts before = Waits::counts();
+  callsOfChildren = 0;
+  waitsOfChildren = 0;
   unsigned done = 0;
   do {
     const Limit limit(seed);
@@ -93,8 +129,8 @@ void run(unsigned count, const std::function<void(const Schedule&)>& scenario, b
   testing::Test::RecordProperty("schedules", static_cast<int>(done));
   if (seconds != nullptr || firstSeed != nullptr) {
     std::printf("%s: %u schedules, %llu calls, %llu waits\n", testName().c_str(), done,
-                static_cast<unsigned long long>(after.calls - before.calls),
-                static_cast<unsigned long long>(after.waits - before.waits));
+                callsOfChildren + after.calls - before.calls,
+                waitsOfChildren + after.waits - before.waits);
   }
 }
 
@@ -131,4 +167,28 @@ void underSchedules(unsigned count, const std::function<void(const Schedule&)>& 
 void underSchedulesOfChildren(unsigned count,
                               const std::function<void(const Schedule&)>& scenario) {
   run(count, scenario, false);
+}
+
+void runUnder(const Schedule& schedule, const std::string& name, ChildOptions options) {
+  options.arguments.insert(options.arguments.begin(), std::to_string(schedule.seed()));
+  const ChildResult child = runChild(name, options);
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+  const std::size_t counts = child.out.rfind(countsOfChild);
+  ASSERT_NE(counts, std::string::npos) << child.out;
+  unsigned long long calls = 0;
+  unsigned long long waits = 0;
+  ASSERT_EQ(std::sscanf(child.out.c_str() + counts + std::strlen(countsOfChild), "%llu %llu",
+                        &calls, &waits),
+            2);
+  callsOfChildren += calls;
+  waitsOfChildren += waits;
+}
+
+ScheduleOfChild::ScheduleOfChild()
+    : Schedule(std::strtoull(childArguments().at(0).c_str(), nullptr, 10)), waits_(seed()) {}
+
+ScheduleOfChild::~ScheduleOfChild() {
+  const Waits::Counts counts = Waits::counts();
+  std::printf("%s%llu %llu\n", countsOfChild, static_cast<unsigned long long>(counts.calls),
+              static_cast<unsigned long long>(counts.waits));
 }

@@ -2,10 +2,10 @@
 
 #include <cstdint>
 #include <functional>
-#include <thread>
-#include <vector>
+#include <string>
 
 #include "tests/schedules/Waits.h"
+#include "tests/support/Child.h"
 
 /// \file
 /// Runs a scenario of threads under many schedules.
@@ -53,5 +53,21 @@ class Schedule {
 /// Runs `scenario` under `count` schedules, or for as long as was wished for.
 void underSchedules(unsigned count, const std::function<void(const Schedule&)>& scenario);
 
-/// The same for scenarios that make their own Waits, in a child process.
+/// The same for scenarios that run a child process with runUnder().
 void underSchedulesOfChildren(unsigned count, const std::function<void(const Schedule&)>& scenario);
+
+/// Runs the child case `name`, whose first argument is the schedule's seed, and expects that it
+/// ends well.
+void runUnder(const Schedule& schedule, const std::string& name, ChildOptions options = {});
+
+/// In such a child case: the schedule, and its waits until the end of the scope.
+class ScheduleOfChild : public Schedule {
+ public:
+  ScheduleOfChild();
+  ScheduleOfChild(const ScheduleOfChild&) = delete;
+  ScheduleOfChild& operator=(const ScheduleOfChild&) = delete;
+  ~ScheduleOfChild();
+
+ private:
+  Waits waits_;
+};

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <pthread.h>
 #include <thread>
 #include <vector>
 
@@ -30,6 +31,10 @@ class Work : public Runnable {
 
   int work() override {
     ++runs;
+    // Written down before the work begins.
+    if (const ThreadListener* const known = listener.load(); known != nullptr) {
+      EXPECT_EQ(known->threadId(), pthread_self());
+    }
     if (isGated) {
       gate.wait();
     }
@@ -38,6 +43,7 @@ class Work : public Runnable {
   }
 
   UNIX_Event_Semaphore gate;
+  std::atomic<const ThreadListener*> listener = nullptr;
   bool isGated = false;
   int result = 0;
   std::atomic<int> runs = 0;
@@ -198,6 +204,7 @@ TEST(ScheduledThreadListener, StartsOnceWhoeverStartsIt) {
     for (std::unique_ptr<Work>& work : works) {
       work->gate.post();
       listeners.push_back(ThreadListener::instance(*work));
+      work->listener = listeners.back().get();
     }
     std::atomic<unsigned> ids = 0;
     schedule.onThreads(3, [&](unsigned thread) {

@@ -1,7 +1,6 @@
 #include "Engine/utilities/TraceImplementation.h"
 
-#include <cstdio>
-#include <cstdlib>
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -56,9 +55,8 @@ class Writer : public StdThread {
 }  // namespace
 
 CUL_CHILD(TraceUnderASchedule) {
-  const Schedule schedule(std::strtoull(childArguments().at(0).c_str(), nullptr, 10));
+  const ScheduleOfChild schedule;
   const auto threads = static_cast<unsigned>(std::stoul(childArguments().at(1)));
-  const Waits waits(schedule.seed());
   std::vector<StdThread::Termination> ends(threads);
   for (unsigned thread = 0; thread < threads; ++thread) {
     (new Writer(schedule, thread, ends[thread]))->start_thread(0);
@@ -73,10 +71,8 @@ TEST(ScheduledTrace, HasEveryLineOfEachThreadWholeAndInItsOrder) {
     const TemporaryFolder folder;
     const std::string file = folder.file("trace");
     const unsigned threads = 2 + schedule.chance().below(4);
-    ChildOptions options = childWith({{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", file}},
-                                     {std::to_string(schedule.seed()), std::to_string(threads)});
-    const ChildResult child = runChild("TraceUnderASchedule", options);
-    ASSERT_EQ(child.status, 0) << child.out << child.err;
+    runUnder(schedule, "TraceUnderASchedule",
+             childWith({{"GDIA_ID", "root"}, {"QVX_DBG_TRACE", file}}, {std::to_string(threads)}));
     std::vector<unsigned> next(threads, 0);
     bool inBody = false;
     for (const std::string& line : linesOf(contentsOf(file))) {
