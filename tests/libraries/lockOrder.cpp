@@ -13,6 +13,8 @@
 #include <fcntl.h>
 #include <iterator>
 #include <pthread.h>
+#include <string_view>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -143,22 +145,42 @@ struct Held {
 };
 constinit thread_local Held held __attribute__((tls_model("initial-exec"))) = {};
 
-// Without this library's own calls.
+// The module that code or data lies in.
+class Module {
+ public:
+  explicit Module(const void* address) noexcept {
+    _dl_find_object(const_cast<void*>(address), &found_);
+  }
+  bool has(const void* address) const noexcept {
+    return address >= found_.dlfo_map_start && address < found_.dlfo_map_end;
+  }
+
+ private:
+  dl_find_object found_ = {};
+};
+
+// The library's handlers of forks.
+constinit Handler takeAll = nullptr;
+constinit Handler giveAll = nullptr;
+
+// Without the calls of this library and, where the library under test has called, of what tests
+// have put in between.
 template <std::size_t depth>
 __attribute__((noinline)) Place<depth> placeOfCaller() noexcept {
   constexpr std::size_t own = 16;
   void* frames[depth + own] = {};
-  const int n = backtrace(frames, static_cast<int>(std::size(frames)));
-  dl_find_object here = {};
-  _dl_find_object(reinterpret_cast<void*>(&mutexes), &here);
-  Place<depth> place = {};
-  std::size_t count = 0;
-  for (int i = 0; i < n && count < depth; ++i) {
-    const bool isOwn = frames[i] >= here.dlfo_map_start && frames[i] < here.dlfo_map_end;
-    if (!isOwn) {
-      place[count++] = frames[i];
-    }
+  void** const end = frames + backtrace(frames, static_cast<int>(std::size(frames)));
+  const Module here(&mutexes);
+  void** first = std::find_if(frames, end, [&here](void* frame) { return !here.has(frame); });
+  const Module library(reinterpret_cast<const void*>(takeAll));
+  void** const most = std::min(first + depthOfKinds, end);
+  if (void** const called =
+          std::find_if(first, most, [&library](void* frame) { return library.has(frame); });
+      called != most) {
+    first = called;
   }
+  Place<depth> place = {};
+  std::copy(first, std::min(first + depth, end), place.begin());
   return place;
 }
 
@@ -207,6 +229,21 @@ unsigned kindOf(const void* address) noexcept {
   return entry != nullptr ? entry->kind : noKind;
 }
 
+// Adds to the log. A process that must not write files, and is told so by a signal, does not.
+void log(std::string_view text) noexcept {
+  const char* const name = std::getenv("CUL_LOCK_ORDER_LOG");
+  const int file =
+      name != nullptr ? open(name, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666) : -1;
+  rlimit limit = {};
+  if (file >= 0 && getrlimit(RLIMIT_FSIZE, &limit) == 0 && limit.rlim_cur == RLIM_INFINITY) {
+    const ssize_t written = write(file, text.data(), text.size());
+    static_cast<void>(written);
+  }
+  if (file >= 0) {
+    close(file);
+  }
+}
+
 // Says it on standard error and in the log.
 void say(const char* format, ...) noexcept __attribute__((format(printf, 1, 2)));
 void say(const char* format, ...) noexcept {
@@ -216,14 +253,9 @@ void say(const char* format, ...) noexcept {
   const int length = std::vsnprintf(text, sizeof text, format, arguments);
   va_end(arguments);
   const std::size_t n = std::min(static_cast<std::size_t>(length), sizeof text - 1);
-  ssize_t written = write(STDERR_FILENO, text, n);
-  const char* const log = std::getenv("CUL_LOCK_ORDER_LOG");
-  const int file = log != nullptr ? open(log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666) : -1;
-  if (file >= 0) {
-    written = write(file, text, n);
-    close(file);
-  }
+  const ssize_t written = write(STDERR_FILENO, text, n);
   static_cast<void>(written);
+  log({text, n});
 }
 
 template <std::size_t depth>
@@ -361,10 +393,6 @@ void noteGone(const void* mutex) noexcept {
   }
 }
 
-// The library's handlers of forks.
-constinit Handler takeAll = nullptr;
-constinit Handler giveAll = nullptr;
-
 // Whether the calling thread calls them at the end of the process, when nobody may give back what
 // he has any more. Then it does not wait long.
 constinit thread_local bool isEnding __attribute__((tls_model("initial-exec"))) = false;
@@ -401,17 +429,11 @@ bool takeInTheOrderWrittenDown() {
 
 void endProcess() {
   const bool hasAll = takeInTheOrderWrittenDown();
-  if (const char* const log = std::getenv("CUL_LOCK_ORDER_LOG"); log != nullptr) {
-    char text[128];
-    const int n = std::snprintf(text, sizeof text, "process %d: %u kinds, %u orders%s%s\n",
-                                getpid(), kindsSeen, ordersSeen, hasAll ? ", written order" : "",
-                                isFull ? ", not all" : "");
-    if (const int file = open(log, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666); file >= 0) {
-      const ssize_t written = write(file, text, static_cast<std::size_t>(n));
-      static_cast<void>(written);
-      close(file);
-    }
-  }
+  char text[128];
+  const int n =
+      std::snprintf(text, sizeof text, "process %d: %u kinds, %u orders%s%s\n", getpid(), kindsSeen,
+                    ordersSeen, hasAll ? ", written order" : "", isFull ? ", not all" : "");
+  log({text, static_cast<std::size_t>(n)});
 }
 
 // What another thread of the parent was in the middle of is not seen to its end in a child.
@@ -421,6 +443,13 @@ void beginChild() {
 }
 
 __attribute__((constructor)) void beginProcess() {
+  // Later on, a look for a function would disturb what the program hears of its own.
+  mutexInit.get();
+  mutexDestroy.get();
+  mutexLock.get();
+  mutexTryLock.get();
+  mutexUnlock.get();
+  conditionWait.get();
   void* frames[1];
   backtrace(frames, 1);  // loads what it needs
   registerAtFork.get()(nullptr, nullptr, beginChild, nullptr);

@@ -7,6 +7,7 @@
 
 #include "Engine/utilities/ByteString.h"
 #include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -38,8 +39,26 @@ class Short : public StdThread {
   void run() override { const ByteString text("short"); }
 };
 
-void useTheLibrary(Chance& chance, bool withThreads) {
-  switch (chance.below(withThreads ? 5 : 3)) {
+// A converter of a thread's own. It is opened before there are forks, which the C library does not
+// look after there.
+class Converter {
+ public:
+  Converter() : descriptor_(iconv_open("UTF-8", "ISO-8859-1")) {}
+  Converter(const Converter&) = delete;
+  Converter& operator=(const Converter&) = delete;
+  ~Converter() { iconv_close(descriptor_); }
+
+  void use() const {
+    char area[8];
+    EXPECT_EQ(iconvDebug(descriptor_, "abc", 3, area, sizeof area), 3U);
+  }
+
+ private:
+  iconv_t descriptor_;
+};
+
+void useTheLibrary(Chance& chance, const Converter& converter, bool withThreads) {
+  switch (chance.below(withThreads ? 6 : 4)) {
     case 0: {
       EncodedString text("text", EncodedString::utf8);
       text += text;
@@ -61,7 +80,12 @@ void useTheLibrary(Chance& chance, bool withThreads) {
       }
       break;
     }
-    case 3: {
+    case 3:
+      for (unsigned i = 0; i < 100; ++i) {
+        converter.use();
+      }
+      break;
+    case 4: {
       StdThread::Termination end;
       (new Short(&end))->start_thread(0);
       EXPECT_EQ(end.wait(0), 0);
@@ -83,9 +107,10 @@ CUL_CHILD(ForkUnderASchedule) {
   constexpr unsigned threads = 3;
   schedule.onThreads(threads + 1, [&](unsigned thread) {
     Chance chance = schedule.chance(thread);
+    const Converter converter;
     if (thread <= threads) {
       for (unsigned i = 0; !isOver; ++i) {
-        useTheLibrary(chance, true);
+        useTheLibrary(chance, converter, true);
         atWork += i == 2 ? 1 : 0;
       }
       return;
@@ -98,7 +123,7 @@ CUL_CHILD(ForkUnderASchedule) {
       if (child == 0) {
         alarm(30);
         for (unsigned j = 0; j < 4; ++j) {
-          useTheLibrary(chance, canStartThreads);
+          useTheLibrary(chance, converter, canStartThreads);
         }
         _exit(testing::Test::HasFailure() ? 1 : 0);
       }

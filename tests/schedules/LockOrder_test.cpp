@@ -38,6 +38,7 @@ ChildResult runWatched(const std::string& name) {
   ChildOptions options;
 #if defined(CUL_LOCK_ORDER)
   options.environment["LD_PRELOAD"] = CUL_LOCK_ORDER;
+  options.environment["CUL_LOCK_ORDER_LOG"] = "";  // what is made on purpose is not told there
 #endif
   return runChild(name, options);
 }

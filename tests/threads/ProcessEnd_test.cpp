@@ -732,6 +732,45 @@ TEST(ProcessEnd, LetsExitHandlersConvertAfterAFaultInAConversion) {
   EXPECT_NE(child.out.find("converted"), std::string::npos) << child.out;
 }
 
+namespace {
+
+void recoverFromAConversion() {
+  registerErrorHandlers();
+  StdThread* const self = StdThread::currentThread();
+  if (self->_setjmp() == 0) {
+    convertFromNowhere();
+    ADD_FAILURE() << "no fault";
+  }
+}
+
+}  // namespace
+
+// The report of a fault asks for locks that a fork takes before that of conversions.
+CUL_CHILD(FaultsInConversionsBesideForks) {
+  EXPECT_TRUE(isTraced(TraceType::error));
+  std::atomic<bool> isOver = false;
+  std::thread forking([&isOver] {
+    while (!isOver) {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(0);
+      }
+      EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    }
+  });
+  for (unsigned i = 0; i < 50; ++i) {
+    recoverFromAConversion();
+  }
+  isOver = true;
+  forking.join();
+}
+
+TEST(ProcessEnd, DoesNotComeByAFaultInAConversionThatIsReportedBesideForks) {
+  const TracedChild child("FaultsInConversionsBesideForks");
+  EXPECT_EQ(child.result.status, 0) << child.all();
+  EXPECT_EQ(child.countContaining("Attempting longjmp recovery"), 50);
+}
+
 CUL_CHILD(RecoveryFromAFaultInAConversion) {
   StdThread* const self = StdThread::currentThread();
   if (self->_setjmp() == 0) {
