@@ -13,6 +13,7 @@
 #include "Engine/internal/LeafLock.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/StringPoolManager.h"
 
 namespace {
 
@@ -58,7 +59,7 @@ Claim claimEnding(int status) noexcept {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, nullptr);
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-  abandonTraceLines();
+  abandonLocks();
   if (mayHoldLocks) {
     sleep(endingLimit);
     endProcessAtOnce(status);
@@ -103,10 +104,16 @@ thread_local ThreadObject threadObject;
 
 }  // namespace
 
+void abandonLocks() noexcept {
+  abandonTraceLines();
+  StringPoolManager::abandon();
+  LeafLock::abandon();
+}
+
 void endProcess(int status, bool mayHoldLocks) noexcept {
   switch (claimEnding(status)) {
     case Claim::made:
-      LeafLock::abandon();
+      abandonLocks();
       if (mayHoldLocks) {
         limitEnding();
       }
@@ -114,7 +121,6 @@ void endProcess(int status, bool mayHoldLocks) noexcept {
     case Claim::ownAlready:
       endProcessAtOnce(status);
     case Claim::another:
-      LeafLock::abandon();
       stop(status, mayHoldLocks);
   }
   __builtin_unreachable();
@@ -122,7 +128,7 @@ void endProcess(int status, bool mayHoldLocks) noexcept {
 
 void endProcessUnlessEnding(int status) noexcept {
   if (claimEnding(status) == Claim::made) {
-    LeafLock::abandon();
+    abandonLocks();
     exit(status);
   }
 }

@@ -22,6 +22,7 @@
 #include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/signals.h"
 
@@ -730,6 +731,80 @@ TEST(ProcessEnd, LetsExitHandlersConvertAfterAFaultInAConversion) {
   const ChildResult child = runChild("FaultInAConversion");
   EXPECT_EQ(child.status, 99) << child.out << child.err;
   EXPECT_NE(child.out.find("converted"), std::string::npos) << child.out;
+}
+
+namespace {
+
+void recoverFromAConversion() {
+  registerErrorHandlers();
+  StdThread* const self = StdThread::currentThread();
+  if (self->_setjmp() == 0) {
+    convertFromNowhere();
+    ADD_FAILURE() << "no fault";
+  }
+}
+
+}  // namespace
+
+// The report of a fault asks for locks that a fork takes before that of conversions.
+CUL_CHILD(FaultsInConversionsBesideForks) {
+  EXPECT_TRUE(isTraced(TraceType::error));
+  std::atomic<bool> isOver = false;
+  std::thread forking([&isOver] {
+    while (!isOver) {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(0);
+      }
+      EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    }
+  });
+  for (unsigned i = 0; i < 50; ++i) {
+    recoverFromAConversion();
+  }
+  isOver = true;
+  forking.join();
+}
+
+TEST(ProcessEnd, DoesNotComeByAFaultInAConversionThatIsReportedBesideForks) {
+  const TracedChild child("FaultsInConversionsBesideForks");
+  EXPECT_EQ(child.result.status, 0) << child.all();
+  EXPECT_EQ(child.countContaining("Attempting longjmp recovery"), 50);
+}
+
+// A fork takes the lock of strings, which the exit handler asks for, before that of the trace.
+CUL_CHILD(FaultInATraceCallBesideForks) {
+  EXPECT_TRUE(isTraced(TraceType::error));
+  std::thread([] {
+    for (;;) {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(0);
+      }
+      waitpid(child, nullptr, 0);
+    }
+  }).detach();
+  std::atexit([] {
+    for (unsigned i = 0; i < 300; ++i) {
+      StringPoolManager& pool = StringPoolManager::instance();
+      void* blocks[200];
+      for (void*& block : blocks) {
+        block = pool.getBuffer(8);
+      }
+      for (void* const block : blocks) {
+        pool.freeBuffer(block, 8);
+      }
+    }
+    std::puts("made strings");
+  });
+  registerErrorHandlers();
+  taggedTrace("f()", 1, "X", "%s", reinterpret_cast<const char*>(64));
+}
+
+TEST(ProcessEnd, LetsExitHandlersMakeStringsAfterAFaultInATraceCallBesideForks) {
+  const TracedChild child("FaultInATraceCallBesideForks");
+  EXPECT_EQ(child.result.status, 99) << child.all();
+  EXPECT_EQ(child.result.out, "made strings\n") << child.all();
 }
 
 CUL_CHILD(RecoveryFromAFaultInAConversion) {
