@@ -20,7 +20,7 @@
 
 namespace {
 
-constexpr unsigned secondsOfASchedule = 60;
+constexpr unsigned secondsOfASchedule = 120;
 constexpr const char* countsOfChild = "calls and waits: ";
 
 unsigned long long callsOfChildren = 0;

@@ -15,7 +15,7 @@
 /// suite. Two variables of the environment, which script/schedules sets, say otherwise:
 /// - CUL_SCHEDULES_SEED is the first seed, and alone the only one, of all schedules;
 /// - CUL_SCHEDULES_SECONDS has each test go on with further seeds for that long.
-/// When a schedule fails, or does not come to its end within a minute, its seed is told and the
+/// When a schedule fails, or does not come to its end within two minutes, its seed is told and the
 /// test ends.
 
 /// Numbers by chance, the same for the same seed. For one thread.

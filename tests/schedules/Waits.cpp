@@ -42,6 +42,9 @@ Plan planOf(std::uint64_t seed) noexcept {
 
 constexpr unsigned firstUnnumbered = 1000;
 
+// Of a thread under one seed; enough to come to its end in any case.
+constexpr unsigned mostWaits = 3000;
+
 std::atomic<std::uint64_t> period = 0;  // odd: threads wait
 std::uint64_t seedOfPeriod = 0;
 Plan plan;
@@ -57,6 +60,7 @@ struct Thread {
   std::uint64_t calls = 0;
   unsigned number = 0;
   unsigned oneOf = 0;
+  unsigned waitsLeft = 0;
 };
 constinit thread_local Thread own __attribute__((tls_model("initial-exec")));
 
@@ -70,6 +74,7 @@ void begin(std::uint64_t present) noexcept {
     own.number = nextNumber.fetch_add(1, std::memory_order_relaxed);
   }
   own.period = present;
+  own.waitsLeft = mostWaits;
   own.state = mixed(seedOfPeriod ^ mixed(own.number));
   own.oneOf = (plan.slowThreads >> (own.number % 32) & 1U) != 0 ? plan.oneOfSlow : plan.oneOf;
 }
@@ -113,7 +118,8 @@ inline void waitByChance() noexcept {
   }
   ++own.calls;
   const std::uint64_t bits = draw();
-  if (bits % own.oneOf == 0) {
+  if (bits % own.oneOf == 0 && own.waitsLeft != 0) {
+    --own.waitsLeft;
     wait(bits >> 32U);
   }
 }
