@@ -206,6 +206,10 @@ void setStreams(int output) {
   setrlimit(RLIMIT_CORE, &noDumps);
   setEnvironment(run);
   setStreams(output);
+  // Where a trace goes whose name cannot be read.
+  if (chdir(workFolder().c_str()) != 0) {
+    _exit(1);
+  }
   if (run.start == Start::used) {
     if (run.work->ends < 0) {
       perform(*run.work, report.other);
