@@ -11,6 +11,7 @@
 #include "Engine/internal/AbandonTraceLines.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LeafLock.h"
+#include "Engine/internal/OwnThread.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/StringPoolManager.h"
@@ -79,8 +80,8 @@ void noticeExit() noexcept {
   switch (claimEnding(none)) {
     case Claim::made:
       // What armed the recovery point will never be returned to.
-      if (StdThread* self = StdThread::currentThread();
-          self->threadId() == pthread_self() && self->isRecoveryArmed()) {
+      if (StdThread* const self = OwnThread::registered();
+          self != nullptr && self->isRecoveryArmed()) {
         self->clearjmp();
       }
       return;

@@ -59,16 +59,25 @@ StdThread::StdThread(const char* name, unsigned int stackSize, Termination* term
                          "Termination object used for 2 threads", -1);
     }
   }
-  RunningThreads::instance().append(this);
+  try {
+    RunningThreads::instance().append(this);
+  } catch (...) {
+    leaveToken();
+    throw;
+  }
 }
 
 StdThread::~StdThread() {
   RunningThreads::instance().remove(this);
-  if (termination_ != nullptr) {
-    __atomic_store_n(&termination_->thread_, nullptr, __ATOMIC_RELEASE);
-  }
+  leaveToken();
   for (const NamedSlot& slot : slots_) {
     delete[] slot.key;
+  }
+}
+
+void StdThread::leaveToken() noexcept {
+  if (termination_ != nullptr) {
+    __atomic_store_n(&termination_->thread_, nullptr, __ATOMIC_RELEASE);
   }
 }
 

@@ -202,6 +202,21 @@ CUL_CHILD(SetZones) {
             "");
 }
 
+CUL_CHILD(LocalTimeOfAClockThatLeaps) {
+  LocalTime time;
+  for (const std::time_t second :
+       {std::time_t{1700000000}, std::time_t{18446744073709}, std::time_t{1700000000},
+        std::time_t{1700000000} + 50 * 366 * day}) {
+    EXPECT_EQ(told(time, second), toldByTheSystem(second));
+  }
+}
+
+TEST(LocalTime, IsToldAtOnceByAClockThatLeapsHalfAMillionYears) {
+  const ChildResult r = runChild("LocalTimeOfAClockThatLeaps",
+                                 {.environment = {{"TZ", "Europe/Berlin"}}, .limitInSeconds = 60});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
+}
+
 TEST(LocalTime, FollowsTheZoneThatTheProgramSets) {
   const ChildResult r = runChild("SetZones", childWith({{"TZ", "UTC0"}}));
   EXPECT_EQ(r.status, 0) << r.out << r.err;

@@ -1,0 +1,506 @@
+#include "tests/torture/Runner.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <clocale>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <cxxabi.h>
+#include <dirent.h>
+#include <exception>
+#include <fcntl.h>
+#include <map>
+#include <memory>
+#include <new>
+#include <poll.h>
+#include <pthread.h>
+#include <stdexcept>
+#include <string_view>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
+
+#include "Engine/utilities/AssertionFail.h"
+#include "Engine/utilities/AssertionMode.h"
+#include "Engine/utilities/DebuggerSettings.h"
+#include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/StdException.h"
+#include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/StringPoolManager.h"
+#include "Engine/utilities/TraceFlags.h"
+
+#include "tests/support/TemporaryFolder.h"
+
+namespace {
+
+// Many times what the slowest needs on a busy machine.
+constexpr int limitInMilliseconds = 15000;
+
+// Written by the child.
+struct Report {
+  Count count;
+  Holdings holds;
+  char told[200];   // while the fault was armed; empty: it did not come back
+  char again[200];  // on the same thread
+  char other[200];  // on another
+  bool isOver;
+};
+
+template <std::size_t n>
+void note(char (&place)[n], std::string_view text) {
+  text.copy(place, n - 1);
+}
+
+// Forced unwinding, of a thread that is asked to end, passes.
+template <std::size_t n>
+void perform(const Workload& work, char (&told)[n]) {
+  try {
+    try {
+      work.work();
+      disarm();
+      note(told, "done");
+    } catch (...) {
+      disarm();
+      throw;
+    }
+  } catch (const Other& other) {
+    note(told, "other: " + other.what);
+  } catch (const StdException& exception) {
+    note(told, "threw StdException: " + std::string(exception.text.view()));
+  } catch (const EncodedString& text) {
+    note(told, "threw EncodedString: " + std::string(text.view()));
+  } catch (const std::bad_alloc&) {
+    note(told, "threw std::bad_alloc");
+  } catch (const std::exception& exception) {
+    note(told, std::string("threw std::exception: ") + exception.what());
+  } catch (const abi::__forced_unwind&) {
+    throw;
+  } catch (...) {
+    note(told, std::string("threw ") + abi::__cxa_current_exception_type()->name());
+  }
+}
+
+int entriesIn(const char* path) {
+  int n = 0;
+  DIR* const folder = opendir(path);
+  while (readdir(folder) != nullptr) {
+    ++n;
+  }
+  closedir(folder);
+  return n - 2;
+}
+
+// Threads that have told of their end may not be gone yet.
+int settledThreads(int expected) {
+  int n = entriesIn("/proc/self/task");
+  for (int i = 0; i < 100 && n > expected; ++i) {
+    usleep(2000);
+    n = entriesIn("/proc/self/task");
+  }
+  return n;
+}
+
+void takeAStock() {
+  StringPoolManager& pool = StringPoolManager::instance();
+  pool.freeBuffer(pool.getBuffer(8), 8);
+}
+
+// The C library keeps as many stacks as there were threads at a time, and memory with each; so does
+// the string pool with its stocks.
+void haveManyThreads() {
+  takeAStock();  // here before there are any to spare
+  constexpr unsigned number = 8;
+  pthread_barrier_t barrier;
+  pthread_barrier_init(&barrier, nullptr, number);
+  pthread_attr_t small;
+  pthread_attr_init(&small);
+  pthread_attr_setstacksize(&small, 65536);
+  pthread_t threads[number];
+  for (pthread_t& thread : threads) {
+    pthread_create(
+        &thread, &small,
+        [](void* all) -> void* {
+          takeAStock();
+          pthread_barrier_wait(static_cast<pthread_barrier_t*>(all));
+          return nullptr;
+        },
+        &barrier);
+  }
+  for (const pthread_t thread : threads) {
+    pthread_join(thread, nullptr);
+  }
+  pthread_attr_destroy(&small);
+  pthread_barrier_destroy(&barrier);
+}
+
+// What the way of a failure may have been the first to use, or not.
+void useEverythingOnce() {
+  // The C library keeps what it has loaded of a locale.
+  setlocale(LC_ALL, "");
+  setlocale(LC_ALL, "C");
+  AssertionFail(0, "torture", "void useEverythingOnce()", 1, "everything");
+  static_cast<void>(DebuggerSettings::instance());
+  static_cast<void>(assertionMode());
+  try {
+    StdException::throwException("torture", 1, "everything", 1);
+  } catch (const StdException& exception) {
+    exception.trace("torture", 1);
+  }
+  CUL_TRACE(TraceType::warning, "void useEverythingOnce()", 1, "everything");
+}
+
+Holdings holdings(int threads) {
+  Holdings holds;
+  holds.threads = settledThreads(threads);
+  holds.descriptors = entriesIn("/proc/self/fd");
+  holds.allocated = allocated();
+  StringPoolManager& pool = StringPoolManager::instance();
+  holds.poolInUse = holds.allocated.poolBytes;
+  for (const unsigned size : {8U, 16U, 24U, 32U, 48U, 64U}) {
+    holds.poolInUse -= static_cast<long>(size) * pool.freeBlocks(size);
+  }
+  return holds;
+}
+
+// As long for each process: what the trace keeps of the name is.
+std::string traceFile(pid_t process) {
+  char number[12];
+  *std::to_chars(number, number + sizeof number, 10000000 + process).ptr = '\0';
+  return workFolder() + "/trace." + number;
+}
+
+void setEnvironment(const Run& run) {
+  clearenv();
+  setenv("PATH", "/usr/bin:/bin", 1);
+  setenv("LANG", "de_DE", 1);
+  setenv("QVX_DBG_CODEPAGE", "ISO-8859-1", 1);
+  if (run.trace != Trace::nowhere) {
+    const std::string place = run.trace == Trace::file ? traceFile(getpid()) : "stderr";
+    setenv("GDIA_ID", "root", 1);
+    setenv("QVX_DBG_TRACE", (place + ",ALL,CHILD,1").c_str(), 1);
+  }
+}
+
+// What the work finds there: an empty file, and one for what it says.
+void setStreams(int output) {
+  const int none = memfd_create("input", 0);
+  dup2(none, 0);
+  close(none);
+  dup2(output, 1);
+  dup2(output, 2);
+  close(output);
+}
+
+[[noreturn]] void live(const Run& run, Report& report, int output) {
+  // The parent's.
+  const long blocksBefore = allocated().blocks;
+  const int descriptorsBefore = entriesIn("/proc/self/fd");
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  constexpr rlimit noDumps = {0, 0};
+  setrlimit(RLIMIT_CORE, &noDumps);
+  setEnvironment(run);
+  setStreams(output);
+  // Where a trace goes whose name cannot be read.
+  if (chdir(workFolder().c_str()) != 0) {
+    _exit(1);
+  }
+  if (run.start == Start::used) {
+    if (run.work->ends < 0) {
+      perform(*run.work, report.other);
+      perform(*run.work, report.other);
+      std::memset(report.other, 0, sizeof report.other);
+    } else {
+      static_cast<void>(StdThread::currentThread());
+      static_cast<void>(isTraced(TraceType::active));
+    }
+  }
+  if (run.outOfMemory == OutOfMemory::throws) {
+    std::set_new_handler(nullptr);
+  }
+  // What the program destroys when it exits is not what is tried.
+  std::atexit(disarm);
+  arm(run.fault, report.count);
+  perform(*run.work, report.told);
+  perform(*run.work, report.again);
+  std::thread([&] { perform(*run.work, report.other); }).join();
+  settledThreads(run.threads);
+  haveManyThreads();
+  useEverythingOnce();
+  report.holds = holdings(run.threads);
+  report.holds.allocated.blocks -= blocksBefore;
+  report.holds.descriptors -= descriptorsBefore;
+  report.isOver = true;
+  _exit(0);
+}
+
+std::string contentsOfFile(int file) {
+  std::string text(static_cast<std::size_t>(std::max<off_t>(lseek(file, 0, SEEK_END), 0)), '\0');
+  const ssize_t n = pread(file, text.data(), text.size(), 0);
+  text.resize(n < 0 ? 0 : static_cast<std::size_t>(n));
+  return text;
+}
+
+// A child that is under way.
+class Child {
+ public:
+  explicit Child(const Run& run) : run_(&run) {
+    void* const memory =
+        mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    output_ = memfd_create("output", MFD_CLOEXEC);
+    if (memory == MAP_FAILED || output_ < 0) {
+      throw std::runtime_error("no place for a report");
+    }
+    report_ = new (memory) Report();
+    process_ = fork();
+    if (process_ == 0) {
+      live(run, *report_, output_);
+    }
+    handle_ = static_cast<int>(syscall(SYS_pidfd_open, process_, 0, 0, 0, 0, 0));
+    clock_gettime(CLOCK_MONOTONIC, &begin_);
+  }
+  Child(const Child&) = delete;
+  Child& operator=(const Child&) = delete;
+  ~Child() {
+    munmap(report_, sizeof(Report));
+    close(output_);
+    close(handle_);
+    if (run_->trace == Trace::file) {
+      unlink(traceFile(process_).c_str());
+    }
+  }
+
+  int handle() const { return handle_; }
+  const Run& run() const { return *run_; }
+
+  bool isTooOld() const {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (now.tv_sec - begin_.tv_sec) * 1000 > limitInMilliseconds;
+  }
+
+  // \param isHung it is killed then.
+  Outcome take(bool isHung) {
+    if (isHung) {
+      kill(process_, SIGKILL);
+    }
+    int status = 0;
+    waitpid(process_, &status, 0);
+    Outcome outcome;
+    outcome.count = report_->count;
+    outcome.holds = report_->holds;
+    outcome.isOver = report_->isOver;
+    outcome.output = contentsOfFile(output_);
+    outcome.told = report_->told;
+    if (run_->trace == Trace::file) {
+      outcome.trace = contentsOf(traceFile(process_));
+    }
+    if (isHung) {
+      outcome.problem = "hung";
+    } else if (WIFSIGNALED(status)) {
+      outcome.problem = std::string("was killed by ") + strsignal(WTERMSIG(status));
+    } else if (!report_->isOver) {
+      const std::string end = "ended " + std::to_string(WEXITSTATUS(status));
+      if (outcome.told.empty()) {
+        outcome.told = end;
+      } else if (run_->work->ends != WEXITSTATUS(status)) {
+        outcome.problem = "told \"" + outcome.told + "\" and then " + end;
+      }
+    } else if (run_->work->keepsFirstFailure && run_->start == Start::fresh) {
+    } else if (report_->again != std::string_view("done")) {
+      outcome.problem = "told again \"" + std::string(report_->again) + "\"";
+    } else if (report_->other != std::string_view("done")) {
+      outcome.problem = "told on another thread \"" + std::string(report_->other) + "\"";
+    }
+    return outcome;
+  }
+
+ private:
+  const Run* run_;
+  Report* report_ = nullptr;
+  int output_ = -1;
+  pid_t process_ = -1;
+  int handle_ = -1;
+  timespec begin_ = {};
+};
+
+bool mayTell(const Workload& work, const std::string& told) {
+  return std::any_of(work.mayTell.begin(), work.mayTell.end(),
+                     [&](const char* text) { return told.starts_with(text); });
+}
+
+std::string excess(const char* what, long is, long was) {
+  return is > was ? std::to_string(is - was) + " " + what + " too many; " : "";
+}
+
+}  // namespace
+
+std::string nameOf(const Run& run) {
+  std::string name = run.work->name;
+  name += run.start == Start::used ? ", used" : ", fresh";
+  name += run.trace == Trace::nowhere ? "" : run.trace == Trace::file ? ", traced" : ", told";
+  if (run.fault.kind != Fault::none) {
+    name += run.fault.kind == Fault::allocation ? ", allocation " : ", call ";
+    name += std::to_string(run.fault.first) + (run.fault.forGood ? " and later" : "");
+  }
+  if (run.fault.kind == Fault::call) {
+    name += ", error " + std::to_string(run.fault.error);
+  } else if (run.fault.kind == Fault::allocation) {
+    name += run.outOfMemory == OutOfMemory::ends ? ", ends" : ", throws";
+  }
+  return name;
+}
+
+void runAll(const std::vector<Run>& runs, const std::function<void(const Run&, Outcome&)>& take) {
+  constexpr std::size_t atATime = 4;
+  std::vector<std::unique_ptr<Child>> children;
+  auto next = runs.begin();
+  while (next != runs.end() || !children.empty()) {
+    while (next != runs.end() && children.size() < atATime) {
+      children.push_back(std::make_unique<Child>(*next++));
+    }
+    std::vector<pollfd> waits;
+    for (const auto& child : children) {
+      waits.push_back({child->handle(), POLLIN, 0});
+    }
+    poll(waits.data(), waits.size(), limitInMilliseconds / 10);
+    for (std::size_t i = waits.size(); i-- != 0;) {
+      const bool isHung = waits[i].revents == 0 && children[i]->isTooOld();
+      if (isHung || waits[i].revents != 0) {
+        Outcome outcome = children[i]->take(isHung);
+        const Run& run = children[i]->run();
+        take(run, outcome);
+        children.erase(children.begin() + static_cast<std::ptrdiff_t>(i));
+      }
+    }
+  }
+}
+
+Outcome runOne(const Run& run) {
+  Outcome result;
+  runAll({run}, [&](const Run&, Outcome& outcome) { result = std::move(outcome); });
+  return result;
+}
+
+std::string judge(const Run& run, const Outcome& outcome, const Outcome& healthy) {
+  if (mayTell(*run.work, outcome.problem)) {
+    return "";
+  }
+  if (!outcome.problem.empty()) {
+    return outcome.problem;
+  }
+  const auto isPrinted = [&](const char* text) {
+    return outcome.output.find(text) != std::string::npos;
+  };
+  const bool isOutOfMemory =
+      run.fault.kind == Fault::allocation &&
+      (outcome.told == "threw std::bad_alloc" ||
+       (outcome.told == "ended 1" && isPrinted("Out of memory")) ||
+       // The C library's own ends, and the sanitizer's, where there is no memory for what is a
+       // thread's.
+       isPrinted("failed to register TLS destructor") ||
+       (outcome.told == "ended 1" && isPrinted("AddressSanitizer: CHECK failed")) ||
+       (outcome.told == "ended 127" && isPrinted("cannot allocate memory for thread-local data")));
+  if (outcome.told != healthy.told && !isOutOfMemory && !mayTell(*run.work, outcome.told)) {
+    return "told \"" + outcome.told + "\"";
+  }
+  // A trace that cannot read its output's name may be in a file instead.
+  const bool isElsewhere = run.trace == Trace::stream && run.fault.kind == Fault::call;
+  if (!outcome.isOver || !healthy.isOver || isElsewhere) {
+    return "";
+  }
+  return excess("blocks", outcome.holds.allocated.blocks, healthy.holds.allocated.blocks) +
+         (run.work->shortens
+              ? ""
+              : excess("bytes of the pool", outcome.holds.poolInUse, healthy.holds.poolInUse)) +
+         excess("descriptors", outcome.holds.descriptors, healthy.holds.descriptors) +
+         excess("threads", outcome.holds.threads, healthy.holds.threads);
+}
+
+namespace {
+
+// All runs with something failing that the one without it makes.
+void addRuns(std::vector<Run>& runs, const Run& healthyRun, const Outcome& healthy,
+             Fault::Kind kind) {
+  const bool isAllocation = kind == Fault::allocation;
+  const unsigned n =
+      isAllocation ? healthy.count.allocations : std::min(healthy.count.calls, Count::most);
+  for (unsigned i = 1; i <= n; ++i) {
+    Run run = healthyRun;
+    run.threads = healthy.holds.threads;
+    run.fault = {.kind = kind, .first = i};
+    const std::size_t errors =
+        isAllocation ? 1 : fallibleCalls()[healthy.count.made[i - 1]].errors.size();
+    for (unsigned error = 0; error < errors; ++error) {
+      run.fault.error = error;
+      runs.push_back(run);
+    }
+    if (isAllocation) {
+      run.fault.forGood = true;
+      runs.push_back(run);
+    }
+  }
+}
+
+}  // namespace
+
+Findings torture(const Workload& work, Fault::Kind kind, const Thoroughness& thoroughness) {
+  Findings findings;
+  std::vector<Run> runs;
+  std::map<std::string, Outcome> healthyOutcomes;
+  const auto keyOf = [](Run run) {
+    run.fault = {};
+    return nameOf(run) + (run.outOfMemory == OutOfMemory::ends ? ", ends" : "");
+  };
+  std::vector<Run> healthyRuns;
+  for (const Start start : {Start::fresh, Start::used}) {
+    for (const Trace trace : {Trace::nowhere, Trace::file, Trace::stream}) {
+      if (start == Start::used && trace == Trace::stream) {
+        continue;
+      }
+      for (const OutOfMemory outOfMemory : {OutOfMemory::throws, OutOfMemory::ends}) {
+        if (kind == Fault::allocation || outOfMemory == OutOfMemory::ends) {
+          healthyRuns.push_back({&work, start, outOfMemory, trace});
+        }
+      }
+    }
+  }
+  runAll(healthyRuns, [&](const Run& run, Outcome& outcome) {
+    const std::string wanted = work.ends < 0 ? "done" : "ended " + std::to_string(work.ends);
+    if (!outcome.problem.empty() || outcome.told != wanted) {
+      findings.problems.push_back(nameOf(run) + ": told \"" + outcome.told + "\" " +
+                                  outcome.problem + "\n" + outcome.output);
+    }
+    addRuns(runs, run, outcome, kind);
+    healthyOutcomes[keyOf(run)] = std::move(outcome);
+  });
+  std::vector<Run> chosen;
+  unsigned place = thoroughness.seed;
+  for (const Run& run : runs) {
+    if (place++ % thoroughness.share == 0) {
+      chosen.push_back(run);
+    }
+  }
+  runAll(chosen, [&](const Run& run, Outcome& outcome) {
+    ++findings.runs;
+    findings.failures += outcome.count.failed != 0 ? 1 : 0;
+    const std::string wrong = judge(run, outcome, healthyOutcomes[keyOf(run)]);
+    if (!wrong.empty()) {
+      std::string what = nameOf(run);
+      if (outcome.count.failedCall >= 0) {
+        const FallibleCall& call =
+            fallibleCalls()[static_cast<std::size_t>(outcome.count.failedCall)];
+        what += std::string(", ") + call.name;
+      }
+      findings.problems.push_back(what + ": " + wrong + (outcome.output.empty() ? "" : "\n") +
+                                  outcome.output.substr(0, 1000) + "\n" +
+                                  outcome.trace.substr(outcome.trace.find("====") + 1));
+    }
+  });
+  return findings;
+}
