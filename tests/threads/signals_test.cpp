@@ -20,11 +20,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Engine/utilities/Reference.h"
+#include "Engine/utilities/ReferenceCounted.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/Child.h"
 #include "tests/support/StandIn.h"
+#include "tests/support/WaitUntil.h"
 #include "tests/threads/SignalSupport.h"
 #include "tests/threads/ThreadSupport.h"
 
@@ -434,6 +437,35 @@ TEST(CUL_SignalHandler, TracesTheAttemptToRecover) {
   EXPECT_EQ(child.countContaining("No recovery possible"), 0) << child.all();
 }
 
+namespace {
+
+// Sends its process a signal from inside of the library, which waits until that is left.
+struct Sender : ReferenceCounted {
+  ~Sender() override { raise(SIGTERM); }
+};
+
+}  // namespace
+
+CUL_CHILD(SignalAfterOneThatHadToWait) {
+  StdThread* self = StdThread::currentThread();
+  if (self->_setjmp() == 0) {
+    const Reference<Sender> last(new Sender);
+  }
+  waitUntil([self] { return !self->isRecoveryArmed(); });
+  registerErrorHandlers();
+  if (self->_setjmp() == 0) {
+    kill(getpid(), SIGTERM);
+  }
+}
+
+TEST(CUL_SignalHandler, TellsEachSignalsOwnCauseAlsoAfterOneThatHadToWait) {
+  const TracedChild child = tracedChild("SignalAfterOneThatHadToWait");
+  EXPECT_EQ(child.result.status, 0) << child.all();
+  for (const int cause : {SI_TKILL, SI_USER}) {
+    EXPECT_EQ(child.countContaining("; code = " + std::to_string(cause) + "."), 1) << child.all();
+  }
+}
+
 CUL_CHILD(CrashTwice) {
   StdThread* self = StdThread::currentThread();
   volatile int crashes = 0;
@@ -617,6 +649,17 @@ TEST(CUL_terminate, TracesAndEndsWithStatus1) {
       << child.all();
   expectCallChain(child);
   EXPECT_EQ(runChild("Terminate").status, 1);
+}
+
+CUL_CHILD(TerminateOutsideOfTheLibrary) {
+  // A limit would be set by an alarm.
+  std::atexit(
+      [] { std::printf(actionOf(SIGALRM).sa_handler == SIG_DFL ? "no limit" : "limited"); });
+  std::terminate();
+}
+
+TEST(CUL_terminate, SetsNoLimitToAnEndingThatWaitsForNoLock) {
+  EXPECT_EQ(runChild("TerminateOutsideOfTheLibrary").out, "no limit");
 }
 
 CUL_CHILD(UncaughtException) { throw 1; }
