@@ -466,6 +466,57 @@ TEST(CUL_SignalHandler, TellsEachSignalsOwnCauseAlsoAfterOneThatHadToWait) {
   }
 }
 
+CUL_CHILD(FaultOfTheReport) {
+  std::atexit([] { std::printf("exit handlers run"); });
+  const Instead fault(backtrace_symbolsStandIn, [](auto...) -> char** {
+    crash();
+    return nullptr;
+  });
+  crash();
+}
+
+TEST(CUL_SignalHandler, RunsExitHandlersAlsoWhenItsReportFails) {
+  const TracedChild child = tracedChild("FaultOfTheReport");
+  EXPECT_EQ(child.result.status, 99) << child.all();
+  EXPECT_EQ(child.result.out, "exit handlers run");
+  EXPECT_EQ(child.countContaining("Signal 11 (SIGSEGV)"), 1) << child.all();
+}
+
+namespace {
+
+// Fails inside of the library, so that the end of the process would have a limit.
+struct Failing : ReferenceCounted {
+  ~Failing() override { crash(); }
+};
+
+}  // namespace
+
+CUL_CHILD(FaultsThatMeetInsideTheLibrary) {
+  static std::atomic<int> reports = 0;
+  const Instead meet(backtrace_symbolsStandIn, [](auto...) -> char** {
+    ++reports;
+    waitUntil([] { return reports == 2; });
+    return nullptr;
+  });
+  const auto recover = [] {
+    if (StdThread::currentThread()->_setjmp() == 0) {
+      const Reference<Failing> last(new Failing);
+    }
+  };
+  StdThread::Termination one;
+  StdThread::Termination other;
+  startThread(recover, &one);
+  startThread(recover, &other);
+  EXPECT_EQ(one.wait(0), 0);
+  EXPECT_EQ(other.wait(0), 0);
+  EXPECT_EQ(actionOf(SIGALRM).sa_handler, SIG_DFL);
+}
+
+TEST(CUL_SignalHandler, LiftsTheLimitOfAnEndingWhenAllThreadsHaveRecovered) {
+  const TracedChild child = tracedChild("FaultsThatMeetInsideTheLibrary");
+  EXPECT_EQ(child.result.status, 0) << child.result.out << child.all();
+}
+
 CUL_CHILD(CrashTwice) {
   StdThread* self = StdThread::currentThread();
   volatile int crashes = 0;
