@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -471,12 +472,14 @@ TEST(ProcessEnd, IsImmediateWhenAnExitHandlerFails) {
   }
 }
 
-TEST(ProcessEnd, TellsOfAFailureInAnExitHandler) {
-  ChildOptions options = withoutSanitizerHandlers();
-  options.arguments = {"main returns", "SIGSEGV"};
-  const TracedChild child("FailureInAnExitHandler", options);
-  EXPECT_EQ(child.result.status, 99) << child.all();
-  EXPECT_EQ(child.countContaining("Signal 11 (SIGSEGV)"), 1) << child.all();
+TEST(ProcessEnd, TellsOfAFailureInAnExitHandlerAlsoAfterOneBefore) {
+  for (const auto& [first, reports] : {std::pair("main returns", 1), std::pair("SIGSEGV", 2)}) {
+    ChildOptions options = withoutSanitizerHandlers();
+    options.arguments = {first, "SIGSEGV"};
+    const TracedChild child("FailureInAnExitHandler", options);
+    EXPECT_EQ(child.result.status, 99) << child.all();
+    EXPECT_EQ(child.countContaining("Signal 11 (SIGSEGV)"), reports) << child.all();
+  }
 }
 
 CUL_CHILD(RecoveryPointOfBeforeTheEnd) {

@@ -447,21 +447,24 @@ struct Sender : ReferenceCounted {
 }  // namespace
 
 CUL_CHILD(SignalAfterOneThatHadToWait) {
-  StdThread* self = StdThread::currentThread();
-  if (self->_setjmp() == 0) {
-    const Reference<Sender> last(new Sender);
-  }
-  waitUntil([self] { return !self->isRecoveryArmed(); });
-  registerErrorHandlers();
-  if (self->_setjmp() == 0) {
-    kill(getpid(), SIGTERM);
-  }
+  // The first thread could take only signals that are meant for all.
+  runOnThread([] {
+    StdThread* self = StdThread::currentThread();
+    if (self->_setjmp() == 0) {
+      const Reference<Sender> last(new Sender);
+    }
+    waitUntil([self] { return !self->isRecoveryArmed(); });
+    registerErrorHandlers();
+    if (self->_setjmp() == 0) {
+      pthread_sigqueue(pthread_self(), SIGTERM, {});
+    }
+  });
 }
 
-TEST(CUL_SignalHandler, TellsEachSignalsOwnCauseAlsoAfterOneThatHadToWait) {
+TEST(CUL_SignalHandler, TellsEachSignalsOwnCauseOnItsThreadAlsoAfterOneThatHadToWait) {
   const TracedChild child = tracedChild("SignalAfterOneThatHadToWait");
   EXPECT_EQ(child.result.status, 0) << child.all();
-  for (const int cause : {SI_TKILL, SI_USER}) {
+  for (const int cause : {SI_TKILL, SI_QUEUE}) {
     EXPECT_EQ(child.countContaining("; code = " + std::to_string(cause) + "."), 1) << child.all();
   }
 }
