@@ -452,10 +452,15 @@ CUL_CHILD(RequestToAThreadThatIsEnding) {
   static std::atomic<bool> isAsked = false;
   static std::atomic<pid_t> task = 0;
   static std::atomic<const StdThread*> thread = nullptr;
-  const Instead meet(pthread_killStandIn, [](pthread_t id, int) {
+  const Instead meet(pthread_killStandIn, [](pthread_t id, int signal) {
+    if (signal != SIGUSR2) {
+      return pthread_killStandIn.real(id, signal);
+    }
     // The thread waits with its id, which could be another thread's soon.
     isAsked = true;
-    waitUntil([] { return thread.load()->threadId() == 0 || isAsleep(task); });
+    for (int i = 0; i < 100 && thread.load()->threadId() == id; ++i) {
+      usleep(1000);
+    }
     EXPECT_EQ(thread.load()->threadId(), id);
     return 0;
   });

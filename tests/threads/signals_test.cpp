@@ -457,6 +457,8 @@ CUL_CHILD(SignalAfterOneThatHadToWait) {
     registerErrorHandlers();
     if (self->_setjmp() == 0) {
       pthread_sigqueue(pthread_self(), SIGTERM, {});
+      // The thread sanitizer hands it over later.
+      waitUntil([self] { return !self->isRecoveryArmed(); });
     }
   });
 }
