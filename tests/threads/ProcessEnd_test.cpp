@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -368,6 +369,42 @@ TEST(ProcessEnd, LetsAnExitHandlerJoinAThreadThatHasFailedMeanwhile) {
 }
 #endif
 
+CUL_CHILD(CancelAThreadThatHasFailed) {
+  static const pthread_t first = pthread_self();
+  static const pid_t task = gettid();
+  static std::atomic<bool> isEnding = false;
+  std::atexit([] {
+    isEnding = true;
+    waitUntil([] { return hasStopped(task); });
+    pthread_cancel(first);
+    usleep(100000);  // Time to be cancelled, which nothing tells of when it is not.
+  });
+  startThread([] { exit(exitStatus); });
+  waitUntil([] { return isEnding.load(); });
+  std::terminate();
+}
+
+TEST(ProcessEnd, LetsNobodyCancelTheFirstThreadWhenItHasFailedMeanwhile) {
+  const TracedChild child("CancelAThreadThatHasFailed", withoutSanitizerHandlers());
+  EXPECT_EQ(child.result.status, exitStatus) << child.all();
+  EXPECT_EQ(child.countContaining("C++ terminate() called"), 1) << child.all();
+}
+
+CUL_CHILD(CancelInAnExitHandler) {
+  std::atexit([] {
+    pthread_cancel(pthread_self());
+    pthread_testcancel();
+    std::printf("went on");
+  });
+  exit(exitStatus);
+}
+
+TEST(ProcessEnd, IsNotGivenUpWhenItsThreadIsCancelled) {
+  const ChildResult child = runChild("CancelInAnExitHandler", withoutSanitizerHandlers());
+  EXPECT_EQ(child.status, exitStatus) << child.err;
+  EXPECT_EQ(child.out, "went on");
+}
+
 CUL_CHILD(FailureInsideATraceLine) {
   static std::atomic<bool> isEnding = false;
   static std::atomic<pid_t> task = 0;
@@ -435,12 +472,14 @@ TEST(ProcessEnd, IsImmediateWhenAnExitHandlerFails) {
   }
 }
 
-TEST(ProcessEnd, TellsOfAFailureInAnExitHandler) {
-  ChildOptions options = withoutSanitizerHandlers();
-  options.arguments = {"main returns", "SIGSEGV"};
-  const TracedChild child("FailureInAnExitHandler", options);
-  EXPECT_EQ(child.result.status, 99) << child.all();
-  EXPECT_EQ(child.countContaining("Signal 11 (SIGSEGV)"), 1) << child.all();
+TEST(ProcessEnd, TellsOfAFailureInAnExitHandlerAlsoAfterOneBefore) {
+  for (const auto& [first, reports] : {std::pair("main returns", 1), std::pair("SIGSEGV", 2)}) {
+    ChildOptions options = withoutSanitizerHandlers();
+    options.arguments = {first, "SIGSEGV"};
+    const TracedChild child("FailureInAnExitHandler", options);
+    EXPECT_EQ(child.result.status, 99) << child.all();
+    EXPECT_EQ(child.countContaining("Signal 11 (SIGSEGV)"), reports) << child.all();
+  }
 }
 
 CUL_CHILD(RecoveryPointOfBeforeTheEnd) {

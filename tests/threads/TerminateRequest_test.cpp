@@ -158,6 +158,7 @@ extern "C" __attribute__((visibility("default"))) const char* __lsan_default_sup
 
 CUL_STAND_IN(const char*, gnu_get_libc_version, (void), noexcept)
 CUL_STAND_IN(int, pthread_setcanceltype, (int type, int* former), CUL_NOTHING, type, former)
+CUL_STAND_IN(int, pthread_kill, (pthread_t thread, int signal), noexcept, thread, signal)
 
 // Versions from 2.41 on do not tell waits by the type of cancellation.
 CUL_CHILD(RequestWithANewerCLibrary) {
@@ -445,6 +446,41 @@ TEST(TerminateRequest, WaitsUntilANoexceptFunctionIsLeft) {
   EXPECT_EQ(write(pipe.ends[1], "x", 1), 1);
   EXPECT_EQ(termination.wait(0), 0);
   EXPECT_TRUE(isBehind);
+}
+
+CUL_CHILD(RequestToAThreadThatIsEnding) {
+  static std::atomic<bool> isAsked = false;
+  static std::atomic<pid_t> task = 0;
+  static std::atomic<const StdThread*> thread = nullptr;
+  const Instead meet(pthread_killStandIn, [](pthread_t id, int signal) {
+    if (signal != SIGUSR2) {
+      return pthread_killStandIn.real(id, signal);
+    }
+    // The thread waits with its id, which could be another thread's soon.
+    isAsked = true;
+    for (int i = 0; i < 100 && thread.load()->threadId() == id; ++i) {
+      usleep(1000);
+    }
+    EXPECT_EQ(thread.load()->threadId(), id);
+    return 0;
+  });
+  StdThread::Termination termination;
+  thread = startThread(
+      [] {
+        task = gettid();
+        while (!isAsked) {
+        }
+        pthread_exit(nullptr);
+      },
+      &termination);
+  waitUntil([] { return task != 0; });
+  EXPECT_EQ(thread.load()->requestTerminate(), 0);
+  EXPECT_EQ(termination.wait(0), 0);
+}
+
+TEST(TerminateRequest, GoesToTheThreadItIsMeantForAlsoWhenThatEndsJustThen) {
+  const ChildResult child = runChild("RequestToAThreadThatIsEnding");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
 CUL_CHILD(RequestBehindACallOfNothing) {
