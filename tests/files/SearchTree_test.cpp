@@ -1,6 +1,7 @@
 #include "Engine/utilities/SearchTree.h"
 
 #include <algorithm>
+#include <dirent.h>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -15,7 +16,10 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/OpenDescriptors.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/TemporaryFolder.h"
+
+CUL_STAND_IN(dirent*, readdir, (DIR * folder), CUL_NOTHING, folder)
 
 namespace {
 
@@ -211,6 +215,28 @@ TEST(SearchTree, EntersLinksToFoldersOnlyWhenAskedTo) {
   tree.setFollowLinks(true);
   EXPECT_EQ(tree.search(name("x")).view(), folder.file("link/x"));
   EXPECT_EQ(tree.search(name("link")).view(), "");
+}
+
+TEST(SearchTree, AsksForTheKindsThatTheFileSystemDoesNotTell) {
+  const TemporaryFolder folder;
+  makeFile(folder, "real/a");
+  makeFile(folder, "b");
+  makeLink(folder, "real", "link");
+  makeLink(folder, "b", "other");
+  makeLink(folder, "nowhere", "dangling");
+  const Instead silent(readdirStandIn, [](DIR* stream) {
+    dirent* const entry = readdirStandIn.real(stream);
+    if (entry != nullptr) {
+      entry->d_type = DT_UNKNOWN;
+    }
+    return entry;
+  });
+  SearchTree tree(name(folder.path()));
+  EXPECT_EQ(tree.search(name("a")).view(), folder.file("real/a"));
+  EXPECT_EQ(tree.search(name("other")).view(), folder.file("other"));
+  EXPECT_EQ(tree.search(name("dangling")).length(), 0U);
+  tree.setFollowLinks(true);
+  EXPECT_EQ(tree.search(name("a")).view(), folder.file("link/a"));
 }
 
 TEST(SearchTree, TheRootMayBeALink) {

@@ -466,6 +466,13 @@ TEST(TraceSignals, OfALimitOnFileSizesDoNotReachTheProgram) {
   EXPECT_THAT(numbersIn(contentsOf(file)).size(), AllOf(Ge(95U), Le(100U)));
 }
 
+TEST(TraceOutputFile, ThatIsADeviceWithoutRoomDoesNotDisturbTheProgram) {
+  for (const char* device : {"/dev/full", "/dev/null"}) {
+    const ChildResult r = runWith("TraceManyLines", {{"QVX_DBG_TRACE", device}});
+    EXPECT_EQ(r.out + r.err, "") << device;
+  }
+}
+
 CUL_CHILD(TraceBeyondALimitOfZero) {
   limitFiles(0);
   signal(SIGXFSZ, SIG_DFL);
