@@ -1,7 +1,9 @@
 #include "Engine/utilities/SearchTree.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <dirent.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -20,6 +22,9 @@
 #include "tests/support/TemporaryFolder.h"
 
 CUL_STAND_IN(dirent*, readdir, (DIR * folder), CUL_NOTHING, folder)
+CUL_STAND_IN(int, fstat, (int file, struct stat* status), noexcept, file, status)
+CUL_STAND_IN(int, fstatat, (int folder, const char* file, struct stat* status, int flags), noexcept,
+             folder, file, status, flags)
 
 namespace {
 
@@ -237,6 +242,39 @@ TEST(SearchTree, AsksForTheKindsThatTheFileSystemDoesNotTell) {
   EXPECT_EQ(tree.search(name("dangling")).length(), 0U);
   tree.setFollowLinks(true);
   EXPECT_EQ(tree.search(name("a")).view(), folder.file("link/a"));
+}
+
+TEST(SearchTree, PassesOverAFolderThatTellsNothingOfItself) {
+  const TemporaryFolder folder;
+  makeFile(folder, "a");
+  const SearchTree tree(name(folder.path()));
+  EXPECT_EQ(tree.search(name("a")).view(), folder.file("a"));
+  const Instead silent(fstatStandIn, [](auto...) {
+    errno = EIO;
+    return -1;
+  });
+  EXPECT_EQ(tree.search(name("a")).view(), "");
+}
+
+TEST(SearchTree, TakesForAFolderWhatMayBeALinkToOne) {
+  const TemporaryFolder folder;
+  makeFile(folder, "real/a");
+  const Instead silent(readdirStandIn, [](DIR* stream) {
+    dirent* const entry = readdirStandIn.real(stream);
+    if (entry != nullptr) {
+      entry->d_type = DT_UNKNOWN;
+    }
+    return entry;
+  });
+  const Instead untold(fstatatStandIn,
+                       [](int parent, const char* file, struct stat* status, int flags) {
+                         if ((flags & AT_SYMLINK_NOFOLLOW) != 0) {
+                           errno = EIO;
+                           return -1;
+                         }
+                         return fstatatStandIn.real(parent, file, status, flags);
+                       });
+  EXPECT_EQ(SearchTree(name(folder.path())).search(name("a")).view(), folder.file("real/a"));
 }
 
 TEST(SearchTree, TheRootMayBeALink) {

@@ -25,6 +25,7 @@
 #include "Engine/utilities/TraceImplementation.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/trace/TraceSupport.h"
 
@@ -328,6 +329,23 @@ TEST(TraceOutputFile, ThatIsCutInALaterPassStaysWithinItsLimits) {
   runWith("CutTheFileInTheSecondPass", {{"QVX_DBG_TRACE", file + ",PMD,2"}}, {file});
   EXPECT_LE(contentsOf(file).size(), 4 * megabyte);
   EXPECT_THAT(numbersIn(contentsOf(file)), testing::Contains(4 * manyLines));
+}
+
+CUL_STAND_IN(int, fstat, (int file, struct stat* status), noexcept, file, status)
+
+CUL_CHILD(TraceToAFileThatTellsNothing) {
+  fstatStandIn.callInstead([](auto...) {
+    errno = EIO;
+    return -1;
+  });
+  traceLines(1, 200);
+}
+
+TEST(TraceOutputFile, ThatTellsNothingOfItselfCarriesEveryLine) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("log");
+  runWith("TraceToAFileThatTellsNothing", {{"QVX_DBG_TRACE", file}});
+  EXPECT_EQ(numbersIn(contentsOf(file)), allNumbers(1, 200));
 }
 
 TEST(TraceOutputFile, ThatIsAPipeCarriesEveryLine) {
