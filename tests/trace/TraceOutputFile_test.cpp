@@ -332,20 +332,29 @@ TEST(TraceOutputFile, ThatIsCutInALaterPassStaysWithinItsLimits) {
 }
 
 CUL_STAND_IN(int, fstat, (int file, struct stat* status), noexcept, file, status)
+CUL_STAND_IN(int, getrlimit, (__rlimit_resource_t resource, rlimit* limit), noexcept, resource,
+             limit)
 
 CUL_CHILD(TraceToAFileThatTellsNothing) {
-  fstatStandIn.callInstead([](auto...) {
+  constexpr auto fail = [](auto...) {
     errno = EIO;
     return -1;
-  });
+  };
+  if (childArguments()[0] == "fstat") {
+    fstatStandIn.callInstead(fail);
+  } else {
+    getrlimitStandIn.callInstead(fail);
+  }
   traceLines(1, 200);
 }
 
 TEST(TraceOutputFile, ThatTellsNothingOfItselfCarriesEveryLine) {
-  const TemporaryFolder folder;
-  const std::string file = folder.file("log");
-  runWith("TraceToAFileThatTellsNothing", {{"QVX_DBG_TRACE", file}});
-  EXPECT_EQ(numbersIn(contentsOf(file)), allNumbers(1, 200));
+  for (const char* call : {"fstat", "getrlimit"}) {
+    const TemporaryFolder folder;
+    const std::string file = folder.file("log");
+    runWith("TraceToAFileThatTellsNothing", {{"QVX_DBG_TRACE", file}}, {call});
+    EXPECT_EQ(numbersIn(contentsOf(file)), allNumbers(1, 200)) << call;
+  }
 }
 
 TEST(TraceOutputFile, ThatIsAPipeCarriesEveryLine) {
