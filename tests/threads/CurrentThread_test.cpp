@@ -5,7 +5,6 @@
 #include <mutex>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -419,6 +418,8 @@ TEST(CurrentThread, IsRightOnManyThreadsWhileTheRegistryChangesAllTheTime) {
 // The sanitizers call these functions themselves, before there is a thread and before they can
 // bear to see what the functions do.
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
+extern StandIn<int(const stack_t*, stack_t*)> sigaltstackStandIn;  // of AlternateStack_test.cpp
+
 namespace {
 
 // Called by a new thread before the library lets it run, with the lock of starts held elsewhere.
@@ -426,14 +427,6 @@ std::atomic<void (*)()> beforeTheStart = nullptr;
 std::atomic<bool> isBeforeTheStart = false;
 
 }  // namespace
-
-extern "C" int sigaltstack(const stack_t* stack, stack_t* former) noexcept {
-  if (void (*const function)() = beforeTheStart.load(); function != nullptr) {
-    function();
-    isBeforeTheStart = true;
-  }
-  return static_cast<int>(syscall(SYS_sigaltstack, stack, former));
-}
 
 CUL_DEFINE_STAND_IN(int, pthread_attr_destroy, (pthread_attr_t*))
 // The starter calls it between the creation of the thread and the note of its id.
@@ -450,6 +443,13 @@ TEST(CurrentThread, IsFoundByAThreadThatHasLookedBeforeItWasLetGo) {
   std::atomic<StdThread*> late = nullptr;
   isBeforeTheStart = false;
   beforeTheStart = [] { early = StdThread::currentThread(); };
+  const Instead looks(sigaltstackStandIn, [](const stack_t* stack, stack_t* former) {
+    if (void (*const function)() = beforeTheStart.load(); function != nullptr) {
+      function();
+      isBeforeTheStart = true;
+    }
+    return sigaltstackStandIn.real(stack, former);
+  });
   StdThread::Termination termination;
   const StdThread* const thread =
       startThread([&late] { late = StdThread::currentThread(); }, &termination);

@@ -100,6 +100,7 @@ TEST_P(EachPriority, ManyReadersShareTheLock) {
     lock.requestRead();
     EXPECT_TRUE(lock.holdsReadLock());
     EXPECT_FALSE(lock.holdsWriteLock());
+    EXPECT_TRUE(lock.holdsAnyLock());
   });
   EXPECT_TRUE(lock.holdsReadLock());
   EXPECT_FALSE(lock.holdsWriteLock());

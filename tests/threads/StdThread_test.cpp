@@ -428,6 +428,14 @@ TEST(StdThread_Slots, AreManyAndKeepTheirValues) {
   }
 }
 
+TEST(StdThread, OfMainHasNothingToRun) {
+  StdThread* const main = StdThread::thread1();
+  main->run();
+  EXPECT_EQ(StdThread::thread1(), main);
+  EXPECT_EQ(main->threadId(), pthread_self());
+  EXPECT_EQ(main->name().view(), "main");
+}
+
 TEST(StdThread_Slots, BelongToTheThreadObject) {
   *StdThread::currentThread()->_getKeyValue("key") = &errno;
   runOnThread([] { EXPECT_EQ(*StdThread::currentThread()->_getKeyValue("key"), nullptr); });

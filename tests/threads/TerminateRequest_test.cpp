@@ -23,6 +23,7 @@
 
 #include "Engine/internal/LockGuard.h"
 #include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/RWlock.h"
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -777,6 +778,31 @@ TEST(BlockTermination, ARequestBeforeTheGuardIsNotLost) {
     work();
   });
   EXPECT_FALSE(isAlive);
+}
+
+TEST(TerminateRequest, ThatIsPendingIsMetWhereAReadWriteLockIsAskedForOutsideOfGuards) {
+  for (void (RWlock::*ask)() : {&RWlock::requestRead, &RWlock::requestWrite}) {
+    RWlock lock(RWlockBase::NoPriority);
+    std::atomic<bool> isThroughGuard = false;
+    std::atomic<bool> isThrough = false;
+    runOnThread([&] {
+      askOnceWhereNothingCanEnd();
+      {
+        const StdThread::BlockTermination block;
+        (lock.*ask)();
+        lock.release();
+        isThroughGuard = true;
+      }
+      (lock.*ask)();
+      isThrough = true;
+      lock.release();
+    });
+    EXPECT_TRUE(isThroughGuard);
+    EXPECT_FALSE(isThrough);
+    lock.requestWrite();
+    EXPECT_TRUE(lock.holdsWriteLock());
+    lock.release();
+  }
 }
 
 TEST(BlockTermination, ARequestBeforeTheGuardDoesNotEndAThreadThatYieldsInIt) {

@@ -90,6 +90,17 @@ std::time_t startOf(int year) {
 
 }  // namespace
 
+TEST(LocalTime, IsToldUpToTheLastDayThatTheSystemTells) {
+  constexpr std::time_t last = 67768036191676799;  // of the largest year, in UTC
+  for (const std::time_t second : {last - 2 * day, last - day}) {
+    LocalTime time;
+    const std::string expected = toldByTheSystem(second);
+    EXPECT_NE(expected, "");
+    EXPECT_EQ(told(time, second), expected);
+    EXPECT_EQ(inAFork([&] { return told(time, second) == expected ? "" : "something else"; }), "");
+  }
+}
+
 // Argument: a zone. Compares a fork's child with what the system told its parent.
 CUL_CHILD(CompareAYearOfLocalTime) {
   for (const int year : years) {

@@ -25,6 +25,7 @@
 #include "Engine/utilities/TraceImplementation.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/trace/TraceSupport.h"
 
@@ -330,6 +331,32 @@ TEST(TraceOutputFile, ThatIsCutInALaterPassStaysWithinItsLimits) {
   EXPECT_THAT(numbersIn(contentsOf(file)), testing::Contains(4 * manyLines));
 }
 
+CUL_STAND_IN(int, fstat, (int file, struct stat* status), noexcept, file, status)
+CUL_STAND_IN(int, getrlimit, (__rlimit_resource_t resource, rlimit* limit), noexcept, resource,
+             limit)
+
+CUL_CHILD(TraceToAFileThatTellsNothing) {
+  constexpr auto fail = [](auto...) {
+    errno = EIO;
+    return -1;
+  };
+  if (childArguments()[0] == "fstat") {
+    fstatStandIn.callInstead(fail);
+  } else {
+    getrlimitStandIn.callInstead(fail);
+  }
+  traceLines(1, 200);
+}
+
+TEST(TraceOutputFile, ThatTellsNothingOfItselfCarriesEveryLine) {
+  for (const char* call : {"fstat", "getrlimit"}) {
+    const TemporaryFolder folder;
+    const std::string file = folder.file("log");
+    runWith("TraceToAFileThatTellsNothing", {{"QVX_DBG_TRACE", file}}, {call});
+    EXPECT_EQ(numbersIn(contentsOf(file)), allNumbers(1, 200)) << call;
+  }
+}
+
 TEST(TraceOutputFile, ThatIsAPipeCarriesEveryLine) {
   const ChildResult r = runWith("TraceManyLines", {{"QVX_DBG_TRACE", "stderr,PMD,2"}});
   EXPECT_EQ(numbersIn(r.err), allNumbers(1, manyLines));
@@ -464,6 +491,13 @@ TEST(TraceSignals, OfALimitOnFileSizesDoNotReachTheProgram) {
   EXPECT_THAT(numbersIn(contentsOf(file)).size(), AllOf(Ge(95U), Le(100U)));
   runWith("TraceBeyondALimitOnFileSizes", {{"QVX_DBG_TRACE", "stderr"}}, {file, "stderr"});
   EXPECT_THAT(numbersIn(contentsOf(file)).size(), AllOf(Ge(95U), Le(100U)));
+}
+
+TEST(TraceOutputFile, ThatIsADeviceWithoutRoomDoesNotDisturbTheProgram) {
+  for (const char* device : {"/dev/full", "/dev/null"}) {
+    const ChildResult r = runWith("TraceManyLines", {{"QVX_DBG_TRACE", device}});
+    EXPECT_EQ(r.out + r.err, "") << device;
+  }
 }
 
 CUL_CHILD(TraceBeyondALimitOfZero) {
