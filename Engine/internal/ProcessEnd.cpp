@@ -107,6 +107,10 @@ thread_local ThreadObject threadObject;
 
 void abandonLocks() noexcept {
   abandonTraceLines();
+  abandonLocksBehindTrace();
+}
+
+void abandonLocksBehindTrace() noexcept {
   StringPoolManager::abandon();
   LeafLock::abandon();
 }

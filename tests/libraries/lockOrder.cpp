@@ -34,6 +34,8 @@
 /// What the library writes down of its order, in its handlers of forks, takes part: at a process's
 /// end they are called as for a fork, and take all locks of the process in that order.
 ///
+/// A process in which locks fail on purpose calls watchNoLocks().
+///
 /// CUL_LOCK_ORDER_LOG names a file to which each process adds a line about what it has seen, and
 /// what it has to tell.
 
@@ -468,6 +470,8 @@ bool isOfLibrary(Handler handler) noexcept {
 // a thread that is asked to end leaves its wait by unwinding.
 #define CUL_INSTEAD_OF(name) __asm__(#name) __attribute__((visibility("default")))
 extern "C" {
+void watchNoLocks();
+
 int makeMutex(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes)
     CUL_INSTEAD_OF(pthread_mutex_init);
 int destroyMutex(pthread_mutex_t* mutex) CUL_INSTEAD_OF(pthread_mutex_destroy);
@@ -478,6 +482,8 @@ int waitForCondition(pthread_cond_t* condition, pthread_mutex_t* mutex)
     CUL_INSTEAD_OF(pthread_cond_wait);
 int addForkHandlers(Handler prepare, Handler parent, Handler child, void* module)
     CUL_INSTEAD_OF(__register_atfork);
+
+void watchNoLocks() { isFull = true; }
 
 int makeMutex(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
   noteMade(mutex);
