@@ -59,6 +59,10 @@ bool catchUp(RingOrder& order, const FileBytes& file, std::uint64_t ring, const 
   if (order.stretches.empty() || order.newest.offset < order.stretches.back().first.offset) {
     return true;
   }
+  if (order.newest.offset < ring) {
+    // No line is in the ring yet: the newest one is kept, and stays as it is.
+    return true;
+  }
   const WriterPlace writer = wholeLinesBehind(file, order.newest.offset, since);
   if (writer.separator > ring) {
     return false;
