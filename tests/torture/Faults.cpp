@@ -44,6 +44,7 @@ constinit std::atomic<unsigned> counted = 0;
 constinit std::atomic<int> chosen = -1;  // the function that fails for good
 Fault fault;
 Count* theCount = nullptr;
+constinit thread_local bool isSpared = false;
 
 // The thread sanitizer and the like make calls before there are constructors.
 std::vector<FallibleCall>& calls() {
@@ -115,7 +116,7 @@ bool isOfSanitizer(const void* caller) {
 
 // Whether this call fails; with its error then. Inside the function that stands in.
 [[gnu::always_inline]] inline bool failsCall(unsigned number, int& error) {
-  if (!isArmed.load(std::memory_order_acquire) || fault.kind == Fault::allocation) {
+  if (!isArmed.load(std::memory_order_acquire) || fault.kind == Fault::allocation || isSpared) {
     return false;
   }
 #if defined(CUL_SANITIZED_ADDRESSES)
@@ -127,7 +128,7 @@ bool isOfSanitizer(const void* caller) {
 }
 
 bool failsAllocation() {
-  if (!isArmed.load(std::memory_order_acquire) || fault.kind == Fault::call) {
+  if (!isArmed.load(std::memory_order_acquire) || fault.kind == Fault::call || isSpared) {
     return false;
   }
   const unsigned place = __atomic_fetch_add(&theCount->allocations, 1, __ATOMIC_RELAXED);
@@ -155,6 +156,9 @@ void arm(const Fault& next, Count& count) {
 }
 
 void disarm() { isArmed.store(false, std::memory_order_release); }
+
+Spared::Spared() : before_(isSpared) { isSpared = true; }
+Spared::~Spared() { isSpared = before_; }
 
 // Allocations.
 
@@ -240,6 +244,15 @@ void free(void* block) noexcept {
 }
 
 #if defined(CUL_SANITIZED_ADDRESSES)
+// The first thing that a thread does there.
+CUL_DEFINE_STAND_IN(int, pthread_getattr_np, (pthread_t, pthread_attr_t*))
+extern "C" int pthread_getattr_np(pthread_t thread, pthread_attr_t* attributes) noexcept {
+  isSpared = isOfSanitizer(__builtin_return_address(0));
+  const int result = pthread_getattr_npStandIn.real(thread, attributes);
+  isSpared = false;
+  return result;
+}
+
 // The blocks are counted; what the C library loses where its own memory is out is not ours.
 extern "C" int __lsan_is_turned_off();
 extern "C" int __lsan_is_turned_off() { return 1; }
