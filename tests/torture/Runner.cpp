@@ -67,9 +67,13 @@ Threads threadsNow() {
       continue;
     }
     ++threads.number;
-    const std::string stat = contentsOf("/proc/self/task/" + std::string(name) + "/stat");
-    const std::size_t state = stat.rfind(") ");  // none: it has gone meanwhile
-    const bool isAsleep = state != std::string::npos && stat.compare(state, 3, ") S") == 0;
+    const std::string file = "/proc/self/task/" + std::string(name) + "/stat";
+    char stat[64] = {};
+    const int descriptor = open(file.c_str(), O_RDONLY);
+    // Nothing to read: it has gone meanwhile.
+    const bool isAsleep =
+        read(descriptor, stat, sizeof stat - 1) > 0 && std::strstr(stat, ") S ") != nullptr;
+    close(descriptor);
     threads.awake += isAsleep || name == std::to_string(gettid()) ? 0 : 1;
   }
   closedir(folder);
