@@ -47,13 +47,12 @@ namespace {
 template <typename Function>
 class Behind {
  public:
-  explicit constexpr Behind(const char* name, const char* version = nullptr) noexcept
-      : name_(name), version_(version) {}
+  explicit constexpr Behind(const char* name) noexcept : name_(name) {}
 
   Function* get() noexcept {
     void* function = __atomic_load_n(&function_, __ATOMIC_RELAXED);
     if (function == nullptr) {
-      function = version_ != nullptr ? dlvsym(RTLD_NEXT, name_, version_) : dlsym(RTLD_NEXT, name_);
+      function = dlsym(RTLD_NEXT, name_);
       __atomic_store_n(&function_, function, __ATOMIC_RELAXED);
     }
     return reinterpret_cast<Function*>(function);
@@ -61,7 +60,6 @@ class Behind {
 
  private:
   const char* name_;
-  const char* version_;
   void* function_ = nullptr;
 };
 
@@ -71,8 +69,7 @@ constinit Behind<int(pthread_mutex_t*)> mutexDestroy("pthread_mutex_destroy");
 constinit Behind<int(pthread_mutex_t*)> mutexLock("pthread_mutex_lock");
 constinit Behind<int(pthread_mutex_t*)> mutexTryLock("pthread_mutex_trylock");
 constinit Behind<int(pthread_mutex_t*)> mutexUnlock("pthread_mutex_unlock");
-constinit Behind<int(pthread_cond_t*, pthread_mutex_t*)> conditionWait("pthread_cond_wait",
-                                                                       "GLIBC_2.3.2");
+constinit Behind<int(pthread_cond_t*, pthread_mutex_t*)> conditionWait("pthread_cond_wait");
 constinit Behind<int(Handler, Handler, Handler, void*)> registerAtFork("__register_atfork");
 
 // Places in code, the innermost call first.

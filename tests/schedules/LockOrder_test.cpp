@@ -287,7 +287,7 @@ CUL_CHILD(TwoSectionsInTwoOrdersInForkedChildren) {
       UNIX_Mutex made;
     }
   });
-  for (int i = 0; i < 100 && !testing::Test::HasFailure(); ++i) {
+  for (int i = 0; i < 20 && !testing::Test::HasFailure(); ++i) {
     const pid_t child = fork();
     if (child == 0) {
       alarm(20);
