@@ -191,7 +191,7 @@ void FollowedFile::endTrace() {
 
 bool FollowedFile::nextOfFresh(Line& line) {
   const std::string_view rest = std::string_view(fresh_).substr(freshPlace_);
-  if (rest.empty() || rest.starts_with(separatorLine)) {
+  if (rest.empty() || beginsSeparator(rest)) {
     return false;
   }
   const std::uint64_t place = freshOffset_ + freshPlace_;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <ctime>
 
 #include "programs/enginetrace/Dates.h"
 #include "programs/enginetrace/FileBytes.h"
@@ -65,12 +64,6 @@ std::string bytesAt(const FileBytes& file, std::uint64_t offset, std::uint64_t s
   std::string bytes(size, '\0');
   bytes.resize(file.read(offset, bytes.data(), bytes.size()));
   return bytes;
-}
-
-WallTime now() noexcept {
-  std::timespec time = {};
-  clock_gettime(CLOCK_REALTIME, &time);
-  return time.tv_sec * microsecondsPerSecond + time.tv_nsec / 1000;
 }
 
 }  // namespace
