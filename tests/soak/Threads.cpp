@@ -23,9 +23,9 @@ struct Common {
   std::atomic<bool> isAtWork = false;
   std::atomic<bool> isUnwound = false;
   std::atomic<bool> hasReturned = false;  // from a wait without end
-  UNIX_Event_Semaphore event;  // is not posted
-  UNIX_Critical_Section lock;  // held by the starter
-  StdPipe pipe;                // nothing is written to it
+  UNIX_Event_Semaphore event;             // is not posted
+  UNIX_Critical_Section lock;             // held by the starter
+  StdPipe pipe;                           // nothing is written to it
 };
 
 // On the stack of each thread.
