@@ -142,7 +142,7 @@ RingScan TraceFile::State::findOrder() {
   isRingElsewhere = file.isWrittenTo() && !catchUp(order, file, body.begin, sinceOpened());
   ring = {body.begin, body.first.offset,
           bytesAt(file, body.first.offset, body.hasLines ? lineStartLength : 0)};
-  return *scan;
+  return std::move(*scan);
 }
 
 // Whether the writer has begun the ring anew while the order was looked for, when it may have come
@@ -169,8 +169,7 @@ void TraceFile::State::describe(const RingScan& scan) {
   facts.lostUntil = dates.lostUntil();
   facts.cutLines = order.cutBytes > 0 ? 1 : 0;
   facts.isOrderUnknown = order.isUnknown;
-  const std::uint64_t read =
-      readable() + order.cutBytes + (scan.parts.size() - 1) * separatorLine.size();
+  const std::uint64_t read = readable() + order.cutBytes + scan.separators * separatorLine.size();
   unread = scan.parts.back().end - std::min(read, scan.parts.back().end);
   facts.unreadBytes = unread;
 }
