@@ -4,6 +4,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -187,6 +188,14 @@ CUL_STAND_BEFORE(int, tcflush, (int fd, int queue), noexcept,
                  (LibcCall::tcflush, nullptr, fd, queue), fd, queue)
 CUL_STAND_BEFORE(pid_t, waitpid, (pid_t process, int* status, int options), CUL_NOTHING,
                  (LibcCall::waitpid, nullptr, process, options), process, status, options)
+
+CUL_STAND_BEFORE(int, pthread_create,
+                 (pthread_t * id, const pthread_attr_t* attributes, void* (*entry)(void*),
+                  void* argument),
+                 noexcept, (LibcCall::createThread, nullptr, 0, 0), id, attributes, entry, argument)
+CUL_STAND_BEFORE(int, pthread_cond_init,
+                 (pthread_cond_t * condition, const pthread_condattr_t* attributes), noexcept,
+                 (LibcCall::initCondition, nullptr, 0, 0), condition, attributes)
 
 static constinit bool hasStarted = false;
 __attribute__((constructor)) static void noteStart() { hasStarted = true; }

@@ -40,7 +40,9 @@ enum class LibcCall {
   tcsetattr,
   tcflush,
   waitpid,
-  sysconf
+  sysconf,
+  createThread,
+  initCondition
 };
 
 /// Which calls are answered, and how. What is not given matches everything.
@@ -50,7 +52,7 @@ struct CallFailure {
   LibcCall call;
   /// What the call leaves in `errno` when `result` is negative or a text is missing.
   int error = EIO;
-  /// What the call returns without having done anything.
+  /// What the call returns without having done anything; those of threads, the error.
   long result = -1;
   /// What `ptsname` returns; without it, null.
   std::optional<std::string> text = {};

@@ -149,8 +149,7 @@ struct Started {
 }  // namespace
 
 TEST(ScheduledStdThread, EndsWhereItIsAskedToAndLeavesEveryLockFree) {
-  static_cast<void>(UNIX_Event_Semaphore::timerInstance());
-  const long threads = threadsAlive();
+  const long threads = threadsBefore();
   underSchedules(6, [threads](const Schedule& schedule) {
     Shared shared;
     std::vector<Started> asked(2 + schedule.chance().below(2));
@@ -197,7 +196,7 @@ TEST(ScheduledStdThread, EndsWhereItIsAskedToAndLeavesEveryLockFree) {
 }
 
 TEST(ScheduledStdThread, IsFoundAsTheCurrentOneWhileOthersStartAndEnd) {
-  const long threads = threadsAlive();
+  const long threads = threadsBefore();
   underSchedules(20, [threads](const Schedule& schedule) {
     std::atomic<unsigned> mistakes = 0;
     std::atomic<unsigned> runs = 0;

@@ -15,12 +15,6 @@
 
 namespace {
 
-// The timer, which stays, is started before threads are counted.
-long threadsBefore() {
-  static_cast<void>(UNIX_Event_Semaphore::timerInstance());
-  return threadsAlive();
-}
-
 // Ends at once, after a moment, or when it is told to.
 class Work : public Runnable {
  public:

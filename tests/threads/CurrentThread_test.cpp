@@ -428,14 +428,7 @@ std::atomic<bool> isBeforeTheStart = false;
 
 }  // namespace
 
-CUL_DEFINE_STAND_IN(int, pthread_attr_destroy, (pthread_attr_t*))
-// The starter calls it between the creation of the thread and the note of its id.
-extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
-  if (beforeTheStart.load() != nullptr) {
-    waitUntil([] { return isBeforeTheStart.load(); });
-  }
-  return pthread_attr_destroyStandIn.real(attributes);
-}
+CUL_STAND_IN(int, pthread_attr_destroy, (pthread_attr_t * attributes), noexcept, attributes)
 
 TEST(CurrentThread, IsFoundByAThreadThatHasLookedBeforeItWasLetGo) {
   static std::atomic<StdThread*> early;
@@ -449,6 +442,11 @@ TEST(CurrentThread, IsFoundByAThreadThatHasLookedBeforeItWasLetGo) {
       isBeforeTheStart = true;
     }
     return sigaltstackStandIn.real(stack, former);
+  });
+  // The starter calls it between the creation of the thread and the note of its id.
+  const Instead waits(pthread_attr_destroyStandIn, [](pthread_attr_t* attributes) {
+    waitUntil([] { return isBeforeTheStart.load(); });
+    return pthread_attr_destroyStandIn.real(attributes);
   });
   StdThread::Termination termination;
   const StdThread* const thread =

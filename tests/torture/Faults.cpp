@@ -6,8 +6,10 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <dirent.h>
 #include <dlfcn.h>
@@ -16,6 +18,7 @@
 #include <iconv.h>
 #include <iterator>
 #include <langinfo.h>
+#include <link.h>
 #include <locale.h>
 #include <new>
 #include <poll.h>
@@ -41,6 +44,7 @@ constinit std::atomic<unsigned> counted = 0;
 constinit std::atomic<int> chosen = -1;  // the function that fails for good
 Fault fault;
 Count* theCount = nullptr;
+constinit thread_local bool isSpared = false;
 
 // The thread sanitizer and the like make calls before there are constructors.
 std::vector<FallibleCall>& calls() {
@@ -53,14 +57,8 @@ unsigned enroll(const char* name, std::initializer_list<int> errors) {
   return static_cast<unsigned>(calls().size()) - 1;
 }
 
-// Whether this call fails; with its error then.
-bool failsCall(unsigned number, int& error) {
-  if (!isArmed.load(std::memory_order_acquire)) {
-    return false;
-  }
-  if (fault.kind == Fault::allocation) {
-    return false;
-  }
+// Whether this call, which counts, fails; with its error then.
+bool failsCountedCall(unsigned number, int& error) {
   const unsigned place = counted.fetch_add(1);
   if (place < Count::most) {
     theCount->made[place] = static_cast<unsigned char>(number);
@@ -81,8 +79,56 @@ bool failsCall(unsigned number, int& error) {
   return true;
 }
 
+#if defined(CUL_SANITIZED_ADDRESSES)
+// Where the sanitizer's code is. What it asks the C library for, for itself, is not the library's
+// call; it ends the process where that fails.
+struct Range {
+  std::uintptr_t begin = 0;
+  std::uintptr_t end = 0;
+};
+
+Range rangeOfSanitizer() {
+  Range range;
+  dl_iterate_phdr(
+      [](dl_phdr_info* object, std::size_t, void* found) {
+        if (std::strstr(object->dlpi_name, "/libasan.so") == nullptr) {
+          return 0;
+        }
+        for (const ElfW(Phdr) & part : std::span(object->dlpi_phdr, object->dlpi_phnum)) {
+          if (part.p_type == PT_LOAD && (part.p_flags & PF_X) != 0) {
+            const std::uintptr_t begin = object->dlpi_addr + part.p_vaddr;
+            *static_cast<Range*>(found) = {begin, begin + part.p_memsz};
+          }
+        }
+        return 1;
+      },
+      &range);
+  return range;
+}
+
+Range sanitizer;
+
+bool isOfSanitizer(const void* caller) {
+  const auto place = reinterpret_cast<std::uintptr_t>(caller);
+  return place >= sanitizer.begin && place < sanitizer.end;
+}
+#endif
+
+// Whether this call fails; with its error then. Inside the function that stands in.
+[[gnu::always_inline]] inline bool failsCall(unsigned number, int& error) {
+  if (!isArmed.load(std::memory_order_acquire) || fault.kind == Fault::allocation || isSpared) {
+    return false;
+  }
+#if defined(CUL_SANITIZED_ADDRESSES)
+  if (isOfSanitizer(__builtin_return_address(0))) {
+    return false;
+  }
+#endif
+  return failsCountedCall(number, error);
+}
+
 bool failsAllocation() {
-  if (!isArmed.load(std::memory_order_acquire) || fault.kind == Fault::call) {
+  if (!isArmed.load(std::memory_order_acquire) || fault.kind == Fault::call || isSpared) {
     return false;
   }
   const unsigned place = __atomic_fetch_add(&theCount->allocations, 1, __ATOMIC_RELAXED);
@@ -99,6 +145,9 @@ bool failsAllocation() {
 std::span<const FallibleCall> fallibleCalls() { return calls(); }
 
 void arm(const Fault& next, Count& count) {
+#if defined(CUL_SANITIZED_ADDRESSES)
+  sanitizer = rangeOfSanitizer();
+#endif
   fault = next;
   theCount = &count;
   counted = 0;
@@ -107,6 +156,9 @@ void arm(const Fault& next, Count& count) {
 }
 
 void disarm() { isArmed.store(false, std::memory_order_release); }
+
+Spared::Spared() : before_(isSpared) { isSpared = true; }
+Spared::~Spared() { isSpared = before_; }
 
 // Allocations.
 
@@ -192,6 +244,15 @@ void free(void* block) noexcept {
 }
 
 #if defined(CUL_SANITIZED_ADDRESSES)
+// The first thing that a thread does there.
+CUL_DEFINE_STAND_IN(int, pthread_getattr_np, (pthread_t, pthread_attr_t*))
+extern "C" int pthread_getattr_np(pthread_t thread, pthread_attr_t* attributes) noexcept {
+  isSpared = isOfSanitizer(__builtin_return_address(0));
+  const int result = pthread_getattr_npStandIn.real(thread, attributes);
+  isSpared = false;
+  return result;
+}
+
 // The blocks are counted; what the C library loses where its own memory is out is not ours.
 extern "C" int __lsan_is_turned_off();
 extern "C" int __lsan_is_turned_off() { return 1; }

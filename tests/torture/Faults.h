@@ -49,6 +49,19 @@ struct Count {
 void arm(const Fault& fault, Count& count);
 void disarm();
 
+/// Until the end of the scope, what the calling thread calls and allocates neither counts nor
+/// fails.
+class Spared {
+ public:
+  Spared();
+  Spared(const Spared&) = delete;
+  Spared& operator=(const Spared&) = delete;
+  ~Spared();
+
+ private:
+  bool before_;
+};
+
 /// What is allocated at the moment.
 struct Allocated {
   long blocks = 0;     ///< Given out and not freed.

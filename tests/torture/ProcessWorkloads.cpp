@@ -264,7 +264,8 @@ const Workload workloads[] = {
     {"library paths", setUpLibraryPaths, -1, {noLaunch, "other: ", "threw i"}},
     {"cleaned variables", cleanVariables, -1, {noLaunch}},
     {"processes", listProcesses, -1, {"other: getprocs64", "other: getargs"}},
-    {"messages", getMessages},
+    // A catalog that cannot be loaded has no messages.
+    {"messages", getMessages, -1, {"other: any.get", "other: library.getRawMessage"}},
 };
 
 }  // namespace

@@ -53,9 +53,60 @@ struct Report {
   bool isOver;
 };
 
+struct Threads {
+  int number = 0;
+  int awake = 0;  // but for this one
+};
+
+Threads threadsNow() {
+  Threads threads;
+  DIR* const folder = opendir("/proc/self/task");
+  while (const dirent* const entry = readdir(folder)) {
+    const std::string_view name = entry->d_name;
+    if (name.starts_with('.')) {
+      continue;
+    }
+    ++threads.number;
+    const std::string file = "/proc/self/task/" + std::string(name) + "/stat";
+    char stat[64] = {};
+    const int descriptor = open(file.c_str(), O_RDONLY);
+    // Nothing to read: it has gone meanwhile.
+    const bool isAsleep =
+        read(descriptor, stat, sizeof stat - 1) > 0 && std::strstr(stat, ") S ") != nullptr;
+    close(descriptor);
+    threads.awake += isAsleep || name == std::to_string(gettid()) ? 0 : 1;
+  }
+  closedir(folder);
+  return threads;
+}
+
+// Threads that have told of their end may not be gone yet, and those that stay not have come to
+// where they wait, by when they have all that they hold.
+// \param expected how many there are then; 0: nobody knows.
+int settledThreads(int expected) {
+  Threads threads = threadsNow();
+  for (int i = 0; i < 2000; ++i) {
+    if (threads.awake == 0 && (expected == 0 || threads.number <= expected)) {
+      break;
+    }
+    usleep(2000);
+    threads = threadsNow();
+  }
+  return threads.number;
+}
+
 template <std::size_t n>
 void note(char (&place)[n], std::string_view text) {
   text.copy(place, n - 1);
+}
+
+// What fails on another thread fails as long as the work is under way.
+void disarmWhereAllRest() {
+  {
+    const Spared spared;
+    settledThreads(0);
+  }
+  disarm();
 }
 
 // Forced unwinding, of a thread that is asked to end, passes.
@@ -64,10 +115,10 @@ void perform(const Workload& work, char (&told)[n]) {
   try {
     try {
       work.work();
-      disarm();
+      disarmWhereAllRest();
       note(told, "done");
     } catch (...) {
-      disarm();
+      disarmWhereAllRest();
       throw;
     }
   } catch (const Other& other) {
@@ -95,16 +146,6 @@ int entriesIn(const char* path) {
   }
   closedir(folder);
   return n - 2;
-}
-
-// Threads that have told of their end may not be gone yet.
-int settledThreads(int expected) {
-  int n = entriesIn("/proc/self/task");
-  for (int i = 0; i < 100 && n > expected; ++i) {
-    usleep(2000);
-    n = entriesIn("/proc/self/task");
-  }
-  return n;
 }
 
 void takeAStock() {
@@ -412,10 +453,8 @@ std::string judge(const Run& run, const Outcome& outcome, const Outcome& healthy
       run.fault.kind == Fault::allocation &&
       (outcome.told == "threw std::bad_alloc" ||
        (outcome.told == "ended 1" && isPrinted("Out of memory")) ||
-       // The C library's own ends, and the sanitizer's, where there is no memory for what is a
-       // thread's.
+       // The C library's own ends, where there is no memory for what is a thread's.
        isPrinted("failed to register TLS destructor") ||
-       (outcome.told == "ended 1" && isPrinted("AddressSanitizer: CHECK failed")) ||
        (outcome.told == "ended 127" && isPrinted("cannot allocate memory for thread-local data")));
   if (outcome.told != healthy.told && !isOutOfMemory && !mayTell(*run.work, outcome.told)) {
     return "told \"" + outcome.told + "\"";

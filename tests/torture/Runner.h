@@ -36,7 +36,7 @@ struct Run {
   Start start = Start::fresh;
   OutOfMemory outOfMemory = OutOfMemory::throws;
   Trace trace = Trace::nowhere;
-  int threads = 1;  ///< How many it has at its end, which is waited for a while.
+  int threads = 0;  ///< How many it has at its end, which is waited for; 0: nobody knows.
   Fault fault = {};
 };
 

@@ -28,8 +28,8 @@ constexpr std::time_t day = 24 * hour;
 
 std::string textOf(const std::tm& parts) {
   char text[128];
-  std::snprintf(text, sizeof text, "%d-%d-%d %d:%d:%d, day %d of the week, %d of the year",
-                parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
+  std::snprintf(text, sizeof text, "%ld-%d-%d %d:%d:%d, day %d of the week, %d of the year",
+                1900L + parts.tm_year, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
                 parts.tm_sec, parts.tm_wday, parts.tm_yday);
   return text;
 }
