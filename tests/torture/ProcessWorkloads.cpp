@@ -240,7 +240,7 @@ constexpr MayTell noThread = {
     "pthread_attr_setsigmask_np pthread_cond_init pthread_cond_wait pthread_cond_broadcast"};
 
 // A launcher that fails aborts.
-constexpr MayTell noLaunch = {"ended 99", "malloc dlmopen setenv putenv"};
+constexpr MayTell noLaunch = {"ended 99", "malloc dlmopen setenv putenv execvp"};
 
 const Workload workloads[] = {
     {.name = "pipes",
