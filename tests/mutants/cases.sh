@@ -92,6 +92,29 @@ survived: Engine/utilities/Small.cpp:4:15 limited (constant)
   expect_equal "tried again" 1 "$(grep -c ' of 1: 1 killed$' "$folder/progress")"
 }
 
+AResultIsForgottenWithItsFunctionOrTest() {
+  local other=("int other(int value) {" "  return value;" "}")
+  TESTS=("int other(int value);"
+    "TEST(Small, IsLimited) { EXPECT_EQ(limited(7), 7); }"
+    "TEST(Small, IsAnother) { EXPECT_EQ(other(7), 7); }")
+  make_tree "${LIMITED[@]}" "${other[@]}"
+  ! mutants "${guard[@]}" || fail "nothing survived"
+  expect_equal noticed 4 "$(awk '$1 == "all" { print $3 }' "$folder/report")"
+
+  LIMITED[0]="int limited(const int value) {"
+  make_tree "" "${LIMITED[@]}" "${other[@]}"
+  mutants --report || fail "survivors of what is no more"
+  expect_equal "noticed by the function as it was" 1 \
+    "$(awk '$1 == "all" { print $3 }' "$folder/report")"
+  ! mutants "${guard[@]}" || fail "nothing survived"
+  expect_equal "tried again" 6 "$(grep -c ' of 6: ' "$folder/progress")"
+
+  TESTS[2]="TEST(Small, IsTheOtherOne) { EXPECT_EQ(other(7), 7); }"
+  make_tree "" "${LIMITED[@]}" "${other[@]}"
+  ! mutants "${guard[@]}" || fail "nothing survived"
+  expect_equal "tried again" 1 "$(grep -c ' of 1: 1 killed$' "$folder/progress")"
+}
+
 AMutantReachesNoProcessAndNoFileOfTheMachine() {
   : >"$folder/file"
   sleep 1000 &

@@ -22,9 +22,10 @@ constexpr unsigned starters = 4;
 struct Common {
   std::atomic<bool> isAtWork = false;
   std::atomic<bool> isUnwound = false;
-  UNIX_Event_Semaphore event;  // is not posted
-  UNIX_Critical_Section lock;  // held by the starter
-  StdPipe pipe;                // nothing is written to it
+  std::atomic<bool> hasReturned = false;  // from a wait without end
+  UNIX_Event_Semaphore event;             // is not posted
+  UNIX_Critical_Section lock;             // held by the starter
+  StdPipe pipe;                           // nothing is written to it
 };
 
 // On the stack of each thread.
@@ -53,11 +54,13 @@ void sleepOn(Common& common) {
 void waitForEvent(Common& common) {
   const Trail trail(common);
   common.event.wait();
+  common.hasReturned = true;
 }
 
 void waitForLock(Common& common) {
   const Trail trail(common);
   common.lock.request("void waitForLock()", __LINE__);
+  common.hasReturned = true;
 }
 
 void readFromPipe(Common& common) {
@@ -96,6 +99,7 @@ class Worker : public StdThread {
 void startThread(Work& work, Body body, Common& common) {
   common.isAtWork = false;
   common.isUnwound = false;
+  common.hasReturned = false;
   StdThread::Termination end;
   auto* const thread = new Worker(body, common, end);
   thread->start_thread(0);
@@ -114,6 +118,9 @@ void startThread(Work& work, Body body, Common& common) {
   }
   if (!common.isUnwound) {
     work.wrong("ended without leaving their functions");
+  }
+  if (common.hasReturned) {
+    work.wrong("went on instead of ending");
   }
 }
 

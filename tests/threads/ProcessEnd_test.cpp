@@ -28,6 +28,7 @@
 #include "Engine/utilities/signals.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/threads/SignalSupport.h"
 #include "tests/threads/ThreadSupport.h"
 
@@ -484,12 +485,37 @@ TEST(ProcessEnd, TellsOfAFailureInAnExitHandlerAlsoAfterOneBefore) {
 
 CUL_CHILD(RecoveryPointOfBeforeTheEnd) {
   // main, and with it the place of the point, is left when the handler runs.
-  std::atexit([] { fault(); });
+  std::atexit([] {
+    if (StdThread::currentThread()->isRecoveryArmed()) {
+      _exit(1);
+    }
+    fault();
+  });
   static_cast<void>(StdThread::currentThread()->_setjmp());
 }
 
 TEST(ProcessEnd, ForgetsARecoveryPointOfBefore) {
   EXPECT_EQ(runChild("RecoveryPointOfBeforeTheEnd", withoutSanitizerHandlers()).status, 99);
+}
+
+CUL_CHILD(RecoveriesInAnExitHandler) {
+  std::atexit([] {
+    static int recoveries = 0;
+    if (StdThread::currentThread()->_setjmp() == 0) {
+      fault();
+    }
+    ++recoveries;
+    if (StdThread::currentThread()->_setjmp() == 0) {
+      fault();
+    }
+    std::printf("recovered %d", ++recoveries);
+  });
+}
+
+TEST(ProcessEnd, LetsAnExitHandlerRecoverMoreThanOnce) {
+  const ChildResult child = runChild("RecoveriesInAnExitHandler", withoutSanitizerHandlers());
+  EXPECT_EQ(child.status, 0) << child.err;
+  EXPECT_EQ(child.out, "recovered 2");
 }
 
 CUL_CHILD(SigtermDuringExit) {
@@ -735,6 +761,46 @@ TEST(ProcessEnd, ComesWhenTheAllocatorItselfAborts) {
 }
 #endif
 
+CUL_STAND_IN(size_t, iconv,
+             (iconv_t descriptor, char** input, size_t* inputLength, char** output, size_t* room),
+             CUL_NOTHING, descriptor, input, inputLength, output, room)
+
+namespace {
+
+bool canConvert() {
+  char area[100];
+  const iconv_t descriptor = iconv_open("UTF-8", "ISO-8859-1");
+  const size_t length = iconvDebug(descriptor, "x", 1, area, sizeof area);
+  iconv_close(descriptor);
+  return length == 1;
+}
+
+}  // namespace
+
+CUL_CHILD(EndInAConversion) {
+  iconvStandIn.callInstead([](auto... arguments) -> size_t {
+    iconvStandIn.callInstead(nullptr);
+    endingNamed(childArguments()[0]).begin();
+    return iconvStandIn.real(arguments...);
+  });
+  std::atexit([] {
+    if (canConvert()) {
+      std::puts("converted");
+    }
+  });
+  canConvert();
+}
+
+TEST(ProcessEnd, LetsExitHandlersConvertWhenItComesInAConversion) {
+  for (const auto& [name, status] : {std::pair("terminate", 1), std::pair("memory out", 1)}) {
+    ChildOptions options;
+    options.arguments = {name};
+    const ChildResult child = runChild("EndInAConversion", options);
+    EXPECT_EQ(child.status, status) << name << child.err;
+    EXPECT_NE(child.out.find("converted"), std::string::npos) << name << child.out;
+  }
+}
+
 // The sanitizers look at what a converter is to read before it does.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 namespace {
@@ -745,14 +811,6 @@ void convertFromNowhere() {
   const iconv_t descriptor = iconv_open("UTF-8", "ISO-8859-1");
   iconvDebug(descriptor, reinterpret_cast<const char*>(64), 50, area, sizeof area);
   iconv_close(descriptor);
-}
-
-bool canConvert() {
-  char area[100];
-  const iconv_t descriptor = iconv_open("UTF-8", "ISO-8859-1");
-  const size_t length = iconvDebug(descriptor, "x", 1, area, sizeof area);
-  iconv_close(descriptor);
-  return length == 1;
 }
 
 }  // namespace

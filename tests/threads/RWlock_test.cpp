@@ -323,6 +323,18 @@ TEST_P(EachPriority, TheOnlyReaderIsReportedAsTheWriter) {
   lock.release();
 }
 
+TEST_P(EachPriority, EachOperationGivesItsMutexBackOnce) {
+  RWlock lock(GetParam());
+  for (void (RWlock::*operation)() :
+       {&RWlock::requestRead, &RWlock::release, &RWlock::requestWrite, &RWlock::release}) {
+    const PosixCount taken(PosixCall::mutexLock);
+    const PosixCount givenBack(PosixCall::mutexUnlock);
+    (lock.*operation)();
+    EXPECT_EQ(taken.count(), 1U);
+    EXPECT_EQ(givenBack.count(), 1U);
+  }
+}
+
 TEST_P(EachPriority, ReleaseWithoutAHoldDoesNothing) {
   RWlock lock(GetParam());
   Actor other;

@@ -21,6 +21,7 @@
 #include "Engine/utilities/StdException.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/threads/PosixFailure.h"
 #include "tests/threads/ThreadSupport.h"
 
@@ -244,6 +245,42 @@ TEST(StdThread, AFailedCreationThrowsAndLeavesTheObjectUnstarted) {
   EXPECT_TRUE(hasRun);
 }
 
+CUL_STAND_IN(int, pthread_attr_init, (pthread_attr_t * attributes), noexcept, attributes)
+CUL_STAND_IN(int, pthread_attr_setdetachstate, (pthread_attr_t * attributes, int state), noexcept,
+             attributes, state)
+CUL_STAND_IN(int, pthread_attr_setsigmask_np,
+             (pthread_attr_t * attributes, const sigset_t* blocked), noexcept, attributes, blocked)
+
+TEST(StdThread, AFailedAttributeThrowsAndLeavesTheObjectUnstarted) {
+  std::atomic<bool> hasRun = false;
+  auto* const thread = new FunctionThread([&hasRun] { hasRun = true; });
+  const auto expectFailure = [thread] {
+    try {
+      thread->start_thread(0);
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (const StdException& exception) {
+      EXPECT_STREQ(exception.fileName, "Engine/utilities/UNIX/UNIXStdThread");
+      EXPECT_EQ(exception.line, 169U);
+      EXPECT_EQ(exception.status, -1);
+    }
+    EXPECT_EQ(thread->threadId(), 0U);
+  };
+  {
+    const Instead none(pthread_attr_initStandIn, [](auto...) { return ENOMEM; });
+    expectFailure();
+  }
+  {
+    const Instead none(pthread_attr_setdetachstateStandIn, [](auto...) { return EINVAL; });
+    expectFailure();
+  }
+  {
+    const Instead none(pthread_attr_setsigmask_npStandIn, [](auto...) { return ENOMEM; });
+    expectFailure();
+  }
+  thread->start_thread(0);
+  EXPECT_TRUE(waitUntil([&hasRun] { return hasRun.load(); }));
+}
+
 TEST(StdThread, TheCurrentThreadOfForeignThreadsIsTheOneMainObject) {
   StdThread* here = StdThread::currentThread();
   EXPECT_EQ(here, StdThread::thread1());
@@ -352,6 +389,23 @@ TEST(RunningThreads, FindsFromTheLastToTheFirstAndForgetsTheDestroyed) {
   }
   EXPECT_EQ(registry.find(0), &first);
   EXPECT_EQ(registry.find(pthread_t{1}), nullptr);
+}
+
+TEST(RunningThreads, GrowsUnderItsLock) {
+  RunningThreads& registry = RunningThreads::instance();
+  FunctionThread thread([] {});
+  bool hasGrown = false;
+  unsigned registered = 0;
+  for (; !hasGrown; ++registered) {
+    const PosixCount locks(PosixCall::mutexLock);
+    registry.append(&thread);
+    // To see that there is no room, to make some, and to see that there is.
+    hasGrown = locks.count() != 1;
+    EXPECT_EQ(locks.count(), hasGrown ? 3U : 1U);
+  }
+  for (; registered != 0; --registered) {
+    registry.remove(&thread);
+  }
 }
 
 TEST(RunningThreads, HoldsMoreThanItsInitialCapacity) {

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -618,6 +619,81 @@ CUL_CHILD(RequestWithoutATimer) {
 
 TEST(TerminateRequest, ThatCannotBeRepeatedActsWhenTheThreadYields) {
   const ChildResult child = runChild("RequestWithoutATimer");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+namespace {
+
+// What a call has done that the thread may not end behind, and how it is undone.
+void (*holdOn)() = nullptr;
+void (*letGo)() = nullptr;
+sighandler_t meetRequest = nullptr;
+
+UNIX_Critical_Section heldBehindACall;
+std::optional<StdThread::BlockTermination> guardBehindACall;
+
+// Asks its own thread, until it ends or long after it would have.
+__attribute__((noinline)) void askAllTheTime() {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+  for (unsigned i = 0; i < 200 || std::chrono::steady_clock::now() < end; ++i) {
+    raise(SIGUSR2);  // This call ends the thread when it returns, after a twentieth of a second.
+    if (letGo != nullptr) {
+      letGo();
+    }
+  }
+}
+
+// No request is repeated, so that each comes in raise().
+void expectEndBehindACallOnlyWithoutIt() {
+  const rlimit none = {0, 0};
+  EXPECT_EQ(setrlimit(RLIMIT_SIGPENDING, &none), 0);
+  std::atomic<int> unwound = 0;
+  bool hasGoneOn = false;
+  bool isStillThere = false;
+  runOnThread([&] {
+    const Unwound here(unwound);
+    meetRequest = signal(SIGUSR2, [](int number) {
+      meetRequest(number);
+      if (holdOn != nullptr) {
+        holdOn();
+      }
+    });
+    askAllTheTime();
+    hasGoneOn = true;
+    holdOn = letGo = nullptr;
+    askAllTheTime();
+    isStillThere = true;
+  });
+  EXPECT_TRUE(hasGoneOn);
+  EXPECT_FALSE(isStillThere);
+  EXPECT_EQ(unwound, 1);
+}
+
+}  // namespace
+
+CUL_CHILD(RequestInACallThatTakesALock) {
+  holdOn = [] {
+    const StdThread::BlockTermination block;
+    heldBehindACall.request("holdOn()", 1);
+  };
+  letGo = [] { heldBehindACall.release("letGo()", 1); };
+  expectEndBehindACallOnlyWithoutIt();
+  EXPECT_TRUE(isFree(heldBehindACall));
+}
+
+TEST(TerminateRequest, EndsNoThreadBehindACallThatHasTakenALock) {
+  const ChildResult child = runChild("RequestInACallThatTakesALock");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+CUL_CHILD(RequestInACallThatEntersAGuard) {
+  holdOn = [] { guardBehindACall.emplace(); };
+  letGo = [] { guardBehindACall.reset(); };
+  expectEndBehindACallOnlyWithoutIt();
+}
+
+TEST(BlockTermination, EnteredInACallKeepsTheThreadThatTheCallWouldHaveEnded) {
+  const ChildResult child = runChild("RequestInACallThatEntersAGuard");
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
