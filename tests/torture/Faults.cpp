@@ -74,8 +74,9 @@ bool failsCountedCall(unsigned number, int& error) {
   }
   const std::vector<int>& errors = calls()[number].errors;
   error = errors[std::min<std::size_t>(fault.error, errors.size() - 1)];
-  theCount->failedCall = static_cast<int>(number);
-  __atomic_add_fetch(&theCount->failed, 1, __ATOMIC_RELAXED);
+  if (__atomic_fetch_add(&theCount->failed, 1, __ATOMIC_RELAXED) == 0) {
+    theCount->failedCall = static_cast<int>(number);
+  }
   return true;
 }
 
@@ -247,9 +248,10 @@ void free(void* block) noexcept {
 // The first thing that a thread does there.
 CUL_DEFINE_STAND_IN(int, pthread_getattr_np, (pthread_t, pthread_attr_t*))
 extern "C" int pthread_getattr_np(pthread_t thread, pthread_attr_t* attributes) noexcept {
-  isSpared = isOfSanitizer(__builtin_return_address(0));
+  const bool wasSpared = isSpared;
+  isSpared = wasSpared || isOfSanitizer(__builtin_return_address(0));
   const int result = pthread_getattr_npStandIn.real(thread, attributes);
-  isSpared = false;
+  isSpared = wasSpared;
   return result;
 }
 

@@ -41,7 +41,7 @@ struct Count {
   unsigned allocations = 0;
   unsigned calls = 0;
   unsigned failed = 0;            ///< How many had to fail.
-  int failedCall = -1;            ///< Which one last, by its number; -1: an allocation.
+  int failedCall = -1;            ///< Which one first, by its number; -1: an allocation.
   unsigned char made[most] = {};  ///< The calls by number, in order.
 };
 

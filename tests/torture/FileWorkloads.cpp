@@ -149,25 +149,40 @@ void searchTrees() {
   CUL_EXPECT_THAT(same.compareMulti("deep", wanted.list, found.list, status) == 1);
 }
 
+// What looks into folders.
+constexpr const char* folders = "malloc opendir readdir dirfd fstat fstatat";
+
 const Workload workloads[] = {
     {"parts of names", takeNamesApart},
     {"changed names", changeNames},
     {"making names", makeNames},
     // What cannot be looked at is not there.
-    {"finding files", findFiles, -1, {"other: "}},
-    {"search paths", searchPaths, -1, {"other: "}},
-    {"loop of links", followALoop, -1, {"other: "}},
-    {"end in a loop", endInALoop, 255, {"done"}},
+    {"finding files",
+     findFiles,
+     -1,
+     {{"other: named(workFolder() + \"/properties\")...", "access stat"},
+      {"other: found.view()...", "access stat getcwd"}}},
+    {"search paths",
+     searchPaths,
+     -1,
+     {{"other: searchPath(...", "stat"}, {"other: resolveSymbolicLink(...", "readlink"}}},
+    {"loop of links", followALoop, -1, {{"other: false && ...", "readlink"}}},
+    {"end in a loop", endInALoop, 255, {{"done", "readlink"}}},
     {.name = "installation",
      .work = findTheInstallation,
-     .mayTell = {"other: "},
+     .mayTell = {{"other: InstallPath::instance()...", "readlink"},
+                 {"other: path.path()...", "readlink"}},
      .keepsFirstFailure = true},
     {.name = "open files",
      .work = lookAtOpenFiles,
-     .mayTell = {"other: "},
+     .mayTell = {{"other: OpenFiles::initialOpenFiles()[2]", "fstat"},
+                 {"other: now.count()...", "fstat"}},
      .keepsFirstFailure = true},
     // Folders that cannot be read are passed over.
-    {"search trees", searchTrees, -1, {"other: "}},
+    {"search trees",
+     searchTrees,
+     -1,
+     {{"other: tree.search(...", folders}, {"other: same.searchRecursiveComplete(...", folders}}},
 };
 
 }  // namespace

@@ -277,7 +277,9 @@ const Workload workloads[] = {
     {"properties",
      useProperties,
      -1,
-     {"other: !properties.set(file)", "other: read.numItems() == 3", "threw std::bad_alloc"}},
+     {{"other: !properties.set(file)...", "malloc fopen __getdelim"},
+      {"other: read.numItems() == 3", "malloc fopen __getdelim"},
+      {"threw std::bad_alloc", "__getdelim"}}},
 };
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include <cstdlib>
 #include <memory>
 #include <new>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,7 +16,6 @@
 #include "Engine/utilities/ThreadManager.h"
 #include "Engine/utilities/UTF8Converter.h"
 
-#include "tests/support/TemporaryFolder.h"
 #include "tests/torture/Runner.h"
 
 /// \file
@@ -30,10 +30,8 @@ using testing::StartsWith;
 // The work folder of a test.
 class Mends : public testing::Test {
  protected:
-  Mends() { prepareForWork(folder_.path()); }
-
  private:
-  TemporaryFolder folder_;
+  WorkFolder folder_;
 };
 
 std::vector<std::string> problemsOf(const Workload& work, Fault::Kind kind = Fault::allocation) {
@@ -42,9 +40,20 @@ std::vector<std::string> problemsOf(const Workload& work, Fault::Kind kind = Fau
   return findings.problems;
 }
 
+// One of all; fails when there is none of that name.
+Workload workNamed(std::string_view name) {
+  for (const Workload& work : allWorkloads()) {
+    if (work.name == name) {
+      return work;
+    }
+  }
+  throw std::out_of_range("no work named " + std::string(name));
+}
+
 // Every seventh allocation of many fails, once.
 void expectWellNowAndThen(const Workload& work, Start start) {
   const Outcome healthy = runOne({.work = &work, .start = start});
+  EXPECT_EQ(healthy.told, "done");
   EXPECT_GT(healthy.count.allocations, 100U);
   for (unsigned i = 1; i <= healthy.count.allocations; i += 7) {
     const ::Run run = {.work = &work, .start = start, .fault = {Fault::allocation, i}};
@@ -107,7 +116,7 @@ TEST_F(Mends, ARegistryThatCouldNotBeBuiltIsBuiltByTheNextWhoAsks) {
              CUL_EXPECT_THAT(DebuggerSettings::instance()->getSetting(L"PATH") != nullptr);
            },
        // Without its configuration module the process aborts.
-       .mayTell = {"ended 99"}},
+       .mayTell = {{"ended 99", "malloc"}}},
       Start::fresh);
 }
 
@@ -128,11 +137,7 @@ TEST_F(Mends, SettingsThatCouldNotBeMadeASecondTimeAreStillTheFormerOnes) {
 }
 
 TEST_F(Mends, AConsoleThatCouldNotBeMadeLeavesNoTerminalOpen) {
-  for (const Workload& work : processWorkloads()) {
-    if (work.name == std::string_view("console")) {
-      EXPECT_THAT(problemsOf(work), IsEmpty());
-    }
-  }
+  EXPECT_THAT(problemsOf(workNamed("console")), IsEmpty());
 }
 
 TEST_F(Mends, AProcessThatCouldNotBeWatchedLeavesNothing) {
@@ -145,8 +150,10 @@ TEST_F(Mends, AProcessThatCouldNotBeWatchedLeavesNothing) {
                                const SpawnedProcess process(program, path, arguments, 1, 1);
                                CUL_EXPECT_THAT(!process.wait(60));
                              },
-                         .mayTell = {"threw StdException: "}};
+                         .mayTell = {{"threw StdException: ", "malloc"}}};
   const Outcome healthy = runOne({.work = &work, .start = Start::used});
+  ASSERT_EQ(healthy.told, "done") << healthy.problem;
+  ASSERT_GT(healthy.count.allocations, 0U);
   for (unsigned i = 1; i <= healthy.count.allocations; ++i) {
     for (const bool forGood : {false, true}) {
       const ::Run run = {.work = &work,
@@ -154,6 +161,7 @@ TEST_F(Mends, AProcessThatCouldNotBeWatchedLeavesNothing) {
                          .threads = healthy.holds.threads,
                          .fault = {Fault::allocation, i, forGood}};
       const Outcome outcome = runOne(run);
+      EXPECT_GT(outcome.count.failed, 0U) << nameOf(run);
       EXPECT_EQ(judge(run, outcome, healthy), "") << nameOf(run) << "\n" << outcome.output;
     }
   }
@@ -201,25 +209,23 @@ TEST_F(Mends, WithoutALocaleToPutBackThePresentOneTellsTheCodePage) {
 }
 
 TEST_F(Mends, ATraceThatAChildCannotGoOnWithLeavesNoDescriptor) {
-  for (const Workload& work : traceWorkloads()) {
-    if (work.name == std::string_view("trace of a child")) {
-      ::Run run = {.work = &work,
-                   .start = Start::used,
-                   .outOfMemory = OutOfMemory::ends,
-                   .trace = Trace::stream};
-      const Outcome healthy = runOne(run);
-      unsigned failures = 0;
-      for (unsigned i = 0; i < healthy.count.calls; ++i) {
-        if (fallibleCalls()[healthy.count.made[i]].name == std::string_view("fdopen")) {
-          run.fault = {.kind = Fault::call, .first = i + 1};
-          const Outcome outcome = runOne(run);
-          EXPECT_EQ(judge(run, outcome, healthy), "");
-          // Neither the stream nor a copy of it.
-          EXPECT_EQ(outcome.holds.descriptors, healthy.holds.descriptors - 1);
-          ++failures;
-        }
-      }
-      EXPECT_EQ(failures, 1U);
+  const Workload work = workNamed("trace of a child");
+  ::Run run = {.work = &work,
+               .start = Start::used,
+               .outOfMemory = OutOfMemory::ends,
+               .trace = Trace::stream};
+  const Outcome healthy = runOne(run);
+  ASSERT_EQ(healthy.told, "done") << healthy.problem;
+  unsigned failures = 0;
+  for (unsigned i = 0; i < healthy.count.calls; ++i) {
+    if (fallibleCalls()[healthy.count.made[i]].name == std::string_view("fdopen")) {
+      run.fault = {.kind = Fault::call, .first = i + 1};
+      const Outcome outcome = runOne(run);
+      EXPECT_EQ(judge(run, outcome, healthy), "");
+      // Neither the stream nor a copy of it.
+      EXPECT_EQ(outcome.holds.descriptors, healthy.holds.descriptors - 1);
+      failures += outcome.count.failed;
     }
   }
+  EXPECT_EQ(failures, 1U);
 }

@@ -233,39 +233,85 @@ void getMessages() {
       std::make_unique<XPG4MsgServer>("de_DE", "dbg");
 }
 
-// There can be no thread: status -1, without a text.
-constexpr const char* noThread = "threw StdException: ";
+// There can be no thread, or no event for it: status -1, without a text.
+constexpr MayTell noThread = {
+    "threw StdException: ",
+    "malloc pthread_create pthread_attr_init pthread_attr_setdetachstate "
+    "pthread_attr_setsigmask_np pthread_cond_init pthread_cond_wait pthread_cond_broadcast"};
 
 // A launcher that fails aborts.
-constexpr const char* noLaunch = "ended 99";
+constexpr MayTell noLaunch = {"ended 99", "malloc dlmopen setenv putenv execvp"};
 
 const Workload workloads[] = {
-    {"pipes",
-     usePipes,
+    {.name = "pipes",
+     .work = usePipes,
+     .mayTell = {{"threw StdException: pipe() failed", "pipe2"},
+                 {"threw StdException: write() failed", "write"},
+                 {"threw StdException: read() failed", "read"},
+                 {"threw StdException: ::fcntl(...", "fcntl"},
+                 {"other: pipe.close...", "close"},
+                 {"other: pipe.read(...", "read"}},
+     .mustTrace = {{"pipe2", "pipe() failed with errno "},
+                   {"write", "write() failed with errno "},
+                   {"fcntl", " failed with errno "}}},
+    {"redirection",
+     redirect,
      -1,
-     {"threw StdException: pipe() failed", "threw StdException: write() failed",
-      "threw StdException: read() failed", "threw StdException: ::fcntl(", "other: pipe.close",
-      "other: pipe.read("}},
-    {"redirection", redirect, -1, {"other: "}},
-    {"console", openAConsole, -1, {"other: "}},
+     {{"other: any.child...", "fcntl"},
+      {"other: any.readHandle(...", "fcntl"},
+      {"other: any.write(...", "write"},
+      {"other: any.read(...", "read"},
+      {"other: UNIXStdioPipes::dup...", "fcntl"}}},
+    {.name = "console",
+     .work = openAConsole,
+     .mayTell = {{"other: console.writeHandle() >= 0", "isatty open grantpt unlockpt ptsname"},
+                 {"other: console.write(...", "write"},
+                 {"other: console.read(...", "read poll"}},
+     .mustTrace = {{"open", "open() failed for all pseudo-terminals"},
+                   {"grantpt", "grantpt() failed for pseudo-terminal "},
+                   {"unlockpt", "unlockpt() failed for pseudo-terminal "},
+                   {"ptsname", "ptsname() failed for pseudo-terminal "}}},
     {"the console", useTheConsole},
-    {"slave", takeTheSlave, -1, {"other: "}},
+    {"slave",
+     takeTheSlave,
+     -1,
+     {{"other: status == 0", "isatty open grantpt unlockpt ptsname setsid tcsetattr"}}},
     {"spawns",
      spawnAProcess,
      -1,
-     {noThread, "other: !process.wait(60)", "threw StdException: File not found.", "ended 99"}},
+     {noThread,
+      {"other: !process.wait(60)...", "waitpid"},
+      {"threw StdException: File not found.", "stat"},
+      {"ended 99", "pthread_cond_broadcast"}}},
     {"failing spawns", spawnNothing},
-    {"waiting", waitForAProcess, -1, {"other: runnable.work()"}},
-    {"modules", loadModules, -1, {"other: "}},
-    {"entries", loadEntries, -1, {"other: "}},
+    {.name = "waiting",
+     .work = waitForAProcess,
+     .mayTell = {{"other: runnable.work()...", "waitpid"}},
+     .mustTrace = {{"waitpid", "::waitpid("}}},
+    {"modules", loadModules, -1, {{"other: entry != nullptr...", "malloc dlmopen"}}},
+    {"entries", loadEntries, -1, {{"other: loadSharedEntry(...", "malloc dlmopen"}}},
     {"launched libraries", launchALibrary, -1, {noLaunch}},
     {"launched programs", launchAProgram, 0, {noLaunch}},
     // With the number of the error: an int.
-    {"library paths", setUpLibraryPaths, -1, {noLaunch, "other: ", "threw i"}},
+    {"library paths",
+     setUpLibraryPaths,
+     -1,
+     {noLaunch,
+      {"other: ManageLIBPATH::executableLocation(...", "getcwd"},
+      {"other: ManageLIBPATH::isExecutable(...", "access stat"},
+      {"threw i", "getcwd"}}},
     {"cleaned variables", cleanVariables, -1, {noLaunch}},
-    {"processes", listProcesses, -1, {"other: getprocs64", "other: getargs"}},
+    {.name = "processes",
+     .work = listProcesses,
+     .mayTell = {{"other: getprocs64(...", "malloc opendir readdir open read"},
+                 {"other: getargs(...", "open read snprintf"}},
+     .mustTrace = {{"opendir", "opendir(/proc) failed errno = "}}},
     // A catalog that cannot be loaded has no messages.
-    {"messages", getMessages, -1, {"other: any.get", "other: library.getRawMessage"}},
+    {"messages",
+     getMessages,
+     -1,
+     {{"other: any.get...", "malloc dlmopen"},
+      {"other: library.getRawMessage...", "malloc dlmopen"}}},
 };
 
 }  // namespace

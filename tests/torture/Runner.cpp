@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <clocale>
 #include <csignal>
 #include <cstdlib>
@@ -12,6 +11,7 @@
 #include <dlfcn.h>
 #include <exception>
 #include <fcntl.h>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <new>
@@ -24,6 +24,7 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <system_error>
 #include <thread>
 #include <unistd.h>
 
@@ -210,20 +211,15 @@ Holdings holdings(int threads) {
   return holds;
 }
 
-// As long for each process: what the trace keeps of the name is.
-std::string traceFile(pid_t process) {
-  char number[12];
-  *std::to_chars(number, number + sizeof number, 10000000 + process).ptr = '\0';
-  return workFolder() + "/trace." + number;
-}
+std::string traceFile(const std::string& folder) { return folder + "/trace"; }
 
-void setEnvironment(const Run& run) {
+void setEnvironment(const Run& run, const std::string& folder) {
   clearenv();
   setenv("PATH", "/usr/bin:/bin", 1);
   setenv("LANG", "de_DE", 1);
   setenv("QVX_DBG_CODEPAGE", "ISO-8859-1", 1);
   if (run.trace != Trace::nowhere) {
-    const std::string place = run.trace == Trace::file ? traceFile(getpid()) : "stderr";
+    const std::string place = run.trace == Trace::file ? traceFile(folder) : "stderr";
     setenv("GDIA_ID", "root", 1);
     setenv("QVX_DBG_TRACE", (place + ",ALL,CHILD,1").c_str(), 1);
   }
@@ -239,17 +235,17 @@ void setStreams(int output) {
   close(output);
 }
 
-[[noreturn]] void live(const Run& run, Report& report, int output) {
+[[noreturn]] void live(const Run& run, Report& report, int output, const std::string& folder) {
   // The parent's.
   const long blocksBefore = allocated().blocks;
   const int descriptorsBefore = entriesIn("/proc/self/fd");
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   constexpr rlimit noDumps = {0, 0};
   setrlimit(RLIMIT_CORE, &noDumps);
-  setEnvironment(run);
+  setEnvironment(run, folder);
   setStreams(output);
   // Where a trace goes whose name cannot be read.
-  if (chdir(workFolder().c_str()) != 0) {
+  if (chdir(folder.c_str()) != 0) {
     _exit(1);
   }
   if (run.start == Start::used) {
@@ -288,7 +284,6 @@ std::string contentsOfFile(int file) {
   return text;
 }
 
-// A child that is under way.
 // Where the order of locks is watched: a lock that fails is not released.
 void watchNoLocks() {
   if (void* const stop = dlsym(RTLD_DEFAULT, "watchNoLocks"); stop != nullptr) {
@@ -296,13 +291,14 @@ void watchNoLocks() {
   }
 }
 
+// A child that is under way, in a folder of its own.
 class Child {
  public:
   explicit Child(const Run& run) : run_(&run) {
     void* const memory =
         mmap(nullptr, sizeof(Report), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     output_ = memfd_create("output", MFD_CLOEXEC);
-    if (memory == MAP_FAILED || output_ < 0) {
+    if (memory == MAP_FAILED || output_ < 0 || mkdtemp(folder_.data()) == nullptr) {
       throw std::runtime_error("no place for a report");
     }
     report_ = new (memory) Report();
@@ -311,20 +307,30 @@ class Child {
       if (run.fault.kind == Fault::call) {
         watchNoLocks();
       }
-      live(run, *report_, output_);
+      live(run, *report_, output_, folder_);
+    }
+    if (process_ < 0) {
+      throw std::system_error(errno, std::generic_category(), "fork");
     }
     handle_ = static_cast<int>(syscall(SYS_pidfd_open, process_, 0, 0, 0, 0, 0));
+    if (handle_ < 0) {
+      const int error = errno;
+      end();
+      throw std::system_error(error, std::generic_category(), "pidfd_open");
+    }
     clock_gettime(CLOCK_MONOTONIC, &begin_);
   }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
   ~Child() {
+    if (process_ > 0) {
+      end();
+    }
     munmap(report_, sizeof(Report));
     close(output_);
     close(handle_);
-    if (run_->trace == Trace::file) {
-      unlink(traceFile(process_).c_str());
-    }
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_, ignored);
   }
 
   int handle() const { return handle_; }
@@ -343,6 +349,7 @@ class Child {
     }
     int status = 0;
     waitpid(process_, &status, 0);
+    process_ = -1;
     Outcome outcome;
     outcome.count = report_->count;
     outcome.holds = report_->holds;
@@ -350,8 +357,9 @@ class Child {
     outcome.output = contentsOfFile(output_);
     outcome.told = report_->told;
     if (run_->trace == Trace::file) {
-      outcome.trace = contentsOf(traceFile(process_));
+      outcome.trace = contentsOf(traceFile(folder_));
     }
+    outcome.isElsewhere = run_->trace == Trace::stream && !std::filesystem::is_empty(folder_);
     if (isHung) {
       outcome.problem = "hung";
     } else if (WIFSIGNALED(status)) {
@@ -373,7 +381,14 @@ class Child {
   }
 
  private:
+  // Nobody has waited for it.
+  void end() const {
+    kill(process_, SIGKILL);
+    waitpid(process_, nullptr, 0);
+  }
+
   const Run* run_;
+  std::string folder_ = workFolder() + "/child.XXXXXX";
   Report* report_ = nullptr;
   int output_ = -1;
   pid_t process_ = -1;
@@ -381,9 +396,21 @@ class Child {
   timespec begin_ = {};
 };
 
-bool mayTell(const Workload& work, const std::string& told) {
-  return std::any_of(work.mayTell.begin(), work.mayTell.end(),
-                     [&](const char* text) { return told.starts_with(text); });
+// Whether a text, or one that begins so and ends in "...", is told.
+bool isTold(std::string_view text, const std::string& told) {
+  return text.ends_with("...") ? told.starts_with(text.substr(0, text.size() - 3)) : told == text;
+}
+
+// Whether a name is among some with spaces between.
+bool isAmong(std::string_view name, std::string_view names) {
+  const std::string all = " " + std::string(names) + " ";
+  return all.find(" " + std::string(name) + " ") != std::string::npos;
+}
+
+bool mayTell(const Workload& work, const std::string& told, const std::string& failed) {
+  return std::any_of(work.mayTell.begin(), work.mayTell.end(), [&](const MayTell& row) {
+    return isTold(row.told, told) && isAmong(failed, row.where);
+  });
 }
 
 std::string excess(const char* what, long is, long was) {
@@ -391,6 +418,40 @@ std::string excess(const char* what, long is, long was) {
 }
 
 }  // namespace
+
+WorkFolder::WorkFolder() {
+  // Its signal for the parent's end waits until it is asked for.
+  sigset_t death;
+  sigemptyset(&death);
+  sigaddset(&death, SIGUSR1);
+  const pid_t parent = getpid();
+  remover_ = fork();
+  if (remover_ < 0) {
+    throw std::system_error(errno, std::generic_category(), "fork");
+  }
+  if (remover_ == 0) {
+    sigprocmask(SIG_SETMASK, &death, nullptr);
+    prctl(PR_SET_PDEATHSIG, SIGUSR1);
+    // Neither who interrupts the parent nor who waits for the end of its streams notices this one.
+    setsid();
+    for (const int stream : {0, 1, 2}) {
+      close(stream);
+    }
+    int signal = 0;
+    while (getppid() == parent) {
+      sigwait(&death, &signal);
+    }
+    std::error_code ignored;
+    std::filesystem::remove_all(folder_.path(), ignored);
+    _exit(0);
+  }
+  prepareForWork(folder_.path());
+}
+
+WorkFolder::~WorkFolder() {
+  kill(remover_, SIGKILL);
+  waitpid(remover_, nullptr, 0);
+}
 
 std::string nameOf(const Run& run) {
   std::string name = run.work->name;
@@ -439,8 +500,17 @@ Outcome runOne(const Run& run) {
   return result;
 }
 
+std::string whatFailed(const Outcome& outcome) {
+  if (outcome.count.failed == 0) {
+    return "nothing";
+  }
+  const int call = outcome.count.failedCall;
+  return call < 0 ? "malloc" : fallibleCalls()[static_cast<std::size_t>(call)].name;
+}
+
 std::string judge(const Run& run, const Outcome& outcome, const Outcome& healthy) {
-  if (mayTell(*run.work, outcome.problem)) {
+  const std::string failed = whatFailed(outcome);
+  if (mayTell(*run.work, outcome.problem, failed)) {
     return "";
   }
   if (!outcome.problem.empty()) {
@@ -456,31 +526,42 @@ std::string judge(const Run& run, const Outcome& outcome, const Outcome& healthy
        // The C library's own ends, where there is no memory for what is a thread's.
        isPrinted("failed to register TLS destructor") ||
        (outcome.told == "ended 127" && isPrinted("cannot allocate memory for thread-local data")));
-  if (outcome.told != healthy.told && !isOutOfMemory && !mayTell(*run.work, outcome.told)) {
+  if (outcome.told != healthy.told && !isOutOfMemory && !mayTell(*run.work, outcome.told, failed)) {
     return "told \"" + outcome.told + "\"";
   }
-  // A trace that cannot read its output's name may be in a file instead.
-  const bool isElsewhere = run.trace == Trace::stream && run.fault.kind == Fault::call;
-  if (!outcome.isOver || !healthy.isOver || isElsewhere) {
+  for (const MustTrace& row : run.work->mustTrace) {
+    if (run.trace == Trace::file && row.call == failed && outcome.told != healthy.told &&
+        outcome.trace.find(row.line) == std::string::npos) {
+      return std::string("did not trace \"") + row.line + "\"";
+    }
+  }
+  if (!outcome.isOver || !healthy.isOver) {
     return "";
   }
-  return excess("blocks", outcome.holds.allocated.blocks, healthy.holds.allocated.blocks) +
+  // A trace that could not read its output's name is in a file instead, which it holds.
+  return (outcome.isElsewhere
+              ? ""
+              : excess("blocks", outcome.holds.allocated.blocks, healthy.holds.allocated.blocks) +
+                    excess("descriptors", outcome.holds.descriptors, healthy.holds.descriptors)) +
          (run.work->shortens
               ? ""
               : excess("bytes of the pool", outcome.holds.poolInUse, healthy.holds.poolInUse)) +
-         excess("descriptors", outcome.holds.descriptors, healthy.holds.descriptors) +
          excess("threads", outcome.holds.threads, healthy.holds.threads);
 }
 
 namespace {
 
+// As many as have something fail for certain, though some calls are made by chance.
+constexpr std::size_t atLeast = 4;
+
 // All runs with something failing that the one without it makes.
 void addRuns(std::vector<Run>& runs, const Run& healthyRun, const Outcome& healthy,
-             Fault::Kind kind) {
+             Fault::Kind kind, const Thoroughness& thoroughness) {
   const bool isAllocation = kind == Fault::allocation;
-  const unsigned n =
-      isAllocation ? healthy.count.allocations : std::min(healthy.count.calls, Count::most);
-  for (unsigned i = 1; i <= n; ++i) {
+  const unsigned n = isAllocation ? healthy.count.allocations : healthy.count.calls;
+  const unsigned first = std::max(thoroughness.number.value_or(1), 1U);
+  const unsigned last = std::min(thoroughness.number.value_or(n), n);
+  for (unsigned i = first; i <= last; ++i) {
     Run run = healthyRun;
     run.threads = healthy.holds.threads;
     run.fault = {.kind = kind, .first = i};
@@ -488,7 +569,9 @@ void addRuns(std::vector<Run>& runs, const Run& healthyRun, const Outcome& healt
         isAllocation ? 1 : fallibleCalls()[healthy.count.made[i - 1]].errors.size();
     for (unsigned error = 0; error < errors; ++error) {
       run.fault.error = error;
-      runs.push_back(run);
+      if (thoroughness.error.value_or(error) == error) {
+        runs.push_back(run);
+      }
     }
     if (isAllocation) {
       run.fault.forGood = true;
@@ -526,28 +609,28 @@ Findings torture(const Workload& work, Fault::Kind kind, const Thoroughness& tho
       findings.problems.push_back(nameOf(run) + ": told \"" + outcome.told + "\" " +
                                   outcome.problem + "\n" + outcome.output);
     }
-    addRuns(runs, run, outcome, kind);
+    if (outcome.count.calls > Count::most) {
+      findings.problems.push_back(nameOf(run) + ": more calls than are counted");
+      return;
+    }
+    addRuns(runs, run, outcome, kind, thoroughness);
     healthyOutcomes[keyOf(run)] = std::move(outcome);
   });
+  findings.canFail = !runs.empty();
+  // At least some of each work.
+  const std::size_t share =
+      std::clamp<std::size_t>(runs.size() / atLeast, 1, std::max(thoroughness.share, 1U));
   std::vector<Run> chosen;
-  unsigned place = thoroughness.seed;
-  for (const Run& run : runs) {
-    if (place++ % thoroughness.share == 0) {
-      chosen.push_back(run);
-    }
+  for (std::size_t i = thoroughness.seed % share; i < runs.size(); i += share) {
+    chosen.push_back(runs[i]);
   }
   runAll(chosen, [&](const Run& run, Outcome& outcome) {
     ++findings.runs;
     findings.failures += outcome.count.failed != 0 ? 1 : 0;
     const std::string wrong = judge(run, outcome, healthyOutcomes[keyOf(run)]);
     if (!wrong.empty()) {
-      std::string what = nameOf(run);
-      if (outcome.count.failedCall >= 0) {
-        const FallibleCall& call =
-            fallibleCalls()[static_cast<std::size_t>(outcome.count.failedCall)];
-        what += std::string(", ") + call.name;
-      }
-      findings.problems.push_back(what + ": " + wrong + (outcome.output.empty() ? "" : "\n") +
+      findings.problems.push_back(nameOf(run) + ", " + whatFailed(outcome) + ": " + wrong +
+                                  (outcome.output.empty() ? "" : "\n") +
                                   outcome.output.substr(0, 1000) + "\n" +
                                   outcome.trace.substr(outcome.trace.find("====") + 1));
     }

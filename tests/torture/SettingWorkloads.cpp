@@ -238,7 +238,7 @@ void loadTheConfiguration() {
 }
 
 // Without its configuration module the process aborts.
-constexpr const char* noModule = "ended 99";
+constexpr MayTell noModule = {"ended 99", "malloc dlmopen"};
 
 const Workload workloads[] = {
     {"string settings", useStringSettings},
@@ -252,8 +252,8 @@ const Workload workloads[] = {
     {"registries", makeRegistries, -1, {noModule}},
     {"names of settings", fabricateNames},
     {"argument lists", useArgumentLists},
-    {"command line", readTheCommandLine, -1, {"other: "}},
-    {"attaching", attachToAProcess, -1, {"other: "}},
+    {"command line", readTheCommandLine, -1, {{"other: parameters...", "iconv"}}},
+    {"attaching", attachToAProcess, -1, {{"other: parameters->attach()...", "iconv"}}},
     {"the command line", keepTheCommandLine},
     {"signed command line", keepACommandLine<signed char>},
     {"unsigned command line", keepACommandLine<unsigned char>},

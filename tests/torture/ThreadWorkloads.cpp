@@ -349,8 +349,14 @@ void dumpTheCalls() {
   CUL_EXPECT_THAT(stack.sourceLoc(1).length() == 0);
 }
 
-// There can be no thread: status -1, without a text.
-constexpr const char* noThread = "threw StdException: ";
+// There can be no thread, or no event: status -1, without a text.
+constexpr const char* empty = "threw StdException: ";
+constexpr MayTell noThread = {empty,
+                              "malloc pthread_create pthread_attr_init pthread_attr_setdetachstate "
+                              "pthread_attr_setsigmask_np"};
+constexpr MayTell noEvent = {empty, "pthread_cond_init pthread_cond_wait pthread_cond_broadcast"};
+// What has nobody to tell.
+constexpr MayTell noPost = {"ended 99", "pthread_cond_broadcast"};
 
 const Workload workloads[] = {
     {"threads", startAThread, -1, {noThread}},
@@ -359,26 +365,31 @@ const Workload workloads[] = {
     {"requests to end",
      askAThreadToEnd,
      -1,
-     {noThread, "other: termination.systemWait(0) == 0", "other: result == 0",
+     {noThread,
+      {"other: termination.systemWait(0) == 0", "pthread_join"},
+      {"other: result == 0", "pthread_kill"},
       // A thread whose signals cannot be unblocked hears of no request.
-      "hung"}},
+      {"hung", "pthread_sigmask"}}},
     {"blocked requests", blockRequests, -1, {noThread}},
     {"named slots", nameSlots},
     {"recovery", recover},
-    {"recovery from signals", recoverFromASignal, -1, {"was killed by Terminated"}},
+    {"recovery from signals", recoverFromASignal, -1, {{"was killed by Terminated", "sigaction"}}},
     {"register of threads", keepARegister},
     {"locks", lockAndUnlock},
     {"read and write locks", readAndWrite},
-    {"events", postAnEvent, -1, {"threw StdException: "}},
+    {"events", postAnEvent, -1, {noEvent}},
     // The timer's thread has nobody to tell.
-    {"timed waits", waitWithALimit, -1, {noThread, "ended 99"}},
-    {"timer", useTheTimer, -1, {noThread, "ended 99", "other: pending.count()"}},
+    {"timed waits", waitWithALimit, -1, {noThread, noEvent, noPost}},
+    {"timer",
+     useTheTimer,
+     -1,
+     {noThread, noEvent, noPost, {"other: pending.count()...", "gettimeofday"}}},
     {"another timer", makeATimer, -1, {noThread}},
-    {"workers", runAWorker, -1, {noThread, "ended 99"}},
-    {"making workers", makeAWorker, -1, {"threw StdException: "}},
-    {"manager", manageThreads, -1, {noThread, "ended 99"}},
-    {"handles", keepHandles, -1, {noThread, "ended 99"}},
-    {"names of signals", nameSignals, -1, {"other: registerHandlerForSignal"}},
+    {"workers", runAWorker, -1, {noThread, noEvent, noPost}},
+    {"making workers", makeAWorker, -1, {noEvent}},
+    {"manager", manageThreads, -1, {noThread, noEvent, noPost}},
+    {"handles", keepHandles, -1, {noThread, noEvent, noPost}},
+    {"names of signals", nameSignals, -1, {{"other: registerHandlerForSignal...", "sigaction"}}},
     {"signal", receiveASignal, 99},
     {"fault", fault, 99},
     {"terminate", terminate, 1},

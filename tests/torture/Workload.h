@@ -10,6 +10,22 @@
 ///
 /// A piece of work owns what it makes: it leaves nothing behind, also when something in it throws.
 
+/// What work may tell besides, for a reason of its own.
+struct MayTell {
+  /// "threw ...", "other: ...", "ended ...", "hung" or "was killed by ..."; one that ends in "..."
+  /// tells only how it begins.
+  const char* told;
+  /// The calls of the C library that have failed then, with spaces between; "malloc" for
+  /// allocations.
+  const char* where;
+};
+
+/// What the trace says of a failure that makes work tell something else.
+struct MustTrace {
+  const char* call;  ///< The call of the C library that has failed.
+  const char* line;  ///< Part of a line.
+};
+
 /// One piece of work.
 struct Workload {
   const char* name;
@@ -17,11 +33,13 @@ struct Workload {
   void (*work)();
   /// What the process ends with, when that is what the work is for.
   int ends = -1;
-  /// How it may tell, besides by throwing std::bad_alloc where memory is out, that a call of the
-  /// C library failed: each the start of "threw ...", "other: ..." or "ended ...".
-  std::vector<const char*> mayTell = {};
+  /// How it may tell, besides by throwing std::bad_alloc where memory is out, that something
+  /// failed.
+  std::vector<MayTell> mayTell = {};
   /// What fails at the first use of something that a process has once stays so for good.
   bool keepsFirstFailure = false;
+  /// Each of those failures that its trace must tell of.
+  std::vector<MustTrace> mustTrace = {};
   /// Some strings are shortened in place, and their blocks then counted as smaller ones.
   bool shortens = false;
 };
