@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <new>
 #include <string>
@@ -446,7 +447,16 @@ struct Sender : ReferenceCounted {
 
 }  // namespace
 
+CUL_STAND_IN(int, timer_settime,
+             (timer_t timer, int flags, const itimerspec* time, itimerspec* former), noexcept,
+             timer, flags, time, former)
+
 CUL_CHILD(SignalAfterOneThatHadToWait) {
+  const Instead look(timer_settimeStandIn, [](timer_t timer, int flags, const itimerspec* time,
+                                              itimerspec* former) noexcept {
+    EXPECT_EQ(time->it_value.tv_sec, 0);
+    return timer_settimeStandIn.real(timer, flags, time, former);
+  });
   // The first thread could take only signals that are meant for all.
   runOnThread([] {
     StdThread* self = StdThread::currentThread();
