@@ -146,6 +146,20 @@ TEST(AlternateStack, MayGiveWayToOneOfTheProgramsOwn) {
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 // The sanitizers map memory and set stacks themselves.
 
+TEST(AlternateStack, IsSetNoMoreWhenTheObjectsOfItsThreadAreDestroyed) {
+  static std::atomic<int> flags = 0;
+  struct Last {
+    bool isMade = false;
+    ~Last() { flags = presentStack().ss_flags; }
+  };
+  runOnThread([] {
+    EXPECT_EQ(presentStack().ss_flags, 0);
+    static thread_local Last last;
+    last.isMade = true;
+  });
+  EXPECT_EQ(flags, SS_DISABLE);
+}
+
 CUL_STAND_IN(void*, mmap,
              (void* address, size_t size, int protection, int flags, int file, off_t offset),
              noexcept, address, size, protection, flags, file, offset)

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <new>
 #include <string>
@@ -446,7 +447,17 @@ struct Sender : ReferenceCounted {
 
 }  // namespace
 
+CUL_STAND_IN(int, timer_settime,
+             (timer_t timer, int flags, const itimerspec* time, itimerspec* former), noexcept,
+             timer, flags, time, former)
+
 CUL_CHILD(SignalAfterOneThatHadToWait) {
+  const Instead look(timer_settimeStandIn, [](timer_t timer, int flags, const itimerspec* time,
+                                              itimerspec* former) noexcept {
+    EXPECT_EQ(time->it_value.tv_sec, 0);
+    EXPECT_EQ(time->it_interval.tv_sec, 0);
+    return timer_settimeStandIn.real(timer, flags, time, former);
+  });
   // The first thread could take only signals that are meant for all.
   runOnThread([] {
     StdThread* self = StdThread::currentThread();
@@ -469,6 +480,33 @@ TEST(CUL_SignalHandler, TellsEachSignalsOwnCauseOnItsThreadAlsoAfterOneThatHadTo
   for (const int cause : {SI_TKILL, SI_QUEUE}) {
     EXPECT_EQ(child.countContaining("; code = " + std::to_string(cause) + "."), 1) << child.all();
   }
+}
+
+CUL_CHILD(TwoSignalsThatHaveToWait) {
+  static std::atomic<int> delays = 0;
+  const Instead look(timer_settimeStandIn, [](timer_t timer, int flags, const itimerspec* time,
+                                              itimerspec* former) noexcept {
+    ++delays;
+    return timer_settimeStandIn.real(timer, flags, time, former);
+  });
+  const auto wait = [] {
+    StdThread* self = StdThread::currentThread();
+    if (self->_setjmp() == 0) {
+      const Reference<Sender> last(new Sender);
+    }
+    waitUntil([self] { return !self->isRecoveryArmed(); });
+    registerErrorHandlers();
+  };
+  runOnThread(wait);
+  const int first = delays;
+  EXPECT_GT(first, 0);
+  runOnThread(wait);
+  EXPECT_GT(delays, first);
+}
+
+TEST(CUL_SignalHandler, LetsASignalWaitAlsoAfterOneThatHadTo) {
+  const ChildResult child = untracedChild("TwoSignalsThatHaveToWait");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
 CUL_CHILD(FaultOfTheReport) {
