@@ -118,7 +118,7 @@ RingScan::RingScan(const FileBytes& file, const LastChange& change) {
 // From a line on, which is not taken again if it was, to the first that begins behind `end`.
 void RingScan::walk(const FileBytes& file, std::uint64_t begin, std::uint64_t end,
                     const LastChange& change) {
-  LineWalk lines(file, begin);
+  LineWalk lines(file, begin, end - begin);
   while (lines.next()) {
     const std::string_view bytes = lines.bytes();
     if (beginsLine(bytes)) {
