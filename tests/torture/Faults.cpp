@@ -581,8 +581,10 @@ CUL_FALLIBLE(void*, dlmopen, (Lmid_t space, const char* file, int mode), noexcep
 // Locales and code pages.
 CUL_FALLIBLE(char*, setlocale, (int category, const char* name), noexcept, nullptr, (ENOENT),
              category, name)
-CUL_FALLIBLE(iconv_t, iconv_open, (const char* to, const char* from), CUL_NOTHING,
-             reinterpret_cast<iconv_t>(-1), (EINVAL, EMFILE, ENFILE, ENOMEM), to, from)
+// NOLINTNEXTLINE(performance-no-int-to-ptr): as iconv_open() tells of a failure.
+static const auto noDescriptor = reinterpret_cast<iconv_t>(-1);
+CUL_FALLIBLE(iconv_t, iconv_open, (const char* to, const char* from), CUL_NOTHING, noDescriptor,
+             (EINVAL, EMFILE, ENFILE, ENOMEM), to, from)
 CUL_FALLIBLE(size_t, iconv,
              (iconv_t descriptor, char** in, size_t* inLeft, char** out, size_t* left), CUL_NOTHING,
              static_cast<size_t>(-1), (E2BIG, EILSEQ, EINVAL), descriptor, in, inLeft, out, left)
@@ -625,7 +627,7 @@ CUL_FALLIBLE(int, pthread_attr_setscope, (pthread_attr_t * attributes, int scope
 CUL_FALLIBLE(int, pthread_attr_setstacksize, (pthread_attr_t * attributes, size_t size), noexcept,
              error, (EINVAL), attributes, size)
 CUL_FALLIBLE(int, pthread_attr_setsigmask_np,
-             (pthread_attr_t * attributes, const sigset_t* signals), noexcept, error, (ENOMEM),
+             (pthread_attr_t * attributes, const sigset_t* signals), CUL_NOTHING, error, (ENOMEM),
              attributes, signals)
 
 // A mutex that was never initialised by a call is that of a std::mutex: none of its kind can fail.
