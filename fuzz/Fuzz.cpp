@@ -5,9 +5,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "Engine/utilities/Iconv.h"
 
 #include "tests/support/TemporaryFolder.h"
 
@@ -92,6 +95,12 @@ FuzzVariable::FuzzVariable(const char* name, const std::string& value) : name_(n
 }
 
 FuzzVariable::~FuzzVariable() { unsetenv(name_); }
+
+void keepConversions(const char* codePage) {
+  static std::deque<IconvDescriptor> descriptors;
+  descriptors.emplace_back("UTF-8", codePage);
+  descriptors.emplace_back(codePage, "UTF-8");
+}
 
 MemoryFile::MemoryFile()
     : descriptor_(memfd_create("fuzz", MFD_CLOEXEC)),

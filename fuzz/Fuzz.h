@@ -82,6 +82,10 @@ class FuzzVariable {
   const char* name_;
 };
 
+/// Keeps the conversions from and to a code page open, if there are any, up to the end of the
+/// process: the C library would load and unload what it needs for them with each input.
+void keepConversions(const char* codePage);
+
 /// A file in memory, whose bytes each input writes anew: quicker than one in a folder.
 class MemoryFile {
  public:

@@ -131,7 +131,12 @@ void checkAreas(const std::string& text, const char* to, const char* from, size_
 
 }  // namespace
 
-void setUpFuzzing() { setenv("QVX_DBG_CODEPAGE", native, 1); }
+void setUpFuzzing() {
+  setenv("QVX_DBG_CODEPAGE", native, 1);
+  for (const char* const codePage : codePages) {
+    keepConversions(codePage);
+  }
+}
 
 void fuzz(FuzzInput& input) {
   const char* const codePage = codePages[input.choice(codePages.size())];

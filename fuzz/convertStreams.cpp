@@ -71,7 +71,11 @@ std::vector<std::string_view> cut(std::string_view text, size_t first, size_t le
 
 }  // namespace
 
-void setUpFuzzing() {}
+void setUpFuzzing() {
+  for (const char* const codePage : codePages) {
+    keepConversions(codePage);
+  }
+}
 
 // The two code pages, the size of the first piece and of the others, and the text.
 void fuzz(FuzzInput& input) {

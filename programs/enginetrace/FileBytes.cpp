@@ -96,6 +96,7 @@ FileBytes::FileBytes(const std::string& path) : path_(path), file_(open(path)) {
     spool();
     return;
   }
+  size_ = static_cast<std::uint64_t>(info.st_size);
   lastChange_ = changeOf(info);
   lookAgain();
 }

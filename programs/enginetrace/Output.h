@@ -37,7 +37,7 @@ class Output {
   void flush();
 
  private:
-  static constexpr std::size_t size = 256 * 1024;
+  static constexpr std::size_t size = std::size_t{256} * 1024;
 
   void putBehindOthers(std::string_view bytes);
 

@@ -54,7 +54,7 @@ Process processOf(const std::string& path) {
 
 namespace {
 
-constexpr std::size_t headerLength = 65'536;
+constexpr std::uint64_t headerLength = 65'536;
 constexpr std::size_t lastLineLength = 512;
 
 // A writer that comes round more often while a file is looked at cannot be read.
@@ -97,7 +97,7 @@ TraceFile::State::State(const std::string& path)
     : file(path), reader(file, order.stretches, [this](std::uint64_t from) {
         return WriterPlace(file, from, sinceOpened()).old;
       }) {
-  if (!looksLikeATrace(bytesAt(file, 0, notATraceWithin))) {
+  if (!looksLikeATrace(bytesAt(file, 0, std::min<std::uint64_t>(notATraceWithin, file.size())))) {
     throw NotATrace(path);
   }
   facts.process = processOf(path);
@@ -131,7 +131,7 @@ RingScan TraceFile::State::findOrder() {
   // Not before: lines may have come.
   TraceFacts told;
   told.process = facts.process;
-  readHeader(bytesAt(file, 0, headerLength), told);
+  readHeader(bytesAt(file, 0, std::min(headerLength, scan->parts.back().end)), told);
   facts = told;
   order = RingOrder(*scan, change, facts.limit);
   if (isQuick && !order.isPlain(*scan)) {

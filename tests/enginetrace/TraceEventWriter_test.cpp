@@ -210,7 +210,7 @@ struct Made {
 };
 
 Written eventsOf(const std::vector<Made>& lines) {
-  const Written events = eventsOf(written([&](Output& output) {
+  Written events = eventsOf(written([&](Output& output) {
     TraceEventWriter writer(output);
     for (const auto& [whole, time, process] : lines) {
       writer.write({whole, time, process});

@@ -1,7 +1,9 @@
 #include "programs/enginetrace/TraceFile.h"
 
 #include <cerrno>
+#include <fcntl.h>
 #include <string>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -138,4 +140,18 @@ TEST(TraceFile, IsNoneWhereNoLineBegins) {
   EXPECT_THROW(TraceFile(folder.file("none")), std::system_error);
   writeFile(folder.file("empty"), "");
   EXPECT_THAT(linesIn(folder.file("empty")), ElementsAre());
+}
+
+TEST(TraceFile, HasItsBytesAlsoWhenItsDateIsBeforeTheFirstThatCanBeTold) {
+  const TemporaryFolder folder;
+  const std::string path = folder.file("old.trc");
+  const timespec times[] = {{0, UTIME_OMIT}, {-1'000'000, 0}};
+  const std::string line = at("10:00:00.000000", "a");
+  writeFile(path, line + "\n");
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  EXPECT_EQ(TraceFile(path).facts().size, line.size() + 1);
+  EXPECT_THAT(linesIn(path), ElementsAre(line));
+  writeFile(path, "text\n");
+  ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+  EXPECT_THROW(TraceFile{path}, NotATrace);
 }

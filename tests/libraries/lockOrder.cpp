@@ -34,10 +34,12 @@
 /// What the library writes down of its order, in its handlers of forks, takes part: at a process's
 /// end they are called as for a fork, and take all locks of the process in that order.
 ///
-/// A process in which locks fail on purpose calls watchNoLocks().
+/// A process in which locks fail on purpose calls watchNoLocks(), and is watched no more. One with
+/// more kinds, orders or mutexes than there is place for is told of and aborts, too: no process is
+/// watched in part.
 ///
-/// CUL_LOCK_ORDER_LOG names a file to which each process adds a line about what it has seen, and
-/// what it has to tell.
+/// CUL_LOCK_ORDER_LOG names a file to which each process adds what it has to tell, and at its end a
+/// line about what it has seen and whether it could take its locks in the order written down.
 
 namespace {
 
@@ -45,13 +47,12 @@ namespace {
 template <typename Function>
 class Behind {
  public:
-  explicit constexpr Behind(const char* name, const char* version = nullptr) noexcept
-      : name_(name), version_(version) {}
+  explicit constexpr Behind(const char* name) noexcept : name_(name) {}
 
   Function* get() noexcept {
     void* function = __atomic_load_n(&function_, __ATOMIC_RELAXED);
     if (function == nullptr) {
-      function = version_ != nullptr ? dlvsym(RTLD_NEXT, name_, version_) : dlsym(RTLD_NEXT, name_);
+      function = dlsym(RTLD_NEXT, name_);
       __atomic_store_n(&function_, function, __ATOMIC_RELAXED);
     }
     return reinterpret_cast<Function*>(function);
@@ -59,7 +60,6 @@ class Behind {
 
  private:
   const char* name_;
-  const char* version_;
   void* function_ = nullptr;
 };
 
@@ -69,8 +69,7 @@ constinit Behind<int(pthread_mutex_t*)> mutexDestroy("pthread_mutex_destroy");
 constinit Behind<int(pthread_mutex_t*)> mutexLock("pthread_mutex_lock");
 constinit Behind<int(pthread_mutex_t*)> mutexTryLock("pthread_mutex_trylock");
 constinit Behind<int(pthread_mutex_t*)> mutexUnlock("pthread_mutex_unlock");
-constinit Behind<int(pthread_cond_t*, pthread_mutex_t*)> conditionWait("pthread_cond_wait",
-                                                                       "GLIBC_2.3.2");
+constinit Behind<int(pthread_cond_t*, pthread_mutex_t*)> conditionWait("pthread_cond_wait");
 constinit Behind<int(Handler, Handler, Handler, void*)> registerAtFork("__register_atfork");
 
 // Places in code, the innermost call first.
@@ -109,31 +108,39 @@ constinit unsigned ordersSeen = 0;
 constinit bool isBefore[mostKinds][mostKinds];
 constinit Mutex mutexes[mostMutexes];  // by their addresses; a place once used stays that address's
 constinit unsigned mutexesSeen = 0;
-constinit bool isFull = false;  // nothing more is watched
+constinit bool isOver = false;  // nothing more is watched
 
 constinit int guard = 0;
 constinit thread_local bool isInside __attribute__((tls_model("initial-exec"))) = false;
+
+void enter() noexcept {
+  isInside = true;
+  while (__atomic_exchange_n(&guard, 1, __ATOMIC_ACQUIRE) != 0) {
+    syscall(SYS_sched_yield);
+  }
+}
+
+void leave() noexcept {
+  __atomic_store_n(&guard, 0, __ATOMIC_RELEASE);
+  isInside = false;
+}
 
 // False for a signal handler that has interrupted its own thread inside.
 class Inside {
  public:
   Inside() noexcept : hasEntered_(!isInside) {
     if (hasEntered_) {
-      isInside = true;
-      while (__atomic_exchange_n(&guard, 1, __ATOMIC_ACQUIRE) != 0) {
-        syscall(SYS_sched_yield);
-      }
+      enter();
     }
   }
   Inside(const Inside&) = delete;
   Inside& operator=(const Inside&) = delete;
   ~Inside() {
     if (hasEntered_) {
-      __atomic_store_n(&guard, 0, __ATOMIC_RELEASE);
-      isInside = false;
+      leave();
     }
   }
-  explicit operator bool() const noexcept { return hasEntered_ && !isFull; }
+  explicit operator bool() const noexcept { return hasEntered_ && !isOver; }
 
  private:
   bool hasEntered_;
@@ -186,51 +193,6 @@ __attribute__((noinline)) Place<depth> placeOfCaller() noexcept {
   return place;
 }
 
-unsigned addKind(const Kind& kind) noexcept {
-  if (kindsSeen == mostKinds) {
-    isFull = true;
-    return noKind;
-  }
-  kinds[kindsSeen] = kind;
-  return kindsSeen++;
-}
-
-unsigned kindMadeAt(const Place<depthOfKinds>& place) noexcept {
-  for (unsigned i = 0; i < kindsSeen; ++i) {
-    if (kinds[i].mutex == nullptr && kinds[i].made == place) {
-      return i;
-    }
-  }
-  return addKind({place, nullptr});
-}
-
-// The entry of an address; null when there are too many.
-Mutex* entryOf(const void* address) noexcept {
-  const auto number = reinterpret_cast<std::uintptr_t>(address) >> 3U;
-  auto at = static_cast<unsigned>(number * 0x9E3779B97F4A7C15U >> 48U) % mostMutexes;
-  while (mutexes[at].address != nullptr && mutexes[at].address != address) {
-    at = (at + 1) % mostMutexes;
-  }
-  if (mutexes[at].address == nullptr) {
-    isFull = isFull || mutexesSeen == mostMutexes / 2;
-    if (isFull) {
-      return nullptr;
-    }
-    ++mutexesSeen;
-    mutexes[at] = {address, noKind};
-    dl_find_object module = {};
-    if (_dl_find_object(const_cast<void*>(address), &module) == 0) {
-      mutexes[at].kind = addKind({{}, address});
-    }
-  }
-  return &mutexes[at];
-}
-
-unsigned kindOf(const void* address) noexcept {
-  const Mutex* const entry = entryOf(address);
-  return entry != nullptr ? entry->kind : noKind;
-}
-
 // Adds to the log. A process that must not write files, and is told so by a signal, does not.
 void log(std::string_view text) noexcept {
   const char* const name = std::getenv("CUL_LOCK_ORDER_LOG");
@@ -259,6 +221,57 @@ void say(const char* format, ...) noexcept {
   static_cast<void>(written);
   log({text, n});
 }
+
+[[noreturn]] void abortNow() noexcept {
+  std::signal(SIGABRT, SIG_DFL);
+  std::abort();
+}
+
+// Ends a process that could be watched in part only.
+[[noreturn]] void tellOfTooMany(unsigned most, const char* what) noexcept {
+  say("lock order: process %d has more than %u %s, which cannot be watched\n", getpid(), most,
+      what);
+  abortNow();
+}
+
+unsigned addKind(const Kind& kind) noexcept {
+  if (kindsSeen == mostKinds) {
+    tellOfTooMany(mostKinds, "kinds of mutexes");
+  }
+  kinds[kindsSeen] = kind;
+  return kindsSeen++;
+}
+
+unsigned kindMadeAt(const Place<depthOfKinds>& place) noexcept {
+  for (unsigned i = 0; i < kindsSeen; ++i) {
+    if (kinds[i].mutex == nullptr && kinds[i].made == place) {
+      return i;
+    }
+  }
+  return addKind({place, nullptr});
+}
+
+Mutex& entryOf(const void* address) noexcept {
+  const auto number = reinterpret_cast<std::uintptr_t>(address) >> 3U;
+  auto at = static_cast<unsigned>(number * 0x9E3779B97F4A7C15U >> 48U) % mostMutexes;
+  while (mutexes[at].address != nullptr && mutexes[at].address != address) {
+    at = (at + 1) % mostMutexes;
+  }
+  if (mutexes[at].address == nullptr) {
+    if (mutexesSeen == mostMutexes / 2) {
+      tellOfTooMany(mostMutexes / 2, "places of mutexes");
+    }
+    ++mutexesSeen;
+    mutexes[at] = {address, noKind};
+    dl_find_object module = {};
+    if (_dl_find_object(const_cast<void*>(address), &module) == 0) {
+      mutexes[at].kind = addKind({{}, address});
+    }
+  }
+  return mutexes[at];
+}
+
+unsigned kindOf(const void* address) noexcept { return entryOf(address).kind; }
 
 template <std::size_t depth>
 void sayPlace(const Place<depth>& place) noexcept {
@@ -325,8 +338,7 @@ struct Way {
       }
     }
   }
-  std::signal(SIGABRT, SIG_DFL);
-  std::abort();
+  abortNow();
 }
 
 void addOrder(unsigned first, unsigned second) noexcept {
@@ -339,15 +351,20 @@ void addOrder(unsigned first, unsigned second) noexcept {
   if (way.find(second, first)) {
     tellAndAbort(way, taken);
   }
-  isBefore[first][second] = true;
-  isFull = isFull || ordersSeen == mostOrders;
-  if (!isFull) {
-    orders[ordersSeen++] = {first, second, taken};
+  if (ordersSeen == mostOrders) {
+    tellOfTooMany(mostOrders, "orders of two kinds of mutexes");
   }
+  isBefore[first][second] = true;
+  orders[ordersSeen++] = {first, second, taken};
 }
 
-// The calling thread is about to wait for a mutex. Who only tries for one does not wait.
-void noteWait(const void* mutex) noexcept {
+bool isHeld(const void* mutex) noexcept {
+  const void** const end = held.mutexes + held.count;
+  return std::find(held.mutexes, end, mutex) != end;
+}
+
+// A mutex comes behind all others that the calling thread has.
+void noteBehindOthers(const void* mutex) noexcept {
   if (held.count == 0) {
     return;
   }
@@ -363,10 +380,22 @@ void noteWait(const void* mutex) noexcept {
   }
 }
 
-void noteTaken(const void* mutex) noexcept {
-  if (held.count < Held::most) {
-    held.mutexes[held.count++] = mutex;
+// The calling thread is about to wait for a mutex. Who only tries for one, or has it already, does
+// not wait.
+void noteWait(const void* mutex) noexcept {
+  if (!isHeld(mutex)) {
+    noteBehindOthers(mutex);
   }
+}
+
+void noteTaken(const void* mutex) noexcept {
+  if (held.count == Held::most) {
+    if (isOver) {
+      return;
+    }
+    tellOfTooMany(Held::most, "mutexes that one thread has");
+  }
+  held.mutexes[held.count++] = mutex;
 }
 
 // A plain mutex may be given back by another thread than the one that took it.
@@ -383,15 +412,15 @@ void noteGiven(const void* mutex) noexcept {
 
 void noteMade(const void* mutex) noexcept {
   const Inside inside;
-  if (Mutex* const entry = inside ? entryOf(mutex) : nullptr; entry != nullptr) {
-    entry->kind = kindMadeAt(placeOfCaller<depthOfKinds>());
+  if (inside) {
+    entryOf(mutex).kind = kindMadeAt(placeOfCaller<depthOfKinds>());
   }
 }
 
 void noteGone(const void* mutex) noexcept {
   const Inside inside;
-  if (Mutex* const entry = inside ? entryOf(mutex) : nullptr; entry != nullptr) {
-    entry->kind = noKind;
+  if (inside) {
+    entryOf(mutex).kind = noKind;
   }
 }
 
@@ -413,11 +442,14 @@ int takeAtEnd(pthread_mutex_t* mutex) noexcept {
   siglongjmp(wayOut, 1);
 }
 
-// Takes the locks of the process in the order that is written down. What has been taken when one
-// cannot be had is given back.
-bool takeInTheOrderWrittenDown() {
-  if (takeAll == nullptr || held.count != 0) {
-    return false;
+// Takes the locks of the process in the order that is written down, and says how that went. What
+// has been taken when one cannot be had is given back.
+const char* takeInTheOrderWrittenDown() {
+  if (takeAll == nullptr) {
+    return "no library";
+  }
+  if (held.count != 0) {
+    return "ended with a lock";
   }
   isEnding = true;
   const bool hasAll = sigsetjmp(wayOut, 0) == 0;
@@ -426,22 +458,43 @@ bool takeInTheOrderWrittenDown() {
   }
   isEnding = false;
   giveAll();
-  return hasAll;
+  return hasAll ? "written order" : "ended beside a lock";
 }
 
 void endProcess() {
-  const bool hasAll = takeInTheOrderWrittenDown();
+  const char* const end = takeInTheOrderWrittenDown();
   char text[128];
   const int n =
-      std::snprintf(text, sizeof text, "process %d: %u kinds, %u orders%s%s\n", getpid(), kindsSeen,
-                    ordersSeen, hasAll ? ", written order" : "", isFull ? ", not all" : "");
+      std::snprintf(text, sizeof text, "process %d: %u kinds, %u orders, %s%s\n", getpid(),
+                    kindsSeen, ordersSeen, end, isOver ? ", not all is watched" : "");
   log({text, static_cast<std::size_t>(n)});
 }
 
-// What another thread of the parent was in the middle of is not seen to its end in a child.
-void beginChild() {
-  isFull = isFull || __atomic_load_n(&guard, __ATOMIC_RELAXED) != 0;
-  guard = 0;
+// A process is forked between two steps of its threads in here; the child goes on from there.
+constinit thread_local bool isForking __attribute__((tls_model("initial-exec"))) = false;
+
+void beginFork() {
+  if (!isInside) {
+    enter();
+    isForking = true;
+  }
+}
+
+void endFork() {
+  if (isForking) {
+    isForking = false;
+    leave();
+  }
+}
+
+// Before any others, since all that they take is to be seen: what comes first is called last before
+// a fork, and first behind it.
+void addOwnForkHandlers() {
+  static constinit bool isDone = false;
+  if (!isDone) {
+    isDone = true;
+    registerAtFork.get()(beginFork, endFork, endFork, nullptr);
+  }
 }
 
 __attribute__((constructor)) void beginProcess() {
@@ -454,7 +507,7 @@ __attribute__((constructor)) void beginProcess() {
   conditionWait.get();
   void* frames[1];
   backtrace(frames, 1);  // loads what it needs
-  registerAtFork.get()(nullptr, nullptr, beginChild, nullptr);
+  addOwnForkHandlers();
   std::atexit(endProcess);
 }
 
@@ -483,7 +536,7 @@ int waitForCondition(pthread_cond_t* condition, pthread_mutex_t* mutex)
 int addForkHandlers(Handler prepare, Handler parent, Handler child, void* module)
     CUL_INSTEAD_OF(__register_atfork);
 
-void watchNoLocks() { isFull = true; }
+void watchNoLocks() { isOver = true; }
 
 int makeMutex(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes) {
   noteMade(mutex);
@@ -522,7 +575,7 @@ int unlockMutex(pthread_mutex_t* mutex) {
 
 // The mutex is taken again behind all others that the thread has.
 int waitForCondition(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-  noteWait(mutex);
+  noteBehindOthers(mutex);
   return conditionWait.get()(condition, mutex);
 }
 
@@ -531,6 +584,7 @@ int addForkHandlers(Handler prepare, Handler parent, Handler child, void* module
     takeAll = prepare;
     giveAll = parent;
   }
+  addOwnForkHandlers();
   return registerAtFork.get()(prepare, parent, child, module);
 }
 }

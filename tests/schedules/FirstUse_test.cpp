@@ -7,12 +7,19 @@
 #include <gtest/gtest.h>
 
 #include "Engine/utilities/ByteString.h"
+#include "Engine/utilities/DebuggerConfiguration.h"
+#include "Engine/utilities/DebuggerParameters.h"
+#include "Engine/utilities/DebuggerSettings.h"
 #include "Engine/utilities/EBCDICtableStore.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/Engine_Loader.h"
+#include "Engine/utilities/FileName.h"
 #include "Engine/utilities/InstallPath.h"
+#include "Engine/utilities/OpenFiles.h"
 #include "Engine/utilities/RunningThreads.h"
+#include "Engine/utilities/SettingNames.h"
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/StdioPipes.h"
 #include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/TraceImplementation.h"
 #include "Engine/utilities/UNIX/UNIX_Event_Semaphore.h"
@@ -41,6 +48,19 @@ constexpr Accessor accessors[] = {
     []() -> const void* { return Engine_Loader::instance(); },
     []() -> const void* { return InstallPath::instance(); },
     []() -> const void* { return &TraceStack::instance(); },
+    []() -> const void* { return DebuggerSettings::instance(); },
+    []() -> const void* { return DebuggerSettings::present(); },
+    []() -> const void* { return &DebuggerSettings::present()->getNamedSetting(L"none of these"); },
+    []() -> const void* { return DebuggerConfiguration::instance(); },
+    []() -> const void* { return DebuggerParameters::instance(0, static_cast<char**>(nullptr)); },
+    []() -> const void* { return StdioPipes::instance(); },
+    []() -> const void* { return &OpenFiles::initialOpenFiles(); },
+    []() -> const void* { return &FileName::PathSepString(); },
+    []() -> const void* { return &FileName::PeriodString(); },
+    []() -> const void* { return &FileName::LeftParenString(); },
+    []() -> const void* { return &FileName::RightParenString(); },
+    []() -> const void* { return &getEnvnamePrefix(); },
+    []() -> const void* { return &getFilenamePrefix(); },
 };
 constexpr std::size_t count = std::size(accessors);
 

@@ -1,11 +1,19 @@
 #include <array>
+#include <atomic>
+#include <cstddef>
 #include <cstdlib>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <pthread.h>
 #include <string>
 #include <thread>
+#include <unistd.h>
+#include <utility>
 
 #include <gmock/gmock.h>
 
@@ -16,6 +24,8 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/Famine.h"
+#include "tests/support/TemporaryFolder.h"
+#include "tests/trace/TraceSupport.h"
 
 /// \file
 /// That the suite is watched for locks which are taken in two orders: by the thread sanitizer in
@@ -119,7 +129,198 @@ CUL_CHILD(TwoSectionsInOneOrder) {
 
 TEST(LockOrder, OfLocksThatAreTakenInOneIsRight) { expectNoFinding("TwoSectionsInOneOrder"); }
 
+namespace {
+
+class RecursiveMutex {
+ public:
+  RecursiveMutex() {
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&mutex_, &attributes);
+    pthread_mutexattr_destroy(&attributes);
+  }
+  RecursiveMutex(const RecursiveMutex&) = delete;
+  RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+  ~RecursiveMutex() { pthread_mutex_destroy(&mutex_); }
+
+  void lock() { pthread_mutex_lock(&mutex_); }
+  void unlock() { pthread_mutex_unlock(&mutex_); }
+
+ private:
+  pthread_mutex_t mutex_;
+};
+
+}  // namespace
+
+CUL_CHILD(AMutexThatIsTakenAgainBehindAnother) {
+  RecursiveMutex mutex;
+  UNIX_Critical_Section section;
+  mutex.lock();
+  section.request("test", 1);
+  mutex.lock();
+  mutex.unlock();
+  section.release("test", 2);
+  mutex.unlock();
+}
+
+TEST(LockOrder, IsNotMadeByTakingAgainWhatTheThreadHas) {
+  expectNoFinding("AMutexThatIsTakenAgainBehindAnother");
+}
+
 #if !defined(__SANITIZE_THREAD__)
+
+namespace {
+
+// Whether the library that watches is part of this process.
+bool isWatched() {
+  std::ifstream maps("/proc/self/maps");
+  const std::string all{std::istreambuf_iterator<char>(maps), {}};
+  return all.find("/liblock_order.so") != std::string::npos;
+}
+
+}  // namespace
+
+CUL_CHILD(AProcessThatMustBeWatched) { EXPECT_TRUE(isWatched()); }
+
+// Nothing here says so: ctest and script/try do.
+TEST(LockOrder, IsWatchedInEachTestAndWhatItStarts) {
+  EXPECT_TRUE(isWatched()) << "run it by ctest or script/try";
+  const ChildResult child = runChild("AProcessThatMustBeWatched");
+  EXPECT_EQ(child.status, 0) << child.out;
+}
+
+namespace {
+
+// What is added to the log by a child that ends well.
+std::string logOf(const std::string& name) {
+  const TemporaryFolder folder;
+  ChildOptions options;
+  options.environment = {{"LD_PRELOAD", CUL_LOCK_ORDER},
+                         {"CUL_LOCK_ORDER_LOG", folder.file("log")}};
+  const ChildResult child = runChild(name, options);
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+  std::ifstream log(folder.file("log"));
+  return {std::istreambuf_iterator<char>(log), {}};
+}
+
+}  // namespace
+
+CUL_CHILD(AProcessThatEnds) {}
+
+TEST(LockOrder, IsHeldAgainstTheOneWrittenDownAtTheEndOfAProcess) {
+  EXPECT_THAT(logOf("AProcessThatEnds"), testing::EndsWith(" orders, written order\n"));
+}
+
+CUL_CHILD(AProcessThatEndsWithALock) {
+  UNIX_Critical_Section section;
+  section.request("test", 1);
+  std::exit(0);
+}
+
+TEST(LockOrder, IsNotHeldAgainstTheOneWrittenDownWhereAProcessEndsWithALock) {
+  EXPECT_THAT(logOf("AProcessThatEndsWithALock"), testing::EndsWith(", ended with a lock\n"));
+}
+
+CUL_CHILD(AProcessThatIsWatchedNoMore) {
+  void* const stop = dlsym(RTLD_DEFAULT, "watchNoLocks");
+  ASSERT_NE(stop, nullptr);
+  reinterpret_cast<void (*)()>(stop)();
+  UNIX_Critical_Section one;
+  UNIX_Critical_Section other;
+  takeBoth(one, other);
+  takeBoth(other, one);
+}
+
+TEST(LockOrder, IsNotWatchedAnyMoreWhereAProcessSaysSo) {
+  EXPECT_THAT(logOf("AProcessThatIsWatchedNoMore"), testing::EndsWith(", not all is watched\n"));
+}
+
+namespace {
+
+constexpr pthread_mutex_t unlocked = PTHREAD_MUTEX_INITIALIZER;
+template <std::size_t... i>
+constexpr std::array<pthread_mutex_t, sizeof...(i)> unlockedMutexes(std::index_sequence<i...>) {
+  return {((void)i, unlocked)...};
+}
+// Each is a kind of its own.
+std::array<pthread_mutex_t, 1024> manyMutexes = unlockedMutexes(std::make_index_sequence<1024>());
+
+}  // namespace
+
+CUL_CHILD(TooManyKindsOfMutexes) {
+  UNIX_Critical_Section first;
+  first.request("test", 1);
+  for (pthread_mutex_t& mutex : manyMutexes) {
+    pthread_mutex_lock(&mutex);
+    pthread_mutex_unlock(&mutex);
+  }
+  first.release("test", 2);
+}
+
+TEST(LockOrder, IsNotWatchedInPart) {
+  const ChildResult child = runWatched("TooManyKindsOfMutexes");
+  EXPECT_EQ(child.status, statusOfAFinding) << child.out << child.err;
+  EXPECT_THAT(child.err, testing::HasSubstr("more than 1024 kinds of mutexes"));
+}
+
+CUL_CHILD(TooManyMutexesAtOnce) {
+  for (pthread_mutex_t& mutex : manyMutexes) {
+    pthread_mutex_lock(&mutex);
+  }
+}
+
+TEST(LockOrder, IsNotWatchedWithoutWhatAThreadHas) {
+  const ChildResult child = runWatched("TooManyMutexesAtOnce");
+  EXPECT_EQ(child.status, statusOfAFinding) << child.out << child.err;
+  EXPECT_THAT(child.err, testing::HasSubstr("more than 64 mutexes that one thread has"));
+}
+
+// Other threads are in the middle of watching most of the time.
+CUL_CHILD(TwoSectionsInTwoOrdersInForkedChildren) {
+  std::atomic<bool> isOver = false;
+  std::thread other([&] {
+    UNIX_Mutex first;
+    UNIX_Critical_Section second;
+    while (!isOver) {
+      takeBoth(first, second);
+      UNIX_Mutex made;
+    }
+  });
+  for (int i = 0; i < 20 && !testing::Test::HasFailure(); ++i) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(20);
+      UNIX_Critical_Section one;
+      UNIX_Critical_Section another;
+      dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDERR_FILENO);
+      takeBoth(one, another);
+      takeBoth(another, one);
+      _exit(0);
+    }
+    EXPECT_EQ(statusOf(child), statusOfAFinding);
+  }
+  isOver = true;
+  other.join();
+}
+
+TEST(LockOrder, IsWatchedInChildrenOfAProcessThatIsBusyWithLocks) {
+  expectNoFinding("TwoSectionsInTwoOrdersInForkedChildren");
+}
+
+CUL_CHILD(AWaitForAConditionBehindAnotherLock) {
+  pthread_mutex_t& mutex = manyMutexes[0];
+  pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
+  UNIX_Critical_Section section;
+  pthread_mutex_lock(&mutex);
+  section.request("test", 1);
+  alarm(20);
+  pthread_cond_wait(&condition, &mutex);
+}
+
+TEST(LockOrder, IsToldOfAMutexThatAWaitTakesAgainBehindAnother) {
+  expectAFinding("AWaitForAConditionBehindAnotherLock");
+}
 
 namespace {
 

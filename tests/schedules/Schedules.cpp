@@ -18,6 +18,8 @@
 #include <sanitizer/common_interface_defs.h>
 #endif
 
+#include "tests/schedules/Seeds.h"
+
 namespace {
 
 constexpr unsigned secondsOfASchedule = 120;
@@ -137,12 +139,9 @@ void run(unsigned count, const std::function<void(const Schedule&)>& scenario, b
 }  // namespace
 
 unsigned Chance::below(unsigned n) noexcept {
-  // As splitmix64 does.
-  state_ += 0x9E3779B97F4A7C15U;
-  std::uint64_t x = state_;
-  x = (x ^ (x >> 30U)) * 0xBF58476D1CE4E5B9U;
-  x = (x ^ (x >> 27U)) * 0x94D049BB133111EBU;
-  return static_cast<unsigned>((x ^ (x >> 31U)) % n);
+  const std::uint64_t number = mixed(state_);
+  state_ += stepOfSeeds;
+  return static_cast<unsigned>(number % n);
 }
 
 Chance Schedule::chance(unsigned thread) const noexcept { return Chance(seed_ * 1009 + thread); }

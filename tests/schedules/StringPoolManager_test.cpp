@@ -158,6 +158,7 @@ TEST(ScheduledEncodedString, IsCopiedAssignedAndConvertedAlikeOnAllThreads) {
       "e, \xE4\xB8\x96\xE7\x95\x8C, of more than a block",
       EncodedString::utf8);
   const EncodedString shared2("ab", EncodedString::utf8);
+  const EncodedString twice("abab", EncodedString::utf8);
   underSchedules(25, [&](const Schedule& schedule) {
     std::array<std::atomic<EncodedString*>, 4> places = {};
     schedule.onThreads(2 + schedule.chance().below(4), [&](unsigned thread) {
@@ -186,7 +187,10 @@ TEST(ScheduledEncodedString, IsCopiedAssignedAndConvertedAlikeOnAllThreads) {
             const std::unique_ptr<EncodedString> other(
                 places[chance.below(4)].exchange(made.release(), std::memory_order_acq_rel));
             if (other != nullptr) {
+              EXPECT_TRUE(*other == shared || *other == shared2 || *other == twice);
+              const unsigned length = other->length() + shared2.length();
               *other += shared2;
+              EXPECT_EQ(other->length(), length);
               own = *other;
               own = chance.oneIn(2) ? shared : shared2;
             }

@@ -7,17 +7,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "tests/schedules/Seeds.h"
+
 // Compiled without instrumentation, so that nothing in here is a call of its own.
 
 namespace {
-
-// A seed that is spent on one number, as splitmix64 does.
-std::uint64_t mixed(std::uint64_t x) noexcept {
-  x += 0x9E3779B97F4A7C15U;
-  x = (x ^ (x >> 30U)) * 0xBF58476D1CE4E5B9U;
-  x = (x ^ (x >> 27U)) * 0x94D049BB133111EBU;
-  return x ^ (x >> 31U);
-}
 
 // How threads wait under a seed.
 struct Plan {
@@ -65,7 +59,7 @@ struct Thread {
 constinit thread_local Thread own __attribute__((tls_model("initial-exec")));
 
 std::uint64_t draw() noexcept {
-  own.state += 0x9E3779B97F4A7C15U;
+  own.state += stepOfSeeds;
   return mixed(own.state);
 }
 
@@ -129,29 +123,18 @@ bool wakesForNothing() noexcept {
   return period.load(std::memory_order_acquire) % 2 != 0 && own.period != 0 && draw() % 16 == 0;
 }
 
-// The function that the name would stand for without this program.
-void* behindThis(const char* name, const char* versionOfCLibrary = nullptr) noexcept {
-  void* function = nullptr;
-#if !defined(CUL_ATOMICS_OF_SANITIZER)
-  if (versionOfCLibrary != nullptr) {
-    function = dlvsym(RTLD_NEXT, name, versionOfCLibrary);
-  }
-#else
-  static_cast<void>(versionOfCLibrary);
-#endif
-  return function != nullptr ? function : dlsym(RTLD_NEXT, name);
-}
-
+// The function that the name would stand for without this program: a sanitizer's, that of the
+// library which watches the order of locks, or the C library's. Without a version, which only the
+// last one's have.
 template <typename Function>
 class Behind {
  public:
-  explicit constexpr Behind(const char* name, const char* version = nullptr) noexcept
-      : name_(name), version_(version) {}
+  explicit constexpr Behind(const char* name) noexcept : name_(name) {}
 
   Function* get() noexcept {
     void* function = function_.load(std::memory_order_relaxed);
     if (function == nullptr) [[unlikely]] {
-      function = behindThis(name_, version_);
+      function = dlsym(RTLD_NEXT, name_);
       function_.store(function, std::memory_order_relaxed);
     }
     return reinterpret_cast<Function*>(function);
@@ -159,20 +142,15 @@ class Behind {
 
  private:
   const char* name_;
-  const char* version_;
   std::atomic<void*> function_ = nullptr;
 };
-
-constexpr const char* versionOfConditions = "GLIBC_2.3.2";
 
 constinit Behind<int(pthread_mutex_t*)> mutexLock("pthread_mutex_lock");
 constinit Behind<int(pthread_mutex_t*)> mutexTryLock("pthread_mutex_trylock");
 constinit Behind<int(pthread_mutex_t*)> mutexUnlock("pthread_mutex_unlock");
-constinit Behind<int(pthread_cond_t*, pthread_mutex_t*)> conditionWait("pthread_cond_wait",
-                                                                       versionOfConditions);
-constinit Behind<int(pthread_cond_t*)> conditionSignal("pthread_cond_signal", versionOfConditions);
-constinit Behind<int(pthread_cond_t*)> conditionBroadcast("pthread_cond_broadcast",
-                                                          versionOfConditions);
+constinit Behind<int(pthread_cond_t*, pthread_mutex_t*)> conditionWait("pthread_cond_wait");
+constinit Behind<int(pthread_cond_t*)> conditionSignal("pthread_cond_signal");
+constinit Behind<int(pthread_cond_t*)> conditionBroadcast("pthread_cond_broadcast");
 constinit Behind<int(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)> create(
     "pthread_create");
 

@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <pthread.h>
+#include <sched.h>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -279,6 +280,18 @@ TEST(StdThread, AFailedAttributeThrowsAndLeavesTheObjectUnstarted) {
   }
   thread->start_thread(0);
   EXPECT_TRUE(waitUntil([&hasRun] { return hasRun.load(); }));
+}
+
+CUL_STAND_IN(int, sched_yield, (), noexcept)
+
+TEST(StdThread, YieldsTheProcessor) {
+  static std::atomic<pthread_t> yielded = 0;
+  const Instead note(sched_yieldStandIn, []() noexcept {
+    yielded = pthread_self();
+    return sched_yieldStandIn.real();
+  });
+  StdThread::thread_yield();
+  EXPECT_EQ(yielded, pthread_self());
 }
 
 TEST(StdThread, TheCurrentThreadOfForeignThreadsIsTheOneMainObject) {
