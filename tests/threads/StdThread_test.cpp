@@ -660,6 +660,7 @@ TEST(StdThread, AnEscapingExceptionEndsTheProcessWithStatus99AndIsTraced) {
               1)
         << child.all();
     EXPECT_EQ(child.countContaining("nternal error on thread"), 1) << child.all();
+    EXPECT_EQ(child.countContaining("Signal "), 0) << child.all();
     EXPECT_EQ(child.countContaining("Terminating thread"), 0) << child.all();
     const ChildResult untraced = runChild("EscapingException", options);
     EXPECT_EQ(untraced.status, 99) << untraced.err;
