@@ -36,8 +36,7 @@ TextWriter::TextWriter(Output& output, const TextStyle& style) : output_(output)
 void TextWriter::write(const Line& line) {
   const std::string_view mark = markOf(*line.process);
   buffer_.clear();
-  if (!style_.hasColour && isPrintable(line.whole) &&
-      (mark.empty() || line.whole.find('\n') == std::string_view::npos)) {
+  if (!style_.hasColour && isPlainLine(line.whole)) {
     output_.put(mark);
     putDate(line.time);
     output_.put(buffer_);
