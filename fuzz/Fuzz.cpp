@@ -5,6 +5,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <deque>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "Engine/utilities/Iconv.h"
 
 #include "tests/support/TemporaryFolder.h"
 
@@ -89,6 +95,32 @@ FuzzVariable::FuzzVariable(const char* name, const std::string& value) : name_(n
 }
 
 FuzzVariable::~FuzzVariable() { unsetenv(name_); }
+
+void keepConversions(const char* codePage) {
+  static std::deque<IconvDescriptor> descriptors;
+  descriptors.emplace_back("UTF-8", codePage);
+  descriptors.emplace_back(codePage, "UTF-8");
+}
+
+MemoryFile::MemoryFile()
+    : descriptor_(memfd_create("fuzz", MFD_CLOEXEC)),
+      path_("/proc/self/fd/" + std::to_string(descriptor_)) {
+  FUZZ_CHECK(descriptor_ >= 0);
+}
+
+std::string MemoryFile::bytes() const {
+  struct stat status = {};
+  FUZZ_CHECK(fstat(descriptor_, &status) == 0);
+  std::string result(static_cast<size_t>(status.st_size), '\0');
+  FUZZ_CHECK(pread(descriptor_, result.data(), result.size(), 0) == status.st_size);
+  return result;
+}
+
+void MemoryFile::assign(std::string_view bytes) const {
+  FUZZ_CHECK(ftruncate(descriptor_, 0) == 0);
+  FUZZ_CHECK(pwrite(descriptor_, bytes.data(), bytes.size(), 0) ==
+             static_cast<ssize_t>(bytes.size()));
+}
 
 const std::string& fuzzFolder() {
   static const TemporaryFolder folder;

@@ -82,6 +82,27 @@ class FuzzVariable {
   const char* name_;
 };
 
+/// Keeps the conversions from and to a code page open, if there are any, up to the end of the
+/// process: the C library would load and unload what it needs for them with each input.
+void keepConversions(const char* codePage);
+
+/// A file in memory, whose bytes each input writes anew: quicker than one in a folder.
+class MemoryFile {
+ public:
+  MemoryFile();
+
+  [[nodiscard]] int descriptor() const { return descriptor_; }
+  /// A path that opens it.
+  [[nodiscard]] const std::string& path() const { return path_; }
+  [[nodiscard]] std::string bytes() const;
+  /// Writes all bytes.
+  void assign(std::string_view bytes) const;
+
+ private:
+  int descriptor_;
+  std::string path_;
+};
+
 /// A new folder for the files of this process, removed when it ends.
 [[nodiscard]] const std::string& fuzzFolder();
 

@@ -41,6 +41,9 @@ void checkNative(const std::string& text) {
   inPlace.convertToUTF8();
   FUZZ_CHECK(inPlace == read);
 
+  FUZZ_CHECK(UTF8Converter::instance().convertToUTF8(bytes.data(), bytes.size()) == read);
+  FUZZ_CHECK(bytesOf(UTF8Converter::instance().convertFromUTF8(bytes.data(), 0)).empty());
+
   // Any bytes for UTF-8, on the way out.
   const std::string out = bytesOf(utf8Text(text).convert(EncodedString::native));
   FUZZ_CHECK(out.size() <= text.size());
@@ -128,7 +131,12 @@ void checkAreas(const std::string& text, const char* to, const char* from, size_
 
 }  // namespace
 
-void setUpFuzzing() { setenv("QVX_DBG_CODEPAGE", native, 1); }
+void setUpFuzzing() {
+  setenv("QVX_DBG_CODEPAGE", native, 1);
+  for (const char* const codePage : codePages) {
+    keepConversions(codePage);
+  }
+}
 
 void fuzz(FuzzInput& input) {
   const char* const codePage = codePages[input.choice(codePages.size())];

@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
-#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <utility>
@@ -72,6 +71,7 @@ struct Reading {
   std::string arguments;
   Texts invalid;
   std::string key;
+  size_t used = 0;  // arguments in front of what is gathered
   bool attached = false;
   bool ended = false;
   bool quiet = false;
@@ -79,6 +79,7 @@ struct Reading {
   bool daemon = false;
   bool wanted = false;
   bool forced = false;
+  bool gathersInvalid = false;
 
   explicit Reading(const Texts& given) {
     size_t at = 0;
@@ -89,11 +90,13 @@ struct Reading {
       }
       at += take(arg, at + 1 < given.size() ? unquoted(given[at + 1]) : std::string());
     }
+    used = at;
     std::string gathered;
     for (size_t rest = at; rest < given.size(); ++rest) {
       gathered.append(rest == at ? "" : " ").append(token(given[rest]));
     }
-    if (attached && !gathered.empty()) {
+    gathersInvalid = attached && !gathered.empty();
+    if (gathersInvalid) {
       invalid.push_back(gathered);
     } else if (!attached) {
       arguments = gathered;
@@ -204,15 +207,40 @@ void checkValue(const DebuggerParameters& parameters, const Reading& expected,
     }
   }
   FUZZ_CHECK(bytesOf(parameters.parm(type)) == value);
+  const auto rows = DebuggerParameters::options();
+  const auto first =
+      std::find_if(rows.begin(), rows.end(), [type](const auto& row) { return row.type == type; });
+  FUZZ_CHECK(bytesOf(DebuggerParameters::parmName(type)) == nameOf(*first));
 }
 
-void checkReading(const DebuggerParameters& parameters, const Reading& expected) {
-  const DebuggerArgList& options = parameters.debuggerArguments();
+void checkOptions(const DebuggerArgList& options, const Reading& expected) {
   FUZZ_CHECK(options.count() == expected.options.size());
   for (unsigned i = 1; i <= options.count(); ++i) {
     FUZZ_CHECK(bytesOf(options.name(i)) == expected.options[i - 1].first);
     FUZZ_CHECK(bytesOf(options.value(i)) == expected.options[i - 1].second);
   }
+}
+
+// A copy loses all pairs of the last name, and then all others.
+void checkRemoval(const DebuggerArgList& options) {
+  DebuggerArgList copy = options;
+  if (!copy.isEmpty()) {
+    const EncodedString name = copy.name(copy.count());
+    FUZZ_CHECK(copy.valueByName(name) == copy.value(copy.count()));
+    FUZZ_CHECK(copy.removeArg(name) && !copy.removeArg(name));
+    FUZZ_CHECK(copy.indexByName(name) == 0 && copy.valueByName(name).length() == 0);
+    for (unsigned i = 1; i <= copy.count(); ++i) {
+      FUZZ_CHECK(!(copy.name(i) == name) && options.indexByName(copy.name(i)) != 0);
+    }
+  }
+  copy.deleteAll();
+  FUZZ_CHECK(copy.isEmpty());
+}
+
+void checkReading(const DebuggerParameters& parameters, const Reading& expected) {
+  checkOptions(parameters.debuggerArguments(), expected);
+  checkRemoval(parameters.debuggerArguments());
+  FUZZ_CHECK(parameters.argumentsUsed() == static_cast<int>(expected.used) + 1);
   const List<EncodedString*>& invalid = parameters.invalidArguments();
   FUZZ_CHECK(invalid.count() == expected.invalid.size());
   for (unsigned i = 0; i < invalid.count(); ++i) {
@@ -241,6 +269,32 @@ void checkReading(const DebuggerParameters& parameters, const Reading& expected)
       checkValue(parameters, expected, row.type);
     }
   }
+}
+
+// The same arguments, given one by one: they come without quotes, and what follows the options is
+// taken in piece by piece.
+void checkOneByOne(const Texts& given, const Reading& expected) {
+  std::array<char*, 1> nothing = {};
+  UNIXDebuggerParameters parameters(0, nothing.data());
+  const auto textAt = [&](size_t at) {
+    return at < given.size() ? wideText(unquoted(given[at])) : CharString();
+  };
+  std::string arguments;
+  size_t invalid = expected.invalid.size();
+  for (size_t at = 0; at < given.size();) {
+    at += parameters.addDebuggerArg(textAt(at), textAt(at + 1));
+  }
+  if (expected.attached) {
+    invalid += given.size() - expected.used - (expected.gathersInvalid ? 1 : 0);
+  } else {
+    for (size_t at = expected.used; at < given.size(); ++at) {
+      arguments.append(arguments.empty() ? "" : " ").append(token(unquoted(given[at])));
+    }
+  }
+  checkOptions(parameters.debuggerArguments(), expected);
+  FUZZ_CHECK(parameters.invalidArguments().count() == invalid);
+  FUZZ_CHECK(bytesOf(parameters.debuggeeName()) == expected.debuggee);
+  FUZZ_CHECK(bytesOf(parameters.debuggeeArguments()) == arguments);
 }
 
 // The folding of a path, one cut after the other; empty when it climbs above the root.
@@ -351,16 +405,13 @@ void checkTokens(const std::string& bytes, const std::string& delimiters) {
 
 // What diagnosticDump() writes into a trace of its own.
 std::string dumped(const DebuggerParameters& parameters) {
-  static const std::string file = fuzzFolder() + "/trace";
-  const CharString configuration = wideText(file + ",PMD");
+  static const MemoryFile file;
+  const CharString configuration = wideText(file.path() + ",PMD");
   TraceImplementation* const trace = TraceImplementation::instance(configuration);
   FUZZ_CHECK(trace->isActive());
   parameters.diagnosticDump();
   delete trace;
-  std::ifstream stream(file);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  return text.str();
+  return file.bytes();
 }
 
 }  // namespace
@@ -388,6 +439,8 @@ void fuzz(FuzzInput& input) {
   if (kind == 2) {
     std::array<char*, 1> nothing = {};
     UNIXDebuggerParameters parameters(0, nothing.data());
+    // The root folder's name ends with a separator.
+    FUZZ_CHECK(chdir(given.size() % 2 == 0 ? "/" : fuzzFolder().c_str()) == 0);
     for (const std::string& name : given) {
       checkName(parameters, name);
     }
@@ -427,7 +480,11 @@ void fuzz(FuzzInput& input) {
   for (std::string& argument : given) {
     argument = bytesOf(EncodedString(argument.c_str(), EncodedString::native));
   }
-  checkReading(parameters, Reading(given));
+  const Reading expected(given);
+  checkReading(parameters, expected);
+  checkOneByOne(given, expected);
+  FUZZ_CHECK(DebuggerParameters::parmName(DebuggerParameters::ParmType{}).length() == 0);
+  parameters.diagnosticDump();  // There is no trace.
   if (hasSecret) {
     const std::string dump = dumped(parameters);
     FUZZ_CHECK(dump.find("Invalid Args:") != std::string::npos);

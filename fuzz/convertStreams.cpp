@@ -15,12 +15,37 @@
 
 namespace {
 
-constexpr std::array codePages = {
-    "UTF-8",      "native",      "escapes",     "ISO-8859-1", "CP1252",
-    "CP1258",     "IBM1047",     "Cp1047",      "IBM939",     "SHIFT_JIS",
-    "EUC-JP",     "ISO-2022-JP", "ISO-2022-KR", "BIG5",       "GB18030",
-    "BIG5-HKSCS", "UTF-16",      "UTF-16LE",    "UTF-32",     "WCHAR_T",
-    "UTF-7",      "TSCII",       "TCVN5712-1",  "ASCII",      "ISO-8859-1//TRANSLIT"};
+constexpr std::array codePages = {"UTF-8",
+                                  "native",
+                                  "escapes",
+                                  "ISO-8859-1",
+                                  "CP1252",
+                                  "CP1258",
+                                  "IBM1047",
+                                  "Cp1047",
+                                  "IBM939",
+                                  "SHIFT_JIS",
+                                  "EUC-JP",
+                                  "ISO-2022-JP",
+                                  "ISO-2022-KR",
+                                  "BIG5",
+                                  "GB18030",
+                                  "BIG5-HKSCS",
+                                  "UTF-16",
+                                  "UTF-16LE",
+                                  "UTF-32",
+                                  "WCHAR_T",
+                                  "UTF-7",
+                                  "TSCII",
+                                  "TCVN5712-1",
+                                  "ASCII",
+                                  "ISO-8859-1//TRANSLIT",
+                                  "VKT-1047",
+                                  "UCS-4",
+                                  "no such",
+                                  ""};
+
+bool isKnown(std::string_view codePage) { return !codePage.empty() && codePage != "no such"; }
 
 // Reads and writes the pieces, and an empty one behind them, as the end of a stream is noticed.
 std::string converted(const char* from, const char* to,
@@ -46,7 +71,11 @@ std::vector<std::string_view> cut(std::string_view text, size_t first, size_t le
 
 }  // namespace
 
-void setUpFuzzing() {}
+void setUpFuzzing() {
+  for (const char* const codePage : codePages) {
+    keepConversions(codePage);
+  }
+}
 
 // The two code pages, the size of the first piece and of the others, and the text.
 void fuzz(FuzzInput& input) {
@@ -55,6 +84,11 @@ void fuzz(FuzzInput& input) {
   const size_t first = input.choice(64);
   const size_t others = 1 + input.choice(16);
   const std::string text = input.rest();
+  FUZZ_CHECK((codePageReader(from) != nullptr) == isKnown(from));
+  FUZZ_CHECK((codePageWriter(to) != nullptr) == isKnown(to));
+  if (!isKnown(from) || !isKnown(to)) {
+    return;
+  }
 
   const std::string whole = converted(from, to, {text});
   FUZZ_CHECK(converted(from, to, cut(text, first, others)) == whole);
@@ -69,6 +103,8 @@ void fuzz(FuzzInput& input) {
     FUZZ_CHECK(converted("UTF-8", "UTF-8", {text}) == text);
     FUZZ_CHECK(converted("UTF-32", "native", {converted("native", "UTF-32", {text})}) == text);
   }
-  // One byte, one character.
+  // One byte, one character, in iconv's table and in the library's own.
   FUZZ_CHECK(converted("Cp1047", "UTF-32LE", {text}).size() == 4 * text.size());
+  FUZZ_CHECK(converted("VKT-1047", "UTF-32LE", {text}).size() == 4 * text.size());
+  FUZZ_CHECK(converted("VKT-1047", "VKT-1047", {text}) == text);
 }

@@ -2,6 +2,8 @@
 // nothing else, lists are cut at every ":", comparisons are relations.
 
 #include <algorithm>
+#include <filesystem>
+#include <fstream>
 #include <memory>
 #include <vector>
 
@@ -140,6 +142,40 @@ void checkCopies(const FileName& name) {
   FUZZ_CHECK(bytesOf(copy.base()) == bytesOf(name.base()));
 }
 
+// However the name is given, it is the same one.
+void checkForms(const FileName& name, const std::string& text) {
+  const std::string whole = upToZero(text);
+  const FileName expected = named(whole);
+  const char* const characters = whole.c_str();
+  const auto* const asSigned = reinterpret_cast<const signed char*>(characters);
+  const auto* const asUnsigned = reinterpret_cast<const unsigned char*>(characters);
+  for (const FileName& form :
+       {FileName(characters, EncodedString::utf8), FileName(asSigned, EncodedString::utf8),
+        FileName(asUnsigned, EncodedString::utf8)}) {
+    FUZZ_CHECK(bytesOf(form) == whole && form.isValidName() == expected.isValidName());
+    FUZZ_CHECK(form.directory() == expected.directory());
+  }
+  const CharString wide = wideText(text);
+  const FileName fromWide(wide);
+  FUZZ_CHECK(bytesOf(fromWide) == bytesOf(wide));
+  FUZZ_CHECK(!utf8Text(text).isValid() || fromWide.extension() == name.extension());
+  const wchar_t* const values = wide;
+  FUZZ_CHECK(bytesOf(FileName(values)) == bytesOf(CharString(values)));
+}
+
+// The working directory comes first, then the path. Names without a folder and a member.
+void checkSearch(const FileName& name, const std::string& text, const std::string& path,
+                 bool executable) {
+  const FileName found = FileName::findFile(name, utf8Text(path), executable);
+  FUZZ_CHECK(found.length() == 0 || found.isAbsolute());
+  if (text == "plain" || text == "program") {
+    const bool isPlain = text == "plain";
+    const std::string searched = fuzzFolder() + (isPlain ? "" : "/bin");
+    const FileName expected = FileName::findFile(name, utf8Text(searched), executable);
+    FUZZ_CHECK(bytesOf(expected) == (isPlain && executable ? "" : searched + '/' + text));
+  }
+}
+
 void checkPaths(const std::string& text) {
   std::vector<std::string> expected;
   for (size_t at = 0; at <= text.size();) {
@@ -159,7 +195,16 @@ void checkPaths(const std::string& text) {
 
 }  // namespace
 
-void setUpFuzzing() {}
+void setUpFuzzing() {
+  namespace fs = std::filesystem;
+  const fs::path folder = fuzzFolder();
+  fs::create_directory(folder / "bin");
+  for (const char* const name : {"plain", "bin/program"}) {
+    std::ofstream(folder / name) << "";
+  }
+  fs::permissions(folder / "bin/program", fs::perms::owner_all);
+  fs::current_path(folder);
+}
 
 void fuzz(FuzzInput& input) {
   const bool isLong = input.choice(16) == 15;
@@ -191,6 +236,6 @@ void fuzz(FuzzInput& input) {
   checkRelations(named(other), named(argument));
   checkCopies(name);
   checkPaths(text);
-  const FileName found = FileName::findFile(name, utf8Text(argument), input.choice(2) == 1);
-  FUZZ_CHECK(found.length() == 0 || found.isAbsolute());
+  checkForms(name, text);
+  checkSearch(name, text, argument, input.choice(2) == 1);
 }

@@ -3,11 +3,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <filesystem>
 #include <string>
 #include <string_view>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,9 +20,6 @@
 #include "Engine/utilities/ManageLIBPATH.h"
 
 #include "fuzz/Fuzz.h"
-
-// There when the lines are counted that are reached: _exit() loses those of a child.
-extern "C" [[gnu::weak]] int __llvm_profile_write_file();
 
 namespace {
 
@@ -99,27 +98,40 @@ void checkSearch(const std::string& name, const std::string& searched) {
   FUZZ_CHECK(folder == (expected.empty() ? "" : withoutLast(expectedTarget(expected))));
 }
 
-// The set-up is made once in a process.
-void checkSetUp(const std::string& former) {
+// The set-up is made once in a process, and not again in one that was started with it.
+void setUp(const std::string& name, const std::string& former, bool isInherited) {
+  constexpr const char* marker = "QVX_DBG_LD_LIBRARY_PATH";
+  setenv("LD_LIBRARY_PATH", former.c_str(), 1);
+  if (isInherited) {
+    setenv(marker, "before", 1);
+  }
+  char* const folder = ManageLIBPATH::getLibPath(name.c_str());
+  const std::string expected = plain(ManageLIBPATH::executableLocation(name.c_str()));
+  FUZZ_CHECK(!expected.empty() && folder == expected);
+  std::free(folder);
+  const std::string now = std::getenv("LD_LIBRARY_PATH");
+  FUZZ_CHECK(now == (isInherited ? former : former.empty() ? expected : expected + ':' + former));
+  FUZZ_CHECK(std::getenv(marker) == (isInherited ? "before" : former));
+}
+
+void checkSetUp(const std::string& name, const std::string& former, bool isInherited) {
+  const bool isFound = plain(ManageLIBPATH::executableLocation(name.c_str())) != "";
   const pid_t child = fork();
   FUZZ_CHECK(child >= 0);
   if (child == 0) {
-    setenv("LD_LIBRARY_PATH", former.c_str(), 1);
-    const std::string program = fuzzFolder() + "/bin/program";
-    char* const folder = ManageLIBPATH::getLibPath(program.c_str());
-    FUZZ_CHECK(folder == fuzzFolder() + "/bin");
-    std::free(folder);
-    const std::string now = std::getenv("LD_LIBRARY_PATH");
-    FUZZ_CHECK(now == fuzzFolder() + "/bin" + (former.empty() ? "" : ":" + former));
-    FUZZ_CHECK(std::getenv("QVX_DBG_LD_LIBRARY_PATH") == former);
-    if (__llvm_profile_write_file != nullptr) {
-      __llvm_profile_write_file();
+    if (!isFound) {
+      // Which ends the process, and is no finding.
+      std::signal(SIGABRT, SIG_DFL);
+      const rlimit none = {};
+      setrlimit(RLIMIT_CORE, &none);
+      close(STDERR_FILENO);
     }
+    setUp(name, former, isInherited);
     _exit(0);
   }
   int status = 0;
   FUZZ_CHECK(uninterrupted([&] { return waitpid(child, &status, 0); }) == child);
-  FUZZ_CHECK(status == 0);
+  FUZZ_CHECK(isFound ? status == 0 : WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT);
 }
 
 void checkCleaning(const std::vector<std::string>& entries) {
@@ -165,13 +177,15 @@ void setUpFuzzing() {
 
 // A line is the name, "PATH", an old library path, and the entries of an environment.
 void fuzz(FuzzInput& input) {
-  const bool setsUp = input.choice(32) == 31;
+  const unsigned kind = input.choice(32);
   const std::string name = upToZero(input.text());
   const std::string searched = upToZero(input.text());
   checkSearch(name, searched);
   checkSearch(fuzzFolder() + '/' + name, searched);
   checkSearch(name, searched + ':' + fuzzFolder() + "/bin:" + fuzzFolder());
 
+  const ManagedString nothing(nullptr);
+  FUZZ_CHECK(nothing == nullptr && plain(ManageLIBPATH::stripPath(nothing)).empty());
   const ManagedString text(name.c_str());
   FUZZ_CHECK(plain(ManageLIBPATH::stripPath(text)) == withoutLast(name));
   FUZZ_CHECK(plain(ManageLIBPATH::absPath(searched.c_str(), name.c_str())) ==
@@ -181,8 +195,8 @@ void fuzz(FuzzInput& input) {
   } catch (int error) {
     FUZZ_CHECK(error == ELOOP && expectedTarget(name).empty());
   }
-  if (setsUp) {
-    checkSetUp(searched);
+  if (kind >= 29) {
+    checkSetUp(kind == 29 ? name : fuzzFolder() + "/bin/program", searched, kind == 30);
   }
   std::vector<std::string> entries;
   while (!input.isEmpty()) {

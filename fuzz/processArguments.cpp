@@ -56,6 +56,7 @@ std::string argumentsOfThisProcess() {
 
 void checkArguments(const std::string& expected, int length) {
   procentry64 entry = {getpid()};
+  FUZZ_CHECK(getargs(nullptr, 0, nullptr, length) == -1);
   if (length <= 0) {
     char byte = unused;
     FUZZ_CHECK(getargs(&entry, sizeof entry, &byte, length) == -1);
@@ -72,6 +73,15 @@ void checkArguments(const std::string& expected, int length) {
   FUZZ_CHECK(bytes[stored] == '\0');
   FUZZ_CHECK(std::all_of(bytes.get() + stored + 1, bytes.get() + size,
                          [](char c) { return c == unused; }));
+}
+
+// No process has a number below 1.
+void checkNobody(int number) {
+  procentry64 entry = {-number};
+  char bytes[2] = {unused, unused};
+  FUZZ_CHECK(getargs(&entry, sizeof entry, bytes, sizeof bytes) == -1);
+  FUZZ_CHECK(bytes[0] == unused && bytes[1] == unused);
+  FUZZ_CHECK(!argumentsOf(-number));
 }
 
 std::vector<std::string> split(const std::string& bytes) {
@@ -160,6 +170,7 @@ void fuzz(FuzzInput& input) {
       break;
     case 2:
       checkArguments(expected, number < 128 ? -static_cast<int>(number) : INT_MIN);
+      checkNobody(static_cast<int>(number));
       break;
     default:
       checkArguments(expected, 4096 + static_cast<int>(number));

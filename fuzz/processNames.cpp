@@ -44,6 +44,7 @@ struct MadeUpFolder {
   bool isThere = true;
   bool isOfProcesses = true;
   bool canSeek = true;
+  bool isMoving = false;  // Its entries are elsewhere at each look.
   size_t at = 0;
   dirent entry = {};
 
@@ -97,6 +98,9 @@ int systemOfMadeUp(int /*folder*/, struct statfs* status) {
   return 0;
 }
 off64_t seekInMadeUp(int /*folder*/, off64_t position, int /*from*/) {
+  for (MadeUpEntry& entry : folder.entries) {
+    entry.position += folder.isMoving ? 7 : 0;
+  }
   const auto at =
       std::find_if(folder.entries.begin(), folder.entries.end(),
                    [&](const MadeUpEntry& entry) { return entry.position >= position; });
@@ -192,10 +196,11 @@ std::vector<MadeUpEntry> anyEntries(const std::vector<std::string>& names) {
 
 // Which folder it is, where it has its processes, where the walk begins, and the names.
 void fuzz(FuzzInput& input) {
-  const unsigned kind = input.choice(4);
+  const unsigned kind = input.choice(5);
   folder.isOfProcesses = kind != 1;
   folder.isThere = kind != 2;
   folder.canSeek = kind != 3;
+  folder.isMoving = kind == 4;
   const off64_t before = input.choice(2) == 0 ? 258 : 200 + input.byte();
   const auto start = static_cast<pid_t>(input.word());
   std::vector<std::string> names;

@@ -5,8 +5,6 @@
 #include <cstdlib>
 #include <map>
 #include <optional>
-#include <sys/mman.h>
-#include <unistd.h>
 #include <vector>
 
 #include "Engine/utilities/FileName.h"
@@ -93,14 +91,12 @@ void readLines(Map& expected, const std::string& bytes) {
   }
 }
 
-// Has the properties read a file of these bytes.
-void readFile(Properties& properties, const std::string& bytes) {
-  const int file = memfd_create("properties", MFD_CLOEXEC);
-  FUZZ_CHECK(file >= 0);
-  FUZZ_CHECK(write(file, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()));
-  const std::string path = "/proc/self/fd/" + std::to_string(file);
-  FUZZ_CHECK(!properties.set(FileName(path.c_str(), EncodedString::utf8)));
-  close(file);
+// A file of these bytes.
+const FileName& fileOf(const std::string& bytes) {
+  static const MemoryFile file;
+  static const FileName name(file.path().c_str(), EncodedString::utf8);
+  file.assign(bytes);
+  return name;
 }
 
 // What "%d" and then nothing more makes of a zero-terminated text.
@@ -200,9 +196,14 @@ void fuzz(FuzzInput& input) {
   if (!key.empty()) {
     expected[key] = value;
   }
-  readFile(properties, bytes);
+  const FileName& file = fileOf(bytes);
+  FUZZ_CHECK(!properties.set(file));
+  FUZZ_CHECK(properties.set(FileName("no/such", EncodedString::utf8)));
   readLines(expected, bytes);
   checkLookUps(properties, expected);
+  Map ofFile;
+  readLines(ofFile, bytes);
+  FUZZ_CHECK(Properties(&file).numItems() == ofFile.size());
   checkWalks(properties, expected);
   checkRemovals(expected, buckets, every);
 }

@@ -138,6 +138,7 @@ void checkNumber(DebuggerSetting& setting, const std::string& text, Number minim
 }
 
 void checkBoolean(DebuggerBooleanSetting& setting, const std::string& text) {
+  FUZZ_CHECK(bytesOf(setting.getPermittedValues()) == "YES/NO, Y/N, TRUE/FALSE, T/F, ON/OFF, 1/0");
   const std::string word = keyword(text);
   const auto isOneOf = [&](const auto&... words) { return ((word == words) || ...); };
   const bool isOn = isOneOf("YES", "Y", "TRUE", "T", "ON", "1");
@@ -156,8 +157,25 @@ struct Item {
   bool sets;
 };
 
+std::vector<std::string> namesOf(const std::vector<Item>& items) {
+  std::vector<std::string> names;
+  for (const Item& item : items) {
+    names.push_back(item.name);
+  }
+  return names;
+}
+
+std::string joined(const std::vector<std::string>& names, const char* separator) {
+  std::string result;
+  for (const std::string& name : names) {
+    result.append(result.empty() ? "" : separator).append(name);
+  }
+  return result;
+}
+
 void checkEnum(DebuggerEnumSetting& setting, const std::vector<Item>& items,
                const std::string& text) {
+  FUZZ_CHECK(bytesOf(setting.getPermittedValues()) == joined(namesOf(items), ", "));
   const std::string word = keyword(text);
   const auto wanted = std::find_if(items.rbegin(), items.rend(), [&](const Item& item) {
     return word == item.name || word == std::to_string(item.number);
@@ -187,14 +205,6 @@ std::optional<unsigned> bitsOf(const std::vector<Item>& items, bool acceptsAllAn
   return bits;
 }
 
-std::string joined(const std::vector<std::string>& names) {
-  std::string result;
-  for (const std::string& name : names) {
-    result.append(result.empty() ? "" : ",").append(name);
-  }
-  return result;
-}
-
 // The names of the items that the bits cover.
 std::string canonicalText(const std::vector<Item>& items, unsigned bits) {
   std::vector<std::string> names;
@@ -207,12 +217,13 @@ std::string canonicalText(const std::vector<Item>& items, unsigned bits) {
       names.push_back(item.name);
     }
   }
-  return joined(names);
+  return joined(names, ",");
 }
 
 // \param hasDefault whether the setting's identifier has a default with names in it.
 void checkList(DebuggerListSetting& setting, const std::vector<Item>& items, bool acceptsAllAndNone,
                bool hasDefault, const std::string& text) {
+  FUZZ_CHECK(bytesOf(setting.getPermittedValues()) == joined(namesOf(items), ", "));
   const std::optional<unsigned> bits = bitsOf(items, acceptsAllAndNone, text);
   const bool isEmpty = split(text, ", ").empty();
   const bool taken = offer(setting, text);
@@ -235,7 +246,7 @@ void checkList(DebuggerListSetting& setting, const std::vector<Item>& items, boo
   if (readsBack) {
     FUZZ_CHECK(value == canonical);
   } else if (!isEmpty) {
-    FUZZ_CHECK(value == joined(split(text, ", ")));
+    FUZZ_CHECK(value == joined(split(text, ", "), ","));
   }
   FUZZ_CHECK(offer(setting, value));
   FUZZ_CHECK(setting.getValueAsUnsigned() == number);
@@ -371,6 +382,7 @@ void checkOwn(FuzzInput& input) {
       const auto minimum = static_cast<int>(input.word());
       const auto maximum = static_cast<int>(input.word());
       DebuggerIntegerSetting setting(name, changeable, 1, noIdentifier, minimum, maximum);
+      FUZZ_CHECK(setting.asIntegerSetting() == &setting && setting.asUnsignedSetting() == nullptr);
       checkNumber(setting, input.text(), minimum, maximum);
       checkNumber(setting, std::to_string(minimum), minimum, maximum);
       checkNumber(setting, std::to_string(maximum + std::int64_t{1}), minimum, maximum);

@@ -8,6 +8,7 @@ namespace {
 
 constexpr std::time_t day = 86400;
 constexpr std::time_t ahead = 400 * day;
+constexpr unsigned long farthest = 100 * ahead;
 constexpr std::time_t reserve = 366 * day;  // learnt anew when less is left
 
 constexpr std::time_t floorDivide(std::time_t number, std::time_t divisor) {
@@ -123,7 +124,11 @@ void LocalTime::keepUp(std::time_t second) noexcept {
   if (count_ != 0 && second >= first_ && second <= end_ - reserve && Zone::current() == zone_) {
     return;
   }
-  const std::time_t first = count_ == 0 ? second : std::min(second, first_);
+  // A clock that leaps is not followed day by day.
+  const bool leaps =
+      second > end_ &&
+      static_cast<unsigned long>(second) - static_cast<unsigned long>(end_) > farthest;
+  const std::time_t first = count_ == 0 || leaps ? second : std::min(second, first_);
   constexpr std::time_t latest = std::numeric_limits<std::time_t>::max();
   learn(first, second > latest - ahead ? latest : second + ahead);
   // The variables are left as a call for the present leaves them.

@@ -49,6 +49,10 @@ class OwnThread {
     return __atomic_load_n(&found_.thread, __ATOMIC_RELAXED);
   }
 
+  /// Looks the thread up like RunningThreads::find(), and makes nothing: memory may be out.
+  /// \return null: there is no object with this thread's id.
+  [[nodiscard]] static StdThread* registered() noexcept __attribute__((visibility("hidden")));
+
   /// Notes what was found. With the registry's lock held.
   static void note(StdThread* thread) noexcept {
     forget();

@@ -11,8 +11,10 @@
 #include "Engine/internal/AbandonTraceLines.h"
 #include "Engine/internal/HoldRequests.h"
 #include "Engine/internal/LeafLock.h"
+#include "Engine/internal/OwnThread.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/StringPoolManager.h"
 
 namespace {
 
@@ -58,7 +60,7 @@ Claim claimEnding(int status) noexcept {
   sigfillset(&all);
   pthread_sigmask(SIG_SETMASK, &all, nullptr);
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
-  abandonTraceLines();
+  abandonLocks();
   if (mayHoldLocks) {
     sleep(endingLimit);
     endProcessAtOnce(status);
@@ -78,8 +80,8 @@ void noticeExit() noexcept {
   switch (claimEnding(none)) {
     case Claim::made:
       // What armed the recovery point will never be returned to.
-      if (StdThread* self = StdThread::currentThread();
-          self->threadId() == pthread_self() && self->isRecoveryArmed()) {
+      if (StdThread* const self = OwnThread::registered();
+          self != nullptr && self->isRecoveryArmed()) {
         self->clearjmp();
       }
       return;
@@ -103,10 +105,20 @@ thread_local ThreadObject threadObject;
 
 }  // namespace
 
+void abandonLocks() noexcept {
+  abandonTraceLines();
+  abandonLocksBehindTrace();
+}
+
+void abandonLocksBehindTrace() noexcept {
+  StringPoolManager::abandon();
+  LeafLock::abandon();
+}
+
 void endProcess(int status, bool mayHoldLocks) noexcept {
   switch (claimEnding(status)) {
     case Claim::made:
-      LeafLock::abandon();
+      abandonLocks();
       if (mayHoldLocks) {
         limitEnding();
       }
@@ -114,7 +126,6 @@ void endProcess(int status, bool mayHoldLocks) noexcept {
     case Claim::ownAlready:
       endProcessAtOnce(status);
     case Claim::another:
-      LeafLock::abandon();
       stop(status, mayHoldLocks);
   }
   __builtin_unreachable();
@@ -122,7 +133,7 @@ void endProcess(int status, bool mayHoldLocks) noexcept {
 
 void endProcessUnlessEnding(int status) noexcept {
   if (claimEnding(status) == Claim::made) {
-    LeafLock::abandon();
+    abandonLocks();
     exit(status);
   }
 }

@@ -17,7 +17,18 @@
 ///
 /// A claim holds in its own process: a forked child has none and can end itself.
 
-/// Ends the process with exit(status) when nobody ends it yet.
+/// Gives back the locks of the process that the calling thread has: it will never return to where
+/// it took them, since it jumps out of a signal handler, or ends the process there. Others would
+/// wait for them in vain, and whatever the thread still does would ask for locks out of their
+/// order.
+void abandonLocks() noexcept;
+
+/// The same but for the lock of the trace, for whoever goes on to trace: a line may be written
+/// while another one of the same thread is begun.
+void abandonLocksBehindTrace() noexcept;
+
+/// Ends the process with exit(status) when nobody ends it yet. The calling thread has none of the
+/// process's locks then.
 ///
 /// When another thread does, the calling thread stops for good: it holds no line of the trace
 /// then, answers no signal, and counts as ended for whoever joins it, except for the first

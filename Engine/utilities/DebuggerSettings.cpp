@@ -121,7 +121,12 @@ DebuggerSettings* DebuggerSettings::instance() {
   if (!isBegun.load(std::memory_order_acquire)) {
     HoldRequests hold;
     if (!isBegun.exchange(true)) {
-      registry.initialize();
+      try {
+        registry.initialize();
+      } catch (...) {
+        isBegun = false;
+        throw;
+      }
     }
   }
   return &registry;
@@ -154,9 +159,9 @@ void DebuggerSettings::add(std::span<const SettingRow> rows) {
   for (const SettingRow& row : rows) {
     const auto identifier = static_cast<unsigned>(row.slot);
     if (identifier < settings_.count()) {
-      const std::unique_ptr<DebuggerSetting> previous(slot(identifier));
       std::unique_ptr<DebuggerSetting> made = row.make(row);
       made->isSecret_ = row.isSecret;
+      const std::unique_ptr<DebuggerSetting> previous(slot(identifier));
       __atomic_store_n(&settings_[identifier], made.release(), __ATOMIC_RELEASE);
       enterName(row.name, identifier);
     }

@@ -36,6 +36,8 @@ class CUL_EXPORT DebuggerSettings {
   /// The process's settings, made and filled by the first call. Settings that are being made
   /// find the registry here already, with the slots filled so far. Asks the configuration
   /// module for a default (see DebuggerConfiguration).
+  /// \throws std::bad_alloc when there is no memory for all of them: the next call makes them
+  ///         anew, and deletes those that were made.
   static DebuggerSettings* instance();
 
   /// The same object with the settings that it has so far, perhaps none: the call makes none

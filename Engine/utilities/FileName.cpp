@@ -300,6 +300,10 @@ EncodedString FileName::commonPathSuffix(const FileName& other) const {
 
 FileName FileName::findFile(const FileName& name, const EncodedString& searchPath,
                             bool executable) {
+  // The system would see a name where a zero byte stands in front of what makes it none.
+  if (!name.isValidName()) {
+    return {};
+  }
   if (name.memberPosition != 0) {
     const EncodedString member = encodedText(name.view(name.memberPosition, name.len + 1));
     FileName archive = name;

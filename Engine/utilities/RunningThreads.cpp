@@ -38,6 +38,14 @@ void hasChanged(pthread_t id) noexcept {
 constinit thread_local OwnThread::Found OwnThread::found_;
 constinit OwnThread::Generation OwnThread::generation_;
 
+StdThread* OwnThread::registered() noexcept {
+  if (isKnown()) {
+    return found();
+  }
+  RunningThreads* const made = registry.present();
+  return made == nullptr ? nullptr : made->find(pthread_self());
+}
+
 RunningThreads& RunningThreads::instance() {
   return registry.get([] { return new RunningThreads; });
 }

@@ -5,13 +5,12 @@
 #include <cstring>
 #include <memory>
 
-#include "Engine/internal/AbandonTraceLines.h"
 #include "Engine/internal/FixedLayout.h"
 #include "Engine/internal/HeldLock.h"
 #include "Engine/internal/HoldRequests.h"
-#include "Engine/internal/LeafLock.h"
 #include "Engine/internal/OwnThread.h"
 #include "Engine/internal/PlaceNumber.h"
+#include "Engine/internal/ProcessEnd.h"
 #include "Engine/internal/ProcessWide.h"
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/internal/UNIXStdThread.h"
@@ -19,7 +18,6 @@
 #include "Engine/utilities/OwningList.h"
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdException.h"
-#include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/TraceFlags.h"
 
 // The engine knows this layout: docs/contract.md.
@@ -61,16 +59,25 @@ StdThread::StdThread(const char* name, unsigned int stackSize, Termination* term
                          "Termination object used for 2 threads", -1);
     }
   }
-  RunningThreads::instance().append(this);
+  try {
+    RunningThreads::instance().append(this);
+  } catch (...) {
+    leaveToken();
+    throw;
+  }
 }
 
 StdThread::~StdThread() {
   RunningThreads::instance().remove(this);
-  if (termination_ != nullptr) {
-    __atomic_store_n(&termination_->thread_, nullptr, __ATOMIC_RELEASE);
-  }
+  leaveToken();
   for (const NamedSlot& slot : slots_) {
     delete[] slot.key;
+  }
+}
+
+void StdThread::leaveToken() noexcept {
+  if (termination_ != nullptr) {
+    __atomic_store_n(&termination_->thread_, nullptr, __ATOMIC_RELEASE);
   }
 }
 
@@ -149,9 +156,7 @@ void StdThread::longjmp(int value, int keepArmed) {
     return;
   }
   recoveryArmed_ = keepArmed != 0;
-  abandonTraceLines();
-  StringPoolManager::abandon();
-  LeafLock::abandon();
+  abandonLocks();
   HoldRequests::leaveAll();
   ::longjmp(recoveryPoint_, value);
 }

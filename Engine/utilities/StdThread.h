@@ -208,6 +208,7 @@ class CUL_EXPORT StdThread {
   static const std::size_t recoveryArmedOffset_ __attribute__((visibility("hidden")));
 
   __attribute__((visibility("hidden"))) void setThreadId(pthread_t id) noexcept;
+  __attribute__((visibility("hidden"))) void leaveToken() noexcept;
   __attribute__((visibility("hidden"))) static StdThread* askedThread();
 
   jmp_buf recoveryPoint_;

@@ -74,7 +74,7 @@ class CUL_EXPORT StringPoolManager {
   static const ClassRule classRules[sizeClasses];
 
   friend class AcrossFork;
-  friend class StdThread;
+  friend void abandonLocksBehindTrace() noexcept;
 
   StringPoolManager() = default;
   ~StringPoolManager() = default;

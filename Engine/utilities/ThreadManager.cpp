@@ -40,7 +40,11 @@ ThreadManager::ThreadManager() : link_(new ThreadManagerLink(*this)) {}
 ThreadManager::~ThreadManager() {
   link_->cut();
   const HoldAndLock guard(lock_, "ThreadManager::~ThreadManager()", 25_place);
-  orphanThreads();
+  try {
+    orphanThreads();
+  } catch (const StdException&) {
+    // Of the event, which goes with the manager: nobody waits for it any more.
+  }
 }
 
 pthread_t ThreadManager::start(Runnable& runnable) {

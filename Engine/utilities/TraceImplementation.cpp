@@ -18,6 +18,7 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <utility>
 
 #include "Engine/internal/AbandonTraceLines.h"
 #include "Engine/internal/AcrossFork.h"
@@ -694,6 +695,8 @@ FILE* TraceImplementation::openStandard(FILE* stream) noexcept {
   FILE* copy = fdopen(standardCopy_, "w");
   if (copy != nullptr) {
     prepare(copy);
+  } else if (const int unused = std::exchange(standardCopy_, noCopy); unused >= 0) {
+    close(unused);
   }
   return copy;
 }

@@ -3,6 +3,7 @@
 #include <clocale>
 #include <cstdlib>
 #include <langinfo.h>
+#include <optional>
 #include <string>
 
 #include "Engine/internal/ConvertedText.h"
@@ -31,13 +32,23 @@ constexpr size_t longestForOneByte = 6;
 // The locale that the environment chooses, until the end of the scope.
 class EnvironmentLocale {
  public:
-  EnvironmentLocale() : saved_(setlocale(LC_ALL, nullptr)) { setlocale(LC_ALL, ""); }
+  EnvironmentLocale() {
+    // What cannot be put back is left alone.
+    if (const char* const present = setlocale(LC_ALL, nullptr); present != nullptr) {
+      saved_ = present;
+      setlocale(LC_ALL, "");
+    }
+  }
   EnvironmentLocale(const EnvironmentLocale&) = delete;
   EnvironmentLocale& operator=(const EnvironmentLocale&) = delete;
-  ~EnvironmentLocale() { setlocale(LC_ALL, saved_.c_str()); }
+  ~EnvironmentLocale() {
+    if (saved_) {
+      setlocale(LC_ALL, saved_->c_str());
+    }
+  }
 
  private:
-  std::string saved_;
+  std::optional<std::string> saved_;
 };
 
 // What is left of `n` bytes when only ASCII can be told: each other byte is a "?", unless

@@ -86,13 +86,18 @@ void registerErrorHandlers() {
   std::set_new_handler(newHandler);
 }
 
+// In each of these: whoever has got here with a lock never returns to where it was taken, and
+// others that have what the report asks for may wait for it.
+
 void CUL_terminate() {
+  abandonLocksBehindTrace();
   CUL_TRACE(TraceType::error, sourceFile, 77_place,
             "*** FATAL DEBUGGER ERROR: C++ terminate() called");
   failProcess();
 }
 
 void CUL_unexpected() {
+  abandonLocksBehindTrace();
   CUL_TRACE(TraceType::error, sourceFile, 91_place,
             "*** FATAL DEBUGGER ERROR: C++ unexpected() called");
   failProcess();
@@ -100,6 +105,7 @@ void CUL_unexpected() {
 
 void newHandler() {
   std::free(reserve.exchange(nullptr));
+  abandonLocksBehindTrace();
   CUL_TRACE(TraceType::error, sourceFile, 111_place, "*** FATAL DEBUGGER ERROR: Out of memory");
   // puts() adds a newline of its own: two end the text, which is kept for those who read it.
   std::puts("*** FATAL DEBUGGER ERROR: Out of memory\n");

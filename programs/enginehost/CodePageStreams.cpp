@@ -34,11 +34,6 @@ CharString charStringOf(std::wstring_view text) {
   return {text.data(), static_cast<unsigned>(text.size())};
 }
 
-void append(const CharString& text, std::wstring& to) {
-  const wchar_t* const values = text;
-  to.append(values, text.length());
-}
-
 // iconv over a text that comes in pieces, to wide text or from it.
 class Pieces {
  public:
@@ -141,11 +136,10 @@ class TableReader : public CodePageReader {
   explicit TableReader(const EBCDICtable& table) : table_(table) {}
 
   std::wstring read(std::string_view piece, bool /*isLast*/) override {
-    std::wstring text;
-    append(table_.toUCS(reinterpret_cast<const unsigned char*>(piece.data()),
-                        static_cast<unsigned>(piece.size())),
-           text);
-    return text;
+    return std::wstring(table_
+                            .toUCS(reinterpret_cast<const unsigned char*>(piece.data()),
+                                   static_cast<unsigned>(piece.size()))
+                            .view());
   }
 
  private:

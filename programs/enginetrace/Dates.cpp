@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <limits>
 
 namespace {
@@ -62,10 +63,15 @@ std::uint64_t longestSilence(const RingScan& scan, const RingOrder& order) {
 // Between the parts of a file whole passes can be missing: there, what looks like a clock that was
 // set back may be a day.
 bool hasDoubt(const RingScan& scan, const std::vector<BackStep>& steps) {
-  return std::any_of(scan.parts.begin(), scan.parts.end(), [&](const Part& part) {
-    return std::any_of(steps.begin(), steps.end(), [&](const BackStep& step) {
-      return part.hasLines && step.offset == part.first.offset && step.by < usualSilence;
-    });
+  const auto beginsPart = [&](std::uint64_t offset) {
+    const auto next =
+        std::upper_bound(scan.parts.begin(), scan.parts.end(), offset,
+                         [](std::uint64_t place, const Part& part) { return place < part.begin; });
+    const Part& part = *std::prev(next);
+    return part.hasLines && part.first.offset == offset;
+  };
+  return std::any_of(steps.begin(), steps.end(), [&](const BackStep& step) {
+    return step.by < usualSilence && beginsPart(step.offset);
   });
 }
 

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <ctime>
 #include <fcntl.h>
 #include <string_view>
 #include <sys/stat.h>
@@ -10,6 +9,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "programs/enginetrace/LastChange.h"
 #include "programs/enginetrace/TraceFile.h"
 
 namespace {
@@ -42,12 +42,6 @@ std::int64_t changeOf(const struct stat& info) noexcept {
 
 // The clock by which the kernel dates changes goes in steps: two changes may have one date.
 constexpr std::int64_t step = 20'000;
-
-std::int64_t now() noexcept {
-  std::timespec time = {};
-  clock_gettime(CLOCK_REALTIME, &time);
-  return time.tv_sec * microsecondsPerSecond + time.tv_nsec / 1000;
-}
 
 // Never waits for a FIFO's writer, and gains no controlling terminal.
 Descriptor open(const std::string& path) {
@@ -102,6 +96,7 @@ FileBytes::FileBytes(const std::string& path) : path_(path), file_(open(path)) {
     spool();
     return;
   }
+  size_ = static_cast<std::uint64_t>(info.st_size);
   lastChange_ = changeOf(info);
   lookAgain();
 }

@@ -191,7 +191,7 @@ void FollowedFile::endTrace() {
 
 bool FollowedFile::nextOfFresh(Line& line) {
   const std::string_view rest = std::string_view(fresh_).substr(freshPlace_);
-  if (rest.empty() || rest.starts_with(separatorLine)) {
+  if (rest.empty() || beginsSeparator(rest)) {
     return false;
   }
   const std::uint64_t place = freshOffset_ + freshPlace_;
@@ -265,7 +265,7 @@ void FollowedFile::findOrder() {
 
 // Takes what was written since the trace was opened, by its times.
 // \return whether what is old behind it is known.
-bool FollowedFile::readBehindTrace() {
+bool FollowedFile::readBehindTrace() try {
   const std::string image = imageAt(file_.get(), end_);
   const WriterPlace writer = trace_->writtenBehind(end_);
   const std::size_t length = writer.end - end_;
@@ -282,6 +282,9 @@ bool FollowedFile::readBehindTrace() {
   isOldToEnd_ = !writer.old || image.size() < imageSize;
   take(std::move(bytes));
   return true;
+} catch (const std::system_error&) {
+  // It may be read at the next look.
+  return false;
 }
 
 // Takes what is new behind what was taken last.

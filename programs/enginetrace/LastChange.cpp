@@ -25,6 +25,12 @@ constexpr WallTime timeOfDayAt(WallTime time) noexcept {
 
 }  // namespace
 
+std::int64_t now() noexcept {
+  std::timespec time = {};
+  clock_gettime(CLOCK_REALTIME, &time);
+  return time.tv_sec * microsecondsPerSecond + time.tv_nsec / 1000;
+}
+
 LastChange::LastChange(std::int64_t change, std::int64_t now) noexcept
     : isKnown_(change >= 0), lag_(usualLag) {
   const std::time_t second = change / microsecondsPerSecond;

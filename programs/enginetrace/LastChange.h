@@ -16,6 +16,9 @@ constexpr WallTime timeBetween(WallTime before, WallTime behind) noexcept {
   return (behind - before + 2 * microsecondsPerDay) % microsecondsPerDay;
 }
 
+/// Microseconds since 1970 UTC.
+[[nodiscard]] std::int64_t now() noexcept;
+
 class LastChange {
  public:
   /// How a line's time of day goes with the change: not, if the clocks of writer and reader are in

@@ -3,16 +3,9 @@
 #include <algorithm>
 #include <cstring>
 
-namespace {
-
-// Fits into the caches of a processor.
-constexpr std::size_t blockSize = 262'144;
-
-}  // namespace
-
-LineWalk::LineWalk(const FileBytes& file, std::uint64_t place)
+LineWalk::LineWalk(const FileBytes& file, std::uint64_t place, std::uint64_t usual)
     : file_(file),
-      buffer_(std::min<std::uint64_t>(blockSize, file.size() + enough)),
+      buffer_(std::min(std::clamp(usual, smallBlockSize, blockSize), file.size()) + enough),
       place_(place) {}
 
 bool LineWalk::next() {

@@ -19,7 +19,8 @@ class LineWalk {
 
   /// \param file stays the caller's.
   /// \param place where to begin.
-  LineWalk(const FileBytes& file, std::uint64_t place);
+  /// \param usual about how many bytes will be gone over; it may be more.
+  LineWalk(const FileBytes& file, std::uint64_t place, std::uint64_t usual = blockSize);
 
   /// Goes behind the next newline, at first to the place where to begin.
   /// \return whether there is a byte.
@@ -40,6 +41,9 @@ class LineWalk {
   void fill();
   void skip();
 
+  // Fits into the caches of a processor.
+  static constexpr std::uint64_t blockSize = 262'144;
+  static constexpr std::uint64_t smallBlockSize = 65'536;
   static constexpr std::size_t enough = lineStartLength + traceEnd.size();
   static_assert(enough >= separatorLine.size());
 

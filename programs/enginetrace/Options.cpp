@@ -137,7 +137,34 @@ class CommandLine {
     }
   }
 
+  // The option that a word is the name of, alone or in front of its value.
+  [[nodiscard]] const CLI::Option* optionOf(const std::string& word) const {
+    return app_.get_option_no_throw(word.substr(0, word.find('=')));
+  }
+
+  // The value of "--grep=" is empty, and not the next word.
+  [[nodiscard]] Words withEmptyValues(const Words& words) const {
+    Words result;
+    bool isValue = false;
+    for (const std::string& word : words) {
+      const CLI::Option* const option = isValue ? nullptr : optionOf(word);
+      const bool takesValue = option != nullptr && option->get_items_expected_min() > 0;
+      const std::size_t sign = word.find('=');
+      if (option != nullptr && !takesValue && sign != std::string::npos) {
+        refuse(Message::noValue, word.substr(0, sign));
+      }
+      if (takesValue && sign + 1 == word.size()) {
+        result.insert(result.end(), {word.substr(0, sign), ""});
+      } else {
+        result.push_back(word);
+      }
+      isValue = takesValue && sign == std::string::npos;
+    }
+    return result;
+  }
+
   void parse(Words words) {
+    words = withEmptyValues(words);
     std::reverse(words.begin(), words.end());
     try {
       app_.parse(words);
@@ -237,6 +264,9 @@ std::string pageOf(const CommandLine& line) {
     return "";
   }
   const std::string& name = line.valueOf(html);
+  if (name.empty()) {
+    line.refuseValueOf(html);
+  }
   if (name.ends_with(".trc")) {
     refuse(Message::isATrace, name);
   }

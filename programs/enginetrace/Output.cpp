@@ -2,11 +2,13 @@
 
 #include <cerrno>
 #include <cstddef>
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr std::size_t bufferSize = 256 * 1024;
+// As much as anybody may ask for.
+constexpr int roomOfPipe = 1024 * 1024;
 
 void writeAll(int descriptor, std::string_view bytes) {
   while (!bytes.empty()) {
@@ -21,20 +23,23 @@ void writeAll(int descriptor, std::string_view bytes) {
 
 }  // namespace
 
-Output::Output(int descriptor) : descriptor_(descriptor) { buffer_.reserve(bufferSize); }
+// In a pipe of usual size, writer and reader wait for each other: one fills it, the other empties
+// it.
+Output::Output(int descriptor)
+    : descriptor_(descriptor), buffer_(std::make_unique_for_overwrite<char[]>(size)) {
+  static_cast<void>(fcntl(descriptor, F_SETPIPE_SZ, roomOfPipe));
+}
 
-void Output::put(std::string_view bytes) {
-  if (buffer_.size() + bytes.size() > bufferSize) {
-    flush();
-    if (bytes.size() >= bufferSize) {
-      writeAll(descriptor_, bytes);
-      return;
-    }
+void Output::putBehindOthers(std::string_view bytes) {
+  flush();
+  if (bytes.size() >= size) {
+    writeAll(descriptor_, bytes);
+  } else {
+    put(bytes);
   }
-  buffer_.append(bytes);
 }
 
 void Output::flush() {
-  writeAll(descriptor_, buffer_);
-  buffer_.clear();
+  writeAll(descriptor_, {buffer_.get(), filled_});
+  filled_ = 0;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <string>
+#include <cstddef>
+#include <memory>
 #include <string_view>
 #include <system_error>
 
@@ -23,13 +24,24 @@ class Output {
   ~Output() = default;
 
   /// \throws OutputFailed
-  void put(std::string_view bytes);
+  void put(std::string_view bytes) {
+    if (bytes.size() > size - filled_) {
+      putBehindOthers(bytes);
+      return;
+    }
+    filled_ += bytes.copy(buffer_.get() + filled_, bytes.size());
+  }
 
   /// Writes what is in the buffer.
   /// \throws OutputFailed
   void flush();
 
  private:
+  static constexpr std::size_t size = std::size_t{256} * 1024;
+
+  void putBehindOthers(std::string_view bytes);
+
   int descriptor_;
-  std::string buffer_;
+  std::unique_ptr<char[]> buffer_;
+  std::size_t filled_ = 0;
 };

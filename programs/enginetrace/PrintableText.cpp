@@ -8,31 +8,43 @@ namespace {
 
 using Byte = unsigned char;
 
-bool isPlain(Byte c) noexcept { return (c >= 0x20 && c < 0x7F) || c == '\t' || c == '\n'; }
+// Of a text, or of a line of it, which has no newline.
+enum class Of { text, line };
+
+template <Of of>
+bool isPlain(Byte c) noexcept {
+  return (c >= 0x20 && c < 0x7F) || c == '\t' || (of == Of::text && c == '\n');
+}
 
 // Sixteen bytes at once: most texts are nothing but plain characters.
+template <Of of>
 bool arePlain(const char* text) noexcept {
   using Bytes = std::int8_t __attribute__((vector_size(16)));
   using Halves = std::int64_t __attribute__((vector_size(16)));
   Bytes bytes;
   std::memcpy(&bytes, text, sizeof bytes);
   // Signed: those above 0x7F lie below the blank.
-  const Bytes plain = ((bytes >= 0x20) & (bytes != 0x7F)) | (bytes == '\t') | (bytes == '\n');
+  Bytes plain = ((bytes >= 0x20) & (bytes != 0x7F)) | (bytes == '\t');
+  if constexpr (of == Of::text) {
+    plain |= bytes == '\n';
+  }
   const auto halves = reinterpret_cast<Halves>(plain);
   return (halves[0] & halves[1]) == -1;
 }
 
 // How many bytes at the start of the text are plain characters.
+template <Of of>
 std::size_t plainLength(std::string_view text) noexcept {
   std::size_t length = 0;
-  while (length + 16 <= text.size() && arePlain(text.data() + length)) {
+  while (length + 16 <= text.size() && arePlain<of>(text.data() + length)) {
     length += 16;
   }
   // The rest is mostly as plain as what is before it.
-  if (text.size() >= 16 && length + 16 > text.size() && arePlain(text.data() + text.size() - 16)) {
+  if (text.size() >= 16 && length + 16 > text.size() &&
+      arePlain<of>(text.data() + text.size() - 16)) {
     return text.size();
   }
-  while (length < text.size() && isPlain(static_cast<Byte>(text[length]))) {
+  while (length < text.size() && isPlain<of>(static_cast<Byte>(text[length]))) {
     ++length;
   }
   return length;
@@ -90,7 +102,7 @@ std::size_t characterLength(std::string_view text) noexcept {
 std::size_t printableLength(std::string_view text) noexcept {
   std::size_t length = 0;
   for (;;) {
-    length += plainLength(text.substr(length));
+    length += plainLength<Of::text>(text.substr(length));
     if (length == text.size() || static_cast<Byte>(text[length]) < 0x80) {
       return length;
     }
@@ -119,6 +131,10 @@ void appendPrintable(std::string& to, std::string_view text) {
 }
 
 bool isPrintable(std::string_view text) noexcept { return printableLength(text) == text.size(); }
+
+bool isPlainLine(std::string_view text) noexcept {
+  return plainLength<Of::line>(text) == text.size();
+}
 
 std::string shownName(std::string_view name) {
   std::string result;

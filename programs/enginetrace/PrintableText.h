@@ -17,3 +17,6 @@ void appendPrintable(std::string& to, std::string_view text);
 
 /// Whether appendPrintable() would change nothing.
 [[nodiscard]] bool isPrintable(std::string_view text) noexcept;
+
+/// Whether that goes without a look at characters: one line of ASCII and tabs.
+[[nodiscard]] bool isPlainLine(std::string_view text) noexcept;

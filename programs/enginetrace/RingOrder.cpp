@@ -106,13 +106,13 @@ struct Signs {
   double usualGap;
 };
 
-bool wasNeverFull(const std::vector<Part>& parts, std::uint64_t limit) {
+bool wasNeverFull(const std::deque<Part>& parts, std::uint64_t limit) {
   const std::uint64_t header = parts.size() == 1 ? 0 : parts[1].begin;
   return limit != 0 && parts.back().end + longestWritten < header + limit;
 }
 
 // From the end of the file to where the lines go on, if they do.
-WallTime gapBehindEnd(const std::vector<Part>& parts) {
+WallTime gapBehindEnd(const std::deque<Part>& parts) {
   WallTime gap = microsecondsPerDay;
   for (std::size_t i = parts.size() == 1 ? 0 : 1; i < parts.size(); ++i) {
     if (parts[i].hasLines) {
@@ -168,7 +168,7 @@ struct Resumption {
   bool isUnknown = false;
 };
 
-Resumption partBehindEnd(const std::vector<Part>& parts, const Signs& signs, const Junction& seam,
+Resumption partBehindEnd(const std::deque<Part>& parts, const Signs& signs, const Junction& seam,
                          std::uint64_t limit) {
   Resumption best{parts.size() - 1};
   double most = std::numeric_limits<double>::lowest();
@@ -247,7 +247,7 @@ bool RingOrder::isPlain(const RingScan& scan) const {
                                     scan.usualStride);
 }
 
-void RingOrder::arrange(const std::vector<Part>& parts, const Junction* seam, std::size_t resumes) {
+void RingOrder::arrange(const std::deque<Part>& parts, const Junction* seam, std::size_t resumes) {
   for (std::size_t i = 0; i < parts.size(); ++i) {
     const Part& part = parts[i];
     if (seam != nullptr && i == resumes) {

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <vector>
 
@@ -46,5 +47,5 @@ struct RingOrder {
   bool isUnknown = false;       ///< Something else is as likely.
 
  private:
-  void arrange(const std::vector<Part>& parts, const Junction* seam, std::size_t resumes);
+  void arrange(const std::deque<Part>& parts, const Junction* seam, std::size_t resumes);
 };

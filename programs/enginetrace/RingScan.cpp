@@ -4,6 +4,7 @@
 #include <bit>
 #include <cmath>
 #include <numeric>
+#include <utility>
 
 #include "programs/enginetrace/LineStart.h"
 #include "programs/enginetrace/LineWalk.h"
@@ -117,7 +118,7 @@ RingScan::RingScan(const FileBytes& file, const LastChange& change) {
 // From a line on, which is not taken again if it was, to the first that begins behind `end`.
 void RingScan::walk(const FileBytes& file, std::uint64_t begin, std::uint64_t end,
                     const LastChange& change) {
-  LineWalk lines(file, begin);
+  LineWalk lines(file, begin, end - begin);
   while (lines.next()) {
     const std::string_view bytes = lines.bytes();
     if (beginsLine(bytes)) {
@@ -174,7 +175,7 @@ std::optional<RingScan> RingScan::quick(const FileBytes& file, const LastChange&
     place = std::max(place, scan.line_.offset);
   }
   scan.walk(file, scan.line_.offset, file.size(), change);
-  return scan.parts.size() == 2 ? std::optional(scan) : std::nullopt;
+  return scan.parts.size() == 2 ? std::optional(std::move(scan)) : std::nullopt;
 }
 
 void RingScan::takeLine(const LinePlace& line, const LastChange& change) {
@@ -219,8 +220,11 @@ void RingScan::join(const LinePlace& line, const LastChange& change) {
 }
 
 void RingScan::takeSeparator(std::uint64_t offset) {
-  parts.back().end = offset;
-  parts.emplace_back();
+  ++separators;
+  if (parts.size() == 1 || parts.back().hasLines) {
+    parts.back().end = offset;
+    parts.emplace_back();
+  }
   parts.back().begin = offset + separatorLine.size();
   junctions.clear();
   hasRest_ = false;

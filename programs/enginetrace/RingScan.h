@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string_view>
 #include <vector>
@@ -118,8 +119,10 @@ struct RingScan {
   /// \throws std::system_error
   static std::optional<RingScan> quick(const FileBytes& file, const LastChange& change);
 
-  std::vector<Part> parts;  ///< At least one; the body is the last.
-  Junctions junctions;      ///< Of the body, and between the line in front of it and its first.
+  /// At least one; the body is the last. Between the first and the last one, all have lines.
+  std::deque<Part> parts;
+  std::uint64_t separators = 0;
+  Junctions junctions;  ///< Of the body, and between the line in front of it and its first.
   std::vector<BackStep> backSteps;
   /// Where the time goes forward most, and what comes next to that.
   Junction widest;

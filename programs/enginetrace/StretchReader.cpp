@@ -24,7 +24,11 @@ static_assert(lineBeforeSeparator.substr(1) == separatorLine);
 
 StretchReader::StretchReader(const FileBytes& file, const std::vector<Stretch>& stretches,
                              Resume resume)
-    : file_(file), stretches_(stretches), resume_(std::move(resume)), buffer_(2 * blockSize) {}
+    : file_(file),
+      stretches_(stretches),
+      resume_(std::move(resume)),
+      // Small files are many.
+      buffer_(std::min<std::uint64_t>(2 * blockSize, file.size() + 1)) {}
 
 void StretchReader::rewind() noexcept {
   next_ = 0;

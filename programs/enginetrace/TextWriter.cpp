@@ -34,10 +34,10 @@ std::string_view colourOf(Severity severity) {
 TextWriter::TextWriter(Output& output, const TextStyle& style) : output_(output), style_(style) {}
 
 void TextWriter::write(const Line& line) {
+  const std::string_view mark = markOf(*line.process);
   buffer_.clear();
-  if (!style_.hasColour && isPrintable(line.whole) &&
-      (style_.markWidth == 0 || line.whole.find('\n') == std::string_view::npos)) {
-    putMark(*line.process);
+  if (!style_.hasColour && isPlainLine(line.whole)) {
+    output_.put(mark);
     putDate(line.time);
     output_.put(buffer_);
     output_.put(line.whole);
@@ -48,7 +48,7 @@ void TextWriter::write(const Line& line) {
       style_.hasColour ? colourOf(severityOf(typeOf(line.whole))) : std::string_view();
   for (std::size_t start = 0; start <= line.whole.size();) {
     // The lines that a text goes on in are marked as well: each can be found by its process.
-    putMark(*line.process);
+    buffer_ += mark;
     const std::size_t end = std::min(line.whole.find('\n', start), line.whole.size());
     const std::string_view text = line.whole.substr(start, end - start);
     if (start == 0) {
@@ -65,9 +65,9 @@ void TextWriter::write(const Line& line) {
 
 void TextWriter::gap() { output_.put("--\n"); }
 
-void TextWriter::putMark(const Process& process) {
+std::string_view TextWriter::markOf(const Process& process) {
   if (style_.markWidth == 0) {
-    return;
+    return {};
   }
   Mark& mark = marks_[reinterpret_cast<std::uintptr_t>(&process) / sizeof process % marks_.size()];
   if (mark.process != &process) {
@@ -79,7 +79,7 @@ void TextWriter::putMark(const Process& process) {
     mark.text += style_.hasColour ? ordinary : "";
     mark.text += "  ";
   }
-  buffer_ += mark.text;
+  return mark.text;
 }
 
 void TextWriter::putDate(WallTime time) {

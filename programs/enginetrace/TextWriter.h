@@ -36,7 +36,7 @@ class TextWriter : public LineWriter {
     std::string text;  // As it is put.
   };
 
-  void putMark(const Process& process);
+  std::string_view markOf(const Process& process);
   void putDate(WallTime time);
   void putBeginning(std::string_view text, std::string_view colour);
   void putIn(std::string_view colour, std::string_view text);

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <ctime>
 
 #include "programs/enginetrace/Dates.h"
 #include "programs/enginetrace/FileBytes.h"
@@ -55,7 +54,7 @@ Process processOf(const std::string& path) {
 
 namespace {
 
-constexpr std::size_t headerLength = 65'536;
+constexpr std::uint64_t headerLength = 65'536;
 constexpr std::size_t lastLineLength = 512;
 
 // A writer that comes round more often while a file is looked at cannot be read.
@@ -67,12 +66,6 @@ std::string bytesAt(const FileBytes& file, std::uint64_t offset, std::uint64_t s
   return bytes;
 }
 
-WallTime now() noexcept {
-  std::timespec time = {};
-  clock_gettime(CLOCK_REALTIME, &time);
-  return time.tv_sec * microsecondsPerSecond + time.tv_nsec / 1000;
-}
-
 }  // namespace
 
 struct TraceFile::State {
@@ -82,6 +75,9 @@ struct TraceFile::State {
   RingScan findOrder();
   [[nodiscard]] bool isOvertaken(const RingScan& scan) const;
   void describe(const RingScan& scan);
+  template <class Read>
+  auto untilFailure(Read read);
+  [[nodiscard]] std::uint64_t readable() const noexcept;
 
   FileBytes file;
   WallTime opened = now();
@@ -92,6 +88,7 @@ struct TraceFile::State {
   Dates dates;
   StretchReader reader;
   std::uint64_t unread = 0;  // before anything was lost while reading
+  std::uint64_t given = 0;   // bytes, since the oldest line
   std::uint64_t place = 0;   // of the line given last
   WallTime time = 0;
 };
@@ -100,7 +97,7 @@ TraceFile::State::State(const std::string& path)
     : file(path), reader(file, order.stretches, [this](std::uint64_t from) {
         return WriterPlace(file, from, sinceOpened()).old;
       }) {
-  if (!looksLikeATrace(bytesAt(file, 0, notATraceWithin))) {
+  if (!looksLikeATrace(bytesAt(file, 0, std::min<std::uint64_t>(notATraceWithin, file.size())))) {
     throw NotATrace(path);
   }
   facts.process = processOf(path);
@@ -134,7 +131,7 @@ RingScan TraceFile::State::findOrder() {
   // Not before: lines may have come.
   TraceFacts told;
   told.process = facts.process;
-  readHeader(bytesAt(file, 0, headerLength), told);
+  readHeader(bytesAt(file, 0, std::min(headerLength, scan->parts.back().end)), told);
   facts = told;
   order = RingOrder(*scan, change, facts.limit);
   if (isQuick && !order.isPlain(*scan)) {
@@ -145,7 +142,7 @@ RingScan TraceFile::State::findOrder() {
   isRingElsewhere = file.isWrittenTo() && !catchUp(order, file, body.begin, sinceOpened());
   ring = {body.begin, body.first.offset,
           bytesAt(file, body.first.offset, body.hasLines ? lineStartLength : 0)};
-  return *scan;
+  return std::move(*scan);
 }
 
 // Whether the writer has begun the ring anew while the order was looked for, when it may have come
@@ -172,12 +169,33 @@ void TraceFile::State::describe(const RingScan& scan) {
   facts.lostUntil = dates.lostUntil();
   facts.cutLines = order.cutBytes > 0 ? 1 : 0;
   facts.isOrderUnknown = order.isUnknown;
-  std::uint64_t read = order.cutBytes + (scan.parts.size() - 1) * separatorLine.size();
-  for (const Stretch& stretch : order.stretches) {
-    read += stretch.end - stretch.first.offset;
-  }
+  const std::uint64_t read = readable() + order.cutBytes + scan.separators * separatorLine.size();
   unread = scan.parts.back().end - std::min(read, scan.parts.back().end);
   facts.unreadBytes = unread;
+}
+
+std::uint64_t TraceFile::State::readable() const noexcept {
+  std::uint64_t size = 0;
+  for (const Stretch& stretch : order.stretches) {
+    size += stretch.end - stretch.first.offset;
+  }
+  return size;
+}
+
+// What a disk or a server does not give any more ends this file, and not the others.
+template <class Read>
+auto TraceFile::State::untilFailure(Read read) {
+  decltype(read()) result = {};
+  if (!facts.failure) {
+    try {
+      result = read();
+    } catch (const std::system_error& error) {
+      facts.failure = error.code();
+    }
+  }
+  facts.unreadBytes =
+      unread + (facts.failure ? readable() - std::min(readable(), given) : reader.lost());
+  return result;
 }
 
 TraceFile::TraceFile(const std::string& path) : state_(std::make_unique<State>(path)) {}
@@ -188,8 +206,8 @@ const TraceFacts& TraceFile::facts() const noexcept { return state_->facts; }
 
 bool TraceFile::next(Line& line) {
   State& s = *state_;
-  const bool isThere = s.reader.nextLine(line.whole, s.place);
-  s.facts.unreadBytes = s.unread + s.reader.lost();
+  const bool isThere = s.untilFailure([&] { return s.reader.nextLine(line.whole, s.place); });
+  s.given += isThere ? line.whole.size() + 1 : 0;
   if (isThere && beginsLine(line.whole)) {
     s.time = s.dates.timeOf({s.place, timeOfDay(line.whole.data())});
   }
@@ -215,10 +233,13 @@ Descriptor TraceFile::duplicate() const noexcept { return state_->file.duplicate
 void TraceFile::rewind() {
   state_->reader.rewind();
   state_->dates.rewind();
+  state_->given = 0;
+  state_->facts.failure.clear();
 }
 
 std::string_view TraceFile::nextBytes() {
-  const std::string_view bytes = state_->reader.nextLines();
-  state_->facts.unreadBytes = state_->unread + state_->reader.lost();
+  const std::string_view bytes =
+      state_->untilFailure([this] { return state_->reader.nextLines(); });
+  state_->given += bytes.size();
   return bytes;
 }

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 #include "Engine/utilities/Descriptor.h"
@@ -56,6 +57,7 @@ struct TraceFacts {
   bool isOrderUnknown = false;    ///< The seam was not to be found for sure.
   /// The file was changed after its last line, or days went by of which no line tells.
   bool isDateUnknown = false;
+  std::error_code failure;  ///< Why the rest cannot be read, when it was opened and read so far.
 };
 
 /// Who wrote a trace, as its path tells: "root.1234.trc" and "1234.trc" in any folder.
@@ -81,6 +83,7 @@ class TraceFile : public LineSource {
 
   [[nodiscard]] const TraceFacts& facts() const noexcept;
 
+  /// A file that cannot be read further ends there: its facts tell why, and how much is left.
   bool next(Line& line) override;
 
   /// Where in the file the line begins that next() gave last, and where it ends, with its newline.

@@ -143,6 +143,13 @@ void Traces::openUntried(const std::vector<std::string>& names) {
   }
 }
 
+bool Traces::hasFailed() const {
+  return hasFailed_ || !missing_.empty() ||
+         std::any_of(all_.begin(), all_.end(), [](const Trace& trace) {
+           return static_cast<bool>(trace.file->facts().failure);
+         });
+}
+
 bool Traces::hasFolder() const {
   return std::any_of(options_.paths.begin(), options_.paths.end(), isFolder);
 }
@@ -172,6 +179,11 @@ void Traces::tellNotes() const {
   for (const Trace& trace : all_) {
     cutLines += trace.file->facts().cutLines;
     unreadBytes += trace.file->facts().unreadBytes;
+  }
+  for (const Trace& trace : all_) {
+    if (const std::error_code& failure = trace.file->facts().failure) {
+      complain(Message::failed, shownName(trace.process.path).c_str(), failure.message().c_str());
+    }
   }
   if (cutLines > 0) {
     complain(Message::cutLines, cutLines);

@@ -38,8 +38,8 @@ class Traces {
   /// The folders that were named, and those that the files that were named are in.
   [[nodiscard]] std::vector<std::string> folders() const;
 
-  /// Whether something could not be opened.
-  [[nodiscard]] bool hasFailed() const noexcept { return hasFailed_ || !missing_.empty(); }
+  /// Whether something could not be opened, or not be read to its end.
+  [[nodiscard]] bool hasFailed() const;
 
   /// Whether they are followed and there may be more: of a folder, or files that are not there.
   [[nodiscard]] bool canGetMore() const;

@@ -18,7 +18,7 @@ WriterPlace::WriterPlace(const FileBytes& file, std::uint64_t from, const Since&
   std::optional<std::uint64_t> rest;
   while (walk.next()) {
     if (!beginsLine(walk.bytes())) {
-      separator = walk.bytes().starts_with(separatorLine) ? walk.offset() : separator;
+      separator = beginsSeparator(walk.bytes()) ? walk.offset() : separator;
       rest = walk.bytes()[0] != '\n' ? std::optional(walk.offset()) : std::nullopt;
       continue;
     }
@@ -56,11 +56,9 @@ WriterPlace wholeLinesBehind(const FileBytes& file, std::uint64_t from, const Si
 }
 
 bool catchUp(RingOrder& order, const FileBytes& file, std::uint64_t ring, const Since& since) {
-  if (order.stretches.empty() || order.newest.offset < order.stretches.back().first.offset) {
-    return true;
-  }
-  if (order.newest.offset < ring) {
-    // No line is in the ring yet: the newest one is kept, and stays as it is.
+  // While no line is in the ring, the newest one is kept and stays as it is.
+  if (order.stretches.empty() || order.newest.offset < order.stretches.back().first.offset ||
+      order.newest.offset < ring) {
     return true;
   }
   const WriterPlace writer = wholeLinesBehind(file, order.newest.offset, since);

@@ -32,6 +32,7 @@ constexpr int browserWrites = 4;
   dup2(null, STDOUT_FILENO);
   dup2(null, STDERR_FILENO);
   setenv("HOME", profile.c_str(), 1);
+  unsetenv("LD_PRELOAD");  // what watches our locks
   const std::string data = "--user-data-dir=" + profile;
   // The sandbox is refused to root, and in many a container to everybody.
   execl(CUL_BROWSER, CUL_BROWSER, "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",

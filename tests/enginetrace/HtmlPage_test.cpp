@@ -297,6 +297,59 @@ TEST_F(HtmlPage, IsFineWithoutLinesAndWithLinesOfOneTime) {
   EXPECT_GT(pixelsOf(1, "line"), 0);
 }
 
+TEST_F(HtmlPage, TellsTheDatesOfATraceOfSeveralDays) {
+  const auto span = [this]() -> std::string { return valueOf("byId('span').textContent"); };
+  const auto labels = [this]() -> std::vector<std::string> {
+    return valueOf(
+        "(() => { const prototype = CanvasRenderingContext2D.prototype, fill = prototype.fillText;"
+        "const texts = []; prototype.fillText = text => texts.push(text); draw();"
+        "prototype.fillText = fill; return texts; })()");
+  };
+  open({{lineOf("main", "a"), noon}, {lineOf("main", "b"), noon + 40 * microsecondsPerHour}});
+  EXPECT_THAT(rows(),
+              testing::ElementsAre(testing::StartsWith("2026-11-22 12:23:41.000098 main "),
+                                   testing::StartsWith("2026-11-24 04:23:41.000098 main ")));
+  EXPECT_EQ(span(), "2026-11-22 11:59:41.000098 – 2026-11-24 04:47:41.000098, 1.7 d, 2 lines");
+  EXPECT_THAT(labels(), testing::IsSupersetOf({"2026-11-22", "2026-11-23", "2026-11-24", "12:00"}));
+  TearDown();
+  open({{lineOf("main", "a"), noon}, {lineOf("main", "b"), noon + microsecondsPerHour}});
+  EXPECT_THAT(rows(), testing::ElementsAre(testing::StartsWith("12:23:41.000098 main "),
+                                           testing::StartsWith("13:23:41.000098 main ")));
+  EXPECT_EQ(span(), "2026-11-22 12:23:05.000098 – 13:24:17.000098, 1.02 h, 2 lines");
+}
+
+TEST_F(HtmlPage, WritesNamesOfProcessesInFullWhereTheirThreadsHaveLines) {
+  const Process process = {"/long/root.1.trc", "root", 1, "/a/folder/with/a/long/name/root.1.trc"};
+  open({{lineOf("main", "a"), noon, &process}});
+  // The name goes on over the timeline: its row has no lines.
+  EXPECT_GT(pixelsOf(0, "back"), 0);
+  const int ink =
+      valueOf("(() => { draw(); const data = canvas.getContext('2d').getImageData(" +
+              std::to_string(gutter + 20) + ", " + std::to_string(axis + 2) +
+              ", 60, 14).data; return new Uint32Array(data.buffer).filter(pixel => "
+              "pixel !== colours.back.pixel && pixel !== colours.rule.pixel).length; })()");
+  EXPECT_GT(ink, 50);
+}
+
+TEST_F(HtmlPage, DrawsItsGridBehindTheLines) {
+  std::vector<Made> lines;
+  for (int i = 0; i < 20'000; ++i) {
+    lines.push_back({lineOf("main", "x"), noon + i * step});
+  }
+  open(lines);
+  browser_->valueOf("show(" + std::to_string(noon + 5000 * step) + ", " +
+                    std::to_string(noon + 15'000 * step) + ")");
+  EXPECT_GT(pixelsOf(0, "rule"), 0);
+  // The lowest pixels of the lane have a line in each column.
+  const std::string lowest = "(() => { draw(); const data = canvas.getContext('2d').getImageData(" +
+                             std::to_string(gutter) + ", " +
+                             std::to_string(axis + 2 * rowHeight - 4) + ", canvas.width - " +
+                             std::to_string(gutter) +
+                             ", 1).data; return new Uint32Array(data.buffer).filter(pixel => "
+                             "pixel !== colours.line.pixel).length; })()";
+  EXPECT_EQ(valueOf(lowest), 0);
+}
+
 TEST_F(HtmlPage, ScrollsThroughThousandsOfThreads) {
   std::vector<Made> lines;
   for (int i = 0; i < 5000; ++i) {

@@ -64,6 +64,7 @@ TEST(PrintableText, SeesTheOneByteWhereverItStands) {
         std::string text(length, 'x');
         text[at] = byte;
         ASSERT_FALSE(isPrintable(text)) << length << ' ' << at;
+        ASSERT_FALSE(isPlainLine(text)) << length << ' ' << at;
         ASSERT_EQ(shown(text).size(), length + 3);
       }
     }
@@ -76,7 +77,16 @@ TEST(PrintableText, IsForEachSingleByteWhatTheAsciiTableSays) {
     const bool isShown = (c >= ' ' && c <= '~') || c == '\t' || c == '\n';
     EXPECT_EQ(isPrintable({&byte, 1}), isShown) << c;
     EXPECT_EQ(isPrintable(std::string(32, byte)), isShown) << c;
+    EXPECT_EQ(isPlainLine({&byte, 1}), isShown && c != '\n') << c;
+    EXPECT_EQ(isPlainLine(std::string(32, byte)), isShown && c != '\n') << c;
   }
+}
+
+TEST(PrintableText, IsNoPlainLineWithACharacterThatIsNotAscii) {
+  EXPECT_TRUE(isPlainLine("one\tline"));
+  EXPECT_TRUE(isPlainLine(""));
+  EXPECT_TRUE(isPrintable("caf\xC3\xA9"));
+  EXPECT_FALSE(isPlainLine("caf\xC3\xA9"));
 }
 
 }  // namespace

@@ -1,12 +1,15 @@
 #include "programs/enginetrace/TraceEventWriter.h"
 
+#include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
+#include "tests/enginetrace/Reader.h"
 #include "tests/enginetrace/Written.h"
 
 namespace {
@@ -114,9 +117,67 @@ struct Written {
   json slices = json::array();
 };
 
+// Sees to it that no object has two values of one name, of which a viewer would take any.
+class NamesDiffer : public nlohmann::json_sax<json> {
+ public:
+  bool start_object(std::size_t) override {
+    names_.emplace_back();
+    return true;
+  }
+  bool key(std::string& name) override {
+    EXPECT_TRUE(names_.back().insert(name).second) << name;
+    return true;
+  }
+  bool end_object() override {
+    names_.pop_back();
+    return true;
+  }
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const std::string&) override { return true; }
+  bool string(std::string&) override { return true; }
+  bool binary(binary_t&) override { return true; }
+  bool start_array(std::size_t) override { return true; }
+  bool end_array() override { return true; }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) override {
+    return false;
+  }
+
+ private:
+  std::vector<std::set<std::string>> names_;  // of the objects that are open
+};
+
+bool isEarlier(const json& one, const json& other) { return one["ts"] < other["ts"]; }
+
+// A lane is alive from its earliest to its latest instant, once.
+void checkLives(const Written& events) {
+  std::map<std::pair<int, int>, std::pair<WallTime, WallTime>> spans;
+  for (const json& instant : events.instants) {
+    const WallTime time = instant["ts"];
+    auto& [first, last] =
+        spans.try_emplace({instant["pid"], instant["tid"]}, time, time).first->second;
+    first = std::min(first, time);
+    last = std::max(last, time);
+  }
+  EXPECT_EQ(events.slices.size(), spans.size());
+  EXPECT_EQ(events.threads.size(), spans.size());
+  for (const json& slice : events.slices) {
+    const auto span = spans.extract({slice["pid"], slice["tid"]});
+    ASSERT_FALSE(span.empty()) << slice;
+    EXPECT_EQ(slice["name"], "life");
+    EXPECT_EQ(slice["ts"], span.mapped().first) << slice;
+    EXPECT_EQ(slice["ts"].get<WallTime>() + slice["dur"].get<WallTime>(), span.mapped().second)
+        << slice;
+  }
+}
+
 // Every document that a test makes is held against the rules.
 Written eventsOf(const std::string& text) {
   Written result;
+  NamesDiffer names;
+  EXPECT_TRUE(json::sax_parse(text, &names));
   const json document = json::parse(text);
   for (const auto& [key, value] : document.items()) {
     EXPECT_TRUE(documentKeys.contains(key)) << key;
@@ -138,6 +199,7 @@ Written eventsOf(const std::string& text) {
       EXPECT_TRUE(result.processes.contains(event["pid"])) << event;
     }
   }
+  checkLives(result);
   return result;
 }
 
@@ -148,13 +210,17 @@ struct Made {
 };
 
 Written eventsOf(const std::vector<Made>& lines) {
-  return eventsOf(written([&](Output& output) {
+  Written events = eventsOf(written([&](Output& output) {
     TraceEventWriter writer(output);
     for (const auto& [whole, time, process] : lines) {
       writer.write({whole, time, process});
     }
     writer.finish();
   }));
+  const bool isOrdered = std::is_sorted(
+      lines.begin(), lines.end(), [](const Made& a, const Made& b) { return a.time < b.time; });
+  EXPECT_EQ(std::is_sorted(events.instants.begin(), events.instants.end(), isEarlier), isOrdered);
+  return events;
 }
 
 }  // namespace
@@ -275,16 +341,44 @@ TEST(TraceEventWriter, AnyBytesMakeADocument) {
   EXPECT_EQ(eventsOf(lines).instants.size(), 257U);
 }
 
+TEST(TraceEventWriter, TheEventsOfSeveralTracesAreInTheOrderOfTheirTimes) {
+  const TemporaryFolder folder;
+  for (int file = 0; file < 3; ++file) {
+    std::string lines;
+    for (int i = 0; i < 300; ++i) {
+      std::string number = std::to_string(i * 3 + (i % 7 != 0 ? file : 0));
+      number.insert(0, 6 - number.size(), '0');
+      lines += "12:00:00." + number + (i % 2 == 0 ? " (main    )" : " (worker  )") +
+               (i % 50 == 0 ? "**ERROR: A::f(1): x\n" : "**GMH: A::f(2): y\n");
+    }
+    const std::string name = folder.file("root." + std::to_string(7 + file) + ".trc");
+    writeFile(name, lines);
+    setWritten(name, 12, 0, 0);
+  }
+  const ChildResult r = runReader({"--trace-event", folder.path()});
+  EXPECT_EQ(r.status, 0);
+  EXPECT_EQ(r.err, "");
+  const Written events = eventsOf(r.out);
+  EXPECT_EQ(events.instants.size(), 900U);
+  EXPECT_TRUE(std::is_sorted(events.instants.begin(), events.instants.end(), isEarlier));
+  EXPECT_EQ(std::count_if(events.instants.begin(), events.instants.end(),
+                          [](const json& instant) { return instant["cat"] == "error"; }),
+            18);
+  EXPECT_EQ(events.processes,
+            (std::map<int, std::string>{{7, "root.7"}, {8, "root.8"}, {9, "root.9"}}));
+  EXPECT_EQ(events.slices.size(), 6U);
+}
+
 TEST(TraceEventWriter, ThousandsOfThreadsHaveEachALaneAndALife) {
   std::vector<Made> lines;
-  for (int i = 0; i < 20'000; ++i) {
-    lines.push_back({lineOf("t" + std::to_string(i % 5000), "text"), noon + i, &root});
+  for (int i = 0; i < 8000; ++i) {
+    lines.push_back({lineOf("t" + std::to_string(i % 2000), "text"), noon + i, &root});
   }
   const Written events = eventsOf(lines);
-  EXPECT_EQ(events.instants.size(), 20'000U);
-  EXPECT_EQ(events.threads.size(), 5000U);
-  ASSERT_EQ(events.slices.size(), 5000U);
+  EXPECT_EQ(events.instants.size(), 8000U);
+  EXPECT_EQ(events.threads.size(), 2000U);
+  ASSERT_EQ(events.slices.size(), 2000U);
   for (const json& slice : events.slices) {
-    EXPECT_EQ(slice["dur"], 15'000);
+    EXPECT_EQ(slice["dur"], 6000);
   }
 }

@@ -11,7 +11,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "programs/enginetrace/FileBytes.h"
 #include "programs/enginetrace/LastChange.h"
+#include "programs/enginetrace/LineStart.h"
+#include "programs/enginetrace/RingScan.h"
 #include "programs/enginetrace/TraceFile.h"
 #include "tests/enginetrace/RingModel.h"
 #include "tests/support/Child.h"
@@ -170,6 +173,30 @@ TEST_F(TraceFileOrder, EndsAtARewindPointThatNothingFollows) {
   ASSERT_TRUE(ring.hasSeam());
   TraceFile file(put(ring.file(), last));
   expectSame(read(file), ring.lines());
+}
+
+TEST_F(TraceFileOrder, RewindPointsWithNothingBetweenThemAreOne) {
+  RingModel ring(2 * megabyte, start);
+  const WallTime last = fill(ring, start + second, 1000);
+  std::string bytes = ring.file();
+  constexpr std::uint64_t more = 100'000;
+  for (std::uint64_t i = 0; i < more; ++i) {
+    bytes += separatorLine;
+  }
+  std::vector<ModelLine> expected = ring.lines();
+  for (WallTime time = last + second; time < last + 100 * second; time += second) {
+    expected.push_back({stampAt(time) + "behind them", time});
+    bytes += expected.back().text + "\n";
+  }
+  const std::string path = put(bytes, expected.back().time);
+  const RingScan scan(FileBytes(path), LastChange(-1, 0));
+  EXPECT_EQ(scan.separators, 1 + more);
+  // The header, what the last one of them keeps, and the ring.
+  EXPECT_EQ(scan.parts.size(), 3U);
+  TraceFile file(path);
+  expectSame(read(file), expected);
+  EXPECT_EQ(file.facts().unreadBytes, 0U);
+  EXPECT_FALSE(file.facts().isOrderUnknown);
 }
 
 TEST_F(TraceFileOrder, IsKnownWhenTheCutIsBetweenTwoLines) {

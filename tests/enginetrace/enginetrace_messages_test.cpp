@@ -26,11 +26,12 @@ constexpr Language languages[] = {
     {"en_US.UTF-8", "en_US", "/etc/passwd: not a trace", "usage: enginetrace [options] "},
     {"de_DE.UTF-8", "de_DE", "/etc/passwd: keine Ablaufverfolgung",
      "Aufruf: enginetrace [Optionen] "},
-    {"fr_CA.UTF-8", "fr_FR", "/etc/passwd : pas une trace", "usage : enginetrace [options] "},
+    {"fr_CA.UTF-8", "fr_FR", "/etc/passwd : ce n'est pas une trace",
+     "usage : enginetrace [options] "},
     {"ja_JP.UTF-8", "ja_JP", "/etc/passwd: トレースではありません",
      "使用法: enginetrace [オプション] "},
-    {"zh_HK.UTF-8", "zh_TW", "/etc/passwd：不是追蹤", "用法：enginetrace [選項] "},
-    {"zh_CN.UTF-8", "zh_CN", "/etc/passwd：不是跟踪", "用法：enginetrace [选项] "},
+    {"zh_HK.UTF-8", "zh_TW", "/etc/passwd：不是追蹤記錄", "用法：enginetrace [選項] "},
+    {"zh_CN.UTF-8", "zh_CN", "/etc/passwd：不是跟踪记录", "用法：enginetrace [选项] "},
 };
 
 std::string sourceFile(const std::string& name) { return contentsOf(CUL_SOURCE_FOLDER "/" + name); }

@@ -316,6 +316,21 @@ TEST_F(Reader, RefusesAWrongCallInOneLine) {
   EXPECT_EQ(refused({"--foo\33"}), said("--foo\\x1B: invalid option" + see));
 }
 
+TEST_F(Reader, TakesNoFileForTheEmptyValueOfAnOption) {
+  EXPECT_EQ(shown({"--grep="}), one + two + three + four + five);
+  EXPECT_EQ(shown({"--grep", ""}), one + two + three + four + five);
+  EXPECT_EQ(shown({"--thread="}), "");
+  EXPECT_EQ(shown({"--grep", "--type=", "--thread=main"}), "");
+  const std::string see = ", see enginetrace --help";
+  EXPECT_EQ(refused({"--head="}), said("--head : invalid value" + see));
+  EXPECT_EQ(refused({"--since="}), said("--since : invalid value" + see));
+  EXPECT_EQ(refused({"--html="}), said("--html : invalid value" + see));
+  EXPECT_EQ(refused({"--html", ""}), said("--html : invalid value" + see));
+  EXPECT_EQ(refused({"--json="}), said("--json takes no value" + see));
+  // The trace that would have been the page.
+  EXPECT_EQ(contentsOf(file_), one + two + three + four + five);
+}
+
 TEST_F(Reader, RefusesOptionsThatDoNotGoTogether) {
   const auto together = [](const std::string& a, const std::string& b) {
     return said(a + " and " + b + " do not go together, see enginetrace --help");

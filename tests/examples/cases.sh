@@ -13,7 +13,8 @@ prints_what_it_should() {
   local program=$PROGRAM_FOLDER/example_$1 expected=$examples/$1.out status=0 line pattern actual
   mkdir "$folder/run"
   (cd "$folder/run" && env -i PATH="$PATH" ${ASAN_OPTIONS:+ASAN_OPTIONS="$ASAN_OPTIONS"} \
-    ${TSAN_OPTIONS:+TSAN_OPTIONS="$TSAN_OPTIONS"} "$program" >"$folder/out" 2>"$folder/err") ||
+    ${TSAN_OPTIONS:+TSAN_OPTIONS="$TSAN_OPTIONS"} ${LD_PRELOAD:+LD_PRELOAD="$LD_PRELOAD"} \
+    "$program" >"$folder/out" 2>"$folder/err") ||
     status=$?
   [ "$status" = 0 ] || { cat "$folder/err"; fail "ended with $status"; }
   [ ! -s "$folder/err" ] || { cat "$folder/err"; fail "prints on standard error"; }

@@ -807,6 +807,7 @@ CUL_CHILD(FindFileAlongThePath) {
   EXPECT_EQ(find("tool", "", false), "");
   EXPECT_EQ(find("", path, false), "");
   EXPECT_EQ(find("here/", path, false), "");
+  EXPECT_EQ(find(std::string("here\0/", 6), path, false), "");
 }
 
 TEST(FindFile, LooksInTheWorkingDirectoryAndThenAlongThePath) {

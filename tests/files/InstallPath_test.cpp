@@ -316,8 +316,9 @@ TEST(Installation, UsesNothingOfTheBuildFolder) {
   std::filesystem::remove(installation.library("libcul.so.1"));
   // The loader may find a library that is installed on this machine, but not that of the build.
   for (const std::string& program : {launcher, installation.program("enginehost")}) {
-    const ChildResult r =
-        runProgram({program}, {.environment = {{"LD_TRACE_LOADED_OBJECTS", "1"}}});
+    // Nor what watches the tests.
+    const ChildResult r = runProgram(
+        {program}, {.environment = {{"LD_TRACE_LOADED_OBJECTS", "1"}, {"LD_PRELOAD", ""}}});
     EXPECT_THAT(r.out, HasSubstr("libcul.so.1 => ")) << program;
     EXPECT_THAT(r.out, Not(HasSubstr(CUL_BUILD_FOLDER))) << program;
   }

@@ -1,6 +1,9 @@
 #include "Engine/utilities/SearchTree.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <dirent.h>
+#include <fcntl.h>
 #include <filesystem>
 #include <memory>
 #include <set>
@@ -15,7 +18,13 @@
 
 #include "tests/support/Child.h"
 #include "tests/support/OpenDescriptors.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/TemporaryFolder.h"
+
+CUL_STAND_IN(dirent*, readdir, (DIR * folder), CUL_NOTHING, folder)
+CUL_STAND_IN(int, fstat, (int file, struct stat* status), noexcept, file, status)
+CUL_STAND_IN(int, fstatat, (int folder, const char* file, struct stat* status, int flags), noexcept,
+             folder, file, status, flags)
 
 namespace {
 
@@ -211,6 +220,61 @@ TEST(SearchTree, EntersLinksToFoldersOnlyWhenAskedTo) {
   tree.setFollowLinks(true);
   EXPECT_EQ(tree.search(name("x")).view(), folder.file("link/x"));
   EXPECT_EQ(tree.search(name("link")).view(), "");
+}
+
+TEST(SearchTree, AsksForTheKindsThatTheFileSystemDoesNotTell) {
+  const TemporaryFolder folder;
+  makeFile(folder, "real/a");
+  makeFile(folder, "b");
+  makeLink(folder, "real", "link");
+  makeLink(folder, "b", "other");
+  makeLink(folder, "nowhere", "dangling");
+  const Instead silent(readdirStandIn, [](DIR* stream) {
+    dirent* const entry = readdirStandIn.real(stream);
+    if (entry != nullptr) {
+      entry->d_type = DT_UNKNOWN;
+    }
+    return entry;
+  });
+  SearchTree tree(name(folder.path()));
+  EXPECT_EQ(tree.search(name("a")).view(), folder.file("real/a"));
+  EXPECT_EQ(tree.search(name("other")).view(), folder.file("other"));
+  EXPECT_EQ(tree.search(name("dangling")).length(), 0U);
+  tree.setFollowLinks(true);
+  EXPECT_EQ(tree.search(name("a")).view(), folder.file("link/a"));
+}
+
+TEST(SearchTree, PassesOverAFolderThatTellsNothingOfItself) {
+  const TemporaryFolder folder;
+  makeFile(folder, "a");
+  const SearchTree tree(name(folder.path()));
+  EXPECT_EQ(tree.search(name("a")).view(), folder.file("a"));
+  const Instead silent(fstatStandIn, [](auto...) {
+    errno = EIO;
+    return -1;
+  });
+  EXPECT_EQ(tree.search(name("a")).view(), "");
+}
+
+TEST(SearchTree, TakesForAFolderWhatMayBeALinkToOne) {
+  const TemporaryFolder folder;
+  makeFile(folder, "real/a");
+  const Instead silent(readdirStandIn, [](DIR* stream) {
+    dirent* const entry = readdirStandIn.real(stream);
+    if (entry != nullptr) {
+      entry->d_type = DT_UNKNOWN;
+    }
+    return entry;
+  });
+  const Instead untold(fstatatStandIn,
+                       [](int parent, const char* file, struct stat* status, int flags) {
+                         if ((flags & AT_SYMLINK_NOFOLLOW) != 0) {
+                           errno = EIO;
+                           return -1;
+                         }
+                         return fstatatStandIn.real(parent, file, status, flags);
+                       });
+  EXPECT_EQ(SearchTree(name(folder.path())).search(name("a")).view(), folder.file("real/a"));
 }
 
 TEST(SearchTree, TheRootMayBeALink) {

@@ -122,12 +122,15 @@ std::vector<Numbered> numbered(const std::vector<int>& keys) {
   return result;
 }
 
-std::mt19937& randomly() {
-  static std::mt19937 generator(7);
-  return generator;
-}
+std::mt19937 randomly;
 
-int randomBelow(int n) { return static_cast<int>(randomly()() % static_cast<unsigned>(n)); }
+// Each test has the same numbers, whatever tests come before.
+class ListSort : public testing::Test {
+ protected:
+  ListSort() { randomly.seed(7); }
+};
+
+int randomBelow(int n) { return static_cast<int>(randomly() % static_cast<unsigned>(n)); }
 
 std::vector<int> randomKeys(int count, int below) {
   std::vector<int> keys(static_cast<size_t>(count));
@@ -184,13 +187,13 @@ void sortBytes() {
 
 }  // namespace
 
-TEST(ListSort, ReturnsAtOnceForFewerThanTwoElements) {
+TEST_F(ListSort, ReturnsAtOnceForFewerThanTwoElements) {
   const Compare never = [](const void*, const void*) -> int { throw NoEnd(); };
   EXPECT_EQ(sorted(std::vector<int>(), never), (Sorted<int>{{}, true}));
   EXPECT_EQ(sorted(std::vector<int>{1}, never), (Sorted<int>{{1}, true}));
 }
 
-TEST(ListSort, SaysWhetherTheListWasInOrderAndComparesEachPairOnceThen) {
+TEST_F(ListSort, SaysWhetherTheListWasInOrderAndComparesEachPairOnceThen) {
   for (const int count : {2, 3, 16, 17, 100, 1000}) {
     std::vector<int> keys = upTo(count);
     comparisons = 0;
@@ -210,7 +213,7 @@ TEST(ListSort, SaysWhetherTheListWasInOrderAndComparesEachPairOnceThen) {
   }
 }
 
-TEST(ListSort, KeepsTheOrderOfEqualElementsInListsOfAnyLength) {
+TEST_F(ListSort, KeepsTheOrderOfEqualElementsInListsOfAnyLength) {
   for (int count = 0; count < 200; ++count) {
     for (const int keys : {1, 2, 3, 10, 1000}) {
       expectWhatPassesMake(numbered(randomKeys(count, keys)), compareKeys);
@@ -223,7 +226,7 @@ TEST(ListSort, KeepsTheOrderOfEqualElementsInListsOfAnyLength) {
   EXPECT_EQ(result, many);
 }
 
-TEST(ListSort, SortsWhatIsNearlyInOrder) {
+TEST_F(ListSort, SortsWhatIsNearlyInOrder) {
   for (const int count : {16, 17, 64, 250}) {
     for (int round = 0; round < 50; ++round) {
       std::vector<int> keys = upTo(count);
@@ -239,7 +242,7 @@ TEST(ListSort, SortsWhatIsNearlyInOrder) {
   }
 }
 
-TEST(ListSort, SortsElementsOfEverySize) {
+TEST_F(ListSort, SortsElementsOfEverySize) {
   sortBytes<1>();
   sortBytes<2>();
   sortBytes<3>();
@@ -252,9 +255,9 @@ TEST(ListSort, SortsElementsOfEverySize) {
   sortBytes<1000>();
 }
 
-TEST(ListSort, SortsTheElementsThatTheLibraryKeepsInLists) {
+TEST_F(ListSort, SortsTheElementsThatTheLibraryKeepsInLists) {
   const auto shuffled = [](auto elements) {
-    std::shuffle(elements.begin(), elements.end(), randomly());
+    std::shuffle(elements.begin(), elements.end(), randomly);
     return elements;
   };
   std::vector<short> targets(100);
@@ -271,13 +274,13 @@ TEST(ListSort, SortsTheElementsThatTheLibraryKeepsInLists) {
   expectWhatPassesMake(shuffled(numbers), compareValues<std::uint64_t>);
 }
 
-TEST(ListSort, SortsInPoolMemory) {
+TEST_F(ListSort, SortsInPoolMemory) {
   Pool pool(10000, 100, nullptr);
   const std::vector<Numbered> elements = numbered(randomKeys(300, 20));
   EXPECT_EQ(sorted(elements, compareKeys, &pool), sortedByPasses(elements, compareKeys));
 }
 
-TEST(ListSort, TakesAComparisonThatOnlySaysWhatIsGreater) {
+TEST_F(ListSort, TakesAComparisonThatOnlySaysWhatIsGreater) {
   const Compare comparisonsOfGreater[] = {
       [](const void* l, const void* r) { return static_cast<int>(keyOf(l) > keyOf(r)); },
       [](const void* l, const void* r) { return keyOf(l) > keyOf(r) ? 1 : -1; },
@@ -292,7 +295,7 @@ TEST(ListSort, TakesAComparisonThatOnlySaysWhatIsGreater) {
 
 // Neither of a name and its beginning is greater. So one and the same name may stand beside
 // several that are in order among themselves.
-TEST(ListSort, SortsNamesOfWhichSomeAreTheBeginningsOfOthersAsPassesDo) {
+TEST_F(ListSort, SortsNamesOfWhichSomeAreTheBeginningsOfOthersAsPassesDo) {
   const Compare compareNames = [](const void* left, const void* right) {
     const EncodedString& l = **static_cast<const EncodedString* const*>(left);
     const EncodedString& r = **static_cast<const EncodedString* const*>(right);
@@ -325,7 +328,7 @@ TEST(ListSort, SortsNamesOfWhichSomeAreTheBeginningsOfOthersAsPassesDo) {
   EXPECT_GT(otherwise, 100U);
 }
 
-TEST(ListSort, SortsManyNamesOfWhichMostAreAlikeAsPassesDo) {
+TEST_F(ListSort, SortsManyNamesOfWhichMostAreAlikeAsPassesDo) {
   for (const int count : {100, 300, 1000}) {
     for (const int different : {3, 10, 50}) {
       std::vector<std::string> texts = {"zz", "zzc", "zzd"};
@@ -359,7 +362,7 @@ int compareBoth(const void* l, const void* r) {
 
 }  // namespace
 
-TEST(ListSort, SortsWhatIsOnlyPartlyOrderedAsPassesDo) {
+TEST_F(ListSort, SortsWhatIsOnlyPartlyOrderedAsPassesDo) {
   for (int round = 0; round < 1500; ++round) {
     const int count = 2 + randomBelow(62);
     const int spread = 1 + randomBelow(20);
@@ -372,13 +375,13 @@ TEST(ListSort, SortsWhatIsOnlyPartlyOrderedAsPassesDo) {
   }
 }
 
-TEST(ListSort, SortsWhatIsOnlyPartlyOrderedThoughTwoElementsFarApartGoUncompared) {
+TEST_F(ListSort, SortsWhatIsOnlyPartlyOrderedThoughTwoElementsFarApartGoUncompared) {
   expectWhatPassesMake(numbered({15015, 14015, 10010, 14015, 20019, 7005, 16016, 2004, 22023, 8005,
                                  3000, 14010, 12013, 4005, 2004, 2003, 13014}),
                        compareBoth);
 }
 
-TEST(ListSort, SortsManyElementsThatAreNearlyAllInAnOrder) {
+TEST_F(ListSort, SortsManyElementsThatAreNearlyAllInAnOrder) {
   for (int round = 0; round < 20; ++round) {
     std::vector<int> keys;
     for (int i = 0; i < 700; ++i) {
@@ -389,7 +392,7 @@ TEST(ListSort, SortsManyElementsThatAreNearlyAllInAnOrder) {
   }
 }
 
-TEST(ListSort, TakesAnyComparisonForAShortList) {
+TEST_F(ListSort, TakesAnyComparisonForAShortList) {
   unsigned ended = 0;
   for (int round = 0; round < 2000; ++round) {
     const std::vector<Numbered> elements = numbered(randomKeys(2 + randomBelow(15), 3));
@@ -410,7 +413,7 @@ TEST(ListSort, TakesAnyComparisonForAShortList) {
   EXPECT_GT(ended, 100U);
 }
 
-TEST(ListSort, EndsWithAllElementsWhateverAComparisonSays) {
+TEST_F(ListSort, EndsWithAllElementsWhateverAComparisonSays) {
   const Compare comparisonsWithoutSense[] = {
       [](const void*, const void*) { return 1; },
       [](const void* l, const void* r) { return keyOf(l) >= keyOf(r) ? 1 : -1; },
@@ -425,7 +428,7 @@ TEST(ListSort, EndsWithAllElementsWhateverAComparisonSays) {
 }
 
 // With such a comparison equal elements change places in each pass.
-TEST(ListSort, SortsWithAComparisonThatTakesEqualElementsForGreater) {
+TEST_F(ListSort, SortsWithAComparisonThatTakesEqualElementsForGreater) {
   const Compare compare = [](const void* l, const void* r) {
     ++comparisons;
     return keyOf(l) >= keyOf(r) ? 1 : -1;
@@ -446,13 +449,13 @@ TEST(ListSort, SortsWithAComparisonThatTakesEqualElementsForGreater) {
       }
     }
     std::vector<int> different = upTo(std::min(count, 200));
-    std::shuffle(different.begin(), different.end(), randomly());
+    std::shuffle(different.begin(), different.end(), randomly);
     expectWhatPassesMake(numbered(different), compare);
   }
 }
 
 // The passes of a comparison that is no order end where they always did.
-TEST(ListSort, TurnsTheElementsOfAShortListAsOftenAsThereArePasses) {
+TEST_F(ListSort, TurnsTheElementsOfAShortListAsOftenAsThereArePasses) {
   const Compare compare = [](const void*, const void*) { return 1; };
   // Each pass carries the first element to the end. One is made for each element until the first
   // look; as many bring the same order back.
@@ -475,7 +478,7 @@ int throwingComparison(const void* left, const void* right) {
 
 }  // namespace
 
-TEST(ListSort, KeepsEachElementOnceWhicheverComparisonThrows) {
+TEST_F(ListSort, KeepsEachElementOnceWhicheverComparisonThrows) {
   for (const int count : {2, 10, 16, 17, 33, 70}) {
     const std::vector<Numbered> elements = numbered(randomKeys(count, count / 2));
     unsigned long thrown = 0;
@@ -509,7 +512,7 @@ std::vector<Numbered> itsElements;
 
 }  // namespace
 
-TEST(ListSort, ComparesTwoDifferentElementsOfTheListWhichStaysAsItIsMeanwhile) {
+TEST_F(ListSort, ComparesTwoDifferentElementsOfTheListWhichStaysAsItIsMeanwhile) {
   const Compare compare = [](const void* left, const void* right) {
     for (const void* const element : {left, right}) {
       EXPECT_GE(static_cast<const Numbered*>(element), sortedList->begin());
@@ -527,7 +530,7 @@ TEST(ListSort, ComparesTwoDifferentElementsOfTheListWhichStaysAsItIsMeanwhile) {
   EXPECT_EQ(itemsOf(list), sortedByPasses(itsElements, compareKeys).elements);
 }
 
-TEST(ListSort, SortsALongListInNLogNComparisonsAndOneNearlyInOrderInAFewForEachElement) {
+TEST_F(ListSort, SortsALongListInNLogNComparisonsAndOneNearlyInOrderInAFewForEachElement) {
   constexpr int count = 10000;
   constexpr unsigned long levels = 14;
   comparisons = 0;
@@ -574,7 +577,7 @@ CUL_CHILD(SortWithoutMemory) {
   EXPECT_EQ(comparisons, 1UL + count * (count - 1));
 }
 
-TEST(ListSort, MakesPassesAndCallsNoHandlerWhenThereIsNoMemory) {
+TEST_F(ListSort, MakesPassesAndCallsNoHandlerWhenThereIsNoMemory) {
   const ChildResult r = runChild("SortWithoutMemory");
   EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
@@ -630,7 +633,7 @@ CUL_CHILD(SortEnded) {
   }
 }
 
-TEST(ListSort, KeepsTheListAsItWasWhenTheThreadIsEndedInAComparison) {
+TEST_F(ListSort, KeepsTheListAsItWasWhenTheThreadIsEndedInAComparison) {
   // A thread that ends does so in its signal handler, which the thread sanitizer dislikes.
   const char* const options = std::getenv("TSAN_OPTIONS");
   const std::string given = options == nullptr ? "" : std::string(options) + ":";

@@ -24,6 +24,15 @@ void* behind(void* p, size_t bytes) { return static_cast<char*>(p) + bytes; }
 
 }  // namespace
 
+TEST(ListHeap, TakesNoNullBack) {
+  RecordingHeap heap;
+  void* const block = getFrom(&heap, 8);
+  putBack(&heap, nullptr);
+  EXPECT_EQ(heap.live, std::vector{block});
+  putBack(&heap, block);
+  EXPECT_TRUE(heap.live.empty());
+}
+
 TEST(SearchListMemoryManager, RoundsElementsToFourBytesAndLeavesRoomForALink) {
   const struct {
     unsigned short asked, rounded;

@@ -2,8 +2,11 @@
 
 #include <cstdarg>
 #include <cstring>
+#include <deque>
 #include <fcntl.h>
+#include <mutex>
 #include <poll.h>
+#include <pthread.h>
 #include <stdlib.h>
 #include <sys/ioctl.h>
 #include <sys/wait.h>
@@ -21,7 +24,6 @@ constexpr unsigned mostFailures = 8;
 constexpr unsigned mostRecords = 1024;
 
 // In static storage: the calls come before main, in signal handlers and in forked children.
-constinit std::atomic<FailingCall*> failures[mostFailures] = {};
 constinit std::atomic<unsigned> recordedKinds = 0;  // A bit for each LibcCall; 0: no record.
 constinit std::atomic<unsigned> recorded = 0;
 constinit CallMade records[mostRecords] = {};
@@ -41,6 +43,10 @@ CallMade describe(LibcCall call, const char* path, int first, long argument, lon
 
 /// Where each call is announced before it is made.
 struct CallDesk {
+  using Kept = FailingCall::Kept;
+
+  static constinit std::atomic<Kept*> failures[mostFailures];
+
   /// The failure that answers the call; null: make it.
   static const CallFailure* announce(LibcCall call, const char* path, int first, long argument,
                                      long more = 0) {
@@ -51,11 +57,11 @@ struct CallDesk {
         isWritten[at].store(true, std::memory_order_release);
       }
     }
-    for (std::atomic<FailingCall*>& slot : failures) {
-      FailingCall* const failing = slot.load(std::memory_order_acquire);
-      if (failing != nullptr && matches(failing->failure_, call, path, first, argument) &&
+    for (std::atomic<Kept*>& slot : failures) {
+      Kept* const failing = slot.load(std::memory_order_acquire);
+      if (failing != nullptr && matches(failing->failure, call, path, first, argument) &&
           takesItsTurn(*failing)) {
-        return &failing->failure_;
+        return &failing->failure;
       }
     }
     return nullptr;
@@ -71,22 +77,33 @@ struct CallDesk {
            failure.argument.value_or(argument) == argument;
   }
 
-  static bool takesItsTurn(FailingCall& failing) {
-    const CallFailure& failure = failing.failure_;
-    const unsigned turn = failing.matched_.fetch_add(1);
+  static bool takesItsTurn(Kept& failing) {
+    const CallFailure& failure = failing.failure;
+    const unsigned turn = failing.matched.fetch_add(1);
     if (turn < failure.after ||
         (failure.times != CallFailure::always && turn - failure.after >= failure.times)) {
       return false;
     }
-    failing.answered_.fetch_add(1);
+    failing.answered.fetch_add(1);
     return true;
   }
 };
 
-FailingCall::FailingCall(CallFailure failure) : failure_(std::move(failure)) {
-  for (std::atomic<FailingCall*>& slot : failures) {
-    FailingCall* none = nullptr;
-    if (slot.compare_exchange_strong(none, this)) {
+constinit std::atomic<CallDesk::Kept*> CallDesk::failures[mostFailures] = {};
+
+FailingCall::Kept& FailingCall::keep(CallFailure failure) {
+  static std::mutex mutex;
+  static auto& all = *new std::deque<Kept>;
+  const std::lock_guard lock(mutex);
+  Kept& kept = all.emplace_back();
+  kept.failure = std::move(failure);
+  return kept;
+}
+
+FailingCall::FailingCall(CallFailure failure) : kept_(keep(std::move(failure))) {
+  for (std::atomic<Kept*>& slot : CallDesk::failures) {
+    Kept* none = nullptr;
+    if (slot.compare_exchange_strong(none, &kept_)) {
       return;
     }
   }
@@ -94,17 +111,20 @@ FailingCall::FailingCall(CallFailure failure) : failure_(std::move(failure)) {
 }
 
 FailingCall::~FailingCall() {
-  const unsigned expected = failure_.times == CallFailure::always ? 1 : failure_.times;
+  const unsigned times = kept_.failure.times;
+  const unsigned expected = times == CallFailure::always ? 1 : times;
   EXPECT_GE(answered(), expected) << "the call that was to fail never came";
   dismiss();
 }
 
+unsigned FailingCall::answered() const { return kept_.answered; }
+
 void FailingCall::dismiss() {
-  for (std::atomic<FailingCall*>& slot : failures) {
-    FailingCall* self = this;
+  for (std::atomic<Kept*>& slot : CallDesk::failures) {
+    Kept* self = &kept_;
     slot.compare_exchange_strong(self, nullptr);
   }
-  answered_ = UINT_MAX;
+  kept_.answered = UINT_MAX;
 }
 
 CallRecord::CallRecord(std::initializer_list<LibcCall> kinds) {
@@ -187,6 +207,14 @@ CUL_STAND_BEFORE(int, tcflush, (int fd, int queue), noexcept,
                  (LibcCall::tcflush, nullptr, fd, queue), fd, queue)
 CUL_STAND_BEFORE(pid_t, waitpid, (pid_t process, int* status, int options), CUL_NOTHING,
                  (LibcCall::waitpid, nullptr, process, options), process, status, options)
+
+CUL_STAND_BEFORE(int, pthread_create,
+                 (pthread_t * id, const pthread_attr_t* attributes, void* (*entry)(void*),
+                  void* argument),
+                 noexcept, (LibcCall::createThread, nullptr, 0, 0), id, attributes, entry, argument)
+CUL_STAND_BEFORE(int, pthread_cond_init,
+                 (pthread_cond_t * condition, const pthread_condattr_t* attributes), noexcept,
+                 (LibcCall::initCondition, nullptr, 0, 0), condition, attributes)
 
 static constinit bool hasStarted = false;
 __attribute__((constructor)) static void noteStart() { hasStarted = true; }

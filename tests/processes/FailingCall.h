@@ -40,7 +40,9 @@ enum class LibcCall {
   tcsetattr,
   tcflush,
   waitpid,
-  sysconf
+  sysconf,
+  createThread,
+  initCondition
 };
 
 /// Which calls are answered, and how. What is not given matches everything.
@@ -50,7 +52,7 @@ struct CallFailure {
   LibcCall call;
   /// What the call leaves in `errno` when `result` is negative or a text is missing.
   int error = EIO;
-  /// What the call returns without having done anything.
+  /// What the call returns without having done anything; those of threads, the error.
   long result = -1;
   /// What `ptsname` returns; without it, null.
   std::optional<std::string> text = {};
@@ -77,7 +79,7 @@ class FailingCall {
   ~FailingCall();
 
   /// How many calls were answered in this process, and before it was forked.
-  [[nodiscard]] unsigned answered() const { return answered_.load(); }
+  [[nodiscard]] unsigned answered() const;
 
   /// Ends the answers here, and with them what the destructor expects; for the parent of a
   /// process in which the call is to fail.
@@ -86,9 +88,15 @@ class FailingCall {
  private:
   friend struct CallDesk;
 
-  CallFailure failure_;
-  std::atomic<unsigned> matched_ = 0;
-  std::atomic<unsigned> answered_ = 0;
+  // Stays for good: another thread may be looking at it when the scope ends.
+  struct Kept {
+    CallFailure failure;
+    std::atomic<unsigned> matched = 0;
+    std::atomic<unsigned> answered = 0;
+  };
+  static Kept& keep(CallFailure failure);
+
+  Kept& kept_;
 };
 
 /// A call that was made, answered or real.

@@ -20,7 +20,12 @@
 #include "tests/support/EnvironmentGuard.h"
 #include "tests/support/LongFolder.h"
 #include "tests/support/ProgramTree.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/TemporaryFolder.h"
+
+CUL_STAND_IN(int, putenv, (char* entry), noexcept, entry)
+CUL_STAND_IN(int, setenv, (const char* name, const char* value, int replaces), noexcept, name,
+             value, replaces)
 
 namespace {
 
@@ -495,6 +500,28 @@ TEST(GetLibPath, EndsTheProcessWhenTheExecutableIsNotFound) {
     options.arguments = arguments;
     expectAbort(runChild("GetLibPathOfNothing", abortingWith(options)),
                 "No such file or directory\n");
+  }
+}
+
+CUL_CHILD(GetLibPathWithoutRoomInTheEnvironment) {
+  constexpr auto fail = [](auto...) {
+    errno = ENOMEM;
+    return -1;
+  };
+  if (childArguments()[0] == "putenv") {
+    putenvStandIn.callInstead(fail);
+  } else {
+    setenvStandIn.callInstead(fail);
+  }
+  std::free(ManageLIBPATH::getLibPath("/some/where/tool"));
+}
+
+TEST(GetLibPath, EndsTheProcessWhenTheEnvironmentTakesNoVariable) {
+  for (const char* call : {"putenv", "setenv"}) {
+    ChildOptions options;
+    options.arguments = {call};
+    expectAbort(runChild("GetLibPathWithoutRoomInTheEnvironment", abortingWith(options)),
+                "Cannot allocate memory\n");
   }
 }
 

@@ -283,6 +283,12 @@ TEST(ProcessTable, WalkIsTheSameWhereverTheKernelHasItsProcesses) {
   }
 }
 
+TEST(ProcessTable, WalkIsTheSameWhereAProcessWouldStandBeforeTheFolder) {
+  const PlayedFolder folder("/proc", {"3", "300", "301"}, -10);
+  EXPECT_THAT(walkFrom(3), ElementsAre(3, 300, 301));
+  EXPECT_EQ(folder.closed(), folder.opened());
+}
+
 TEST(ProcessTable, WalkOfTheKernelsFolderEndsEarlyWhereSomethingElseFollowsAProcess) {
   for (const unsigned most : {1U, 100U}) {
     const PlayedFolder folder("/proc", {"self", "5", "9", "behind"}, usualBefore, most);

@@ -30,36 +30,9 @@
 #include "tests/processes/AnsweredCalls.h"
 #include "tests/processes/FailingCall.h"
 #include "tests/processes/SpawnedProcessSupport.h"
-#include "tests/support/StandIn.h"
 #include "tests/support/TracedChild.h"
 
 using testing::ContainsRegex;
-
-namespace {
-
-// Thread calls that fail: after so many real ones, counted down by each; below 0 all are real.
-constinit std::atomic<int> threadsBeforeFailure = -1;
-constinit std::atomic<int> conditionsBeforeFailure = -1;
-
-bool isToFail(std::atomic<int>& before) { return before >= 0 && before.fetch_sub(1) == 0; }
-
-}  // namespace
-
-CUL_DEFINE_STAND_IN(int, pthread_create,
-                    (pthread_t*, const pthread_attr_t*, void* (*)(void*), void*))
-extern "C" int pthread_create(pthread_t* id, const pthread_attr_t* attributes,
-                              void* (*entry)(void*), void* argument) noexcept {
-  return isToFail(threadsBeforeFailure)
-             ? EAGAIN
-             : pthread_createStandIn.real(id, attributes, entry, argument);
-}
-
-CUL_DEFINE_STAND_IN(int, pthread_cond_init, (pthread_cond_t*, const pthread_condattr_t*))
-extern "C" int pthread_cond_init(pthread_cond_t* condition,
-                                 const pthread_condattr_t* attributes) noexcept {
-  return isToFail(conditionsBeforeFailure) ? ENOMEM
-                                           : pthread_cond_initStandIn.real(condition, attributes);
-}
 
 namespace {
 
@@ -403,19 +376,18 @@ std::atomic<unsigned> childrenMade = 0;
 // Spawns a program that would run for ever, expects a failure after it was forked off, and
 // looks for what is left of it.
 template <typename Exception>
-void expectKilledChild(std::atomic<int>& before, int count, int status) {
+void expectKilledChild(const CallFailure& failure, int status) {
   const TemporaryFolder folder;
   const std::vector<std::string> descriptors = targetsOfDescriptors();
   const size_t threads = threadCount();
   const unsigned childrenBefore = childrenMade;
-  before = count;
+  const FailingCall failing(failure);
   try {
     spawnShell("while :; do sleep 1; done");
     ADD_FAILURE() << "nothing was thrown";
   } catch (const Exception& e) {
     EXPECT_EQ(e.status, status);
   }
-  EXPECT_EQ(before, -1) << "the call that was to fail never came";
   EXPECT_EQ(childrenMade, childrenBefore + 1);
   EXPECT_TRUE(hasNoChildren());
   EXPECT_EQ(targetsOfDescriptors(), descriptors);
@@ -429,11 +401,12 @@ CUL_CHILD(ThreadsFail) {
     childrenMade += makesProgram(call) ? 1 : 0;
     return 0;
   });
+  const CallFailure noThread = {.call = LibcCall::createThread, .result = EAGAIN};
   // The timer is the first thread.
-  expectKilledChild<StdException>(threadsBeforeFailure, 0, -1);
+  expectKilledChild<StdException>(noThread, -1);
   EXPECT_EQ(statusOf(spawnShell("exit 3")), 3 << 8);
-  expectKilledChild<StdException>(threadsBeforeFailure, 0, -1);
-  expectKilledChild<StdException>(conditionsBeforeFailure, 0, ENOMEM);
+  expectKilledChild<StdException>(noThread, -1);
+  expectKilledChild<StdException>({.call = LibcCall::initCondition, .result = ENOMEM}, ENOMEM);
   EXPECT_EQ(statusOf(spawnShell("exit 4")), 4 << 8);
 }
 

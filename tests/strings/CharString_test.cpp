@@ -414,6 +414,7 @@ TEST(CharString, MatchLengthCountsLeadingAgreement) {
 TEST(CharString, MatchLengthIgnoresTheCaseOfASCIIOnly) {
   EXPECT_EQ(CharString(L"\x00C9").matchLength(CharString(L"\x00E9"), 0), 0U);
   EXPECT_EQ(CharString(L"\x0141").matchLength(CharString(L"A"), 0), 0U);
+  EXPECT_EQ(CharString(L"A").matchLength(CharString(L"\x0141"), 0), 0U);
   EXPECT_EQ(CharString(L"\x00E9").matchLength(CharString(L"\x00E9"), 0), 1U);
   EXPECT_EQ(CharString(L"@").matchLength(CharString(L"`"), 0), 0U);
   EXPECT_EQ(CharString(L"[").matchLength(CharString(L"{"), 0), 0U);

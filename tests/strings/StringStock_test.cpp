@@ -37,6 +37,7 @@
 #include "tests/strings/PoolBlocks.h"
 #include "tests/support/Child.h"
 #include "tests/support/Famine.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/WaitUntil.h"
 #include "tests/threads/SignalSupport.h"
 #include "tests/threads/ThreadSupport.h"
@@ -56,24 +57,21 @@ bool isFromLibrary(const void* returnAddress) {
 
 }  // namespace
 
-// Other names of the two in the C library.
-extern "C" int __pthread_key_create(pthread_key_t* key, void (*destructor)(void*));
-extern "C" int setSpecificOfC(pthread_key_t key, const void* value);
-__asm__(".symver setSpecificOfC, __pthread_setspecific@GLIBC_2.2.5");
-
+CUL_DEFINE_STAND_IN(int, pthread_key_create, (pthread_key_t*, void (*)(void*)))
 extern "C" int pthread_key_create(pthread_key_t* key, void (*destructor)(void*)) {
   if (getenv("CUL_TEST_NO_KEY") != nullptr && isFromLibrary(__builtin_return_address(0))) {
     return EAGAIN;
   }
-  return __pthread_key_create(key, destructor);
+  return pthread_key_createStandIn.real(key, destructor);
 }
 
+CUL_DEFINE_STAND_IN(int, pthread_setspecific, (pthread_key_t, const void*))
 extern "C" int pthread_setspecific(pthread_key_t key, const void* value) {
   if (__atomic_load_n(&setSpecificFails, __ATOMIC_RELAXED) &&
       isFromLibrary(__builtin_return_address(0))) {
     return ENOMEM;
   }
-  return setSpecificOfC(key, value);
+  return pthread_setspecificStandIn.real(key, value);
 }
 #endif
 

@@ -32,7 +32,8 @@ std::vector<std::string>& arguments() {
 
 bool isKept(std::string_view variable) {
   for (const std::string_view prefix :
-       {"PATH=", "ASAN_OPTIONS=", "UBSAN_OPTIONS=", "TSAN_OPTIONS=", "LSAN_OPTIONS=", "GCOV_"}) {
+       {"PATH=", "ASAN_OPTIONS=", "UBSAN_OPTIONS=", "TSAN_OPTIONS=", "LSAN_OPTIONS=", "GCOV_",
+        "LD_PRELOAD=", "CUL_LOCK_ORDER_LOG="}) {
     if (variable.starts_with(prefix)) {
       return true;
     }

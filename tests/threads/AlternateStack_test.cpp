@@ -1,10 +1,12 @@
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <fstream>
 #include <limits>
 #include <string>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -13,6 +15,7 @@
 #include "Engine/utilities/signals.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/threads/SignalSupport.h"
 #include "tests/threads/ThreadSupport.h"
 
@@ -139,6 +142,83 @@ TEST(AlternateStack, MayGiveWayToOneOfTheProgramsOwn) {
   });
 #endif
 }
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+// The sanitizers map memory and set stacks themselves.
+
+TEST(AlternateStack, IsSetNoMoreWhenTheObjectsOfItsThreadAreDestroyed) {
+  static std::atomic<int> flags = 0;
+  struct Last {
+    bool isMade = false;
+    ~Last() { flags = presentStack().ss_flags; }
+  };
+  runOnThread([] {
+    EXPECT_EQ(presentStack().ss_flags, 0);
+    static thread_local Last last;
+    last.isMade = true;
+  });
+  EXPECT_EQ(flags, SS_DISABLE);
+}
+
+CUL_STAND_IN(void*, mmap,
+             (void* address, size_t size, int protection, int flags, int file, off_t offset),
+             noexcept, address, size, protection, flags, file, offset)
+CUL_STAND_IN(int, sigaltstack, (const stack_t* stack, stack_t* former), noexcept, stack, former)
+
+TEST(AlternateStack, IsDoneWithoutWhenThereIsNoMemory) {
+  const Instead noMemory(mmapStandIn, [](auto...) {
+    errno = ENOMEM;
+    return MAP_FAILED;
+  });
+  int flags = 0;
+  runOnThread([&flags] { flags = presentStack().ss_flags; });
+  EXPECT_EQ(flags, SS_DISABLE);
+}
+
+TEST(AlternateStack, IsGivenBackWhenItCannotBeSet) {
+  runOnThread([] {});
+  const unsigned long before = mappings();
+  for (int i = 0; i < 50; ++i) {
+    const Instead refused(sigaltstackStandIn, [](auto...) {
+      errno = ENOMEM;
+      return -1;
+    });
+    runOnThread([] {});
+  }
+  EXPECT_LT(mappings(), before + 20);
+}
+
+TEST(AlternateStack, GivesWayToOneThatTheThreadHasAlready) {
+  alignas(16) static char memory[65536];
+  // As if whatever runs at the start of a thread had set one.
+  const Instead setBefore(sigaltstackStandIn, [](const stack_t* stack, stack_t* former) {
+    const int result = sigaltstackStandIn.real(stack, former);
+    if (stack != nullptr && former != nullptr && former->ss_flags == SS_DISABLE) {
+      former->ss_sp = memory;
+      former->ss_size = sizeof memory;
+      former->ss_flags = 0;
+    }
+    return result;
+  });
+  const void* place = nullptr;
+  runOnThread([&place] { place = presentStack().ss_sp; });
+  EXPECT_EQ(place, memory);
+}
+
+TEST(AlternateStack, StaysWhenItsThreadEndsOnIt) {
+  static std::atomic<void*> place = nullptr;
+  runOnThread([] {
+    place = presentStack().ss_sp;
+    sigaltstackStandIn.callInstead([](auto...) {
+      errno = EPERM;
+      return -1;
+    });
+  });
+  sigaltstackStandIn.callInstead(nullptr);
+  unsigned char isThere = 0;
+  EXPECT_EQ(mincore(place, 1, &isThere), 0) << "it was unmapped under the feet of its thread";
+}
+#endif
 
 CUL_CHILD(ManyThreadsInTurn) {
   const std::string way = childArguments()[0];

@@ -5,7 +5,6 @@
 #include <mutex>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
 #include <utility>
@@ -419,6 +418,8 @@ TEST(CurrentThread, IsRightOnManyThreadsWhileTheRegistryChangesAllTheTime) {
 // The sanitizers call these functions themselves, before there is a thread and before they can
 // bear to see what the functions do.
 #if !defined(__SANITIZE_THREAD__) && !defined(__SANITIZE_ADDRESS__)
+extern StandIn<int(const stack_t*, stack_t*)> sigaltstackStandIn;  // of AlternateStack_test.cpp
+
 namespace {
 
 // Called by a new thread before the library lets it run, with the lock of starts held elsewhere.
@@ -427,22 +428,7 @@ std::atomic<bool> isBeforeTheStart = false;
 
 }  // namespace
 
-extern "C" int sigaltstack(const stack_t* stack, stack_t* former) noexcept {
-  if (void (*const function)() = beforeTheStart.load(); function != nullptr) {
-    function();
-    isBeforeTheStart = true;
-  }
-  return static_cast<int>(syscall(SYS_sigaltstack, stack, former));
-}
-
-CUL_DEFINE_STAND_IN(int, pthread_attr_destroy, (pthread_attr_t*))
-// The starter calls it between the creation of the thread and the note of its id.
-extern "C" int pthread_attr_destroy(pthread_attr_t* attributes) noexcept {
-  if (beforeTheStart.load() != nullptr) {
-    waitUntil([] { return isBeforeTheStart.load(); });
-  }
-  return pthread_attr_destroyStandIn.real(attributes);
-}
+CUL_STAND_IN(int, pthread_attr_destroy, (pthread_attr_t * attributes), noexcept, attributes)
 
 TEST(CurrentThread, IsFoundByAThreadThatHasLookedBeforeItWasLetGo) {
   static std::atomic<StdThread*> early;
@@ -450,6 +436,18 @@ TEST(CurrentThread, IsFoundByAThreadThatHasLookedBeforeItWasLetGo) {
   std::atomic<StdThread*> late = nullptr;
   isBeforeTheStart = false;
   beforeTheStart = [] { early = StdThread::currentThread(); };
+  const Instead looks(sigaltstackStandIn, [](const stack_t* stack, stack_t* former) {
+    if (void (*const function)() = beforeTheStart.load(); function != nullptr) {
+      function();
+      isBeforeTheStart = true;
+    }
+    return sigaltstackStandIn.real(stack, former);
+  });
+  // The starter calls it between the creation of the thread and the note of its id.
+  const Instead waits(pthread_attr_destroyStandIn, [](pthread_attr_t* attributes) {
+    waitUntil([] { return isBeforeTheStart.load(); });
+    return pthread_attr_destroyStandIn.real(attributes);
+  });
   StdThread::Termination termination;
   const StdThread* const thread =
       startThread([&late] { late = StdThread::currentThread(); }, &termination);

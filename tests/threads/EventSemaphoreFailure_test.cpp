@@ -272,6 +272,7 @@ TEST(UNIX_Event_Semaphore, FailuresOfItsMutexAndTheTimersAreOnlyTraced) {
   ChildOptions options;
   // A mutex whose unlock is said to have failed looks held while the timer's lock is taken.
   options.environment["TSAN_OPTIONS"] = "detect_deadlocks=0:halt_on_error=1";
+  options.environment["LD_PRELOAD"] = "";
   const TracedChild child("FailingMutexesOfEvents", options);
   EXPECT_EQ(child.result.status, 0) << child.all();
   const auto expectBoth = [&child](const std::string& place, int unlockError, int lockError) {

@@ -84,6 +84,14 @@ TEST(MillisecondTimer, IsOneThreadOfItsOwn) {
   EXPECT_EQ(state, PTHREAD_CREATE_DETACHED);
 }
 
+TEST(MillisecondTimer, CopiesItsListUnderItsLock) {
+  MillisecondTimer* const timer = UNIX_Event_Semaphore::timerInstance();
+  const PosixCount locks(PosixCall::mutexLock);
+  List<const WaitInstance*> copy;
+  timer->copyPending(copy);
+  EXPECT_EQ(locks.count(), 1U);
+}
+
 CUL_CHILD(FirstCallsOfTwoThreads) {
   MillisecondTimer* others = nullptr;
   std::thread other;

@@ -10,8 +10,10 @@
 #include <optional>
 #include <random>
 #include <string>
+#include <sys/wait.h>
 #include <thread>
 #include <type_traits>
+#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -313,6 +315,41 @@ TEST(UNIX_Event_Semaphore, ChangesUnderTheMutexUntilAllAreWoken) {
   // Closed by the time the mutex is given back.
   event.post();
   expectMutexHeld(PosixCall::mutexUnlock, reset, [&event] { event.wait(0, milliseconds, false); });
+}
+
+CUL_CHILD(ForkInTheMiddleOfAPost) {
+  UNIX_Event_Semaphore event;
+  std::atomic<bool> isPosting = false;
+  std::atomic<bool> hasForked = false;
+  std::thread poster([&] {
+    const PosixMoment moment(PosixCall::condBroadcast, [&] {
+      isPosting = true;
+      while (!hasForked) {
+        usleep(1000);
+      }
+    });
+    event.post();
+  });
+  while (!isPosting) {
+    usleep(1000);
+  }
+  const pid_t child = fork();
+  if (child == 0) {
+    event.reset();
+    event.post();
+    event.wait();
+    _exit(0);
+  }
+  hasForked = true;
+  poster.join();
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+}
+
+TEST(UNIX_Event_Semaphore, CanBeUsedInAChildOfAForkInTheMiddleOfAPost) {
+  const ChildResult child = runChild("ForkInTheMiddleOfAPost", {.limitInSeconds = 30});
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
 TEST(UNIX_Event_Semaphore, OutlivesWaitersPostersAndItsOwnEndInAnyMixture) {

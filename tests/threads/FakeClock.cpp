@@ -3,13 +3,14 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
-#include <ctime>
 #include <mutex>
 #include <sys/time.h>
 #include <unistd.h>
 #include <utility>
 
 #include "Engine/utilities/StdThread.h"
+
+#include "tests/support/StandIn.h"
 
 namespace {
 
@@ -114,7 +115,8 @@ void TimerInHand::wake(std::function<void()> first) {
 
 unsigned TimerInHand::clockReadings() { return timersReadings; }
 
-extern "C" int gettimeofday(timeval* time, void*) noexcept {
+CUL_DEFINE_STAND_IN(int, gettimeofday, (timeval*, void*))
+extern "C" int gettimeofday(timeval* time, void* zone) noexcept {
   std::uint64_t now = stillClock;
   if (now == 0) {
     now = clockOfAll;
@@ -123,16 +125,14 @@ extern "C" int gettimeofday(timeval* time, void*) noexcept {
     }
   }
   if (now == 0) {
-    timespec real = {};
-    clock_gettime(CLOCK_REALTIME, &real);
-    now = static_cast<std::uint64_t>(real.tv_sec) * million +
-          static_cast<std::uint64_t>(real.tv_nsec) / 1000;
+    return gettimeofdayStandIn.real(time, zone);
   }
   time->tv_sec = static_cast<time_t>(now / million);
   time->tv_usec = static_cast<suseconds_t>(now % million);
   return 0;
 }
 
+CUL_DEFINE_STAND_IN(int, usleep, (useconds_t))
 extern "C" int usleep(useconds_t microseconds) {
   if (sleepInHand(microseconds)) {
     return 0;
@@ -140,7 +140,5 @@ extern "C" int usleep(useconds_t microseconds) {
   if (isTimerQuick && findOutThread()) {
     microseconds /= 10;
   }
-  const timespec time = {static_cast<time_t>(microseconds / million),
-                         static_cast<long>(microseconds % million) * 1000};
-  return nanosleep(&time, nullptr);
+  return usleepStandIn.real(microseconds);
 }

@@ -25,6 +25,8 @@ PosixInterference::~PosixInterference() {
   innermost = outer_;
 }
 
+void PosixInterference::setAction(std::function<bool(int&)> action) { action_ = std::move(action); }
+
 bool PosixInterference::intercepts(PosixCall call, int& result) {
   for (PosixInterference* each = innermost; each != nullptr; each = each->outer_) {
     if (each->call_ == call && each->action_) {
@@ -44,6 +46,15 @@ PosixFailure::PosixFailure(PosixCall call, int result, int error, unsigned passi
         errno = error;
         return true;
       }) {}
+
+PosixCount::PosixCount(PosixCall call)
+    : PosixInterference(call, 0, [this](int&) { return note(); }) {}
+
+bool PosixCount::note() {
+  ++count_;
+  setAction([this](int&) { return note(); });
+  return false;
+}
 
 PosixMoment::PosixMoment(PosixCall call, std::function<void()> action)
     : PosixInterference(call, 0, [action = std::move(action)](int&) {

@@ -36,6 +36,9 @@ class PosixInterference {
  protected:
   PosixInterference(PosixCall call, unsigned passing, std::function<bool(int&)> action);
 
+  /// What happens to the next call; null: nothing.
+  void setAction(std::function<bool(int&)> action);
+
  private:
   PosixCall call_;
   unsigned passing_;
@@ -51,6 +54,22 @@ class PosixFailure : public PosixInterference {
   /// \param error   what it leaves in `errno`.
   /// \param passing how many such calls go through before.
   PosixFailure(PosixCall call, int result, int error, unsigned passing = 0);
+};
+
+/// Counts calls.
+class PosixCount : public PosixInterference {
+ public:
+  explicit PosixCount(PosixCall call);
+  PosixCount(const PosixCount&) = delete;
+  PosixCount& operator=(const PosixCount&) = delete;
+  ~PosixCount() { setAction(nullptr); }
+
+  [[nodiscard]] unsigned count() const { return count_; }
+
+ private:
+  bool note();
+
+  unsigned count_ = 0;
 };
 
 /// Does something right before a call does its work.

@@ -15,6 +15,7 @@
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -22,10 +23,12 @@
 #include "Engine/utilities/Iconv.h"
 #include "Engine/utilities/StdException.h"
 #include "Engine/utilities/StdThread.h"
+#include "Engine/utilities/StringPoolManager.h"
 #include "Engine/utilities/TraceFlags.h"
 #include "Engine/utilities/signals.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/threads/SignalSupport.h"
 #include "tests/threads/ThreadSupport.h"
 
@@ -367,6 +370,42 @@ TEST(ProcessEnd, LetsAnExitHandlerJoinAThreadThatHasFailedMeanwhile) {
 }
 #endif
 
+CUL_CHILD(CancelAThreadThatHasFailed) {
+  static const pthread_t first = pthread_self();
+  static const pid_t task = gettid();
+  static std::atomic<bool> isEnding = false;
+  std::atexit([] {
+    isEnding = true;
+    waitUntil([] { return hasStopped(task); });
+    pthread_cancel(first);
+    usleep(100000);  // Time to be cancelled, which nothing tells of when it is not.
+  });
+  startThread([] { exit(exitStatus); });
+  waitUntil([] { return isEnding.load(); });
+  std::terminate();
+}
+
+TEST(ProcessEnd, LetsNobodyCancelTheFirstThreadWhenItHasFailedMeanwhile) {
+  const TracedChild child("CancelAThreadThatHasFailed", withoutSanitizerHandlers());
+  EXPECT_EQ(child.result.status, exitStatus) << child.all();
+  EXPECT_EQ(child.countContaining("C++ terminate() called"), 1) << child.all();
+}
+
+CUL_CHILD(CancelInAnExitHandler) {
+  std::atexit([] {
+    pthread_cancel(pthread_self());
+    pthread_testcancel();
+    std::printf("went on");
+  });
+  exit(exitStatus);
+}
+
+TEST(ProcessEnd, IsNotGivenUpWhenItsThreadIsCancelled) {
+  const ChildResult child = runChild("CancelInAnExitHandler", withoutSanitizerHandlers());
+  EXPECT_EQ(child.status, exitStatus) << child.err;
+  EXPECT_EQ(child.out, "went on");
+}
+
 CUL_CHILD(FailureInsideATraceLine) {
   static std::atomic<bool> isEnding = false;
   static std::atomic<pid_t> task = 0;
@@ -434,22 +473,49 @@ TEST(ProcessEnd, IsImmediateWhenAnExitHandlerFails) {
   }
 }
 
-TEST(ProcessEnd, TellsOfAFailureInAnExitHandler) {
-  ChildOptions options = withoutSanitizerHandlers();
-  options.arguments = {"main returns", "SIGSEGV"};
-  const TracedChild child("FailureInAnExitHandler", options);
-  EXPECT_EQ(child.result.status, 99) << child.all();
-  EXPECT_EQ(child.countContaining("Signal 11 (SIGSEGV)"), 1) << child.all();
+TEST(ProcessEnd, TellsOfAFailureInAnExitHandlerAlsoAfterOneBefore) {
+  for (const auto& [first, reports] : {std::pair("main returns", 1), std::pair("SIGSEGV", 2)}) {
+    ChildOptions options = withoutSanitizerHandlers();
+    options.arguments = {first, "SIGSEGV"};
+    const TracedChild child("FailureInAnExitHandler", options);
+    EXPECT_EQ(child.result.status, 99) << child.all();
+    EXPECT_EQ(child.countContaining("Signal 11 (SIGSEGV)"), reports) << child.all();
+  }
 }
 
 CUL_CHILD(RecoveryPointOfBeforeTheEnd) {
   // main, and with it the place of the point, is left when the handler runs.
-  std::atexit([] { fault(); });
+  std::atexit([] {
+    if (StdThread::currentThread()->isRecoveryArmed()) {
+      _exit(1);
+    }
+    fault();
+  });
   static_cast<void>(StdThread::currentThread()->_setjmp());
 }
 
 TEST(ProcessEnd, ForgetsARecoveryPointOfBefore) {
   EXPECT_EQ(runChild("RecoveryPointOfBeforeTheEnd", withoutSanitizerHandlers()).status, 99);
+}
+
+CUL_CHILD(RecoveriesInAnExitHandler) {
+  std::atexit([] {
+    static int recoveries = 0;
+    if (StdThread::currentThread()->_setjmp() == 0) {
+      fault();
+    }
+    ++recoveries;
+    if (StdThread::currentThread()->_setjmp() == 0) {
+      fault();
+    }
+    std::printf("recovered %d", ++recoveries);
+  });
+}
+
+TEST(ProcessEnd, LetsAnExitHandlerRecoverMoreThanOnce) {
+  const ChildResult child = runChild("RecoveriesInAnExitHandler", withoutSanitizerHandlers());
+  EXPECT_EQ(child.status, 0) << child.err;
+  EXPECT_EQ(child.out, "recovered 2");
 }
 
 CUL_CHILD(SigtermDuringExit) {
@@ -695,6 +761,46 @@ TEST(ProcessEnd, ComesWhenTheAllocatorItselfAborts) {
 }
 #endif
 
+CUL_STAND_IN(size_t, iconv,
+             (iconv_t descriptor, char** input, size_t* inputLength, char** output, size_t* room),
+             CUL_NOTHING, descriptor, input, inputLength, output, room)
+
+namespace {
+
+bool canConvert() {
+  char area[100];
+  const iconv_t descriptor = iconv_open("UTF-8", "ISO-8859-1");
+  const size_t length = iconvDebug(descriptor, "x", 1, area, sizeof area);
+  iconv_close(descriptor);
+  return length == 1;
+}
+
+}  // namespace
+
+CUL_CHILD(EndInAConversion) {
+  iconvStandIn.callInstead([](auto... arguments) -> size_t {
+    iconvStandIn.callInstead(nullptr);
+    endingNamed(childArguments()[0]).begin();
+    return iconvStandIn.real(arguments...);
+  });
+  std::atexit([] {
+    if (canConvert()) {
+      std::puts("converted");
+    }
+  });
+  canConvert();
+}
+
+TEST(ProcessEnd, LetsExitHandlersConvertWhenItComesInAConversion) {
+  for (const auto& [name, status] : {std::pair("terminate", 1), std::pair("memory out", 1)}) {
+    ChildOptions options;
+    options.arguments = {name};
+    const ChildResult child = runChild("EndInAConversion", options);
+    EXPECT_EQ(child.status, status) << name << child.err;
+    EXPECT_NE(child.out.find("converted"), std::string::npos) << name << child.out;
+  }
+}
+
 // The sanitizers look at what a converter is to read before it does.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 namespace {
@@ -705,14 +811,6 @@ void convertFromNowhere() {
   const iconv_t descriptor = iconv_open("UTF-8", "ISO-8859-1");
   iconvDebug(descriptor, reinterpret_cast<const char*>(64), 50, area, sizeof area);
   iconv_close(descriptor);
-}
-
-bool canConvert() {
-  char area[100];
-  const iconv_t descriptor = iconv_open("UTF-8", "ISO-8859-1");
-  const size_t length = iconvDebug(descriptor, "x", 1, area, sizeof area);
-  iconv_close(descriptor);
-  return length == 1;
 }
 
 }  // namespace
@@ -730,6 +828,80 @@ TEST(ProcessEnd, LetsExitHandlersConvertAfterAFaultInAConversion) {
   const ChildResult child = runChild("FaultInAConversion");
   EXPECT_EQ(child.status, 99) << child.out << child.err;
   EXPECT_NE(child.out.find("converted"), std::string::npos) << child.out;
+}
+
+namespace {
+
+void recoverFromAConversion() {
+  registerErrorHandlers();
+  StdThread* const self = StdThread::currentThread();
+  if (self->_setjmp() == 0) {
+    convertFromNowhere();
+    ADD_FAILURE() << "no fault";
+  }
+}
+
+}  // namespace
+
+// The report of a fault asks for locks that a fork takes before that of conversions.
+CUL_CHILD(FaultsInConversionsBesideForks) {
+  EXPECT_TRUE(isTraced(TraceType::error));
+  std::atomic<bool> isOver = false;
+  std::thread forking([&isOver] {
+    while (!isOver) {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(0);
+      }
+      EXPECT_EQ(waitpid(child, nullptr, 0), child);
+    }
+  });
+  for (unsigned i = 0; i < 50; ++i) {
+    recoverFromAConversion();
+  }
+  isOver = true;
+  forking.join();
+}
+
+TEST(ProcessEnd, DoesNotComeByAFaultInAConversionThatIsReportedBesideForks) {
+  const TracedChild child("FaultsInConversionsBesideForks");
+  EXPECT_EQ(child.result.status, 0) << child.all();
+  EXPECT_EQ(child.countContaining("Attempting longjmp recovery"), 50);
+}
+
+// A fork takes the lock of strings, which the exit handler asks for, before that of the trace.
+CUL_CHILD(FaultInATraceCallBesideForks) {
+  EXPECT_TRUE(isTraced(TraceType::error));
+  std::thread([] {
+    for (;;) {
+      const pid_t child = fork();
+      if (child == 0) {
+        _exit(0);
+      }
+      waitpid(child, nullptr, 0);
+    }
+  }).detach();
+  std::atexit([] {
+    for (unsigned i = 0; i < 300; ++i) {
+      StringPoolManager& pool = StringPoolManager::instance();
+      void* blocks[200];
+      for (void*& block : blocks) {
+        block = pool.getBuffer(8);
+      }
+      for (void* const block : blocks) {
+        pool.freeBuffer(block, 8);
+      }
+    }
+    std::puts("made strings");
+  });
+  registerErrorHandlers();
+  taggedTrace("f()", 1, "X", "%s", reinterpret_cast<const char*>(64));
+}
+
+TEST(ProcessEnd, LetsExitHandlersMakeStringsAfterAFaultInATraceCallBesideForks) {
+  const TracedChild child("FaultInATraceCallBesideForks");
+  EXPECT_EQ(child.result.status, 99) << child.all();
+  EXPECT_EQ(child.result.out, "made strings\n") << child.all();
 }
 
 CUL_CHILD(RecoveryFromAFaultInAConversion) {

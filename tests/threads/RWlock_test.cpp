@@ -100,6 +100,7 @@ TEST_P(EachPriority, ManyReadersShareTheLock) {
     lock.requestRead();
     EXPECT_TRUE(lock.holdsReadLock());
     EXPECT_FALSE(lock.holdsWriteLock());
+    EXPECT_TRUE(lock.holdsAnyLock());
   });
   EXPECT_TRUE(lock.holdsReadLock());
   EXPECT_FALSE(lock.holdsWriteLock());
@@ -320,6 +321,18 @@ TEST_P(EachPriority, TheOnlyReaderIsReportedAsTheWriter) {
   EXPECT_FALSE(lock.holdsWriteLock());
   other.perform([&lock] { lock.release(); });
   lock.release();
+}
+
+TEST_P(EachPriority, EachOperationGivesItsMutexBackOnce) {
+  RWlock lock(GetParam());
+  for (void (RWlock::*operation)() :
+       {&RWlock::requestRead, &RWlock::release, &RWlock::requestWrite, &RWlock::release}) {
+    const PosixCount taken(PosixCall::mutexLock);
+    const PosixCount givenBack(PosixCall::mutexUnlock);
+    (lock.*operation)();
+    EXPECT_EQ(taken.count(), 1U);
+    EXPECT_EQ(givenBack.count(), 1U);
+  }
 }
 
 TEST_P(EachPriority, ReleaseWithoutAHoldDoesNothing) {

@@ -7,6 +7,7 @@
 #include <future>
 #include <memory>
 #include <pthread.h>
+#include <sched.h>
 #include <string>
 #include <sys/wait.h>
 #include <thread>
@@ -21,6 +22,7 @@
 #include "Engine/utilities/StdException.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/threads/PosixFailure.h"
 #include "tests/threads/ThreadSupport.h"
 
@@ -244,6 +246,56 @@ TEST(StdThread, AFailedCreationThrowsAndLeavesTheObjectUnstarted) {
   EXPECT_TRUE(hasRun);
 }
 
+#if !defined(__SANITIZE_THREAD__)  // which makes these calls before a thread is ready for it
+CUL_STAND_IN(int, pthread_attr_init, (pthread_attr_t * attributes), noexcept, attributes)
+CUL_STAND_IN(int, pthread_attr_setdetachstate, (pthread_attr_t * attributes, int state), noexcept,
+             attributes, state)
+CUL_STAND_IN(int, pthread_attr_setsigmask_np,
+             (pthread_attr_t * attributes, const sigset_t* blocked), noexcept, attributes, blocked)
+
+TEST(StdThread, AFailedAttributeThrowsAndLeavesTheObjectUnstarted) {
+  std::atomic<bool> hasRun = false;
+  auto* const thread = new FunctionThread([&hasRun] { hasRun = true; });
+  const auto expectFailure = [thread] {
+    try {
+      thread->start_thread(0);
+      ADD_FAILURE() << "nothing was thrown";
+    } catch (const StdException& exception) {
+      EXPECT_STREQ(exception.fileName, "Engine/utilities/UNIX/UNIXStdThread");
+      EXPECT_EQ(exception.line, 169U);
+      EXPECT_EQ(exception.status, -1);
+    }
+    EXPECT_EQ(thread->threadId(), 0U);
+  };
+  {
+    const Instead none(pthread_attr_initStandIn, [](auto...) { return ENOMEM; });
+    expectFailure();
+  }
+  {
+    const Instead none(pthread_attr_setdetachstateStandIn, [](auto...) { return EINVAL; });
+    expectFailure();
+  }
+  {
+    const Instead none(pthread_attr_setsigmask_npStandIn, [](auto...) { return ENOMEM; });
+    expectFailure();
+  }
+  thread->start_thread(0);
+  EXPECT_TRUE(waitUntil([&hasRun] { return hasRun.load(); }));
+}
+#endif
+
+CUL_STAND_IN(int, sched_yield, (), noexcept)
+
+TEST(StdThread, YieldsTheProcessor) {
+  static std::atomic<pthread_t> yielded = 0;
+  const Instead note(sched_yieldStandIn, []() noexcept {
+    yielded = pthread_self();
+    return sched_yieldStandIn.real();
+  });
+  StdThread::thread_yield();
+  EXPECT_EQ(yielded, pthread_self());
+}
+
 TEST(StdThread, TheCurrentThreadOfForeignThreadsIsTheOneMainObject) {
   StdThread* here = StdThread::currentThread();
   EXPECT_EQ(here, StdThread::thread1());
@@ -354,6 +406,23 @@ TEST(RunningThreads, FindsFromTheLastToTheFirstAndForgetsTheDestroyed) {
   EXPECT_EQ(registry.find(pthread_t{1}), nullptr);
 }
 
+TEST(RunningThreads, GrowsUnderItsLock) {
+  RunningThreads& registry = RunningThreads::instance();
+  FunctionThread thread([] {});
+  bool hasGrown = false;
+  unsigned registered = 0;
+  for (; !hasGrown; ++registered) {
+    const PosixCount locks(PosixCall::mutexLock);
+    registry.append(&thread);
+    // To see that there is no room, to make some, and to see that there is.
+    hasGrown = locks.count() != 1;
+    EXPECT_EQ(locks.count(), hasGrown ? 3U : 1U);
+  }
+  for (; registered != 0; --registered) {
+    registry.remove(&thread);
+  }
+}
+
 TEST(RunningThreads, HoldsMoreThanItsInitialCapacity) {
   // Threads that were asked to end stay registered, without an id.
   const StdThread* before = RunningThreads::instance().find(0);
@@ -426,6 +495,14 @@ TEST(StdThread_Slots, AreManyAndKeepTheirValues) {
   for (std::string& key : keys) {
     EXPECT_EQ(*thread._getKeyValue(key.c_str()), &key);
   }
+}
+
+TEST(StdThread, OfMainHasNothingToRun) {
+  StdThread* const main = StdThread::thread1();
+  main->run();
+  EXPECT_EQ(StdThread::thread1(), main);
+  EXPECT_EQ(main->threadId(), pthread_self());
+  EXPECT_EQ(main->name().view(), "main");
 }
 
 TEST(StdThread_Slots, BelongToTheThreadObject) {
@@ -582,6 +659,8 @@ TEST(StdThread, AnEscapingExceptionEndsTheProcessWithStatus99AndIsTraced) {
     EXPECT_EQ(child.count(std::string("**ERROR: ") + place + ": " + text + child.result.out + ")."),
               1)
         << child.all();
+    EXPECT_EQ(child.countContaining("nternal error on thread"), 1) << child.all();
+    EXPECT_EQ(child.countContaining("Signal "), 0) << child.all();
     EXPECT_EQ(child.countContaining("Terminating thread"), 0) << child.all();
     const ChildResult untraced = runChild("EscapingException", options);
     EXPECT_EQ(untraced.status, 99) << untraced.err;

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -23,6 +24,7 @@
 
 #include "Engine/internal/LockGuard.h"
 #include "Engine/utilities/EncodedString.h"
+#include "Engine/utilities/RWlock.h"
 #include "Engine/utilities/RunningThreads.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
@@ -158,6 +160,7 @@ extern "C" __attribute__((visibility("default"))) const char* __lsan_default_sup
 
 CUL_STAND_IN(const char*, gnu_get_libc_version, (void), noexcept)
 CUL_STAND_IN(int, pthread_setcanceltype, (int type, int* former), CUL_NOTHING, type, former)
+CUL_STAND_IN(int, pthread_kill, (pthread_t thread, int signal), noexcept, thread, signal)
 
 // Versions from 2.41 on do not tell waits by the type of cancellation.
 CUL_CHILD(RequestWithANewerCLibrary) {
@@ -447,6 +450,41 @@ TEST(TerminateRequest, WaitsUntilANoexceptFunctionIsLeft) {
   EXPECT_TRUE(isBehind);
 }
 
+CUL_CHILD(RequestToAThreadThatIsEnding) {
+  static std::atomic<bool> isAsked = false;
+  static std::atomic<pid_t> task = 0;
+  static std::atomic<const StdThread*> thread = nullptr;
+  const Instead meet(pthread_killStandIn, [](pthread_t id, int signal) {
+    if (signal != SIGUSR2) {
+      return pthread_killStandIn.real(id, signal);
+    }
+    // The thread waits with its id, which could be another thread's soon.
+    isAsked = true;
+    for (int i = 0; i < 100 && thread.load()->threadId() == id; ++i) {
+      usleep(1000);
+    }
+    EXPECT_EQ(thread.load()->threadId(), id);
+    return 0;
+  });
+  StdThread::Termination termination;
+  thread = startThread(
+      [] {
+        task = gettid();
+        while (!isAsked) {
+        }
+        pthread_exit(nullptr);
+      },
+      &termination);
+  waitUntil([] { return task != 0; });
+  EXPECT_EQ(thread.load()->requestTerminate(), 0);
+  EXPECT_EQ(termination.wait(0), 0);
+}
+
+TEST(TerminateRequest, GoesToTheThreadItIsMeantForAlsoWhenThatEndsJustThen) {
+  const ChildResult child = runChild("RequestToAThreadThatIsEnding");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
 CUL_CHILD(RequestBehindACallOfNothing) {
   struct sigaction action = {};
   action.sa_handler = [](int) {
@@ -581,6 +619,81 @@ CUL_CHILD(RequestWithoutATimer) {
 
 TEST(TerminateRequest, ThatCannotBeRepeatedActsWhenTheThreadYields) {
   const ChildResult child = runChild("RequestWithoutATimer");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+namespace {
+
+// What a call has done that the thread may not end behind, and how it is undone.
+void (*holdOn)() = nullptr;
+void (*letGo)() = nullptr;
+sighandler_t meetRequest = nullptr;
+
+UNIX_Critical_Section heldBehindACall;
+std::optional<StdThread::BlockTermination> guardBehindACall;
+
+// Asks its own thread, until it ends or long after it would have.
+__attribute__((noinline)) void askAllTheTime() {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+  for (unsigned i = 0; i < 200 || std::chrono::steady_clock::now() < end; ++i) {
+    raise(SIGUSR2);  // This call ends the thread when it returns, after a twentieth of a second.
+    if (letGo != nullptr) {
+      letGo();
+    }
+  }
+}
+
+// No request is repeated, so that each comes in raise().
+void expectEndBehindACallOnlyWithoutIt() {
+  const rlimit none = {0, 0};
+  EXPECT_EQ(setrlimit(RLIMIT_SIGPENDING, &none), 0);
+  std::atomic<int> unwound = 0;
+  bool hasGoneOn = false;
+  bool isStillThere = false;
+  runOnThread([&] {
+    const Unwound here(unwound);
+    meetRequest = signal(SIGUSR2, [](int number) {
+      meetRequest(number);
+      if (holdOn != nullptr) {
+        holdOn();
+      }
+    });
+    askAllTheTime();
+    hasGoneOn = true;
+    holdOn = letGo = nullptr;
+    askAllTheTime();
+    isStillThere = true;
+  });
+  EXPECT_TRUE(hasGoneOn);
+  EXPECT_FALSE(isStillThere);
+  EXPECT_EQ(unwound, 1);
+}
+
+}  // namespace
+
+CUL_CHILD(RequestInACallThatTakesALock) {
+  holdOn = [] {
+    const StdThread::BlockTermination block;
+    heldBehindACall.request("holdOn()", 1);
+  };
+  letGo = [] { heldBehindACall.release("letGo()", 1); };
+  expectEndBehindACallOnlyWithoutIt();
+  EXPECT_TRUE(isFree(heldBehindACall));
+}
+
+TEST(TerminateRequest, EndsNoThreadBehindACallThatHasTakenALock) {
+  const ChildResult child = runChild("RequestInACallThatTakesALock");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+CUL_CHILD(RequestInACallThatEntersAGuard) {
+  holdOn = [] { guardBehindACall.emplace(); };
+  letGo = [] { guardBehindACall.reset(); };
+  expectEndBehindACallOnlyWithoutIt();
+}
+
+TEST(BlockTermination, EnteredInACallKeepsTheThreadThatTheCallWouldHaveEnded) {
+  const ChildResult child = runChild("RequestInACallThatEntersAGuard");
   EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
@@ -741,6 +854,31 @@ TEST(BlockTermination, ARequestBeforeTheGuardIsNotLost) {
     work();
   });
   EXPECT_FALSE(isAlive);
+}
+
+TEST(TerminateRequest, ThatIsPendingIsMetWhereAReadWriteLockIsAskedForOutsideOfGuards) {
+  for (void (RWlock::*ask)() : {&RWlock::requestRead, &RWlock::requestWrite}) {
+    RWlock lock(RWlockBase::NoPriority);
+    std::atomic<bool> isThroughGuard = false;
+    std::atomic<bool> isThrough = false;
+    runOnThread([&] {
+      askOnceWhereNothingCanEnd();
+      {
+        const StdThread::BlockTermination block;
+        (lock.*ask)();
+        lock.release();
+        isThroughGuard = true;
+      }
+      (lock.*ask)();
+      isThrough = true;
+      lock.release();
+    });
+    EXPECT_TRUE(isThroughGuard);
+    EXPECT_FALSE(isThrough);
+    lock.requestWrite();
+    EXPECT_TRUE(lock.holdsWriteLock());
+    lock.release();
+  }
 }
 
 TEST(BlockTermination, ARequestBeforeTheGuardDoesNotEndAThreadThatYieldsInIt) {

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <exception>
 #include <new>
 #include <string>
@@ -20,11 +21,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "Engine/utilities/Reference.h"
+#include "Engine/utilities/ReferenceCounted.h"
 #include "Engine/utilities/StdThread.h"
 #include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/Child.h"
 #include "tests/support/StandIn.h"
+#include "tests/support/WaitUntil.h"
 #include "tests/threads/SignalSupport.h"
 #include "tests/threads/ThreadSupport.h"
 
@@ -434,6 +438,128 @@ TEST(CUL_SignalHandler, TracesTheAttemptToRecover) {
   EXPECT_EQ(child.countContaining("No recovery possible"), 0) << child.all();
 }
 
+namespace {
+
+// Sends its process a signal from inside of the library, which waits until that is left.
+struct Sender : ReferenceCounted {
+  ~Sender() override { raise(SIGTERM); }
+};
+
+}  // namespace
+
+CUL_STAND_IN(int, timer_settime,
+             (timer_t timer, int flags, const itimerspec* time, itimerspec* former), noexcept,
+             timer, flags, time, former)
+
+CUL_CHILD(SignalAfterOneThatHadToWait) {
+  const Instead look(timer_settimeStandIn, [](timer_t timer, int flags, const itimerspec* time,
+                                              itimerspec* former) noexcept {
+    EXPECT_EQ(time->it_value.tv_sec, 0);
+    EXPECT_EQ(time->it_interval.tv_sec, 0);
+    return timer_settimeStandIn.real(timer, flags, time, former);
+  });
+  // The first thread could take only signals that are meant for all.
+  runOnThread([] {
+    StdThread* self = StdThread::currentThread();
+    if (self->_setjmp() == 0) {
+      const Reference<Sender> last(new Sender);
+    }
+    waitUntil([self] { return !self->isRecoveryArmed(); });
+    registerErrorHandlers();
+    if (self->_setjmp() == 0) {
+      pthread_sigqueue(pthread_self(), SIGTERM, {});
+      // The thread sanitizer hands it over later.
+      waitUntil([self] { return !self->isRecoveryArmed(); });
+    }
+  });
+}
+
+TEST(CUL_SignalHandler, TellsEachSignalsOwnCauseOnItsThreadAlsoAfterOneThatHadToWait) {
+  const TracedChild child = tracedChild("SignalAfterOneThatHadToWait");
+  EXPECT_EQ(child.result.status, 0) << child.all();
+  for (const int cause : {SI_TKILL, SI_QUEUE}) {
+    EXPECT_EQ(child.countContaining("; code = " + std::to_string(cause) + "."), 1) << child.all();
+  }
+}
+
+CUL_CHILD(TwoSignalsThatHaveToWait) {
+  static std::atomic<int> delays = 0;
+  const Instead look(timer_settimeStandIn, [](timer_t timer, int flags, const itimerspec* time,
+                                              itimerspec* former) noexcept {
+    delays += time->it_value.tv_sec == 0 ? 1 : 0;  // others limit an ending
+    return timer_settimeStandIn.real(timer, flags, time, former);
+  });
+  const auto wait = [] {
+    StdThread* self = StdThread::currentThread();
+    if (self->_setjmp() == 0) {
+      const Reference<Sender> last(new Sender);
+    }
+    waitUntil([self] { return !self->isRecoveryArmed(); });
+    registerErrorHandlers();
+  };
+  runOnThread(wait);
+  const int first = delays;
+  EXPECT_GT(first, 0);
+  runOnThread(wait);
+  EXPECT_GT(delays, first);
+}
+
+TEST(CUL_SignalHandler, LetsASignalWaitAlsoAfterOneThatHadTo) {
+  const ChildResult child = untracedChild("TwoSignalsThatHaveToWait");
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+CUL_CHILD(FaultOfTheReport) {
+  std::atexit([] { std::printf("exit handlers run"); });
+  const Instead fault(backtrace_symbolsStandIn, [](auto...) -> char** {
+    crash();
+    return nullptr;
+  });
+  crash();
+}
+
+TEST(CUL_SignalHandler, RunsExitHandlersAlsoWhenItsReportFails) {
+  const TracedChild child = tracedChild("FaultOfTheReport");
+  EXPECT_EQ(child.result.status, 99) << child.all();
+  EXPECT_EQ(child.result.out, "exit handlers run");
+  EXPECT_EQ(child.countContaining("Signal 11 (SIGSEGV)"), 1) << child.all();
+}
+
+namespace {
+
+// Fails inside of the library, so that the end of the process would have a limit.
+struct Failing : ReferenceCounted {
+  ~Failing() override { crash(); }
+};
+
+}  // namespace
+
+CUL_CHILD(FaultsThatMeetInsideTheLibrary) {
+  static std::atomic<int> reports = 0;
+  const Instead meet(backtrace_symbolsStandIn, [](auto...) -> char** {
+    ++reports;
+    waitUntil([] { return reports == 2; });
+    return nullptr;
+  });
+  const auto recover = [] {
+    if (StdThread::currentThread()->_setjmp() == 0) {
+      const Reference<Failing> last(new Failing);
+    }
+  };
+  StdThread::Termination one;
+  StdThread::Termination other;
+  startThread(recover, &one);
+  startThread(recover, &other);
+  EXPECT_EQ(one.wait(0), 0);
+  EXPECT_EQ(other.wait(0), 0);
+  EXPECT_EQ(actionOf(SIGALRM).sa_handler, SIG_DFL);
+}
+
+TEST(CUL_SignalHandler, LiftsTheLimitOfAnEndingWhenAllThreadsHaveRecovered) {
+  const TracedChild child = tracedChild("FaultsThatMeetInsideTheLibrary");
+  EXPECT_EQ(child.result.status, 0) << child.result.out << child.all();
+}
+
 CUL_CHILD(CrashTwice) {
   StdThread* self = StdThread::currentThread();
   volatile int crashes = 0;
@@ -617,6 +743,17 @@ TEST(CUL_terminate, TracesAndEndsWithStatus1) {
       << child.all();
   expectCallChain(child);
   EXPECT_EQ(runChild("Terminate").status, 1);
+}
+
+CUL_CHILD(TerminateOutsideOfTheLibrary) {
+  // A limit would be set by an alarm.
+  std::atexit(
+      [] { std::printf(actionOf(SIGALRM).sa_handler == SIG_DFL ? "no limit" : "limited"); });
+  std::terminate();
+}
+
+TEST(CUL_terminate, SetsNoLimitToAnEndingThatWaitsForNoLock) {
+  EXPECT_EQ(runChild("TerminateOutsideOfTheLibrary").out, "no limit");
 }
 
 CUL_CHILD(UncaughtException) { throw 1; }

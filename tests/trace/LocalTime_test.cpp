@@ -28,8 +28,8 @@ constexpr std::time_t day = 24 * hour;
 
 std::string textOf(const std::tm& parts) {
   char text[128];
-  std::snprintf(text, sizeof text, "%d-%d-%d %d:%d:%d, day %d of the week, %d of the year",
-                parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
+  std::snprintf(text, sizeof text, "%ld-%d-%d %d:%d:%d, day %d of the week, %d of the year",
+                1900L + parts.tm_year, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
                 parts.tm_sec, parts.tm_wday, parts.tm_yday);
   return text;
 }
@@ -89,6 +89,17 @@ std::time_t startOf(int year) {
 }
 
 }  // namespace
+
+TEST(LocalTime, IsToldUpToTheLastDayThatTheSystemTells) {
+  constexpr std::time_t last = 67768036191676799;  // of the largest year, in UTC
+  for (const std::time_t second : {last - 2 * day, last - day}) {
+    LocalTime time;
+    const std::string expected = toldByTheSystem(second);
+    EXPECT_NE(expected, "");
+    EXPECT_EQ(told(time, second), expected);
+    EXPECT_EQ(inAFork([&] { return told(time, second) == expected ? "" : "something else"; }), "");
+  }
+}
 
 // Argument: a zone. Compares a fork's child with what the system told its parent.
 CUL_CHILD(CompareAYearOfLocalTime) {
@@ -200,6 +211,21 @@ CUL_CHILD(SetZones) {
                          : told(time, noon);
             }),
             "");
+}
+
+CUL_CHILD(LocalTimeOfAClockThatLeaps) {
+  LocalTime time;
+  for (const std::time_t second :
+       {std::time_t{1700000000}, std::time_t{18446744073709}, std::time_t{1700000000},
+        std::time_t{1700000000} + 50 * 366 * day}) {
+    EXPECT_EQ(told(time, second), toldByTheSystem(second));
+  }
+}
+
+TEST(LocalTime, IsToldAtOnceByAClockThatLeapsHalfAMillionYears) {
+  const ChildResult r = runChild("LocalTimeOfAClockThatLeaps",
+                                 {.environment = {{"TZ", "Europe/Berlin"}}, .limitInSeconds = 60});
+  EXPECT_EQ(r.status, 0) << r.out << r.err;
 }
 
 TEST(LocalTime, FollowsTheZoneThatTheProgramSets) {

@@ -25,6 +25,7 @@
 #include "Engine/utilities/TraceImplementation.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/StandIn.h"
 #include "tests/support/TemporaryFolder.h"
 #include "tests/trace/TraceSupport.h"
 
@@ -330,6 +331,44 @@ TEST(TraceOutputFile, ThatIsCutInALaterPassStaysWithinItsLimits) {
   EXPECT_THAT(numbersIn(contentsOf(file)), testing::Contains(4 * manyLines));
 }
 
+CUL_STAND_IN(int, fstat, (int file, struct stat* status), noexcept, file, status)
+
+CUL_CHILD(TraceToAFileThatTellsNothing) {
+  const Instead failing(fstatStandIn, [](auto...) {
+    errno = EIO;
+    return -1;
+  });
+  traceLines(1, 200);
+}
+
+TEST(TraceOutputFile, ThatTellsNothingOfItselfCarriesEveryLine) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("log");
+  runWith("TraceToAFileThatTellsNothing", {{"QVX_DBG_TRACE", file}});
+  EXPECT_EQ(numbersIn(contentsOf(file)), allNumbers(1, 200));
+}
+
+// Sanitizers ask for limits before they bear code that they look after.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+CUL_STAND_IN(int, getrlimit, (__rlimit_resource_t resource, rlimit* limit), noexcept, resource,
+             limit)
+
+CUL_CHILD(TraceWithoutKnownLimits) {
+  const Instead failing(getrlimitStandIn, [](auto...) {
+    errno = EIO;
+    return -1;
+  });
+  traceLines(1, 200);
+}
+
+TEST(TraceOutputFile, CarriesEveryLineWhereLimitsCannotBeAskedFor) {
+  const TemporaryFolder folder;
+  const std::string file = folder.file("log");
+  runWith("TraceWithoutKnownLimits", {{"QVX_DBG_TRACE", file}});
+  EXPECT_EQ(numbersIn(contentsOf(file)), allNumbers(1, 200));
+}
+#endif
+
 TEST(TraceOutputFile, ThatIsAPipeCarriesEveryLine) {
   const ChildResult r = runWith("TraceManyLines", {{"QVX_DBG_TRACE", "stderr,PMD,2"}});
   EXPECT_EQ(numbersIn(r.err), allNumbers(1, manyLines));
@@ -464,6 +503,13 @@ TEST(TraceSignals, OfALimitOnFileSizesDoNotReachTheProgram) {
   EXPECT_THAT(numbersIn(contentsOf(file)).size(), AllOf(Ge(95U), Le(100U)));
   runWith("TraceBeyondALimitOnFileSizes", {{"QVX_DBG_TRACE", "stderr"}}, {file, "stderr"});
   EXPECT_THAT(numbersIn(contentsOf(file)).size(), AllOf(Ge(95U), Le(100U)));
+}
+
+TEST(TraceOutputFile, ThatIsADeviceWithoutRoomDoesNotDisturbTheProgram) {
+  for (const char* device : {"/dev/full", "/dev/null"}) {
+    const ChildResult r = runWith("TraceManyLines", {{"QVX_DBG_TRACE", device}});
+    EXPECT_EQ(r.out + r.err, "") << device;
+  }
 }
 
 CUL_CHILD(TraceBeyondALimitOfZero) {

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <sys/wait.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
@@ -16,6 +17,7 @@
 #include "Engine/internal/RequestToEnd.h"
 #include "Engine/internal/SystemCallFailure.h"
 #include "Engine/internal/SystemPath.h"
+#include "Engine/utilities/Descriptor.h"
 #include "Engine/utilities/EncodedString.h"
 #include "Engine/utilities/PathSearch.h"
 #include "Engine/utilities/ProcessWaiter.h"
@@ -80,7 +82,9 @@ class UnwatchedChild {
   ~UnwatchedChild() {
     if (process_ != -1) {
       kill(process_, SIGKILL);
-      ProcessWaiter(process_).work();
+      // By hand: a waiter may be the first to need a thread's object, and memory may be out.
+      int status = 0;
+      uninterrupted([&] { return waitpid(process_, &status, 0); });
     }
   }
   void release() noexcept { process_ = -1; }
@@ -122,9 +126,10 @@ SpawnedProcess::SpawnedProcess(const EncodedString& program, const EncodedString
                      "::fork() failed with errno %d.", errno);
     }
     UnwatchedChild child(process);
-    waiter = std::make_unique<Reference<ThreadListener>>(
+    const Reference<ThreadListener> listener(
         new ProcessListener(std::make_unique<ProcessWaiter>(process)));
-    (*waiter)->start();
+    waiter = std::make_unique<Reference<ThreadListener>>(listener);
+    listener->start();
     child.release();
   }
   // Here it leaves nothing behind. Later it would end as if this constructor had thrown.

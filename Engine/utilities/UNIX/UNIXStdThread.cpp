@@ -53,14 +53,20 @@ StdThread* objectOf(const RequestToEnd& request) {
 
 class Attributes {
  public:
-  Attributes() { pthread_attr_init(&attributes_); }
+  Attributes() : areThere_(pthread_attr_init(&attributes_) == 0) {}
   Attributes(const Attributes&) = delete;
   Attributes& operator=(const Attributes&) = delete;
-  ~Attributes() { pthread_attr_destroy(&attributes_); }
+  ~Attributes() {
+    if (areThere_) {
+      pthread_attr_destroy(&attributes_);
+    }
+  }
+  [[nodiscard]] bool areThere() const { return areThere_; }
   pthread_attr_t* get() { return &attributes_; }
 
  private:
   pthread_attr_t attributes_;
+  bool areThere_;
 };
 
 }  // namespace
@@ -99,6 +105,9 @@ pthread_t StdThreadRun::start(StdThread* thread) {
   // the handler itself.
   signal(SIGUSR2, ::sigUSR2handler);
   Attributes attributes;
+  if (!attributes.areThere()) {
+    throw StdException(sourceFile, 169_place, -1);
+  }
   if (thread->stackSize_ != 0) {
     pthread_attr_setstacksize(attributes.get(), thread->stackSize_);
   }
@@ -107,12 +116,12 @@ pthread_t StdThreadRun::start(StdThread* thread) {
   // be taken for one to "main". The entry function unblocks all signals.
   sigset_t all;
   sigfillset(&all);
-  pthread_attr_setsigmask_np(attributes.get(), &all);
-  if (thread->termination_ == nullptr) {
-    pthread_attr_setdetachstate(attributes.get(), PTHREAD_CREATE_DETACHED);
-  }
+  const bool areBlocked = pthread_attr_setsigmask_np(attributes.get(), &all) == 0;
+  const bool isAsWanted =
+      areBlocked && (thread->termination_ != nullptr ||
+                     pthread_attr_setdetachstate(attributes.get(), PTHREAD_CREATE_DETACHED) == 0);
   pthread_t id = 0;
-  if (pthread_create(&id, attributes.get(), StdThreadRunFF, this) != 0) {
+  if (!isAsWanted || pthread_create(&id, attributes.get(), StdThreadRunFF, this) != 0) {
     throw StdException(sourceFile, 169_place, -1);
   }
   if (thread->termination_ != nullptr) {

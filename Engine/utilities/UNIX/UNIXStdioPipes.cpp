@@ -153,19 +153,20 @@ void UNIXStdioPipes::saveTerminal() {
 }
 
 void UNIXStdioPipes::openConsole() {
-  Master master = openMaster();
+  const Master master = openMaster();
   if (master.handle < 0) {
     CUL_TRACE(TraceType::error, constructorText, 118_place,
               "open() failed for all pseudo-terminals");
     return;
   }
+  // Whoever cannot make a console has no destructor that would close it.
+  Descriptor owned(master.handle);
   const char* const name = unlockSlave(master);
   if (name == nullptr) {
-    closeIfOpen(master.handle);
     return;
   }
   slaveName_ = ByteString(name);
-  masterHandle_ = master.handle;
+  masterHandle_ = owned.release();
   noConsole_ = 0;
   CUL_TRACE(TraceType::dsl, constructorText, 129_place,
             "Console on pseudo-terminal \"%s\" successfully created", slaveName_.view().data());

@@ -16,6 +16,7 @@
 
 #include "Engine/internal/AlternateStack.h"
 #include "Engine/internal/HoldRequests.h"
+#include "Engine/internal/LeafLock.h"
 #include "Engine/internal/PlaceNumber.h"
 #include "Engine/internal/ProcessEnd.h"
 #include "Engine/utilities/KeepErrno.h"
@@ -284,6 +285,11 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
     sigaction(signal, &handled, nullptr);
   } else {
     setDefaultAction(signal);
+  }
+  // The report asks for locks, which a thread with this one must not do. Nobody returns to where
+  // it was taken.
+  if (mustEnd) {
+    LeafLock::abandon();
   }
   ++handlersEntered;
   if (mustEnd && handlersEntered > 2) {

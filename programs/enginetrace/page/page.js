@@ -22,7 +22,7 @@ let worst = [0, 0, 0];  // how many lines of each severity
 
 const severities = ['', 'warning', 'error'];
 const view = {from: 0, to: 1000, row: 0};  // times, and the topmost row of the timeline
-const whole = {from: 0, to: 1000};
+const whole = {from: 0, to: 1000, hasDates: false};
 let chosen = -1;  // a rank
 let hits = new Uint32Array(0);  // ranks, in order
 let pattern = null;  // of the search, or null
@@ -172,6 +172,9 @@ function lengthOf(microseconds) {
   return `${Number((microseconds / size).toPrecision(4))} ${unit}`;
 }
 
+/// The time of a line, with its date where the trace has several.
+const stampOf = time => (whole.hasDates ? dateOf(time) + ' ' : '') + clockOf(time);
+
 const counted = (n, one) => `${n.toLocaleString('en')} ${one}${n === 1 ? '' : 's'}`;
 
 const nameOf = lane =>
@@ -248,6 +251,10 @@ function drawLanes(context, width, height, ratio, firstRow, endRow) {
   const toX = time => Math.max(0, Math.min(width,
       Math.floor((time - view.from) / (view.to - view.from) * width)));
   const thick = Math.max(1, Math.round(ratio));
+  for (const {x} of ticks(width / ratio)) {
+    const at = Math.floor(Math.floor(x) * ratio);
+    fill(at, at + thick, 0, height, colours.rule.pixel);
+  }
   const full = Math.round((rowHeight - 4) * ratio);
   const marks = [colours.line.pixel, colours.warning.pixel, colours.error.pixel];
   for (let row = firstRow; row < endRow; ++row) {
@@ -265,7 +272,7 @@ function drawLanes(context, width, height, ratio, firstRow, endRow) {
       if (n !== 0) {
         // The same height for the same density, however large the trace is.
         const severity = bins.severities[bin];
-        const share = severity > 0 ? 1 : Math.min(1, (3 + Math.log2(n)) / 12);
+        const share = severity > 0 ? 1 : Math.min(1, (6 + Math.log2(n)) / 15);
         fill(x, x + (severity > 0 ? 2 * thick : thick), bottom - Math.round(full * share), bottom,
             marks[severity]);
       }
@@ -286,26 +293,33 @@ const steps = [...Array(7).keys()].flatMap(power => [1, 2, 5].map(n => n * 10 **
 
 function tickText(time, step) {
   const clock = clockOf(time);
-  return step >= 86400e6 ? dateOf(time)
+  return time % 86400e6 === 0 ? dateOf(time)
        : step >= 60e6 ? clock.slice(0, 5)
        : step >= 1e6 ? clock.slice(0, 8)
        : step >= 1e3 ? clock.slice(0, 12)
                      : clock;
 }
 
-function drawAxis(context, width, height) {
+/// The grid of the axis: where it has a line, by pixels from the left of the lanes, and the text.
+function ticks(width) {
   const span = view.to - view.from;
   const step = steps.find(step => width * step / span >= 110) ?? steps.at(-1);
+  const found = [];
+  for (let time = Math.ceil(view.from / step) * step; time < view.to; time += step) {
+    found.push({x: (time - view.from) / span * width, text: tickText(time, step)});
+  }
+  return found;
+}
+
+function drawAxis(context, width) {
   context.fillStyle = colours.quiet.text;
   context.fillText(dateOf(view.from), 8, axis / 2);
-  for (let time = Math.ceil(view.from / step) * step; time < view.to; time += step) {
-    const x = gutter + (time - view.from) / span * width;
+  for (const {x, text} of ticks(width)) {
     context.fillStyle = colours.rule.text;
-    context.fillRect(x, axis - 5, 1, height);
+    context.fillRect(gutter + Math.floor(x), axis - 5, 1, 5);
     context.fillStyle = colours.quiet.text;
-    const text = tickText(time, step);
-    if (x + 4 + context.measureText(text).width <= gutter + width) {
-      context.fillText(text, x + 4, axis / 2);
+    if (x + 4 + context.measureText(text).width <= width) {
+      context.fillText(text, gutter + x + 4, axis / 2);
     }
   }
 }
@@ -317,7 +331,8 @@ function drawNames(context, firstRow, endRow) {
     context.fillStyle = process === undefined ? colours.text.text : colours.quiet.text;
     context.font = `${process === undefined ? '' : 'bold '}12px system-ui, sans-serif`;
     if (process !== undefined) {
-      context.fillText(process, 8, y, gutter - 14);
+      // Also over the timeline, where its row has no lines.
+      context.fillText(process, 8, y);
     } else {
       context.fillText(lanes[lane].thread || '(no thread)', 18, y, gutter - 24);
     }
@@ -361,7 +376,7 @@ function draw() {
   context.scale(ratio, ratio);
   context.textBaseline = 'middle';
   context.font = '12px system-ui, sans-serif';
-  drawAxis(context, width, height);
+  drawAxis(context, width);
   drawChosen(context, width, height);
   drawNames(context, firstRow, endRow);
   drawScrollMark(context, height);
@@ -399,7 +414,9 @@ const showAll = () => show(whole.from, whole.to, 0);
 
 function tellSpan() {
   const {first, end} = visible();
-  byId('span').textContent = `${dateOf(view.from)} ${clockOf(view.from)} – ${clockOf(view.to)}, ` +
+  const date = dateOf(view.from), lastDate = dateOf(view.to);
+  const last = (date === lastDate ? '' : lastDate + ' ') + clockOf(view.to);
+  byId('span').textContent = `${date} ${clockOf(view.from)} – ${last}, ` +
       `${lengthOf(view.to - view.from)}, ${counted(end - first, 'line')}`;
 }
 
@@ -446,7 +463,7 @@ function makeRow(rank, {first, end}, top) {
   row.style.top = top + 'px';
   const stamp = document.createElement('span'), lane = document.createElement('span');
   stamp.className = 'stamp';
-  stamp.textContent = clockOf(columns.time[line]) + ' ';
+  stamp.textContent = stampOf(columns.time[line]) + ' ';
   lane.className = 'lane';
   lane.textContent = nameOf(lanes[columns.lane[line]]).padEnd(lanes.width) + ' ';
   row.append(stamp, lane);
@@ -771,7 +788,8 @@ async function start() {
   if (count > 0) {
     const first = timeAt(0), last = timeAt(count - 1);
     const margin = Math.max(500, (last - first) * 0.01);
-    Object.assign(whole, {from: first - margin, to: last + margin});
+    const hasDates = dateOf(first) !== dateOf(last);
+    Object.assign(whole, {from: first - margin, to: last + margin, hasDates});
   }
   lanes.width = lanes.reduce((width, lane) => Math.max(width, nameOf(lane).length), 0);
   byId('search').disabled = count === 0;
