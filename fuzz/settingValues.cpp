@@ -158,10 +158,9 @@ struct Item {
 };
 
 std::vector<std::string> namesOf(const std::vector<Item>& items) {
-  std::vector<std::string> names;
-  for (const Item& item : items) {
-    names.push_back(item.name);
-  }
+  std::vector<std::string> names(items.size());
+  std::transform(items.begin(), items.end(), names.begin(),
+                 [](const Item& item) { return item.name; });
   return names;
 }
 

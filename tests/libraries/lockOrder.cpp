@@ -299,9 +299,9 @@ void sayKind(unsigned number) noexcept {
 
 // The way from one kind to another over the orders seen.
 struct Way {
-  bool isVisited[mostKinds];
-  unsigned kinds[mostKinds];
-  unsigned length;
+  bool isVisited[mostKinds] = {};
+  unsigned kinds[mostKinds] = {};
+  unsigned length = 0;
 
   bool find(unsigned from, unsigned to) noexcept {
     kinds[length++] = from;

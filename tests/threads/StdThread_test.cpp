@@ -251,7 +251,8 @@ CUL_STAND_IN(int, pthread_attr_init, (pthread_attr_t * attributes), noexcept, at
 CUL_STAND_IN(int, pthread_attr_setdetachstate, (pthread_attr_t * attributes, int state), noexcept,
              attributes, state)
 CUL_STAND_IN(int, pthread_attr_setsigmask_np,
-             (pthread_attr_t * attributes, const sigset_t* blocked), noexcept, attributes, blocked)
+             (pthread_attr_t * attributes, const sigset_t* blocked), CUL_NOTHING, attributes,
+             blocked)
 
 TEST(StdThread, AFailedAttributeThrowsAndLeavesTheObjectUnstarted) {
   std::atomic<bool> hasRun = false;

@@ -357,6 +357,9 @@ constexpr MayTell noThread = {empty,
 constexpr MayTell noEvent = {empty, "pthread_cond_init pthread_cond_wait pthread_cond_broadcast"};
 // What has nobody to tell.
 constexpr MayTell noPost = {"ended 99", "pthread_cond_broadcast"};
+// Nor has the timer's thread, or another one that has just begun, when memory is out.
+constexpr MayTell noMemory = {"ended 99", "malloc"};
+constexpr MayTell noMemoryLater = {"told \"done\" and then ended 99", "malloc"};
 
 const Workload workloads[] = {
     {"threads", startAThread, -1, {noThread}},
@@ -377,18 +380,23 @@ const Workload workloads[] = {
     {"register of threads", keepARegister},
     {"locks", lockAndUnlock},
     {"read and write locks", readAndWrite},
-    {"events", postAnEvent, -1, {noEvent}},
+    {"events", postAnEvent, -1, {noMemory, noMemoryLater, noEvent}},
     // The timer's thread has nobody to tell.
-    {"timed waits", waitWithALimit, -1, {noThread, noEvent, noPost}},
+    {"timed waits", waitWithALimit, -1, {noMemory, noMemoryLater, noThread, noEvent, noPost}},
     {"timer",
      useTheTimer,
      -1,
-     {noThread, noEvent, noPost, {"other: pending.count()...", "gettimeofday"}}},
-    {"another timer", makeATimer, -1, {noThread}},
-    {"workers", runAWorker, -1, {noThread, noEvent, noPost}},
-    {"making workers", makeAWorker, -1, {noEvent}},
-    {"manager", manageThreads, -1, {noThread, noEvent, noPost}},
-    {"handles", keepHandles, -1, {noThread, noEvent, noPost}},
+     {noMemory,
+      noMemoryLater,
+      noThread,
+      noEvent,
+      noPost,
+      {"other: pending.count()...", "gettimeofday"}}},
+    {"another timer", makeATimer, -1, {noMemory, noMemoryLater, noThread}},
+    {"workers", runAWorker, -1, {noMemory, noMemoryLater, noThread, noEvent, noPost}},
+    {"making workers", makeAWorker, -1, {noMemory, noMemoryLater, noEvent}},
+    {"manager", manageThreads, -1, {noMemory, noMemoryLater, noThread, noEvent, noPost}},
+    {"handles", keepHandles, -1, {noMemory, noMemoryLater, noThread, noEvent, noPost}},
     {"names of signals", nameSignals, -1, {{"other: registerHandlerForSignal...", "sigaction"}}},
     {"signal", receiveASignal, 99},
     {"fault", fault, 99},
