@@ -158,7 +158,8 @@ void checkForms(const FileName& name, const std::string& text) {
   const CharString wide = wideText(text);
   const FileName fromWide(wide);
   FUZZ_CHECK(bytesOf(fromWide) == bytesOf(wide));
-  FUZZ_CHECK(!utf8Text(text).isValid() || fromWide.extension() == name.extension());
+  // Characters that are encoded in more bytes than they need come back in the fewest.
+  FUZZ_CHECK(bytesOf(wide) != text || fromWide.extension() == name.extension());
   const wchar_t* const values = wide;
   FUZZ_CHECK(bytesOf(FileName(values)) == bytesOf(CharString(values)));
 }

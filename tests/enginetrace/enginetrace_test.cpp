@@ -385,12 +385,13 @@ TEST_F(Reader, ShowsNothingOfAnEmptyTrace) {
 
 TEST_F(Reader, EndsQuietlyWhenNobodyReadsOn) {
   std::ofstream stream(file_, std::ios::app);
-  for (int i = 0; i < 20'000; ++i) {
+  for (int i = 0; i < 100'000; ++i) {  // Much more than a pipe takes.
     stream << five;
   }
   stream.close();
   setWritten(file_, 12, 10, 5);
   for (const char* options : {"", "--date", "--json", "--summary", "--trace-event"}) {
+    SCOPED_TRACE(options);
     const ChildResult r = runProgram(
         {"/bin/bash", "-c",
          std::string(reader) + " " + options + " " + file_ + " | true; echo ${PIPESTATUS[0]}"});

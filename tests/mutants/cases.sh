@@ -38,7 +38,7 @@ make_tree() {
 
 # Where a container gives no name spaces, and what is tried harms nobody.
 guard=()
-unshare --map-root-user --mount --pid --fork true 2>/dev/null || guard=(--unguarded)
+unshare --map-root-user --mount --pid --fork --mount-proc true 2>/dev/null || guard=(--unguarded)
 
 # mutants option...: what it reports is in "report".
 mutants() {
@@ -90,6 +90,29 @@ survived: Engine/utilities/Small.cpp:4:15 limited (constant)
   make_tree "" "${LIMITED[@]}"
   mutants --again "${guard[@]}" || fail "a mutant survives"
   expect_equal "tried again" 1 "$(grep -c ' of 1: 1 killed$' "$folder/progress")"
+
+  write tests/mutants/kept "Engine/utilities/Small.cpp limited" "  if (value > 7) {" \
+    "  if (value >= 7) {" "  because nobody asks" "" "Engine/utilities/Small.cpp limited" \
+    "  if (value > 6) {" "  if (value >= 6) {" "  because nobody asked"
+  ! mutants --report || fail "a reason is of no mutant"
+  expect_equal "reasons of no mutant" "kept, but no mutant: Engine/utilities/Small.cpp limited
+  if (value > 6) {
+  if (value >= 6) {" "$(grep -A 2 'no mutant' "$folder/report")"
+}
+
+ATestThatFailsByItselfKillsNoMutant() {
+  TESTS=("#include <filesystem>"
+    "TEST(Small, IsLimited) {"
+    "  EXPECT_EQ(limited(100), 9);"
+    "  EXPECT_FALSE(std::filesystem::exists(\"$tree/trouble\"));"
+    "}")
+  make_tree "${LIMITED[@]}"
+  mutants --sample 0 "${guard[@]}" || fail "the test does not pass"
+  write trouble ""
+  ! mutants "${guard[@]}" || fail "nothing went wrong"
+  expect_equal told "script/mutants: Small.IsLimited fails without a mutant, too" \
+    "$(tail -n 1 "$folder/progress")"
+  expect_equal "mutants that were killed" "" "$(grep killed "$tree/build/mutants/results/results" || true)"
 }
 
 AResultIsForgottenWithItsFunctionOrTest() {
@@ -117,13 +140,17 @@ AResultIsForgottenWithItsFunctionOrTest() {
 
 AMutantReachesNoProcessAndNoFileOfTheMachine() {
   : >"$folder/file"
+  elsewhere=$(mktemp /var/tmp/cul.XXXXXX)
   sleep 1000 &
-  local process=$!
+  process=$!
+  trap 'kill "$process" || true; rm -rf "$folder" "$elsewhere"' EXIT
   TESTS=("TEST(Small, HarmsNobody) { EXPECT_EQ(limited(3), 3); }")
   make_tree "#include <signal.h>" "#include <unistd.h>" \
     "int limited(int value) {" \
     "  if (value == 4) {" \
     "    unlink(\"$folder/file\");" \
+    "    unlink(\"$tree/CMakeLists.txt\");" \
+    "    unlink(\"$elsewhere\");" \
     "    kill($process, SIGKILL);" \
     "  }" \
     "  return value;" \
@@ -135,8 +162,10 @@ AMutantReachesNoProcessAndNoFileOfTheMachine() {
     ! mutants || fail "tried without name spaces"
     grep -q "cannot make name spaces" "$folder/progress" || fail "it does not say why"
   fi
-  kill "$process" || fail "the process was ended"
+  kill -0 "$process" || fail "the process was ended"
   [ -e "$folder/file" ] || fail "the file was deleted"
+  [ -e "$tree/CMakeLists.txt" ] || fail "a source was deleted"
+  [ -e "$elsewhere" ] || fail "a file elsewhere was deleted"
 }
 
 "$1"

@@ -631,20 +631,22 @@ CUL_FALLIBLE(int, pthread_attr_setsigmask_np,
              attributes, signals)
 
 // A mutex that was never initialised by a call is that of a std::mutex: none of its kind can fail.
-// Marked by its address; few of a program's share a place.
-static constinit std::atomic<bool> isInitialised[1U << 16U] = {};
-static std::atomic<bool>& markOf(const pthread_mutex_t* mutex) {
-  return isInitialised[reinterpret_cast<std::size_t>(mutex) / 8 % std::size(isInitialised)];
-}
-
+// Others are of a kind of their own, which does the same.
 CUL_DEFINE_STAND_IN(int, pthread_mutex_init, (pthread_mutex_t*, const pthread_mutexattr_t*))
 CUL_ENROLL(pthread_mutex_init, (EAGAIN, EBUSY, EINVAL, ENOMEM, EPERM))
 extern "C" int pthread_mutex_init(pthread_mutex_t* mutex,
                                   const pthread_mutexattr_t* kind) noexcept {
-  markOf(mutex) = true;
   int error = 0;
-  return failsCall(pthread_mutex_initNumber, error) ? error
-                                                    : pthread_mutex_initStandIn.real(mutex, kind);
+  if (failsCall(pthread_mutex_initNumber, error)) {
+    return error;
+  }
+  pthread_mutexattr_t own;
+  pthread_mutexattr_init(&own);
+  pthread_mutexattr_settype(&own, PTHREAD_MUTEX_ADAPTIVE_NP);
+  return pthread_mutex_initStandIn.real(mutex, kind == nullptr ? &own : kind);
+}
+static bool canFail(const pthread_mutex_t& mutex) {
+  return mutex.__data.__kind != PTHREAD_MUTEX_TIMED_NP;
 }
 CUL_RELEASING(int, pthread_mutex_destroy, (pthread_mutex_t * mutex), noexcept, error,
               (EBUSY, EINVAL), mutex)
@@ -655,7 +657,7 @@ CUL_ENROLL(pthread_mutex_lock, (EAGAIN, EDEADLK, EINVAL))
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   const int result = pthread_mutex_lockStandIn.real(mutex);
   int error = 0;
-  return markOf(mutex) && failsCall(pthread_mutex_lockNumber, error) ? error : result;
+  return canFail(*mutex) && failsCall(pthread_mutex_lockNumber, error) ? error : result;
 }
 CUL_RELEASING(int, pthread_mutex_unlock, (pthread_mutex_t * mutex), noexcept, error,
               (EAGAIN, EINVAL, EPERM), mutex)

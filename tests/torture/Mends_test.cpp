@@ -1,6 +1,9 @@
+#include <cstddef>
 #include <cstdlib>
 #include <memory>
+#include <mutex>
 #include <new>
+#include <pthread.h>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -95,6 +98,27 @@ const Workload starting = {.name = "starting a thread", .work = [] {
                            }};
 
 }  // namespace
+
+TEST_F(Mends, AStandardMutexDoesNotFailWhereAnotherOneHasBeenOrHasNearlyItsAddress) {
+  const Workload work = {.name = "std::mutex", .work = [] {
+                           constexpr std::size_t distance = std::size_t{512} * 1024;
+                           const std::vector<std::byte> room(distance + 2 * sizeof(std::mutex));
+                           void* place = const_cast<std::byte*>(room.data());
+                           pthread_mutex_init(static_cast<pthread_mutex_t*>(place), nullptr);
+                           void* const far = static_cast<std::byte*>(place) + distance;
+                           const std::lock_guard nearly(*new (far) std::mutex);
+                           pthread_mutex_destroy(static_cast<pthread_mutex_t*>(place));
+                           const std::lock_guard same(*new (place) std::mutex);
+                         }};
+  const Outcome healthy = runOne({.work = &work});
+  EXPECT_EQ(healthy.told, "done");
+  std::vector<std::string> made;
+  for (unsigned i = 0; i < healthy.count.calls; ++i) {
+    made.emplace_back(fallibleCalls()[healthy.count.made[i]].name);
+  }
+  EXPECT_THAT(made, testing::Contains("pthread_mutex_destroy"));
+  EXPECT_THAT(made, testing::Not(testing::Contains("pthread_mutex_lock")));
+}
 
 TEST_F(Mends, AProcessThatExitsWithoutMemoryKeepsItsStatus) {
   EXPECT_THAT(problemsOf({.name = "exit",
