@@ -469,8 +469,8 @@ std::string nameOf(const Run& run) {
   return name;
 }
 
-void runAll(const std::vector<Run>& runs, const std::function<void(const Run&, Outcome&)>& take) {
-  constexpr std::size_t atATime = 4;
+void runAll(const std::vector<Run>& runs, unsigned atATime,
+            const std::function<void(const Run&, Outcome&)>& take) {
   std::vector<std::unique_ptr<Child>> children;
   auto next = runs.begin();
   while (next != runs.end() || !children.empty()) {
@@ -496,7 +496,7 @@ void runAll(const std::vector<Run>& runs, const std::function<void(const Run&, O
 
 Outcome runOne(const Run& run) {
   Outcome result;
-  runAll({run}, [&](const Run&, Outcome& outcome) { result = std::move(outcome); });
+  runAll({run}, 1, [&](const Run&, Outcome& outcome) { result = std::move(outcome); });
   return result;
 }
 
@@ -603,7 +603,7 @@ Findings torture(const Workload& work, Fault::Kind kind, const Thoroughness& tho
       }
     }
   }
-  runAll(healthyRuns, [&](const Run& run, Outcome& outcome) {
+  runAll(healthyRuns, thoroughness.atATime, [&](const Run& run, Outcome& outcome) {
     const std::string wanted = work.ends < 0 ? "done" : "ended " + std::to_string(work.ends);
     if (!outcome.problem.empty() || outcome.told != wanted) {
       findings.problems.push_back(nameOf(run) + ": told \"" + outcome.told + "\" " +
@@ -624,7 +624,7 @@ Findings torture(const Workload& work, Fault::Kind kind, const Thoroughness& tho
   for (std::size_t i = thoroughness.seed % share; i < runs.size(); i += share) {
     chosen.push_back(runs[i]);
   }
-  runAll(chosen, [&](const Run& run, Outcome& outcome) {
+  runAll(chosen, thoroughness.atATime, [&](const Run& run, Outcome& outcome) {
     ++findings.runs;
     findings.failures += outcome.count.failed != 0 ? 1 : 0;
     const std::string wrong = judge(run, outcome, healthyOutcomes[keyOf(run)]);

@@ -79,8 +79,9 @@ struct Outcome {
 /// The name of a run, for reports.
 std::string nameOf(const Run& run);
 
-/// Runs them, some at a time, and hands each outcome on as it comes.
-void runAll(const std::vector<Run>& runs, const std::function<void(const Run&, Outcome&)>& take);
+/// Runs them, so many at a time, and hands each outcome on as it comes.
+void runAll(const std::vector<Run>& runs, unsigned atATime,
+            const std::function<void(const Run&, Outcome&)>& take);
 
 /// The same for one.
 Outcome runOne(const Run& run);
@@ -98,6 +99,7 @@ struct Thoroughness {
   unsigned seed = 0;                    ///< Which.
   std::optional<unsigned> number = {};  ///< Only the allocation or call with this number.
   std::optional<unsigned> error = {};   ///< Only this one of a call's errors, by its place.
+  unsigned atATime = 4;                 ///< Most of them wait for something.
 };
 
 /// What was found.

@@ -35,6 +35,7 @@ unsigned number(std::string_view text) {
 
 Thoroughness thoroughnessOf(int argc, char** argv) {
   Thoroughness thoroughness;
+  thoroughness.atATime = 16;
   if (argc > 3 && argv[3] == std::string_view("number")) {
     if (argc < 5 || argc > 6) {
       throw BadUsage("which number, and then at most an error");
