@@ -284,6 +284,17 @@ std::string contentsOfFile(int file) {
   return text;
 }
 
+// What the threads of a process are at: the state, and the system call with its arguments.
+std::string threadsOf(pid_t process) {
+  std::string text;
+  const std::string tasks = "/proc/" + std::to_string(process) + "/task";
+  std::error_code ignored;
+  for (const auto& task : std::filesystem::directory_iterator(tasks, ignored)) {
+    text += contentsOf(task.path() / "stat") + contentsOf(task.path() / "syscall");
+  }
+  return text;
+}
+
 // Where the order of locks is watched: a lock that fails is not released.
 void watchNoLocks() {
   if (void* const stop = dlsym(RTLD_DEFAULT, "watchNoLocks"); stop != nullptr) {
@@ -344,17 +355,19 @@ class Child {
 
   // \param isHung it is killed then.
   Outcome take(bool isHung) {
+    Outcome outcome;
     if (isHung) {
+      outcome.output = std::string("again \"") + report_->again + "\", on another thread \"" +
+                       report_->other + "\"\n" + threadsOf(process_);
       kill(process_, SIGKILL);
     }
     int status = 0;
     waitpid(process_, &status, 0);
     process_ = -1;
-    Outcome outcome;
     outcome.count = report_->count;
     outcome.holds = report_->holds;
     outcome.isOver = report_->isOver;
-    outcome.output = contentsOfFile(output_);
+    outcome.output += contentsOfFile(output_);
     outcome.told = report_->told;
     if (run_->trace == Trace::file) {
       outcome.trace = contentsOf(traceFile(folder_));
