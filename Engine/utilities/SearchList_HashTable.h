@@ -188,7 +188,10 @@ bool SearchList_HashTable<Element, Key>::remove(const Key& key) {
   }
   const unsigned int bucket = bucketOf(key);
   const Node* const node = nodeIn(bucket, key);
-  return node != nullptr && removeNode(bucket, node);
+  if (node == nullptr) {
+    return false;
+  }
+  return removeNode(bucket, node);
 }
 
 template <class Element, class Key>

@@ -108,9 +108,7 @@ pthread_t StdThreadRun::start(StdThread* thread) {
   if (!attributes.areThere()) {
     throw StdException(sourceFile, 169_place, -1);
   }
-  if (thread->stackSize_ != 0) {
-    pthread_attr_setstacksize(attributes.get(), thread->stackSize_);
-  }
+  pthread_attr_setstacksize(attributes.get(), thread->stackSize_);
   pthread_attr_setscope(attributes.get(), PTHREAD_SCOPE_SYSTEM);
   // A request that is there before the entry function has said whose thread it runs on would
   // be taken for one to "main". The entry function unblocks all signals.
