@@ -72,7 +72,8 @@ class CUL_EXPORT StdPipe {
   ///         is as it was, or has the first byte when the second step fails. The end, which is
   ///         non-blocking during that step, may stay so until the next read().
   /// \throws std::bad_alloc when there is no memory for `maximum` bytes; the first byte, which
-  ///         has been taken, is in `out`.
+  ///         has been taken, is in `out`. Nor are the bytes of the second step kept when there
+  ///         is none for the text of both.
   int read(ByteString& out, unsigned int maximum) const;
 
   /// \name Handles
