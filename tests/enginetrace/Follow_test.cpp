@@ -174,11 +174,16 @@ TEST_F(FollowedRing, IsInOrderAndWholeHoweverFastItIsWritten) {
   const std::string written = reader.written();
   EXPECT_EQ(faultIn(written), "");
   const bool isComplete = numbersIn(written) == numbersFrom(0, 60'000);
-  const std::string missed =
-      said("lines were written over before they could be shown: " + ring_, "\r\n");
   const std::string told = reader.end();
   EXPECT_EQ(told.empty(), isComplete) << told;
-  EXPECT_EQ(told.find_first_not_of(missed), std::string::npos) << told;
+  // The seam is told of by a reader that comes too late for the first pass.
+  std::istringstream lines(told);
+  for (std::string line; std::getline(lines, line);) {
+    EXPECT_THAT(
+        line,
+        testing::AnyOf(said("lines were written over before they could be shown: " + ring_, "\r"),
+                       said("lines left out because the ring's seam has cut them: 1", "\r")));
+  }
 }
 
 TEST_F(FollowedRing, IsInOrderAndWholeWhenItIsReadWhileItIsWritten) {
