@@ -3,10 +3,11 @@
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdlib.h>
 #include <string>
 #include <system_error>
+#include <utility>
 
 /// \file
 /// Files and folders of tests, benchmarks and fuzzers.
@@ -38,8 +39,10 @@ class TemporaryFolder {
 
 /// The whole of a file; empty when it cannot be read.
 inline std::string contentsOf(const std::string& file) {
-  std::ifstream stream(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+  const std::ifstream stream(file, std::ios::binary);
+  std::ostringstream contents;
+  contents << stream.rdbuf();
+  return std::move(contents).str();
 }
 
 /// Makes or replaces a file.
