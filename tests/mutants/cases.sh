@@ -33,7 +33,7 @@ make_tree() {
     'target_include_directories(cul PUBLIC ${PROJECT_SOURCE_DIR})' \
     'set_target_properties(cul PROPERTIES SOVERSION 1 VERSION 1.0.0)' \
     'add_executable(strings_test tests/strings/Small_test.cpp)' \
-    'target_link_libraries(strings_test cul GTest::gtest_main)'
+    'target_link_libraries(strings_test cul GTest::gtest_main)' "${BUILD[@]}"
 }
 
 # Where a container gives no name spaces, and what is tried harms nobody.
@@ -51,6 +51,7 @@ outcomes() {
   sort -t : -k 2n -k 3n "$tree/build/mutants/results/results" | cut -f 3,7 | tr '\t' ' '
 }
 
+BUILD=()
 LIMITED=(
   "int limited(int value) {"
   "  const int unused = 3;"
@@ -113,6 +114,18 @@ ATestThatFailsByItselfKillsNoMutant() {
   expect_equal told "script/mutants: Small.IsLimited fails without a mutant, too" \
     "$(tail -n 1 "$folder/progress")"
   expect_equal "mutants that were killed" "" "$(grep killed "$tree/build/mutants/results/results" || true)"
+}
+
+AMutantFindsWhatLiesBesideTheLibrary() {
+  write beside.cpp "int beside;"
+  BUILD=('add_library(beside MODULE beside.cpp)' 'add_dependencies(cul beside)'
+    'set_target_properties(cul PROPERTIES BUILD_RPATH "$ORIGIN")')
+  TESTS=("TEST(Small, IsLimited) { EXPECT_EQ(limited(3), 3); }")
+  make_tree "#include <dlfcn.h>" "int limited(int value) {" \
+    '  return dlopen("libbeside.so", RTLD_NOW) == nullptr ? 0 : value;' "}"
+  ! mutants "${guard[@]}" || fail "nothing survived"
+  expect_equal outcomes "comparison killed
+constant survived" "$(outcomes)"
 }
 
 AResultIsForgottenWithItsFunctionOrTest() {
