@@ -582,6 +582,7 @@ TEST(DebuggerParameters, TakesDoubleQuotesOff) {
 TEST(DebuggerParameters, DropsABackslashInFrontOfADoubleQuote) {
   EXPECT_EQ(unquoted(R"(a\"b)"), "a\"b");
   EXPECT_EQ(unquoted(R"("a\"b")"), "a\"b");
+  EXPECT_EQ(unquoted(R"(a\")"), "a\"");
   // The quote behind a backslash opens nothing, so the pair below stays as it is.
   EXPECT_EQ(unquoted(R"(\"a\\b)"), R"("a\\b)");
   EXPECT_EQ(unquoted(R"("\"a\\b")"), R"("a\b)");
@@ -630,8 +631,9 @@ CUL_CHILD(ParametersInstance) {
 }
 
 TEST(DebuggerParameters, AreMadeByTheFirstCallOnly) {
-  const ChildResult r = runChild("ParametersInstance");
-  EXPECT_EQ(r.status, 0) << r.out << r.err;
+  const TracedChildResult r = runTracedChild("ParametersInstance");
+  EXPECT_EQ(r.child.status, 0) << r.child.out << r.child.err;
+  EXPECT_THAT(r.trace, Not(HasSubstr("**ERROR")));
 }
 
 CUL_CHILD(ParametersInstanceOfType) {
