@@ -381,6 +381,12 @@ TEST_F(ListSort, SortsWhatIsOnlyPartlyOrderedThoughTwoElementsFarApartGoUncompar
                        compareBoth);
 }
 
+TEST_F(ListSort, SortsWhatIsOnlyPartlyOrderedThoughSomeThatHaveChangedPlacesAreNotGreater) {
+  expectWhatPassesMake(numbered({10010, 5050, 5050, 20060, 30040, 15070, 20060, 20060, 5050, 5050,
+                                 5050, 5050, 5050, 5050, 5050, 15070, 10010}),
+                       compareBoth);
+}
+
 TEST_F(ListSort, SortsManyElementsThatAreNearlyAllInAnOrder) {
   for (int round = 0; round < 20; ++round) {
     std::vector<int> keys;
