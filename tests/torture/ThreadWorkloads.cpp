@@ -102,9 +102,9 @@ void askAThreadToEnd() {
       },
       &termination);
   thread->start_thread(0);
-  while (!isAsleep) {
-    StdThread::thread_yield();
-  }
+  do {
+    StdThread::thread_yield();  // No other work does.
+  } while (!isAsleep);
   int result = thread->requestTerminate();
   if (result != 0) {
     static_cast<void>(thread->requestTerminate());
