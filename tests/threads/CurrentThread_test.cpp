@@ -23,9 +23,6 @@
 
 namespace {
 
-// The first call belongs to the main thread, whichever test comes first.
-[[maybe_unused]] const StdThread* const mainObject = StdThread::thread1();
-
 // Does on its thread what it is told, one thing after the other.
 class Obedient {
  public:

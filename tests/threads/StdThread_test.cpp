@@ -28,8 +28,14 @@
 
 namespace {
 
-// The first call belongs to the main thread, whichever test comes first.
-[[maybe_unused]] const StdThread* const mainObject = StdThread::thread1();
+// The first call belongs to the main thread, whichever test of this program comes first. Children
+// begin without the object.
+class MainObject : public testing::Environment {
+ public:
+  void SetUp() override { EXPECT_NE(StdThread::thread1(), nullptr); }
+};
+[[maybe_unused]] const testing::Environment* const mainObject =
+    testing::AddGlobalTestEnvironment(new MainObject);
 
 std::string nameOf(const StdThread& thread) {
   const unsigned char* name = thread.name();

@@ -27,6 +27,7 @@
 #include "Engine/utilities/TraceFlags.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/Famine.h"
 #include "tests/support/StandIn.h"
 #include "tests/support/WaitUntil.h"
 #include "tests/threads/SignalSupport.h"
@@ -319,6 +320,21 @@ TEST(CUL_SignalHandler, TakesTheMainObjectForAThreadThatTheLibraryDidNotMake) {
       << child.all();
   EXPECT_EQ(child.count(std::string(place) + "(73): No recovery possible"), 1) << child.all();
 }
+
+// The sanitizers' allocators end the process without memory.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+CUL_CHILD(AbortWithoutMemory) {
+  std::set_new_handler(nullptr);
+  const Famine famine;
+  std::abort();
+}
+
+TEST(CUL_SignalHandler, EndsTheProcessWithStatus99WithoutMemoryForTheThreadsObject) {
+  const ChildResult child = untracedChild("AbortWithoutMemory");
+  EXPECT_EQ(child.status, 99);
+  EXPECT_EQ(child.err, "");
+}
+#endif
 
 CUL_CHILD(SigpipeInTheHandler) {
   CUL_TRACE(TraceType::error, "test", 1, "there is a trace");

@@ -229,6 +229,16 @@ void report(int signal, const siginfo_t& info) {
   }
 }
 
+// Null when there is no memory for the object of a thread that has none yet: an exception from a
+// handler would end the process as one that nobody catches does.
+StdThread* currentThreadIfPossible() noexcept {
+  try {
+    return StdThread::currentThread();
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
+
 // What would have to be allocated, found or loaded in a handler otherwise.
 __attribute__((constructor)) void prepareForFaults() {
   void* address = nullptr;
@@ -308,7 +318,7 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
     }
     report(signal, information);
   }
-  StdThread* thread = StdThread::currentThread();
+  StdThread* thread = currentThreadIfPossible();
   if (thread != nullptr) {
     CUL_TRACE(TraceType::error, sourceFile, 71_place, "Attempting longjmp recovery");
     // Without a recovery a second signal must not disturb the end of the process.
@@ -323,7 +333,7 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
     thread->longjmp(signal, 0);
     CUL_TRACE(TraceType::error, sourceFile, 73_place, "No recovery possible");
   } else {
-    // Every thread has an object today; the text is kept (docs/contract.md).
+    // A process that traces has an object for its threads; the text is kept (docs/contract.md).
     CUL_TRACE(TraceType::error, sourceFile, 68_place, "Not on recoverable thread");
   }
   --handlersEntered;
