@@ -485,9 +485,6 @@ SignalSets signalSetsOfPeer() {
 }  // namespace
 
 CUL_CHILD(SpawnWithSignals) {
-  // A shell has what it runs in the background ignore them.
-  signal(SIGINT, SIG_DFL);
-  signal(SIGQUIT, SIG_DFL);
   EXPECT_EQ(signalSetsOfSpawned(), signalSetsOfPeer());
   const std::string none(16, '0');
   EXPECT_EQ(signalSetsOfSpawned(),

@@ -1,3 +1,4 @@
+#include <signal.h>
 #include <stdlib.h>
 #include <string.h>
 #include <string>
@@ -25,6 +26,10 @@ void forgetTheCallersSettings() {
   }
   for (const std::string& name : names) {
     unsetenv(name.c_str());
+  }
+  // A shell has what it runs in the background ignore some signals, and so has nohup.
+  for (const int number : {SIGHUP, SIGINT, SIGQUIT}) {
+    signal(number, SIG_DFL);
   }
 }
 
