@@ -17,6 +17,9 @@
 // NOLINTNEXTLINE(readability-identifier-naming): of libgcov, whose header only g++ has
 extern "C" void __gcov_dump();
 
+// Called before a program's counters are written, when the program has it.
+extern "C" __attribute__((weak)) void countersAreWritten();
+
 namespace {
 
 using Exit = void (*)(int);
@@ -59,6 +62,9 @@ void allow(__rlimit_resource resource) {
 
 // Another user's process cannot write at all: libgcov would say so for each file.
 __attribute__((destructor(101))) void writeCounters() {
+  if (countersAreWritten != nullptr) {
+    countersAreWritten();
+  }
   std::signal(SIGXFSZ, SIG_IGN);
   allow(RLIMIT_FSIZE);
   allow(RLIMIT_NOFILE);

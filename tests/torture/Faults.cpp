@@ -158,6 +158,9 @@ void arm(const Fault& next, Count& count) {
 
 void disarm() { isArmed.store(false, std::memory_order_release); }
 
+// In builds for coverage, whose calls are none of the work.
+extern "C" void countersAreWritten() { disarm(); }
+
 Spared::Spared() : before_(isSpared) { isSpared = true; }
 Spared::~Spared() { isSpared = before_; }
 
