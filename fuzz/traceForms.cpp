@@ -14,6 +14,7 @@
 #include "programs/enginetrace/JsonWriter.h"
 #include "programs/enginetrace/LineBody.h"
 #include "programs/enginetrace/Options.h"
+#include "programs/enginetrace/PrintableText.h"
 #include "programs/enginetrace/Selection.h"
 #include "programs/enginetrace/Summary.h"
 #include "programs/enginetrace/TextWriter.h"
@@ -175,6 +176,14 @@ void trySummary(const std::vector<Made>& lines, const Asked& asked, const Proces
       });
 }
 
+// A name in a complaint stays on its line, and as it is when nothing in it is obeyed.
+void tryName(const std::string& name) {
+  const std::string shown = shownName(name);
+  checkForTerminal(shown, false);
+  FUZZ_CHECK(linesIn(shown + '\n') == 1);
+  FUZZ_CHECK((shown == name) == (isPrintable(name) && name.find('\n') == std::string::npos));
+}
+
 }  // namespace
 
 void setUpFuzzing() { setenv("TZ", "UTC0", 1); }
@@ -203,7 +212,9 @@ void fuzz(FuzzInput& input) {
   }
   const Process one = processOf(input.text());
   const Process other = processOf(input.text());
-  const std::vector<Made> lines = linesOf(input.rest(), one, other);
+  const std::string rest = input.rest();
+  tryName(rest);
+  const std::vector<Made> lines = linesOf(rest, one, other);
 
   switch (form) {
     case 0:
