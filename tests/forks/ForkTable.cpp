@@ -153,7 +153,6 @@ bool startAThread() {
   return termination.wait(0) == 0 && isRun;
 }
 
-#if !defined(__SANITIZE_THREAD__)
 class Sleeping : public StdThread {
  public:
   Sleeping(std::atomic<bool>& isRunning, Termination& termination)
@@ -182,8 +181,6 @@ bool askAThreadToEnd() {
   delete thread;
   return isAsked && isEnded;
 }
-
-#endif
 
 bool traceLines() {
   if (!isTraced(TraceType::error)) {
@@ -332,23 +329,20 @@ constexpr Deed deeds[] = {
     {"native", convertNatively},
     {"code pages", convertOtherCodePages},
     {"exceptions", throwAndCatch},
-    {"threads", startAThread, true},
-// The thread sanitizer keeps signals back while a thread waits, and with them requests to end.
-#if !defined(__SANITIZE_THREAD__)
-    {"requests", askAThreadToEnd, true},
-#endif
+    {"threads", startAThread},
+    {"requests", askAThreadToEnd},
     {"trace", traceLines},
-    {"timed waits", waitWithALimit, true},
+    {"timed waits", waitWithALimit},
     {"events", postAnEvent},
-    {"one event", waitForOneEvent, true},
-    {"workers", runAWorker, true},
-    {"manager", manageThreads, true},
+    {"one event", waitForOneEvent},
+    {"workers", runAWorker},
+    {"manager", manageThreads},
     {"settings", lookUpSettings},
     {"files", searchFiles},
     {"messages", getMessages},
     {"modules", findModules},
     {"EBCDIC", useEBCDICTables},
-    {"spawns", spawnAProcess, true},
+    {"spawns", spawnAProcess},
     {"time stamps", tellTheTime},
     {"forks", forkAgain},
 };

@@ -14,7 +14,6 @@ struct Deed {
   const char* name;
   /// Does it and looks at what comes out.
   bool (*isDone)();
-  bool startsThreads = false;  ///< In the process that does it.
 };
 
 /// The rows. Some are no deeds of the library: a program's own calls of the C library.

@@ -11,14 +11,7 @@
 
 namespace {
 
-// What is left of the table under the thread sanitizer: its children cannot start threads.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool canStartThreads = false;
-constexpr unsigned forks = 10;
-#else
-constexpr bool canStartThreads = true;
 constexpr unsigned forks = 50;
-#endif
 
 std::vector<std::string> namesOfParentDeeds() {
   std::vector<std::string> names;
@@ -44,7 +37,7 @@ CUL_CHILD(RowOfTheTable) {
   prepareForTable(childArguments()[1]);
   const Deed& parent = parentDeedNamed(childArguments()[0]);
   for (const Deed& child : childDeeds()) {
-    if (isPromised(parent, child) && (canStartThreads || !child.startsThreads)) {
+    if (isPromised(parent, child)) {
       const Outcome outcome = runPairing(parent, child, forks);
       EXPECT_EQ(outcome.forks, forks);
       EXPECT_EQ(outcome.hung, 0U) << child.name;

@@ -17,6 +17,7 @@
 
 #include "tests/requests/RequestWork.h"
 #include "tests/support/Child.h"
+#include "tests/support/Sanitized.h"
 #include "tests/threads/ThreadSupport.h"
 
 /// \file
@@ -25,7 +26,7 @@
 
 namespace {
 
-constexpr unsigned defaultRounds = 50;
+constexpr unsigned defaultRounds = isSanitized ? 10 : 50;
 constexpr auto limit = std::chrono::seconds(10);  // far beyond what is promised: a hung thread
 
 using Clock = std::chrono::steady_clock;

@@ -4,25 +4,17 @@
 
 #include "tests/soak/Work.h"
 #include "tests/support/Child.h"
+#include "tests/support/Sanitized.h"
 
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
 namespace {
 
-// The address sanitizer's allocator does not look after its locks when a busy process forks.
-#if defined(__SANITIZE_ADDRESS__)
-constexpr const char* allParts = "trace processes threads strings";
-#else
-constexpr const char* allParts = "trace processes threads forks consoles strings";
-#endif
-
-// Sanitizers do not see more for longer.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr const char* duration = "--seconds 10 ";
-#else
-constexpr const char* duration = "--seconds 25 ";
-#endif
+// The sanitizers' allocators do not look after their locks when a busy process forks.
+constexpr const char* shortForm =
+    isSanitized ? "--seconds 6 trace processes threads strings"
+                : "--seconds 25 trace processes threads forks consoles strings";
 
 ChildResult soak(const std::string& arguments, const std::string& before = {}) {
   return runProgram({"/bin/sh", "-c", before + "exec '" CUL_SOAK "' " + arguments},
@@ -30,7 +22,7 @@ ChildResult soak(const std::string& arguments, const std::string& before = {}) {
 }
 
 TEST(Soak, ForAWhileFindsNothingWrongAndNothingLeft) {
-  const ChildResult r = soak(std::string(duration) + allParts);
+  const ChildResult r = soak(shortForm);
   EXPECT_EQ(r.status, 0) << r.out << r.err;
   EXPECT_THAT(r.out, HasSubstr(" seconds: all well, nothing left behind\n"));
   EXPECT_THAT(r.out, ContainsRegex("\ntrace +[1-9][0-9]* +[0-9.]+ +0\n"));

@@ -28,6 +28,7 @@
 #include "Engine/utilities/signals.h"
 
 #include "tests/support/Child.h"
+#include "tests/support/Sanitized.h"
 #include "tests/support/StandIn.h"
 #include "tests/threads/SignalSupport.h"
 #include "tests/threads/ThreadSupport.h"
@@ -215,7 +216,7 @@ CUL_CHILD(EndingsThatMeet) {
 namespace {
 
 void expectThatEndingsMeet(bool isTraced) {
-  constexpr int rounds = 4;
+  constexpr int rounds = isSanitized ? 1 : 4;
   for (const Ending& one : endings) {
     for (const Ending* other = &one; other != std::end(endings); ++other) {
       if (one.place == Place::mainThread && other->place == Place::mainThread) {
@@ -685,7 +686,7 @@ TEST(ProcessEnd, HasStatus99WhenManyThreadsFaultAtOnce) {
   for (const char* threads : {"3", "6", "12"}) {
     for (const char* kind : {"StdThread", "std::thread"}) {
       ChildOptions options = withoutSanitizerHandlers();
-      options.arguments = {threads, kind, "50"};
+      options.arguments = {threads, kind, isSanitized ? "10" : "50"};
       const ChildResult child = runChild("FaultsAtOnce", options);
       EXPECT_EQ(child.status, 0) << child.out << child.err;
     }
