@@ -80,7 +80,8 @@ std::string expectedTarget(std::string path) {
     if (links == 40) {
       return "";
     }
-    path = target.starts_with('/') ? target : path.substr(0, path.rfind('/') + 1) + target;
+    path.resize(target.starts_with('/') ? 0 : path.rfind('/') + 1);
+    path += target;
   }
 }
 
@@ -109,13 +110,15 @@ void setUp(const std::string& name, const std::string& former, bool isInherited)
   const std::string expected = plain(ManageLIBPATH::executableLocation(name.c_str()));
   FUZZ_CHECK(!expected.empty() && folder == expected);
   std::free(folder);
-  const std::string now = std::getenv("LD_LIBRARY_PATH");
-  FUZZ_CHECK(now == (isInherited ? former : former.empty() ? expected : expected + ':' + former));
+  const char* const now = std::getenv("LD_LIBRARY_PATH");
+  FUZZ_CHECK(now != nullptr && now == (isInherited      ? former
+                                       : former.empty() ? expected
+                                                        : expected + ':' + former));
   FUZZ_CHECK(std::getenv(marker) == (isInherited ? "before" : former));
 }
 
 void checkSetUp(const std::string& name, const std::string& former, bool isInherited) {
-  const bool isFound = plain(ManageLIBPATH::executableLocation(name.c_str())) != "";
+  const bool isFound = !plain(ManageLIBPATH::executableLocation(name.c_str())).empty();
   const pid_t child = fork();
   FUZZ_CHECK(child >= 0);
   if (child == 0) {

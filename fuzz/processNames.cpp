@@ -188,6 +188,7 @@ std::vector<MadeUpEntry> kernelsEntries(const std::vector<std::string>& names, o
 // The entries of any other folder are where they are.
 std::vector<MadeUpEntry> anyEntries(const std::vector<std::string>& names) {
   std::vector<MadeUpEntry> result;
+  result.reserve(names.size());
   for (const std::string& name : names) {
     result.push_back({name, static_cast<off64_t>(result.size())});
   }

@@ -187,7 +187,7 @@ class EscapesReader : public IconvReader {
   std::wstring read(std::string_view piece, bool isLast) override {
     pending_ += IconvReader::read(piece, isLast);
     const std::size_t whole = isLast ? pending_.size() : openEscape(pending_);
-    const std::wstring result = withoutEscapes(std::wstring_view(pending_).substr(0, whole));
+    std::wstring result = withoutEscapes(std::wstring_view(pending_).substr(0, whole));
     pending_.erase(0, whole);
     return result;
   }

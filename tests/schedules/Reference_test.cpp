@@ -35,7 +35,7 @@ class Counted : public ReferenceCounted {
 };
 
 // What nobody runs.
-class Idle : public Runnable {
+class Idle final : public Runnable {
  public:
   int work() override {
     ++runs;

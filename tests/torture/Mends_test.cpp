@@ -149,7 +149,8 @@ TEST_F(Mends, SettingsThatCouldNotBeMadeASecondTimeAreStillTheFormerOnes) {
                         .work =
                             [] {
                               static DebuggerSettingsHKORV& settings = []() -> auto& {
-                                auto made = std::make_unique<DebuggerSettingsHKORV>();
+                                class Settings final : public DebuggerSettingsHKORV {};
+                                auto made = std::make_unique<Settings>();
                                 made->initialize();
                                 return *made.release();
                               }
