@@ -9,9 +9,7 @@ void Selection::write(const Line& line) {
   if (!filter_.isInTime(line)) {
     return;
   }
-  if (isFull() || !filter_.finds(line.whole)) {
-    pass(line);
-  } else if (++found_ <= limits_.skip) {
+  if (isFull() || !filter_.finds(line.whole) || ++found_ <= limits_.skip) {
     pass(line);
   } else {
     take(line);
