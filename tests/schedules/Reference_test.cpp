@@ -37,6 +37,7 @@ class Counted : public ReferenceCounted {
 // What nobody runs.
 class Idle final : public Runnable {
  public:
+  virtual ~Idle() = default;
   int work() override {
     ++runs;
     return 5;

@@ -149,7 +149,10 @@ TEST_F(Mends, SettingsThatCouldNotBeMadeASecondTimeAreStillTheFormerOnes) {
                         .work =
                             [] {
                               static DebuggerSettingsHKORV& settings = []() -> auto& {
-                                class Settings final : public DebuggerSettingsHKORV {};
+                                class Settings final : public DebuggerSettingsHKORV {
+                                 public:
+                                  virtual ~Settings() = default;
+                                };
                                 auto made = std::make_unique<Settings>();
                                 made->initialize();
                                 return *made.release();
