@@ -123,9 +123,13 @@ AMutantFindsWhatLiesBesideTheLibrary() {
   TESTS=("TEST(Small, IsLimited) { EXPECT_EQ(limited(3), 3); }")
   make_tree "#include <dlfcn.h>" "int limited(int value) {" \
     '  return dlopen("libbeside.so", RTLD_NOW) == nullptr ? 0 : value;' "}"
-  ! mutants "${guard[@]}" || fail "nothing survived"
-  expect_equal outcomes "comparison killed
+  local how
+  for how in "" --unguarded; do
+    rm -f "$tree/build/mutants/results/results"
+    ! mutants ${how:-"${guard[@]}"} || fail "nothing survived"
+    expect_equal "outcomes $how" "comparison killed
 constant survived" "$(outcomes)"
+  done
 }
 
 AResultIsForgottenWithItsFunctionOrTest() {
@@ -154,9 +158,10 @@ AResultIsForgottenWithItsFunctionOrTest() {
 AMutantReachesNoProcessAndNoFileOfTheMachine() {
   : >"$folder/file"
   elsewhere=$(mktemp /var/tmp/cul.XXXXXX)
+  shared=$(mktemp /dev/shm/cul.XXXXXX)
   sleep 1000 &
   process=$!
-  trap 'kill "$process" || true; rm -rf "$folder" "$elsewhere"' EXIT
+  trap 'kill "$process" || true; rm -rf "$folder" "$elsewhere" "$shared"' EXIT
   TESTS=("TEST(Small, HarmsNobody) { EXPECT_EQ(limited(3), 3); }")
   make_tree "#include <signal.h>" "#include <unistd.h>" \
     "int limited(int value) {" \
@@ -164,6 +169,7 @@ AMutantReachesNoProcessAndNoFileOfTheMachine() {
     "    unlink(\"$folder/file\");" \
     "    unlink(\"$tree/CMakeLists.txt\");" \
     "    unlink(\"$elsewhere\");" \
+    "    unlink(\"$shared\");" \
     "    kill($process, SIGKILL);" \
     "  }" \
     "  return value;" \
@@ -179,6 +185,7 @@ AMutantReachesNoProcessAndNoFileOfTheMachine() {
   [ -e "$folder/file" ] || fail "the file was deleted"
   [ -e "$tree/CMakeLists.txt" ] || fail "a source was deleted"
   [ -e "$elsewhere" ] || fail "a file elsewhere was deleted"
+  [ -e "$shared" ] || fail "shared memory was deleted"
 }
 
 "$1"
