@@ -261,6 +261,12 @@ void setStreams(int output) {
   if (run.outOfMemory == OutOfMemory::throws) {
     std::set_new_handler(nullptr);
   }
+  // The library would end the process with 99, as it does where nobody can be told.
+  if (run.work->ends != 99) {
+    for (const int crash : {SIGSEGV, SIGBUS, SIGILL, SIGFPE}) {
+      std::signal(crash, [](int number) { std::signal(number, SIG_DFL); });
+    }
+  }
   // What the program destroys when it exits is not what is tried.
   std::atexit(disarm);
   arm(run.fault, report.count);

@@ -380,7 +380,7 @@ const Workload workloads[] = {
     {"register of threads", keepARegister},
     {"locks", lockAndUnlock},
     {"read and write locks", readAndWrite},
-    {"events", postAnEvent, -1, {noMemory, noMemoryLater, noEvent}},
+    {"events", postAnEvent, -1, {noEvent}},
     // The timer's thread has nobody to tell.
     {"timed waits", waitWithALimit, -1, {noMemory, noMemoryLater, noThread, noEvent, noPost}},
     {"timer",
@@ -394,7 +394,7 @@ const Workload workloads[] = {
       {"other: pending.count()...", "gettimeofday"}}},
     {"another timer", makeATimer, -1, {noMemory, noMemoryLater, noThread}},
     {"workers", runAWorker, -1, {noMemory, noMemoryLater, noThread, noEvent, noPost}},
-    {"making workers", makeAWorker, -1, {noMemory, noMemoryLater, noEvent}},
+    {"making workers", makeAWorker, -1, {noEvent}},
     {"manager", manageThreads, -1, {noMemory, noMemoryLater, noThread, noEvent, noPost}},
     {"handles", keepHandles, -1, {noMemory, noMemoryLater, noThread, noEvent, noPost}},
     {"names of signals", nameSignals, -1, {{"other: registerHandlerForSignal...", "sigaction"}}},
