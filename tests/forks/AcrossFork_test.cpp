@@ -313,8 +313,8 @@ void useTheLibrary() {
 
 }  // namespace
 
-// The address sanitizer's allocator is not safe in children of a busy process.
-#if !defined(__SANITIZE_ADDRESS__)
+// The sanitizers' allocators are not safe in children of a busy process.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 CUL_CHILD(HandlersOfTheProgram) {
   EXPECT_EQ(pthread_atfork(useTheLibrary, useTheLibrary, useTheLibrary), 0);
   useTheLibrary();
