@@ -27,10 +27,9 @@ void forgetTheCallersSettings() {
   for (const std::string& name : names) {
     unsetenv(name.c_str());
   }
-  // A shell has what it runs in the background ignore some signals, and so has nohup.
-  for (const int number : {SIGHUP, SIGINT, SIGQUIT}) {
-    signal(number, SIG_DFL);
-  }
+  // A shell has what it runs in the background ignore them.
+  signal(SIGINT, SIG_DFL);
+  signal(SIGQUIT, SIG_DFL);
 }
 
 }  // namespace

@@ -333,7 +333,7 @@ void CUL_SignalHandler(int signal, siginfo_t* info, void* context) {
     thread->longjmp(signal, 0);
     CUL_TRACE(TraceType::error, sourceFile, 73_place, "No recovery possible");
   } else {
-    // A process that traces has an object for its threads; the text is kept (docs/contract.md).
+    // A process that could begin its trace mostly has the object.
     CUL_TRACE(TraceType::error, sourceFile, 68_place, "Not on recoverable thread");
   }
   --handlersEntered;
