@@ -13,7 +13,7 @@ namespace {
 
 // The sanitizers' allocators do not look after their locks when a busy process forks.
 constexpr const char* shortForm =
-    isSanitized ? "--seconds 6 trace processes threads strings"
+    isSanitized ? "--seconds 10 trace processes threads strings"
                 : "--seconds 25 trace processes threads forks consoles strings";
 
 ChildResult soak(const std::string& arguments, const std::string& before = {}) {
